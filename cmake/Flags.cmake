@@ -1,0 +1,32 @@
+# One interface target with everything that every target of this project is compiled with.
+# NDEBUG is left undefined in every build: an assertion that is worth writing holds in the field too.
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
+set(CMAKE_C_FLAGS_RELEASE "-O2 -g1")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g")
+set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 -g")
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+include(CheckPIESupported)
+check_pie_supported()
+
+add_library(zaro_flags INTERFACE)
+add_library(zaro::flags ALIAS zaro_flags)
+target_compile_features(zaro_flags INTERFACE cxx_std_17)
+target_compile_options(zaro_flags INTERFACE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
+    -fstack-protector-strong
+    -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+target_link_options(zaro_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--no-undefined)
+
+if(ZARO_SANITIZE)
+    # The run-time of the sanitizers is resolved at load time, so --no-undefined can't hold.
+    target_compile_options(zaro_flags INTERFACE
+        -fsanitize=${ZARO_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(zaro_flags INTERFACE
+        -fsanitize=${ZARO_SANITIZE} -Wl,--warn-unresolved-symbols)
+else()
+    target_compile_definitions(zaro_flags INTERFACE _FORTIFY_SOURCE=2)
+endif()
