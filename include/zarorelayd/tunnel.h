@@ -1,0 +1,85 @@
+/// One published service, made reachable through a relay server.
+#pragma once
+
+#include <json/value.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/export.h>
+
+namespace ZARO::Relay {
+
+enum TUNNEL_STATUS : int {
+    TUNNEL_STATUS_NONE = 0,
+    TUNNEL_STATUS_READY = 1,
+    TUNNEL_STATUS_CLOSE = 2,
+    TUNNEL_STATUS_FAILED = 3,
+    TUNNEL_STATUS_INVALID_CONF = 4, ///< for users of the class; it never sets this itself
+};
+
+/// An SSH reverse tunnel: a port of the relay server that leads to a local service. One thread.
+/// Does not own the ssh process: destroying the object leaves it running.
+class ZARORELAYD_API Tunnel : public Config {
+public:
+    Tunnel();
+    explicit Tunnel(const Json::Value& v);
+    Tunnel(const Tunnel&) = default;
+    Tunnel& operator=(const Tunnel&) = default;
+
+    /// True in every case.
+    bool Overwrite(const Json::Value& v) override;
+    /// False, logged, without a valid service or any of relay host, port, user and password.
+    bool IsValid() const override;
+    /// The full form holds the password.
+    bool Write(Json::Value& out, bool full) const override;
+    virtual ~Tunnel();
+
+    const std::string& GetServiceId() const;
+    const ServiceConf& GetServiceConf() const;
+    TUNNEL_STATUS GetStatus() const;
+    static std::string GetStatusStr(TUNNEL_STATUS status);
+
+    /// Settings count; process and status do not.
+    bool operator==(const Tunnel& other) const;
+    bool operator!=(const Tunnel& other) const;
+
+    /// Whether the ssh process lives; a dead one is forgotten.
+    bool IsAlive();
+
+    /// True once when a tunnel that was ready has lost its process: it is closed then.
+    bool CheckStatusChanged();
+
+    /// Asks the ssh process to end. True when it was asked or there is none.
+    bool Destroy();
+
+    /// Starts the SSH client and blocks until it has logged in and gone to the background, or has
+    /// failed (its own time-outs bound this). The password is in a file only meanwhile. True with
+    /// status READY; false with FAILED, or NONE when nothing was started. Does not stop a process
+    /// of an earlier call. WARNING: when the client can't be executed it returns false in the forked
+    /// child too, which the caller must end at once with _exit.
+    bool Create();
+
+    /// Writes the password, and nothing else, into a file of mode 0600. False, logged and the file
+    /// gone, on failure.
+    bool WritePassFile(const std::string& path) const;
+
+    /// Becomes the SSH client. Returns, false and logged, only on failure.
+    bool RunSSHTunnel(const char* passFile) const;
+
+private:
+    bool WaitForLogin(pid_t child) const;
+    bool FindBackgroundPid(const std::string& passFile);
+
+    std::int32_t pid_;
+    std::string relay_ip_;
+    std::string relay_user_;
+    std::string relay_pass_;
+    std::int32_t relay_port_;
+    ServiceConf service_;
+    TUNNEL_STATUS status_;
+};
+
+} // namespace ZARO::Relay
