@@ -1,0 +1,153 @@
+#include <zarorelayd/zarorelayd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/daemon.h>
+
+#include "config/json_text.h"
+#include "platform/paths.h"
+
+using ZARO::Relay::AuthConf;
+using ZARO::Relay::Daemon;
+using ZARO::Relay::RelaydConf;
+namespace json = ZARO::Relay::json;
+namespace paths = ZARO::Relay::paths;
+
+namespace {
+
+/// Runs a C entry point's body; no exception leaves it.
+template <typename Body> int Guarded(int onException, Body body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        return onException;
+    }
+}
+
+bool ReadConfig(Json::Value& config) {
+    return RelaydConf::ReadJsonFile(paths::ConfigFile(), config) && config.isObject();
+}
+
+/// Writes the configuration and makes a running daemon take it in; that none runs is no failure.
+int WriteConfigAndReload(const Json::Value& config) {
+    if (!RelaydConf::WriteJsonFile(paths::ConfigFile(), config)) {
+        return -1;
+    }
+    Daemon::LibInit();
+    (void)Daemon::Hup();
+    return 0;
+}
+
+/// A malformed entry counts as one with the empty id, which an empty `serviceId` then matches.
+bool HasService(const Json::Value& config, const char* serviceId) {
+    const Json::Value* services = json::Find(config, "service");
+    if (services == nullptr || !services->isArray()) {
+        return false;
+    }
+    for (const Json::Value& service : *services) {
+        std::string id;
+        (void)json::Get(service, "id", id);
+        if (id == serviceId) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Nine digits: the low 24 bits of the MAC, then the parity of its odd bits, then that of all.
+std::string ComputeServerId(const std::string& mac) {
+    const long bits = strtol(mac.substr(6).c_str(), nullptr, 16);
+    long all = 0;
+    long odd = 0;
+    for (int bit = 0; bit < 24; ++bit) {
+        const long value = (bits >> bit) & 1;
+        all ^= value;
+        odd ^= bit % 2 == 1 ? value : 0;
+    }
+    char text[16];
+    (void)snprintf(text, sizeof text, "%09d", static_cast<int>(bits * 4 + odd * 2 + all));
+    return text;
+}
+
+int GetServerId(const char* serviceId, char* buffer, size_t size) {
+    const bool wanted = buffer != nullptr && size != 0;
+    if (wanted) {
+        buffer[0] = '\0';
+    }
+    Json::Value config;
+    if (!ReadConfig(config)) {
+        return -1;
+    }
+    std::string id;
+    (void)json::Get(config, "serverID", id);
+    if (id.empty()) {
+        return 0;
+    }
+    if (wanted) {
+        (void)snprintf(buffer, size, "%s", id.c_str()); // cut on purpose when it is too long
+    }
+    return serviceId == nullptr || HasService(config, serviceId) ? 1 : 0;
+}
+
+int VerifyServerId(const char* serverId) {
+    std::string id;
+    if (serverId != nullptr) {
+        id = serverId;
+    } else {
+        Json::Value config;
+        if (!ReadConfig(config)) {
+            return 0;
+        }
+        (void)json::Get(config, "serverID", id);
+    }
+    if (id.empty()) {
+        return 1; // whatever the hardware says, so it is not asked
+    }
+    const std::string mac = AuthConf::RelaydGetMacAddressByIf("eth0");
+    return !mac.empty() && ComputeServerId(mac) == id ? 1 : 0;
+}
+
+int LogStart(const char* logFile) {
+    Json::Value config;
+    if (logFile == nullptr || !ReadConfig(config)) {
+        return -1;
+    }
+    config["log_level"] = 7;
+    config["log_file"] = logFile;
+    return WriteConfigAndReload(config);
+}
+
+int LogStop() {
+    Json::Value config;
+    if (!ReadConfig(config)) {
+        return -1;
+    }
+    config.removeMember("log_level");
+    config.removeMember("log_file");
+    return WriteConfigAndReload(config);
+}
+
+} // namespace
+
+extern "C" {
+
+int TLIBRelaydGetServerId(const char* serviceId, char* buffer, size_t size) noexcept {
+    return Guarded(-1, [=] { return GetServerId(serviceId, buffer, size); });
+}
+
+int TLIBRelaydVerifyServerId(const char* serverId) noexcept {
+    return Guarded(0, [=] { return VerifyServerId(serverId); });
+}
+
+int TLIBRelaydLogStart(const char* logFile) noexcept {
+    return Guarded(-1, [=] { return LogStart(logFile); });
+}
+
+int TLIBRelaydLogStop(void) noexcept {
+    return Guarded(-1, [] { return LogStop(); });
+}
+
+} // extern "C"

@@ -1,0 +1,258 @@
+#include <zarorelayd/daemon.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <iostream>
+
+#include <libdaemon/dfork.h>
+#include <libdaemon/dlog.h>
+#include <libdaemon/dpid.h>
+#include <libdaemon/dsignal.h>
+
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+int gblRun = 0;
+int gblShowDebug = 0;
+
+namespace ZARO::Relay {
+
+int Daemon::_logLevel = 4;
+std::string Daemon::_strLogFile;
+bool Daemon::_isForked = false;
+std::string Daemon::_strPidFile;
+bool Daemon::_isCreated = false;
+
+namespace {
+
+constexpr const char* kDefaultName = "zarorelayd";
+constexpr int kStartTimeoutSeconds = 20;
+constexpr int kStopTimeoutSeconds = 10;
+constexpr int kStartFailed = 4;
+
+/// libdaemon keeps pointers to the daemon's name, so it lives here.
+std::string gIdentity;
+
+/// libdaemon applies every level but calls most of them invalid in a line of its own; it is kept
+/// quiet meanwhile.
+void SetLibdaemonVerbosity(int level) {
+    const auto use = daemon_log_use;
+    daemon_log_use = static_cast<enum daemon_log_flags>(0);
+    daemon_set_verbosity(level);
+    daemon_log_use = use;
+}
+
+void PrintTimeStamp() {
+    const time_t now = time(nullptr);
+    char stamp[64];
+    if (ctime_r(&now, stamp) == nullptr) {
+        return;
+    }
+    const size_t length = strlen(stamp);
+    if (length > 0 && stamp[length - 1] == '\n') {
+        stamp[length - 1] = '\0';
+    }
+    (void)fprintf(stderr, "%s ", stamp); // nobody is left to tell
+}
+
+/// The parent's part of Fork: its exit code is the child's start-up result.
+[[noreturn]] void ExitWithChildsResult() {
+    const int value = daemon_retval_wait(kStartTimeoutSeconds);
+    if (value < 0) {
+        RELAY_LOG(3, "Could not recieve return value from daemon process: %s", strerror(errno));
+    }
+    RELAY_LOG(value == 0 ? 6 : 3, "%s returned %i",
+              daemon_log_ident != nullptr ? daemon_log_ident : "", value);
+    exit(value);
+}
+
+} // namespace
+
+bool Daemon::IsLogEnable(int level) {
+    return level <= _logLevel && (!_isForked || !_strLogFile.empty());
+}
+
+int Daemon::LogV(int level, const char* format, va_list ap) {
+    const int saved = errno;
+    int result = 0;
+    if (IsLogEnable(level)) {
+        PrintTimeStamp();
+        errno = saved;
+        (void)vfprintf(stderr, format, ap);
+        result = fputc('\n', stderr);
+    } else if (level <= _logLevel) {
+        daemon_logv(level, format, ap);
+    }
+    errno = saved;
+    return result;
+}
+
+int Daemon::Log(int level, const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    const int result = LogV(level, format, ap);
+    va_end(ap);
+    return result;
+}
+
+bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
+    // Non-blocking, so that a FIFO given as the log file can't hang the daemon.
+    const int fd =
+        open(path.c_str(), openFlags | O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
+    if (fd < 0) {
+        RELAY_LOG(3, "open log file [%s] failed", path.c_str());
+        return false;
+    }
+    if (fd == targetFd) {
+        (void)fcntl(fd, F_SETFD, 0); // children inherit the target, as they do after dup2
+        return true;
+    }
+    const bool moved = dup2(fd, targetFd) >= 0;
+    if (!moved) {
+        RELAY_LOG(3, "dup fd failed");
+    }
+    close(fd);
+    return moved;
+}
+
+bool Daemon::SetLogFile(const std::string& path, int level) {
+    if (level >= 0) {
+        _logLevel = level;
+        SetLibdaemonVerbosity(level);
+    }
+    _strLogFile = path;
+    if (!_isForked) {
+        return true;
+    }
+    // A failure leaves standard error where it was and has been logged; the settings hold.
+    if (path.empty()) {
+        (void)OpenLogFile("/dev/null", STDERR_FILENO, O_APPEND);
+    } else {
+        (void)OpenLogFile(path, STDERR_FILENO, O_CREAT | O_APPEND);
+    }
+    return true;
+}
+
+bool Daemon::LibInit() {
+    if (_strPidFile.empty()) {
+        SetName(kDefaultName);
+    }
+    return true;
+}
+
+bool Daemon::SetName(const char* name) {
+    if (name == nullptr) {
+        return false;
+    }
+    std::string path = name;
+    gIdentity = daemon_ident_from_argv0(path.data());
+    daemon_log_ident = gIdentity.c_str();
+    daemon_pid_file_ident = gIdentity.c_str();
+    daemon_pid_file_proc = &Daemon::GetPidFile;
+    _strPidFile = paths::PidFile(gIdentity);
+    return true;
+}
+
+bool Daemon::SetPidFile(const char* path) {
+    if (path == nullptr || path[0] == '\0') {
+        return false;
+    }
+    if (path[0] != '/') {
+        RELAY_LOG(3, "pid file must be absolute path");
+        return false;
+    }
+    // libdaemon is left alone on purpose: whoever sets a PID file of his own calls SetName too.
+    _strPidFile = path;
+    return true;
+}
+
+const char* Daemon::GetPidFile() {
+    return _strPidFile.c_str();
+}
+
+bool Daemon::IsForked() {
+    return _isForked;
+}
+
+bool Daemon::Fork() {
+    if (daemon_retval_init() < 0) {
+        RELAY_LOG(3, "Failed to create pipe.");
+        return false;
+    }
+    const pid_t pid = daemon_fork();
+    if (pid < 0) {
+        RELAY_LOG(3, "fork failed: %s", strerror(errno));
+        daemon_retval_done();
+        return false;
+    }
+    if (pid > 0) {
+        ExitWithChildsResult();
+    }
+    _isForked = true;
+    if (!_strLogFile.empty()) {
+        (void)OpenLogFile(_strLogFile, STDERR_FILENO, O_CREAT | O_TRUNC); // logged; start goes on
+    }
+    return true;
+}
+
+bool Daemon::Init(bool doFork) {
+    if (daemon_reset_sigs(-1) < 0) {
+        RELAY_LOG(3, "Failed to reset all signal handlers: %s", strerror(errno));
+        return false;
+    }
+    if (daemon_unblock_sigs(-1) < 0) {
+        RELAY_LOG(3, "Failed to unblock all signals: %s", strerror(errno));
+        return false;
+    }
+    const pid_t other = daemon_pid_file_is_running();
+    if (other >= 0) {
+        RELAY_LOG(3, "Daemon already running on PID file %u", static_cast<unsigned>(other));
+        return false;
+    }
+    if (doFork && !Fork()) {
+        return false;
+    }
+    if (daemon_pid_file_create() < 0) {
+        RELAY_LOG(3, "Could not create PID file (%s).", strerror(errno));
+        (void)daemon_retval_send(kStartFailed); // without a fork there is no pipe, and no harm
+        return false;
+    }
+    RELAY_LOG(6, "daemon start");
+    if (daemon_signal_init(SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGHUP, SIGUSR1, 0) < 0) {
+        RELAY_LOG(3, "Could not register signal handlers (%s).", strerror(errno));
+        (void)daemon_retval_send(kStartFailed);
+        return false;
+    }
+    if (doFork) {
+        (void)daemon_retval_send(0); // a parent that is gone does not stop the daemon
+    }
+    return true;
+}
+
+int Daemon::Kill() {
+    if (daemon_pid_file_kill_wait(SIGTERM, kStopTimeoutSeconds) < 0) {
+        RELAY_LOG(4, "Failed to kill daemon: %m");
+        return 2;
+    }
+    return 0;
+}
+
+int Daemon::Hup() {
+    if (daemon_pid_file_kill(SIGHUP) >= 0) {
+        return 0;
+    }
+    if (daemon_log_ident == nullptr) {
+        std::cerr.setstate(std::ios_base::badbit);
+    }
+    std::cerr << gIdentity << " not running" << std::endl;
+    return 2;
+}
+
+} // namespace ZARO::Relay

@@ -1,0 +1,165 @@
+#include <zarorelayd/daemon.h>
+
+#include <signal.h>
+#include <syslog.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include <libdaemon/dpid.h>
+
+#include <zarorelayd/file_lock.h>
+#include <zarorelayd/result.h>
+
+#include "config/json_text.h"
+#include "platform/paths.h"
+
+// These functions run in the asking program. They report to the system log themselves: the
+// logging facility's settings are the daemon's.
+
+namespace ZARO::Relay {
+
+namespace {
+
+constexpr int kRunning = 0;
+constexpr int kNotRunning = 1;
+constexpr int kNoStatus = 2;
+constexpr int kDumpAttempts = 30;
+constexpr useconds_t kBeforeFirstAttempt = 50; // microseconds
+constexpr useconds_t kBetweenAttempts = 100;   // microseconds
+
+bool PublishesService(const Json::Value& status, const char* serviceId) {
+    const Json::Value* services = json::Find(status, "service");
+    if (services == nullptr || !services->isArray()) {
+        return false;
+    }
+    for (const Json::Value& service : *services) {
+        std::string id;
+        if (json::Get(service, "id", id) && id == serviceId) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Reads the dump that the daemon is writing into `path` and removes the file.
+int CollectDump(const std::string& path, Json::Value& out) {
+    usleep(kBeforeFirstAttempt);
+    int result = RELAYD_RET_LOCK;
+    for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
+        std::string text;
+        if (!json::ReadText(path, text)) {
+            syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", __FILE_NAME__, __LINE__);
+            result = RELAYD_RET_UNKNOWN;
+            break;
+        }
+        if (json::Parse(text, out)) {
+            result = kRunning;
+            break;
+        }
+        if (attempt == kDumpAttempts - 1) {
+            syslog(LOG_DEBUG, "%s:%d zarorelayd status parse failed", __FILE_NAME__, __LINE__);
+            break;
+        }
+        usleep(kBetweenAttempts);
+    }
+    unlink(path.c_str());
+    return result;
+}
+
+} // namespace
+
+int Daemon::GetStatus(Json::Value& out) {
+    out = Json::Value();
+    std::string text;
+    if (!json::ReadText(paths::StatusFile(), text)) {
+        return kNotRunning;
+    }
+    if (!json::Parse(text, out)) {
+        syslog(LOG_ERR, "%s:%d bad zarorelayd status file", __FILE_NAME__, __LINE__);
+        return RELAYD_RET_UNKNOWN;
+    }
+    int pid = -1;
+    if (!json::Get(out, "pid", pid) || pid == -1) {
+        syslog(LOG_ERR, "%s:%d bad zarorelayd status pid", __FILE_NAME__, __LINE__);
+        return RELAYD_RET_UNKNOWN;
+    }
+    return kill(pid, 0) == 0 ? kRunning : kNotRunning;
+}
+
+bool Daemon::GetStatus(std::string& serverId, std::string& state, std::string& error,
+                       const char* serviceId) {
+    serverId.clear();
+    state.clear();
+    error.clear();
+    Json::Value status;
+    const int running = GetStatus(status);
+    if (running == RELAYD_RET_UNKNOWN) {
+        return false;
+    }
+    int stateValue = RELAYD_STATE_NOT_RUNNING;
+    int errorValue = RELAYD_RET_SUCCESS;
+    const bool wanted =
+        serviceId == nullptr || (running == kRunning && PublishesService(status, serviceId));
+    if (wanted) {
+        (void)json::Get(status, "serverID", serverId); // what is missing keeps its default
+        (void)json::Get(status, "error", errorValue);
+        // A stale file still tells who the device is and what went wrong, not that it runs.
+        if (running == kRunning) {
+            (void)json::Get(status, "state", stateValue);
+        }
+    } else {
+        serverId = "--";
+    }
+    state = GetStateStr(static_cast<RELAYD_STATE>(stateValue));
+    error = GetErrorStr(static_cast<RELAYD_RET>(errorValue));
+    return true;
+}
+
+int Daemon::DebugStatus(Json::Value& out) {
+    LibInit();
+    out = Json::Value();
+    const pid_t pid = daemon_pid_file_is_running();
+    if (pid < 0) {
+        return kNotRunning;
+    }
+    const std::string path = paths::DebugFile(pid);
+    FileLock lock(path.c_str());
+    if (!lock.Lock(LOCK_EX)) {
+        syslog(LOG_NOTICE, "%s:%d lock failed", __FILE_NAME__, __LINE__);
+        return RELAYD_RET_LOCK;
+    }
+    if (daemon_pid_file_kill(SIGUSR1) < 0) {
+        syslog(LOG_ERR, "%s:%d daemon is not running", __FILE_NAME__, __LINE__);
+        return kNotRunning;
+    }
+    return CollectDump(path, out);
+}
+
+int Daemon::Status(bool debug) {
+    if (debug) {
+        Json::Value dump;
+        const int result = DebugStatus(dump);
+        if (result != kRunning) {
+            std::cout << "get status failed" << std::endl;
+            return result;
+        }
+        std::cout << json::OneLine(dump) << std::flush;
+        return kRunning;
+    }
+    std::string serverId;
+    std::string state;
+    std::string error;
+    if (!GetStatus(serverId, state, error, nullptr)) {
+        std::cout << "get status failed" << std::endl;
+        return kNoStatus;
+    }
+    std::cout << "serverID: " << serverId << std::endl << "state: " << state << std::endl;
+    if (error != "success") {
+        std::cout << "error: " << error << std::endl;
+    }
+    return state == GetStateStr(RELAYD_STATE_NOT_RUNNING) ? kNotRunning : kRunning;
+}
+
+} // namespace ZARO::Relay

@@ -1,0 +1,65 @@
+#include <zarorelayd/file_lock.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+FileLock::FileLock(const char* path) {
+    AddFile(path);
+}
+
+FileLock::~FileLock() {
+    Unlock();
+}
+
+bool FileLock::AddFile(const char* path) {
+    if (path == nullptr) {
+        return false;
+    }
+    files.emplace_back(path);
+    fds.push_back(-1);
+    return true;
+}
+
+bool FileLock::RemoveFile(const char*) {
+    return false; // the set only grows
+}
+
+bool FileLock::Lock(int operation) {
+    if (files.size() != fds.size()) {
+        return false;
+    }
+    auto fd = fds.begin();
+    for (auto file = files.begin(); file != files.end(); ++file, ++fd) {
+        if (*fd >= 0) {
+            continue;
+        }
+        // The files lie where anybody may plant a link, so none is followed.
+        const int opened = open(file->c_str(),
+                                O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (opened < 0) {
+            Unlock();
+            return false;
+        }
+        if (flock(opened, operation | LOCK_NB) != 0) {
+            close(opened);
+            Unlock();
+            return false;
+        }
+        *fd = opened;
+    }
+    return true;
+}
+
+bool FileLock::Unlock() {
+    if (files.size() != fds.size()) {
+        return false;
+    }
+    for (int& fd : fds) {
+        // For a file that is not locked both calls fail and do no harm.
+        (void)flock(fd, LOCK_UN);
+        (void)close(fd);
+        fd = -1;
+    }
+    return true;
+}
