@@ -1,0 +1,140 @@
+#include <zarorelayd/config.h>
+
+#include <cstdio>
+#include <sstream>
+
+#include <zaro/platform.h>
+
+#include "config/json_text.h"
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay {
+
+namespace {
+
+constexpr int kSerialText = 36;
+constexpr int kTokenText = 33;
+constexpr int kMacText = 18;
+constexpr std::size_t kBareMacLength = 12; // hex digits
+constexpr const char* kFirstPort = "eth0";
+
+std::string ClusterMac() {
+    char mac[kMacText] = "";
+    ZAROHAGetMacDL(0, mac, sizeof mac); // a failure leaves the empty text
+    return mac;
+}
+
+/// Deletes every third character from the end: the separators of pairs of hex digits.
+std::string WithoutSeparators(std::string mac) {
+    for (auto at = static_cast<long>(mac.size()) - 3; at >= 1; at -= 3) {
+        mac.erase(static_cast<std::size_t>(at), 1);
+    }
+    return mac;
+}
+
+/// The factory's MAC, which the kernel keeps for machines whose port has none of its own.
+std::string FactoryMac() {
+    std::string text;
+    (void)json::ReadText(paths::MacFile(), text); // no file: no word
+    std::string word;
+    std::istringstream(text) >> word;
+    if (word.size() == kBareMacLength) {
+        return word;
+    }
+    RELAY_LOG(3, "invalid mac address");
+    return "";
+}
+
+} // namespace
+
+AuthConf::AuthConf(bool readNow) : timezone(RelaydConf::GetTimeZone()) {
+    if (readNow) {
+        ReadConf();
+    }
+}
+
+AuthConf::~AuthConf() = default;
+
+bool AuthConf::ReadConf() {
+    char newSerial[kSerialText] = "";
+    char newToken[kTokenText] = "";
+    if (ZAROWstokenGetToken(newSerial, sizeof newSerial, newToken, sizeof newToken) < 0) {
+        RELAY_LOG(3, "ZAROWstokenGetToken failed: [0x%04X]", TLIBCErrGet());
+        return false;
+    }
+    serial = newSerial;
+    token = newToken;
+    mac = GetMacAddress();
+    return true;
+}
+
+bool AuthConf::Overwrite(const Json::Value& v) {
+    std::string newSerial;
+    std::string newToken;
+    json::Get(v, "serial", newSerial);
+    json::Get(v, "mac", mac);
+    json::Get(v, "token", newToken);
+    if (newSerial.empty()) {
+        return true;
+    }
+    if (newToken.empty()) {
+        char made[kTokenText] = "";
+        if (ZAROWstokenGenerateToken(newSerial.c_str(), made, sizeof made) < 0) {
+            RELAY_LOG(3, "gen token failed");
+            made[0] = '\0';
+        }
+        newToken = made;
+    }
+    // Even an empty token replaces the old one: an old token never goes with a new serial.
+    serial = newSerial;
+    token = newToken;
+    return true;
+}
+
+bool AuthConf::IsValid() const {
+    return !serial.empty() && !mac.empty() && !token.empty();
+}
+
+bool AuthConf::Write(Json::Value& out, bool withToken) const {
+    json::Object(out)["serial"] = serial;
+    out["mac"] = mac;
+    out["timezone"] = timezone;
+    if (withToken) {
+        out["token"] = token;
+    }
+    return true;
+}
+
+std::string AuthConf::GetMacAddress() {
+    if (ZAROHAIsRunning() != 0) {
+        return ClusterMac(); // the platform's own form
+    }
+    std::string mac = RelaydGetMacAddressByIf(kFirstPort);
+    if (mac.size() != kBareMacLength) {
+        RELAY_LOG(3, "invalid mac address");
+        return mac;
+    }
+    for (std::size_t at = 10; at >= 2; at -= 2) {
+        mac.insert(at, 1, ':');
+    }
+    return mac;
+}
+
+std::string AuthConf::RelaydGetMacAddressByIf(const char* ifname) {
+    if (ZAROHAIsRunning() != 0) {
+        return WithoutSeparators(ClusterMac());
+    }
+    const std::string name = ifname != nullptr ? ifname : "";
+    _tag_TLIB_NETIF record = {};
+    if (ZARONetIFGetInfo(name.c_str(), &record, 0) >= 0) {
+        const unsigned char* mac = record.rgMac;
+        char text[32];
+        (void)snprintf(text, sizeof text, "%02X%02X%02X%02X%02X%02X", mac[0], mac[1], mac[2],
+                       mac[3], mac[4], mac[5]);
+        return text;
+    }
+    return name == kFirstPort ? FactoryMac() : "";
+}
+
+} // namespace ZARO::Relay
