@@ -1,0 +1,426 @@
+#include <zarorelayd/request.h>
+
+#include <openssl/ssl.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "config/json_text.h"
+#include "daemon/log.h"
+#include "transport/set_option.h"
+
+namespace ZARO::Relay {
+
+namespace {
+
+constexpr const char* kUserAgent = "Zarolan Relayd 1.0-3211";
+constexpr long kConnectTimeoutSeconds = 60;
+constexpr long kTransferTimeoutSeconds = 20;
+constexpr long kForever = -1;
+constexpr std::size_t kHostText = 128; // bytes
+/// No server of ours sends as much; a hostile one must not fill the memory of the appliance.
+constexpr std::size_t kLargestResponse = std::size_t{16} << 20;
+
+int AcceptCertificate(int, X509_STORE_CTX*) noexcept {
+    return 1;
+}
+
+/// Servers are not authenticated by their certificates. This is deliberate: relays and control
+/// servers are replaced over the years in which an appliance is in use.
+CURLcode OnSslContext(CURL*, void* context, void*) noexcept {
+    SSL_CTX_set_verify(static_cast<SSL_CTX*>(context), SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
+                       AcceptCertificate);
+    return CURLE_OK;
+}
+
+/// The host of a URL as libcurl's cookie lines begin with it.
+std::string HostOf(const std::string& url) {
+    const std::size_t slash = url.find('/');
+    if (slash == std::string::npos || slash + 2 > url.size()) {
+        return "";
+    }
+    std::string host = url.substr(slash + 2, kHostText - 1);
+    const std::size_t colon = host.find(':');
+    return host.substr(0, colon != std::string::npos ? colon : host.find('/'));
+}
+
+} // namespace
+
+Request::Request(const char* url, const char* data, bool post)
+    : handle_(nullptr), curlResult_(CURLE_OK), error_{}, inMulti_(false), done_(false), status_(0),
+      hasBody_(false) {
+    if (url != nullptr) {
+        Set(std::string(url), std::string(data != nullptr ? data : ""), post);
+    }
+}
+
+Request::Request(const std::string& url, const Json::Value& data, bool post)
+    : Request(nullptr, nullptr, post) {
+    Set(url, data, post);
+}
+
+Request::Request(const Request& other) : Request(nullptr, nullptr, false) {
+    url_ = other.url_;
+    data_ = other.data_;
+    CopyHandle(other);
+}
+
+Request& Request::operator=(const Request& other) {
+    url_ = other.url_;
+    data_ = other.data_;
+    // The handle held so far is not cleaned up here: it may still be in a multi handle.
+    CopyHandle(other);
+    return *this;
+}
+
+Request::~Request() {
+    Release();
+}
+
+bool Request::operator==(const void* handle) const {
+    return handle == handle_;
+}
+
+bool Request::operator!=(const void* handle) const {
+    return !(*this == handle);
+}
+
+bool Request::IsValid() const {
+    return handle_ != nullptr && !url_.empty();
+}
+
+/// Gives the handle back; false, so that a failure can end with it.
+bool Request::Release() {
+    if (handle_ != nullptr) {
+        curl_easy_cleanup(handle_);
+        handle_ = nullptr;
+    }
+    return false;
+}
+
+/// Duplicates the other request's handle. A duplicate still points into the original's memory and
+/// has lost the share, so each of these is set anew.
+void Request::CopyHandle(const Request& other) {
+    handle_ = other.handle_ != nullptr ? curl_easy_duphandle(other.handle_) : nullptr;
+    hasBody_ = other.hasBody_;
+    inMulti_ = false;
+    if (InitSend() && handle_ != nullptr) {
+        const bool good = SetShare() && SET_OPTION(handle_, CURLOPT_ERRORBUFFER, error_) &&
+                          (!hasBody_ || SET_OPTION(handle_, CURLOPT_POSTFIELDS, data_.c_str()));
+        if (!good) {
+            Release();
+        }
+    }
+}
+
+bool Request::Set(const std::string& url, const std::string& data, bool post) {
+    if (url.empty()) {
+        return false;
+    }
+    url_ = url;
+    if (handle_ == nullptr) {
+        handle_ = curl_easy_init();
+        if (handle_ == nullptr) {
+            return false;
+        }
+    } else {
+        curl_easy_reset(handle_);
+    }
+    hasBody_ = false;
+    if (GetCurlShare(false) == nullptr) {
+        return false;
+    }
+    if (!SetShare()) {
+        return Release();
+    }
+    if (!InitSend()) {
+        RELAY_LOG(3, "init send failed");
+        return false;
+    }
+    if (!SET_OPTION(handle_, CURLOPT_URL, url_.c_str())) {
+        return Release();
+    }
+    (void)SetData(data, post); // logged; the request is then sent without the data
+    if (!SetTransferOptions() || !SetReplyOptions() || !SetTlsOptions() || !SetCookieOption()) {
+        return Release();
+    }
+    return true;
+}
+
+bool Request::Set(const std::string& url, const Json::Value& data, bool post) {
+    return Set(url, json::OneLine(data), post);
+}
+
+bool Request::SetShare() {
+    // A share alone does not make libcurl store and send cookies; an empty cookie file does.
+    return SET_OPTION(handle_, CURLOPT_SHARE, GetCurlShare(false)) &&
+           SET_OPTION(handle_, CURLOPT_COOKIEFILE, "");
+}
+
+bool Request::SetTransferOptions() {
+    if (!SET_OPTION(handle_, CURLOPT_USERAGENT, kUserAgent) ||
+        !SET_OPTION(handle_, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds) ||
+        !SET_OPTION(handle_, CURLOPT_TIMEOUT, kTransferTimeoutSeconds) ||
+        !SET_OPTION(handle_, CURLOPT_DNS_CACHE_TIMEOUT, kForever)) {
+        return false;
+    }
+    if (blForbidConnReuse) {
+        RELAY_LOG(7, "Forbid reuse conn");
+        if (!SET_OPTION(handle_, CURLOPT_FORBID_REUSE, 1L)) {
+            return false;
+        }
+        blForbidConnReuse = false;
+    }
+    return true;
+}
+
+bool Request::SetReplyOptions() {
+    if (!SET_OPTION(handle_, CURLOPT_WRITEFUNCTION, &Request::OnData)) {
+        return false;
+    }
+    memset(error_, 0, sizeof error_);
+    return SET_OPTION(handle_, CURLOPT_ERRORBUFFER, error_);
+}
+
+bool Request::SetTlsOptions() {
+    if (url_.compare(0, 8, "https://") != 0) {
+        return true;
+    }
+    return SET_OPTION(handle_, CURLOPT_SSL_CTX_FUNCTION, OnSslContext) &&
+           SET_OPTION(handle_, CURLOPT_SSL_VERIFYPEER, 0L);
+}
+
+bool Request::SetCookieOption() {
+    return _strCookie.empty() || SET_OPTION(handle_, CURLOPT_COOKIE, _strCookie.c_str());
+}
+
+bool Request::SetData(const std::string& data, bool post) {
+    if (!IsValid()) {
+        return false;
+    }
+    if (hasBody_) { // libcurl still points at the old body
+        hasBody_ = false;
+        curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, nullptr);
+        curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
+    }
+    data_ = data;
+    if (!post) {
+        return SET_OPTION(handle_, CURLOPT_URL, (url_ + "?" + data_).c_str());
+    }
+    if (!SET_OPTION(handle_, CURLOPT_URL, url_.c_str())) {
+        return false;
+    }
+    if (data_.empty()) {
+        return true;
+    }
+    hasBody_ = SET_OPTION(handle_, CURLOPT_POSTFIELDS, data_.c_str());
+    return hasBody_;
+}
+
+bool Request::SetData(const Json::Value& data, bool post) {
+    return SetData(json::OneLine(data), post);
+}
+
+bool Request::SetTcpKeepAlive(int seconds) {
+    const long interval = seconds;
+    (void)(SET_OPTION(handle_, CURLOPT_TCP_KEEPALIVE, 1L) &&
+           SET_OPTION(handle_, CURLOPT_TCP_KEEPIDLE, interval) &&
+           SET_OPTION(handle_, CURLOPT_TCP_KEEPINTVL, interval) &&
+           SET_OPTION(handle_, CURLOPT_TIMEOUT, 0L));
+    return true; // the poll works without them, only less well
+}
+
+std::size_t Request::OnData(char* data, std::size_t size, std::size_t count, void* response) noexcept {
+    auto& text = *static_cast<std::string*>(response);
+    const std::size_t bytes = size * count;
+    if (bytes > kLargestResponse || text.size() + bytes > kLargestResponse) {
+        return 0;
+    }
+    try {
+        text.append(data, bytes);
+    } catch (...) {
+        return 0;
+    }
+    return bytes;
+}
+
+bool Request::InitSend() {
+    status_ = 0;
+    done_ = false;
+    response_.clear();
+    if (handle_ == nullptr || SET_OPTION(handle_, CURLOPT_WRITEDATA, &response_)) {
+        return true;
+    }
+    return Release();
+}
+
+bool Request::Send() {
+    if (!IsValid() || inMulti_ || !InitSend()) {
+        return false;
+    }
+    curlResult_ = curl_easy_perform(handle_);
+    if (curlResult_ != CURLE_OK) {
+        RELAY_LOG(3, "curl_easy_perform failed (%d): [%s]", static_cast<int>(curlResult_),
+                  url_.c_str());
+        return false;
+    }
+    done_ = true;
+    status_ = GetHttpStatus();
+    return status_ == 200;
+}
+
+bool Request::JobAdd(void* multi) {
+    if (!IsValid() || multi == nullptr || !InitSend()) {
+        return false;
+    }
+    if (curl_multi_add_handle(static_cast<CURLM*>(multi), handle_) != CURLM_OK) {
+        RELAY_LOG(3, "curl_multi_add_handle() failed");
+        return false;
+    }
+    inMulti_ = true;
+    return true;
+}
+
+bool Request::JobRemove(void* multi) {
+    if (multi == nullptr) {
+        return false;
+    }
+    if (curl_multi_remove_handle(static_cast<CURLM*>(multi), handle_) != CURLM_OK) {
+        RELAY_LOG(3, "curl_multi_remove_handle() failed");
+        return false;
+    }
+    inMulti_ = false;
+    Release();
+    return true;
+}
+
+bool Request::JobDone(CURLcode result) {
+    done_ = true;
+    const long status = GetHttpStatus();
+    curlResult_ = result;
+    status_ = status;
+    return true;
+}
+
+long Request::GetHttpStatus() {
+    if (status_ != 0) {
+        return status_;
+    }
+    if (!IsValid() || !done_) {
+        return -1;
+    }
+    long code = 0;
+    const CURLcode result = curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &code);
+    if (result != CURLE_OK) {
+        RELAY_LOG(3, "Fail to get curl http info: %s", curl_easy_strerror(result));
+        return -1;
+    }
+    (void)SaveCookies(); // logged; the reply counts without them
+    return code;
+}
+
+bool Request::SaveCookies() {
+    curl_slist* lines = nullptr;
+    const CURLcode result = curl_easy_getinfo(handle_, CURLINFO_COOKIELIST, &lines);
+    if (result != CURLE_OK) {
+        RELAY_LOG(3, "curl_easy_getinfo failed: %d", static_cast<int>(result));
+        curl_slist_free_all(lines);
+        return false;
+    }
+    const std::string host = HostOf(url_);
+    for (const curl_slist* line = lines; line != nullptr; line = line->next) {
+        if (strncmp(line->data, host.c_str(), host.size()) == 0) {
+            cookies_.emplace_back(line->data);
+        }
+    }
+    curl_slist_free_all(lines);
+    return true;
+}
+
+RELAYD_RET Request::CurlError() const {
+    RELAY_LOG(5, "%s", error_);
+    switch (curlResult_) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+        return RELAYD_RET_RESOLV;
+    case CURLE_COULDNT_CONNECT:
+    case CURLE_OPERATION_TIMEDOUT:
+    case CURLE_SSL_CONNECT_ERROR:
+    case CURLE_SEND_ERROR:
+    case CURLE_RECV_ERROR:
+    case CURLE_AGAIN:
+        return RELAYD_RET_NETWORK;
+    default:
+        RELAY_LOG(6, "curl error: %d", static_cast<int>(curlResult_));
+        return static_cast<RELAYD_RET>(2); // reserved, without a name
+    }
+}
+
+RELAYD_RET Request::GetError() const {
+    if (curlResult_ != CURLE_OK) {
+        return CurlError();
+    }
+    if (status_ == 200) {
+        return RELAYD_RET_SUCCESS;
+    }
+    RELAY_LOG(5, "http status: %d", static_cast<int>(status_));
+    if (status_ >= 400 && status_ <= 499) {
+        return RELAYD_RET_NETWORK;
+    }
+    return status_ >= 500 && status_ <= 599 ? RELAYD_RET_SERVER_BUSY : RELAYD_RET_UNKNOWN;
+}
+
+std::string Request::GetResponse() const {
+    return done_ && status_ == 200 ? response_ : "";
+}
+
+bool Request::GetResponse(Json::Value& out) const {
+    if (!done_ || status_ != 200) {
+        return false;
+    }
+    if (!json::Parse(response_, out)) {
+        RELAY_LOG(7, "failed to parse response: %s", response_.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool Request::GetData(Json::Value& out) const {
+    if (!json::Parse(data_, out)) {
+        RELAY_LOG(7, "failed to parse response: %s", data_.c_str());
+        return false;
+    }
+    return true;
+}
+
+const std::string& Request::GetUrl() const {
+    return url_;
+}
+
+const std::string& Request::GetData() const {
+    return data_;
+}
+
+CURLcode Request::GetCurlResult() const {
+    return curlResult_;
+}
+
+bool Request::GetCookies(std::list<std::string>& out) {
+    if (cookies_.empty()) {
+        return false;
+    }
+    out = cookies_;
+    return true;
+}
+
+bool Request::Write(Json::Value& out) const {
+    json::Object(out)["url"] = url_;
+    out["data"] = data_;
+    out["mode"] = inMulti_ ? "async" : "sync";
+    if (done_) {
+        out["http_status"] = static_cast<Json::Int>(status_);
+        out["response"] = GetResponse();
+    }
+    return true;
+}
+
+} // namespace ZARO::Relay

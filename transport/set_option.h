@@ -1,0 +1,10 @@
+/// Sets an option of a libcurl easy handle; true when it was taken, else it is logged.
+#pragma once
+
+#include <curl/curl.h>
+
+#include "daemon/log.h"
+
+#define SET_OPTION(handle, option, value)               \
+    (curl_easy_setopt(handle, option, value) == CURLE_OK || \
+     (RELAY_LOG(3, "set " #option "to curl handle failed"), false))
