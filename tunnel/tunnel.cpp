@@ -1,0 +1,307 @@
+#include <zarorelayd/tunnel.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "config/json_text.h"
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay {
+
+namespace {
+
+/// The one service whose local port is fixed.
+constexpr const char* kFixedPortService = "syncbay";
+constexpr int kFixedPort = 6691;
+
+/// A service id as part of a file name: it must not lead to another folder or break a line.
+std::string AsFileName(const std::string& id) {
+    std::string name;
+    for (const char c : id) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (c == '/' || byte < 0x20 || byte == 0x7f) {
+            char escaped[4];
+            (void)snprintf(escaped, sizeof escaped, "%%%02X", byte);
+            name += escaped;
+        } else {
+            name += c;
+        }
+    }
+    return name;
+}
+
+/// A path inside the double quotes of a shell command, as a pattern for grep. Paths without
+/// characters that either gives a meaning come out as they are; "." does, and only matches more.
+std::string AsQuotedPattern(const std::string& path) {
+    std::string quoted;
+    for (const char c : path) {
+        switch (c) {
+        case '"':
+        case '`':
+            quoted += '\\';
+            break;
+        case '$':
+        case '\\':
+            quoted += "\\\\\\"; // the shell leaves one backslash and the character
+            break;
+        case '[':
+        case '*':
+        case '^':
+            quoted += "\\\\";
+            break;
+        default:
+            break;
+        }
+        quoted += c;
+    }
+    return quoted;
+}
+
+bool WriteAll(int fd, const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t count = write(fd, text.data() + written, text.size() - written);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return false;
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+} // namespace
+
+Tunnel::Tunnel() : pid_(-1), relay_port_(-1), service_(nullptr), status_(TUNNEL_STATUS_NONE) {}
+
+Tunnel::Tunnel(const Json::Value& v) : Tunnel() {
+    Tunnel::Overwrite(v);
+}
+
+Tunnel::~Tunnel() = default; // the ssh process goes on
+
+bool Tunnel::Overwrite(const Json::Value& v) {
+    json::Get(v, "relay_ip", relay_ip_);
+    json::Get(v, "relay_port", relay_port_);
+    json::Get(v, "relay_pass", relay_pass_);
+    json::Get(v, "relay_user", relay_user_);
+    service_.Overwrite(v);
+    return true;
+}
+
+bool Tunnel::IsValid() const {
+    if (!service_.IsValid()) {
+        RELAY_LOG(7, "wrong service info");
+        return false;
+    }
+    if (relay_ip_.empty() || relay_port_ < 0 || relay_pass_.empty() || relay_user_.empty()) {
+        RELAY_LOG(7, "invalid tunnel server info");
+        return false;
+    }
+    return true;
+}
+
+bool Tunnel::Write(Json::Value& out, bool full) const {
+    if (!service_.Write(out, true)) {
+        return false;
+    }
+    out["relay_ip"] = relay_ip_;
+    out["relay_port"] = relay_port_;
+    if (!full) {
+        return true;
+    }
+    out["relay_pass"] = relay_pass_;
+    out["relay_user"] = relay_user_;
+    out["status"] = GetStatusStr(status_);
+    out["pid"] = pid_;
+    return true;
+}
+
+const std::string& Tunnel::GetServiceId() const {
+    return service_.id;
+}
+
+const ServiceConf& Tunnel::GetServiceConf() const {
+    return service_;
+}
+
+TUNNEL_STATUS Tunnel::GetStatus() const {
+    return status_;
+}
+
+std::string Tunnel::GetStatusStr(TUNNEL_STATUS status) {
+    switch (status) {
+    case TUNNEL_STATUS_NONE:
+        return "TUNNEL_STATUS_NONE";
+    case TUNNEL_STATUS_READY:
+        return "TUNNEL_STATUS_READY";
+    case TUNNEL_STATUS_CLOSE:
+        return "TUNNEL_STATUS_CLOSE";
+    case TUNNEL_STATUS_FAILED:
+        return "TUNNEL_STATUS_FAILED";
+    case TUNNEL_STATUS_INVALID_CONF:
+        return "TUNNEL_STATUS_INVALID_CONF";
+    }
+    return "(unknown)";
+}
+
+bool Tunnel::operator==(const Tunnel& other) const {
+    return service_ == other.service_ && relay_ip_ == other.relay_ip_ &&
+           relay_user_ == other.relay_user_ && relay_pass_ == other.relay_pass_ &&
+           relay_port_ == other.relay_port_;
+}
+
+bool Tunnel::operator!=(const Tunnel& other) const {
+    return !(*this == other);
+}
+
+bool Tunnel::IsAlive() {
+    if (pid_ < 0) {
+        return false;
+    }
+    if (kill(pid_, 0) == 0) {
+        return true;
+    }
+    pid_ = -1; // whatever the error: a process that can't be asked is not ours any more
+    return false;
+}
+
+bool Tunnel::CheckStatusChanged() {
+    if (IsAlive() || status_ != TUNNEL_STATUS_READY) {
+        return false;
+    }
+    status_ = TUNNEL_STATUS_CLOSE;
+    return true;
+}
+
+bool Tunnel::Destroy() {
+    if (!IsAlive()) {
+        return true;
+    }
+    RELAY_LOG(7, "kill ssh %d", pid_);
+    return kill(pid_, SIGTERM) == 0;
+}
+
+bool Tunnel::WritePassFile(const std::string& path) const {
+    // Made anew and closed to others from its first instant; never written through a planted link.
+    (void)unlink(path.c_str());
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        RELAY_LOG(3, "open [%s] failed, %s", path.c_str(), strerror(errno));
+        unlink(path.c_str());
+        return false;
+    }
+    bool good = chmod(path.c_str(), 0600) == 0;
+    if (!good) {
+        RELAY_LOG(3, "chmod [%s] failed, %s", path.c_str(), strerror(errno));
+    } else if (!WriteAll(fd, relay_pass_)) {
+        RELAY_LOG(3, "write pass failed, %s", strerror(errno));
+        good = false;
+    }
+    close(fd);
+    if (!good) {
+        unlink(path.c_str());
+    }
+    return good;
+}
+
+bool Tunnel::Create() {
+    status_ = TUNNEL_STATUS_NONE;
+    pid_ = -1;
+    const std::string passFile = paths::PasswordFile(getpid(), AsFileName(service_.id));
+    if (!IsValid() || !WritePassFile(passFile)) {
+        return false;
+    }
+    pid_ = fork();
+    if (pid_ == 0) {
+        return RunSSHTunnel(passFile.c_str());
+    }
+    bool good = false;
+    if (pid_ < 0) {
+        RELAY_LOG(3, "fork failed %s", strerror(errno));
+    } else {
+        good = WaitForLogin(pid_) && FindBackgroundPid(passFile);
+    }
+    status_ = good ? TUNNEL_STATUS_READY : TUNNEL_STATUS_FAILED;
+    unlink(passFile.c_str());
+    return good;
+}
+
+/// The client's foreground process ends when it has logged in and gone to the background, or has
+/// failed.
+bool Tunnel::WaitForLogin(pid_t child) const {
+    int st = 0;
+    pid_t ended = -1;
+    do {
+        ended = waitpid(child, &st, 0);
+    } while (ended < 0 && errno == EINTR);
+    if (ended != child) {
+        return false;
+    }
+    const int code = (st >> 8) & 0xff;
+    RELAY_LOG(7, "ssh returned: %d", code);
+    if ((st & 0x7f) != 0 || code != 0) {
+        RELAY_LOG(3, "tunnel create failed");
+        return false;
+    }
+    return true;
+}
+
+/// The background process still shows the password file on its command line.
+bool Tunnel::FindBackgroundPid(const std::string& passFile) {
+    const std::string command = "ps w | grep \"ssh -d " + AsQuotedPattern(passFile) + "\"";
+    FILE* output = popen(command.c_str(), "re");
+    if (output == nullptr) {
+        pid_ = -1;
+        RELAY_LOG(3, "get ssh info failed");
+        return false;
+    }
+    // Nothing found counts as success with the foreground's pid: the tunnel may stand all the same,
+    // and if it does not, the next check finds that process gone.
+    bool good = true;
+    char* line = nullptr;
+    std::size_t size = 0;
+    if (getline(&line, &size, output) >= 0) {
+        good = sscanf(line, "%d", &pid_) == 1;
+        if (good) {
+            RELAY_LOG(7, "tunnel running: %d", pid_);
+        } else {
+            RELAY_LOG(7, "get tunnel pid failed");
+            pid_ = -1;
+        }
+    }
+    if (pclose(output) != 0) {
+        RELAY_LOG(3, "pclose failed");
+    }
+    free(line);
+    return good;
+}
+
+bool Tunnel::RunSSHTunnel(const char* passFile) const {
+    if (passFile == nullptr) {
+        return false;
+    }
+    const int port = service_.id == kFixedPortService ? kFixedPort : service_.port;
+    const std::string forward =
+        "-NfR" + std::to_string(relay_port_) + ":localhost:" + std::to_string(port);
+    const std::string destination = relay_user_ + "@" + relay_ip_;
+    RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", passFile, forward.c_str(), destination.c_str());
+    const std::string program = paths::SshProgram();
+    execl(program.c_str(), program.c_str(), "-d", passFile, "-o", "NoneEnabled=yes", "-o",
+          "NoneSwitch=yes", forward.c_str(), destination.c_str(), nullptr);
+    RELAY_LOG(3, "execl SSH failed, %s", strerror(errno));
+    return false;
+}
+
+} // namespace ZARO::Relay
