@@ -1,0 +1,174 @@
+#include "app/alias_keeper.h"
+
+#include "app/checks.h"
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+AliasKeeper* gAliasKeeper = nullptr;
+
+/// The protocol calls every failed transfer "unknown"; the request knows better.
+ALIAS_RET PathFault(const Request& request, ALIAS_RET outcome) {
+    if (outcome != ALIAS_RET_UNKNOWN) {
+        return outcome;
+    }
+    switch (request.GetError()) {
+    case RELAYD_RET_RESOLV:
+        return ALIAS_RET_DNS;
+    case RELAYD_RET_NETWORK:
+        return request.GetCurlResult() != CURLE_OK ? ALIAS_RET_NETWORK : outcome;
+    case RELAYD_RET_SERVER_BUSY:
+        return ALIAS_RET_SERVER_BUSY;
+    default:
+        return outcome;
+    }
+}
+
+} // namespace
+
+AliasKeeper::AliasKeeper(RelaydConf& conf, JobQueue& queue) : conf_(conf), queue_(queue) {
+    gAliasKeeper = this;
+}
+
+AliasKeeper::~AliasKeeper() {
+    gAliasKeeper = nullptr;
+}
+
+bool AliasKeeper::OnDone(boost::shared_ptr<Request> request) {
+    gAliasKeeper->Done(request, Clock::now());
+    return true;
+}
+
+void AliasKeeper::Tick(Time now) {
+    if (!known_ || conf_.alias.IsChanged()) {
+        TakeChange(now);
+    }
+    const ALIAS_REQUEST_CMD command = NextCommand();
+    if (runs_ || command == ALIAS_REQUEST_NONE || now < next_) {
+        return;
+    }
+    Start(command, command == ALIAS_REQUEST_DELETE ? mapped_ : conf_.alias.GetAliasName(), now);
+}
+
+/// New settings: what was refused may be granted now. At the daemon's start the status file tells
+/// which alias the server has for us.
+void AliasKeeper::TakeChange(Time now) {
+    if (!known_) {
+        Json::Value file;
+        RelaydConf::ReadJsonFile(paths::AliasStatusFile(), file);
+        std::string success;
+        AliasRequest::ResponseToString(ALIAS_RET_SUCCESS, success);
+        if (TextMember(file, "status") == success) {
+            mapped_ = TextMember(file, "alias_name");
+        }
+    }
+    const bool sameAlias = mapped_ == conf_.alias.GetAliasName();
+    if (known_ && sameAlias) {
+        mapped_.clear(); // another server or interval: map it there
+    }
+    known_ = true;
+    refused_ = false;
+    backoff_.Reset();
+    next_ = now;
+    conf_.alias.CommitChange();
+}
+
+ALIAS_REQUEST_CMD AliasKeeper::NextCommand() const {
+    const std::string alias = conf_.alias.GetAliasName();
+    if (!mapped_.empty() && mapped_ != alias) {
+        return ALIAS_REQUEST_DELETE;
+    }
+    if (alias.empty() || refused_) {
+        return ALIAS_REQUEST_NONE;
+    }
+    return mapped_.empty() ? ALIAS_REQUEST_MAP : ALIAS_REQUEST_KEEP_ALIVE;
+}
+
+void AliasKeeper::Start(ALIAS_REQUEST_CMD command, const std::string& alias, Time now) {
+    Json::Value data;
+    conf_.DumpDataForAliasReq(data);
+    data["alias"] = alias;
+    AliasRequest request;
+    if (!request.SetRequest(command, data) ||
+        !queue_.Add(request.GetSharedRequest(), OnDone, 0)) {
+        next_ = now + backoff_.Failed(now);
+        return;
+    }
+    running_ = command;
+    runs_ = true;
+}
+
+void AliasKeeper::Done(const boost::shared_ptr<Request>& request, Time now) {
+    runs_ = false;
+    ALIAS_RET outcome = ALIAS_RET_UNKNOWN;
+    std::string extra;
+    std::string alias;
+    (void)AliasRequest::GetResponseForDaemon(request, outcome, extra); // an unknown word is logged
+    (void)AliasRequest::GetAliasName(request, alias);
+    outcome = PathFault(*request, outcome);
+    const std::string former = status_;
+    AliasRequest::ResponseToString(outcome, status_);
+    extra_ = Printable(extra);
+    AliasStatus().SetStatus(alias, running_ == ALIAS_REQUEST_DELETE ? "deleted" : status_, extra_,
+                            true);
+    if (former != status_) {
+        RELAY_LOG(outcome == ALIAS_RET_SUCCESS ? 6 : 4, "alias [%s]: %s", Printable(alias).c_str(),
+                  status_.c_str());
+    }
+    Schedule(outcome, now);
+}
+
+void AliasKeeper::Schedule(ALIAS_RET outcome, Time now) {
+    ALIAS_RETRY_TYPE retry = ALIAS_RETRY_NORMAL;
+    (void)AliasRequest::GetRetryType(outcome, retry);
+    if (retry == ALIAS_RETRY_PATH) {
+        next_ = now + backoff_.Failed(now);
+        return;
+    }
+    backoff_.Succeeded(now);
+    next_ = now + seconds(conf_.alias.GetPollingTime());
+    const bool gone = outcome == ALIAS_RET_NOT_FOUND || retry == ALIAS_RETRY_REFUSED;
+    if (running_ == ALIAS_REQUEST_DELETE) {
+        // Given up, or never ours: either way the alias that is wanted now comes next.
+        mapped_.clear();
+        next_ = now;
+        return;
+    }
+    if (outcome == ALIAS_RET_SUCCESS) {
+        mapped_ = conf_.alias.GetAliasName();
+    } else if (gone) {
+        // An alias that ran out while we were away is mapped anew at once.
+        next_ = running_ == ALIAS_REQUEST_KEEP_ALIVE && retry != ALIAS_RETRY_REFUSED ? now : next_;
+        mapped_.clear();
+    }
+    refused_ = retry == ALIAS_RETRY_REFUSED;
+}
+
+Time AliasKeeper::NextDue() const {
+    return runs_ || NextCommand() == ALIAS_REQUEST_NONE ? Time::max() : next_;
+}
+
+void AliasKeeper::RetryNow(Time now) {
+    if (!status_.empty() && status_ != "success" && !refused_) {
+        backoff_.Reset();
+        next_ = std::min(next_, now);
+    }
+}
+
+void AliasKeeper::Stop() {
+    queue_.Remove(OnDone);
+    runs_ = false;
+}
+
+Json::Value AliasKeeper::Describe() const {
+    Json::Value description;
+    description["name"] = conf_.alias.GetAliasName();
+    description["status"] = status_;
+    description["extra"] = extra_;
+    return description;
+}
+
+} // namespace ZARO::Relay::app

@@ -1,0 +1,41 @@
+/// What the daemon takes from a server is checked here before it reaches a shell, a file name or an
+/// argument vector.
+#pragma once
+
+#include <json/value.h>
+
+#include <list>
+#include <string>
+
+#include <zarorelayd/config.h>
+
+namespace ZARO::Relay::app {
+
+/// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
+bool IsServiceId(const std::string& id);
+
+/// A host name or an IPv4 or IPv6 address.
+bool IsRelayHost(const std::string& host);
+
+/// Not empty, at most 255 bytes, no leading "-", no blank, control character or "@".
+bool IsRelayUser(const std::string& user);
+
+bool IsPort(int port);
+
+/// Checks a tunnel that a server assigns and takes only the members that belong to one. It must be
+/// for one of `services`, with that service's port: no server may choose which ports of the device
+/// are reachable. False with the reason in `why`.
+bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& services,
+                 Json::Value& tunnel, std::string& why);
+
+/// The members that were checked, by name and type; empty or 0 for missing ones.
+std::string TextMember(const Json::Value& object, const char* key);
+int NumberMember(const Json::Value& object, const char* key);
+
+/// A foreign text for a log line: at most 64 bytes, anything but printable ASCII as "?".
+std::string Printable(const std::string& text);
+
+/// Replaces every password, token and cookie in a dump by "***", also inside request bodies.
+void MaskSecrets(Json::Value& value);
+
+} // namespace ZARO::Relay::app

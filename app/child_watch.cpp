@@ -1,0 +1,191 @@
+#include "app/child_watch.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+constexpr milliseconds kGrace{1000};
+
+int OpenPidfd(pid_t pid) {
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+}
+
+void Signal(int pidfd, int signal) {
+    (void)syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0); // one that is gone needs none
+}
+
+bool HasEnded(int pidfd, milliseconds patience) {
+    pollfd entry = {pidfd, POLLIN, 0};
+    return poll(&entry, 1, static_cast<int>(patience.count())) == 1;
+}
+
+/// Time that is left until `end`, at least 0.
+milliseconds Until(Time end) {
+    return std::max(milliseconds(0),
+                    std::chrono::duration_cast<milliseconds>(end - Clock::now()));
+}
+
+using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+
+/// Calls `see` with the name of each entry of a folder.
+void ForEachEntry(const std::string& folder, const std::function<void(const std::string&)>& see) {
+    const Directory directory(opendir(folder.c_str()), closedir);
+    while (directory != nullptr) {
+        const dirent* entry = readdir(directory.get());
+        if (entry == nullptr) {
+            return;
+        }
+        see(entry->d_name);
+    }
+}
+
+bool IsOwn(const std::string& path) {
+    struct stat info;
+    return lstat(path.c_str(), &info) == 0 && info.st_uid == geteuid();
+}
+
+/// The command line of a process, its arguments joined by blanks.
+std::string CommandLine(const std::string& pid) {
+    std::ifstream file("/proc/" + pid + "/cmdline");
+    std::string line((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::replace(line.begin(), line.end(), '\0', ' ');
+    return line;
+}
+
+/// What follows the common part of every password file's path.
+std::string FileEnding(const std::string& commandLine, const std::string& prefix) {
+    const std::string pattern = "ssh -d " + prefix;
+    const std::size_t at = commandLine.find(pattern);
+    if (at == std::string::npos) {
+        return "";
+    }
+    const std::size_t begin = at + pattern.size();
+    return commandLine.substr(begin, commandLine.find(' ', begin) - begin);
+}
+
+} // namespace
+
+ChildWatch::~ChildWatch() {
+    for (const auto& [pid, child] : children_) {
+        close(child.pidfd);
+    }
+}
+
+bool ChildWatch::Add(pid_t pid) {
+    const int pidfd = pid > 0 ? OpenPidfd(pid) : -1;
+    if (pidfd < 0) {
+        return false;
+    }
+    if (pidfd >= FD_SETSIZE) { // the loop could not wait for it
+        RELAY_LOG(3, "too many descriptors to watch process %d", pid);
+        close(pidfd);
+        return false;
+    }
+    children_[pid] = Child{pidfd, Time::max()};
+    return true;
+}
+
+void ChildWatch::AddTo(fd_set& read, int& maxfd) const {
+    for (const auto& [pid, child] : children_) {
+        FD_SET(child.pidfd, &read);
+        maxfd = std::max(maxfd, child.pidfd);
+    }
+}
+
+bool ChildWatch::Reap() {
+    bool any = false;
+    for (auto child = children_.begin(); child != children_.end();) {
+        if (!HasEnded(child->second.pidfd, milliseconds(0))) {
+            ++child;
+            continue;
+        }
+        // It is our child as soon as its own parent has gone; before that, that parent reaps it.
+        (void)waitpid(child->first, nullptr, WNOHANG);
+        close(child->second.pidfd);
+        child = children_.erase(child);
+        any = true;
+    }
+    return any;
+}
+
+void ChildWatch::EndUnowned(const std::set<pid_t>& owned, Time now) {
+    for (auto& [pid, child] : children_) {
+        if (owned.count(pid) != 0) {
+            continue;
+        }
+        if (child.killAt == Time::max()) {
+            Signal(child.pidfd, SIGTERM);
+            child.killAt = now + kGrace;
+        } else if (now >= child.killAt) {
+            Signal(child.pidfd, SIGKILL);
+            child.killAt = now + kGrace;
+        }
+    }
+}
+
+Time ChildWatch::NextDue() const {
+    Time due = Time::max();
+    for (const auto& [pid, child] : children_) {
+        due = std::min(due, child.killAt);
+    }
+    return due;
+}
+
+void ChildWatch::EndAll(milliseconds patience) {
+    for (const auto& [pid, child] : children_) {
+        Signal(child.pidfd, SIGTERM);
+    }
+    const Time end = Clock::now() + patience;
+    for (const auto& [pid, child] : children_) {
+        if (!HasEnded(child.pidfd, Until(end))) {
+            Signal(child.pidfd, SIGKILL);
+            (void)HasEnded(child.pidfd, kGrace);
+        }
+    }
+    Reap();
+}
+
+void EndStrays(const std::function<bool(const std::string&)>& isStray) {
+    const std::string prefix = paths::Below("/tmp/.tunnel.");
+    const std::string folder = paths::Below("/tmp");
+    ChildWatch strays;
+    ForEachEntry("/proc", [&](const std::string& pid) {
+        if (pid.find_first_not_of("0123456789") != std::string::npos || !IsOwn("/proc/" + pid)) {
+            return;
+        }
+        const std::string ending = FileEnding(CommandLine(pid), prefix);
+        if (!ending.empty() && isStray(ending) && strays.Add(atoi(pid.c_str()))) {
+            RELAY_LOG(5, "ending left-over ssh %s", pid.c_str());
+        }
+    });
+    strays.EndAll(kGrace);
+    ForEachEntry(folder, [&](const std::string& name) {
+        const std::string path = folder + "/" + name;
+        const std::string common = ".tunnel.";
+        if (name.compare(0, common.size(), common) == 0 && isStray(name.substr(common.size())) &&
+            IsOwn(path)) {
+            (void)unlink(path.c_str()); // a password file that a killed daemon left
+        }
+    });
+}
+
+} // namespace ZARO::Relay::app

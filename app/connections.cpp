@@ -1,0 +1,112 @@
+#include "app/connections.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+constexpr unsigned kEstablished = 1;
+constexpr int kProbeMilliseconds = 20;
+
+/// Inode numbers of a process's sockets.
+std::set<unsigned long> SocketsOf(pid_t pid) {
+    std::set<unsigned long> inodes;
+    const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder.c_str()), closedir);
+    while (directory != nullptr) {
+        const dirent* entry = readdir(directory.get());
+        if (entry == nullptr) {
+            break;
+        }
+        char target[PATH_MAX];
+        const ssize_t length =
+            readlink((folder + "/" + entry->d_name).c_str(), target, sizeof target - 1);
+        unsigned long inode = 0;
+        if (length > 0) {
+            target[length] = '\0';
+            if (sscanf(target, "socket:[%lu]", &inode) == 1) {
+                inodes.insert(inode);
+            }
+        }
+    }
+    return inodes;
+}
+
+/// Connects to a loopback address; such a connection is accepted or refused almost at once.
+Reachable Probe(int family, const sockaddr* address, socklen_t length) {
+    const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return Reachable::Unknown;
+    }
+    int error = connect(fd, address, length) == 0 ? 0 : errno;
+    if (error == EINPROGRESS) {
+        pollfd entry = {fd, POLLOUT, 0};
+        socklen_t size = sizeof error;
+        if (poll(&entry, 1, kProbeMilliseconds) == 1) {
+            (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size); // else still in progress
+        }
+    }
+    close(fd);
+    if (error == 0) {
+        return Reachable::Yes;
+    }
+    return error == ECONNREFUSED ? Reachable::Refuses : Reachable::Unknown;
+}
+
+} // namespace
+
+bool HasLostAddress(pid_t pid, const std::set<std::string>& addresses) {
+    const std::set<unsigned long> sockets = SocketsOf(pid);
+    std::ifstream table("/proc/" + std::to_string(pid) + "/net/tcp");
+    std::string line;
+    while (std::getline(table, line)) {
+        unsigned local = 0;
+        unsigned state = 0;
+        unsigned long inode = 0;
+        // sl local:port remote:port state queues timer retransmits uid timeout inode
+        if (sscanf(line.c_str(), " %*d: %8x:%*x %*x:%*x %2x %*s %*s %*s %*s %*s %lu", &local, &state,
+                   &inode) != 3 ||
+            state != kEstablished || sockets.count(inode) == 0) {
+            continue;
+        }
+        char text[INET_ADDRSTRLEN] = "";
+        const in_addr address = {local};
+        (void)inet_ntop(AF_INET, &address, text, sizeof text);
+        if ((ntohl(local) >> 24) != 127 && addresses.count(text) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+Reachable ProbeLocalPort(int port) {
+    sockaddr_in v4 = {};
+    v4.sin_family = AF_INET;
+    v4.sin_port = htons(static_cast<uint16_t>(port));
+    v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const Reachable overV4 = Probe(AF_INET, reinterpret_cast<const sockaddr*>(&v4), sizeof v4);
+    if (overV4 == Reachable::Yes) {
+        return overV4;
+    }
+    sockaddr_in6 v6 = {};
+    v6.sin6_family = AF_INET6;
+    v6.sin6_port = htons(static_cast<uint16_t>(port));
+    v6.sin6_addr = in6addr_loopback;
+    const Reachable overV6 = Probe(AF_INET6, reinterpret_cast<const sockaddr*>(&v6), sizeof v6);
+    return overV6 == Reachable::Yes ? overV6 : overV4;
+}
+
+} // namespace ZARO::Relay::app

@@ -1,0 +1,410 @@
+#include "app/exchange.h"
+
+#include <algorithm>
+#include <list>
+#include <utility>
+
+#include <zarorelayd/tunnel.h>
+
+#include "app/checks.h"
+#include "app/json_io.h"
+#include "daemon/log.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+/// The server holds a long poll this long at most.
+constexpr seconds kHold{50};
+/// What a reply may take beyond that; keep-alive probes alone do not end a hung call.
+constexpr seconds kHoldSlack{15};
+constexpr int kKeepAliveSeconds = 30;
+/// While a request is young, libcurl connects, and has timers that no descriptor tells of.
+constexpr seconds kYoung{2};
+/// A server that answers long polls at once, again and again, is slowed down.
+constexpr seconds kQuick{1};
+constexpr int kQuickAllowed = 20;
+constexpr seconds kQuickWait{5};
+
+Exchange* gExchange = nullptr;
+
+/// The "name=value" of a cookie line in Netscape form; empty for a line that is none.
+std::string CookieOf(const std::string& line) {
+    std::string fields[7];
+    std::size_t at = 0;
+    for (std::string& field : fields) {
+        const std::size_t end = std::min(line.find('\t', at), line.size());
+        field = line.substr(std::min(at, line.size()), end - std::min(at, line.size()));
+        at = end + 1;
+    }
+    const std::string cookie = fields[5] + "=" + fields[6];
+    const bool clean = std::none_of(cookie.begin(), cookie.end(), [](char c) {
+        return c <= ' ' || c == ';' || c == ',' || c == 0x7f;
+    });
+    return fields[5].empty() || !clean ? "" : cookie;
+}
+
+const std::string& HostOf(const ServerConf& server) {
+    return server.host.empty() ? server.ip : server.host;
+}
+
+} // namespace
+
+Exchange::Exchange(RelaydConf& conf, JobQueue& queue, TunnelKeeper& keeper,
+                   std::function<void()> reload)
+    : conf_(conf), queue_(queue), keeper_(keeper), reload_(std::move(reload)) {
+    gExchange = this;
+}
+
+Exchange::~Exchange() {
+    gExchange = nullptr;
+}
+
+bool Exchange::OnBatchDone(boost::shared_ptr<Request> request) {
+    gExchange->BatchDone(*request, Clock::now());
+    return true;
+}
+
+bool Exchange::OnWaitDone(boost::shared_ptr<Request> request) {
+    gExchange->WaitDone(*request, Clock::now());
+    return true;
+}
+
+void Exchange::Tick(Time now) {
+    if (wait_.runs && now >= waitStarted_ + kHold + kHoldSlack) {
+        queue_.Remove(OnWaitDone);
+        Failed(wait_, RELAYD_RET_NETWORK, false, now);
+    }
+    if (batch_.runs) {
+        return;
+    }
+    if (batchDue_ && now >= batch_.next) {
+        StartBatch(now);
+    }
+    if (registered_ && !batch_.runs && !wait_.runs && now >= wait_.next) {
+        StartWait(now);
+    }
+}
+
+Time Exchange::NextDue() const {
+    Time due = wait_.runs ? waitStarted_ + kHold + kHoldSlack : Time::max();
+    if (batch_.runs) {
+        return due;
+    }
+    if (batchDue_) {
+        due = std::min(due, batch_.next);
+    }
+    if (registered_ && !wait_.runs) {
+        due = std::min(due, wait_.next);
+    }
+    return due;
+}
+
+bool Exchange::IsBusy(Time now) const {
+    return batch_.runs || (wait_.runs && now - waitStarted_ < kYoung);
+}
+
+void Exchange::ConfigurationChanged(Time now) {
+    batchDue_ = true;
+    batch_.backoff.Reset();
+    batch_.next = now;
+}
+
+void Exchange::NetworkChanged(Time now) {
+    ConfigurationChanged(now);
+    queue_.Remove(OnBatchDone); // it may hang on a path that is gone
+    batch_.runs = false;
+    wait_.backoff.Reset();
+    RestartWait(now);
+    DropNames();
+}
+
+void Exchange::Stop() {
+    queue_.Remove(OnBatchDone);
+    queue_.Remove(OnWaitDone);
+    batch_ = Line();
+    wait_ = Line();
+    waitStands_ = false;
+    RegisterAnew();
+}
+
+RELAYD_RET Exchange::Error() const {
+    return batch_.error != RELAYD_RET_SUCCESS ? batch_.error : wait_.error;
+}
+
+RELAYD_STATE Exchange::State() const {
+    if (Error() != RELAYD_RET_SUCCESS) {
+        return RELAYD_STATE_ERROR;
+    }
+    if (registered_) {
+        return waitStands_ ? RELAYD_STATE_CONNECTED : RELAYD_STATE_LOGIN;
+    }
+    return batch_.runs ? RELAYD_STATE_LOGIN : RELAYD_STATE_STARTING;
+}
+
+// --- registration
+
+void Exchange::StartBatch(Time now) {
+    if (!conf_.auth.IsValid()) {
+        conf_.auth.ReadConf();
+    }
+    const std::string url = conf_.control.GetUrl(nullptr);
+    if (!conf_.auth.IsValid() || url.empty()) {
+        Failed(batch_, RELAYD_RET_CONFIG, false, now);
+        return;
+    }
+    register_.GetChanges(conf_, keeper_.Tunnels(), commands_);
+    batchDue_ = false;
+    if (commands_.empty()) {
+        return;
+    }
+    if (commands_[0U]["command"] == "register") {
+        registered_ = false;
+        session_.clear();
+    }
+    const auto request = MakeRequest(url, commands_, true);
+    if (!request->IsValid() || !queue_.Add(request, OnBatchDone, 0)) {
+        batchDue_ = true;
+        Failed(batch_, RELAYD_RET_UNKNOWN, false, now);
+        return;
+    }
+    batch_.runs = true;
+    ++batches_;
+}
+
+void Exchange::BatchDone(Request& request, Time now) {
+    batch_.runs = false;
+    RELAYD_RET result = request.GetError();
+    bool refused = false;
+    if (result == RELAYD_RET_SUCCESS) {
+        Json::Value reply;
+        if (request.GetResponse(reply)) {
+            result = TakeBatchReply(reply, request, refused, now);
+        } else {
+            RELAY_LOG(3, "the control server's reply is no JSON");
+            result = RELAYD_RET_UNKNOWN;
+        }
+    }
+    if (result != RELAYD_RET_SUCCESS) {
+        batchDue_ = true;
+        Failed(batch_, result, refused, now);
+        return;
+    }
+    RELAY_LOG(6, "registered as [%s]", Printable(conf_.serverID).c_str());
+    Succeeded(batch_, now);
+}
+
+RELAYD_RET Exchange::TakeBatchReply(const Json::Value& reply, Request& request, bool& refused,
+                                    Time now) {
+    const ServerConf formerWaitServer = conf_.waitcmd;
+    register_.ParseResponse(conf_, commands_, reply);
+    if (!conf_.waitcmd.IsValid()) {
+        RELAY_LOG(3, "refused the wait-command server that the control server named");
+        conf_.waitcmd = formerWaitServer;
+        RegisterAnew();
+        return RELAYD_RET_NOT_SUPPORT;
+    }
+    if (commands_[0U]["command"] == "register" && reply.isArray() && !reply.empty() &&
+        ParseServerError(reply[0U]) == RELAYSERVER_ERR_SUCCESS) {
+        registered_ = true;
+        TakeSession(request);
+        RestartWait(now);
+    }
+    return BatchResult(reply, refused);
+}
+
+/// The first command's failure, as a result. `refused`: the credentials were, which trying again
+/// soon can't mend.
+RELAYD_RET Exchange::BatchResult(const Json::Value& reply, bool& refused) const {
+    if (!reply.isArray() || reply.size() < commands_.size()) {
+        const RELAYSERVER_ERR error = ParseServerError(reply);
+        const bool told = error != RELAYSERVER_ERR_SUCCESS && error != RELAYSERVER_ERR_UNKNOWN;
+        return told ? RespErrMap(error) : RELAYD_RET_UNKNOWN;
+    }
+    for (Json::ArrayIndex i = 0; i < commands_.size(); ++i) {
+        const RELAYSERVER_ERR error = ParseServerError(reply[i]);
+        if (error != RELAYSERVER_ERR_SUCCESS) {
+            refused = commands_[i]["command"] == "register" && error == RELAYSERVER_ERR_AUTH;
+            return RespErrMap(error);
+        }
+    }
+    return RELAYD_RET_SUCCESS;
+}
+
+/// Keeps the session's cookie for a wait-command server on another host, and for the time after the
+/// shared store was dropped together with the resolved names.
+void Exchange::TakeSession(Request& request) {
+    std::list<std::string> lines;
+    session_.clear();
+    if (request.GetCookies(lines)) {
+        for (const std::string& line : lines) {
+            const std::string cookie = CookieOf(line);
+            if (!cookie.empty()) {
+                session_ += (session_.empty() ? "" : "; ") + cookie;
+            }
+        }
+    }
+    storeHasSession_ = true;
+}
+
+bool Exchange::HasSeparateWaitHost() const {
+    return HostOf(conf_.waitcmd) != HostOf(conf_.control);
+}
+
+boost::shared_ptr<Request> Exchange::MakeRequest(const std::string& url, const Json::Value& body,
+                                                 bool sameHost) {
+    // The process-wide cookie would go to every server, so it is set for this request alone.
+    Request::SetCookie(sameHost && storeHasSession_ ? "" : session_);
+    const boost::shared_ptr<Request> request(new Request(url, body, true));
+    Request::SetCookie("");
+    return request;
+}
+
+void Exchange::RegisterAnew() {
+    register_.SetAuthExpired();
+    registered_ = false;
+    batchDue_ = true;
+}
+
+// --- wait-command exchange
+
+void Exchange::StartWait(Time now) {
+    Json::Value command;
+    command["version"] = 1;
+    command["command"] = "wait_command";
+    command["serverID"] = conf_.serverID;
+    command["revision"] = waitStands_ ? revision_ : 0;
+    command["tunnels"] = Json::Value(Json::arrayValue);
+    for (const Tunnel& tunnel : keeper_.Tunnels()) {
+        Json::Value& entry = command["tunnels"].append(Json::Value());
+        entry["id"] = tunnel.GetServiceId();
+        entry["status"] = Tunnel::GetStatusStr(tunnel.GetStatus());
+    }
+    Json::Value body(Json::arrayValue);
+    body.append(command);
+    const auto request = MakeRequest(conf_.waitcmd.GetUrl(nullptr), body, !HasSeparateWaitHost());
+    if (request->IsValid()) {
+        request->SetTcpKeepAlive(kKeepAliveSeconds);
+    }
+    if (!request->IsValid() || !queue_.Add(request, OnWaitDone, 0)) {
+        Failed(wait_, RELAYD_RET_UNKNOWN, false, now);
+        return;
+    }
+    wait_.runs = true;
+    waitStarted_ = now;
+    ++waits_;
+}
+
+/// The next long poll goes out on a fresh connection and is answered at once.
+void Exchange::RestartWait(Time now) {
+    queue_.Remove(OnWaitDone);
+    wait_.runs = false;
+    wait_.next = now;
+    waitStands_ = false;
+}
+
+void Exchange::WaitDone(Request& request, Time now) {
+    wait_.runs = false;
+    RELAYD_RET result = request.GetError();
+    Json::Value reply;
+    if (result == RELAYD_RET_SUCCESS) {
+        result = request.GetResponse(reply) ? TakeWaitReply(reply, now) : RELAYD_RET_UNKNOWN;
+    }
+    if (result != RELAYD_RET_SUCCESS) {
+        Failed(wait_, result, false, now);
+        return;
+    }
+    quickReplies_ = now - waitStarted_ < kQuick ? quickReplies_ + 1 : 0;
+    if (!waitStands_) {
+        keeper_.RetryNow(now); // the servers are there: so is the relay, most likely
+    }
+    waitStands_ = true;
+    Succeeded(wait_, now);
+    wait_.next = quickReplies_ > kQuickAllowed ? now + kQuickWait : now;
+}
+
+RELAYD_RET Exchange::TakeWaitReply(const Json::Value& reply, Time now) {
+    const RELAYSERVER_ERR error = ParseServerError(reply);
+    if (error != RELAYSERVER_ERR_SUCCESS) {
+        RELAY_LOG(4, "wait_command failed: %s", GetServerErrorStr(error).c_str());
+        return RespErrMap(error);
+    }
+    const Json::Value& answer = reply.isArray() ? reply[0U] : reply;
+    const Json::Value* tunnels = FindMember(answer, "tunnels");
+    if (tunnels == nullptr || !keeper_.Reconcile(*tunnels, conf_.services, now)) {
+        RELAY_LOG(3, "the wait_command reply holds no list of tunnels");
+        return RELAYD_RET_UNKNOWN;
+    }
+    revision_ = NumberMember(answer, "revision");
+    return RELAYD_RET_SUCCESS;
+}
+
+// --- outcomes
+
+void Exchange::Succeeded(Line& line, Time now) {
+    if (line.error != RELAYD_RET_SUCCESS) {
+        RELAY_LOG(4, "%s works again", &line == &batch_ ? "registration" : "wait_command");
+    }
+    line.error = RELAYD_RET_SUCCESS;
+    line.backoff.Succeeded(now);
+    line.next = now;
+}
+
+/// `refused`: trying again soon can't help.
+void Exchange::Failed(Line& line, RELAYD_RET result, bool refused, Time now) {
+    if (line.error != result) {
+        RELAY_LOG(4, "%s failed: %s, trying on", &line == &batch_ ? "registration" : "wait_command",
+                  GetErrorStr(result).c_str());
+    }
+    line.runs = false;
+    line.error = result;
+    ++failures_;
+    if (&line == &wait_) {
+        waitStands_ = false;
+    }
+    switch (result) {
+    case RELAYD_RET_RESOLV:
+    case RELAYD_RET_NETWORK:
+    case RELAYD_RET_SERVER_BUSY:
+        DropNames();
+        break;
+    case RELAYD_RET_AUTH:
+        RegisterAnew();
+        break;
+    case RELAYD_RET_SERVER_LIMIT:
+    case RELAYD_RET_NOT_SUPPORT:
+        refused = true;
+        break;
+    case RELAYD_RET_SERVER_CHANGED:
+    case RELAYD_RET_SERVER_IP_CHANGED:
+        DropNames();
+        reload_();
+        RegisterAnew();
+        break;
+    default:
+        break;
+    }
+    line.next = now + (refused ? line.backoff.Refused() : line.backoff.Failed(now));
+    if (batchDue_ && &line == &wait_) {
+        batch_.next = std::max(batch_.next, line.next); // registering anew waits as long
+    }
+}
+
+/// Forgets resolved names, and with them the cookies of the shared store.
+void Exchange::DropNames() {
+    Request::CleanDnsCache();
+    storeHasSession_ = false;
+}
+
+Json::Value Exchange::Dump() const {
+    Json::Value dump;
+    dump["registered"] = registered_;
+    dump["wait_command"] = wait_.runs;
+    dump["revision"] = revision_;
+    dump["batches"] = static_cast<Json::UInt64>(batches_);
+    dump["waits"] = static_cast<Json::UInt64>(waits_);
+    dump["failures"] = static_cast<Json::UInt64>(failures_);
+    return dump;
+}
+
+} // namespace ZARO::Relay::app

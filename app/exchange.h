@@ -1,0 +1,105 @@
+/// The daemon's talk with the control server: registration batches and the wait-command exchange.
+#pragma once
+
+#include <json/value.h>
+
+#include <functional>
+#include <string>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/jobqueue.h>
+#include <zarorelayd/register.h>
+#include <zarorelayd/result.h>
+
+#include "app/backoff.h"
+#include "app/tunnel_keeper.h"
+
+namespace ZARO::Relay::app {
+
+/// Runs on the job queue of the daemon's one loop; nothing blocks. One object a process, since job
+/// callbacks are plain functions.
+class Exchange {
+public:
+    /// `reload` is called when the server tells that it moved.
+    Exchange(RelaydConf& conf, JobQueue& queue, TunnelKeeper& keeper, std::function<void()> reload);
+    Exchange(const Exchange&) = delete;
+    Exchange& operator=(const Exchange&) = delete;
+    ~Exchange();
+
+    /// Starts what is due.
+    void Tick(Time now);
+    /// When Tick is to be called next, at the latest.
+    Time NextDue() const;
+    /// Whether libcurl needs attention more often than its descriptors ask for it.
+    bool IsBusy(Time now) const;
+
+    /// The configuration changed: a batch is built at the next Tick, without a wait.
+    void ConfigurationChanged(Time now);
+    /// The network changed: as above, and the long poll is made anew.
+    void NetworkChanged(Time now);
+    /// Ends all requests; the next batch registers anew.
+    void Stop();
+
+    bool IsRegistered() const { return registered_; }
+    RELAYD_STATE State() const;
+    RELAYD_RET Error() const;
+
+    Json::Value Dump() const;
+
+private:
+    /// What one of the two lines of talk, batches and long polls, remembers of its success.
+    struct Line {
+        Backoff backoff{seconds(1), seconds(300)};
+        Time next{};
+        RELAYD_RET error = RELAYD_RET_SUCCESS;
+        bool runs = false;
+    };
+
+    static bool OnBatchDone(boost::shared_ptr<Request> request);
+    static bool OnWaitDone(boost::shared_ptr<Request> request);
+
+    void StartBatch(Time now);
+    void BatchDone(Request& request, Time now);
+    RELAYD_RET TakeBatchReply(const Json::Value& reply, Request& request, bool& refused, Time now);
+    RELAYD_RET BatchResult(const Json::Value& reply, bool& refused) const;
+    void TakeSession(Request& request);
+
+    void StartWait(Time now);
+    void RestartWait(Time now);
+    void WaitDone(Request& request, Time now);
+    RELAYD_RET TakeWaitReply(const Json::Value& reply, Time now);
+
+    void Succeeded(Line& line, Time now);
+    void Failed(Line& line, RELAYD_RET result, bool refused, Time now);
+    void DropNames();
+    void RegisterAnew();
+    boost::shared_ptr<Request> MakeRequest(const std::string& url, const Json::Value& body,
+                                           bool sameHost);
+    bool HasSeparateWaitHost() const;
+
+    RelaydConf& conf_;
+    JobQueue& queue_;
+    TunnelKeeper& keeper_;
+    std::function<void()> reload_;
+    Register register_;
+
+    Line batch_;
+    Json::Value commands_; ///< the batch that was sent last
+    bool batchDue_ = true;
+    bool registered_ = false;
+
+    Line wait_;
+    bool waitStands_ = false; ///< the last long poll was answered well
+    Time waitStarted_{};
+    int revision_ = 0;
+    int quickReplies_ = 0;
+
+    std::string session_;         ///< "name=value; ..." of the session, for hosts of another name
+    bool storeHasSession_ = false; ///< the shared cookie store sends it by itself
+
+    unsigned long batches_ = 0;
+    unsigned long waits_ = 0;
+    unsigned long failures_ = 0;
+};
+
+} // namespace ZARO::Relay::app

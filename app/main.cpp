@@ -1,0 +1,125 @@
+// zarorelayd: keeps the services of this device reachable from the internet.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include <libdaemon/dpid.h>
+#include <libdaemon/dsignal.h>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/daemon.h>
+
+#include "app/child_watch.h"
+#include "app/config_check.h"
+#include "app/login_guard.h"
+#include "app/options.h"
+#include "app/pid_file.h"
+#include "app/relay_daemon.h"
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+namespace {
+
+using ZARO::Relay::Daemon;
+using ZARO::Relay::RelaydConf;
+namespace app = ZARO::Relay::app;
+namespace paths = ZARO::Relay::paths;
+
+constexpr int kFailure = 1;
+constexpr int kUsage = 2;
+constexpr const char* kName = "zarorelayd";
+
+/// Runs a check while the library's own lines about the same faults are off.
+std::vector<std::string> CheckQuietly(const std::string& path, bool mayBeMissing, bool& unusable) {
+    const int level = Daemon::_logLevel;
+    Daemon::_logLevel = -1;
+    std::vector<std::string> faults = app::CheckConfigFile(path, mayBeMissing, unusable);
+    Daemon::_logLevel = level;
+    return faults;
+}
+
+int Check(const std::string& file) {
+    const std::string path = file.empty() ? paths::ConfigFile() : file;
+    bool unusable = false;
+    const auto faults = CheckQuietly(path, false, unusable);
+    for (const std::string& fault : faults) {
+        std::cerr << kName << ": " << fault << std::endl;
+    }
+    if (faults.empty()) {
+        std::cout << path << ": good" << std::endl;
+    }
+    return faults.empty() ? 0 : kUsage;
+}
+
+/// What a daemon of this kind needs from the kernel, and what it must not leave behind.
+void PrepareProcess() {
+    const rlimit noCore = {0, 0};
+    (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds tokens and passwords
+    (void)prctl(PR_SET_CHILD_SUBREAPER, 1); // ended background ssh processes become our children
+    umask(077);
+    const char* path = getenv("PATH");
+    const std::string others = path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
+    (void)setenv("PATH", (paths::ProgramDir() + ":" + others).c_str(), 1);
+}
+
+int RunDaemon(bool foreground) {
+    const std::string path = paths::ConfigFile();
+    bool unusable = false;
+    const auto faults = CheckQuietly(path, true, unusable);
+    if (unusable) {
+        std::cerr << kName << ": " << faults.front() << std::endl;
+        return kUsage;
+    }
+    Daemon::SetName(kName);
+    app::RemoveStalePidFile();
+    RelaydConf conf(path.c_str());
+    Daemon::SetLogFile(conf.log_file, conf.log_level);
+    if (foreground && !conf.log_file.empty()) {
+        (void)Daemon::OpenLogFile(conf.log_file, STDERR_FILENO, O_CREAT | O_APPEND);
+    }
+    for (const std::string& fault : faults) {
+        RELAY_LOG(4, "%s", fault.c_str());
+    }
+    if (!Daemon::Init(!foreground)) {
+        return kFailure;
+    }
+    PrepareProcess();
+    app::EndLoginsOnStopSignals();
+    app::EndStrays([](const std::string&) { return true; });
+    gblRun = 1;
+    {
+        app::RelayDaemon daemon(conf);
+        daemon.Run();
+    }
+    daemon_signal_done();
+    (void)daemon_pid_file_remove(); // one that cannot be removed is found stale at the next start
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        app::Options options;
+        const int code = app::ReadOptions(argc, argv, options);
+        if (code >= 0) {
+            return code;
+        }
+        if (!options.root.empty() && !paths::SetRoot(options.root)) {
+            std::cerr << kName << ": --root: expected an existing folder" << std::endl;
+            return kUsage;
+        }
+        return options.check ? Check(options.checkFile) : RunDaemon(options.foreground);
+    } catch (const std::exception& fault) {
+        RELAY_LOG(3, "out of resources: %s", fault.what());
+        return kFailure;
+    }
+}

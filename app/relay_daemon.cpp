@@ -1,0 +1,301 @@
+#include "app/relay_daemon.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <set>
+#include <string>
+
+#include <libdaemon/dsignal.h>
+
+#include <zarorelayd/daemon.h>
+
+#include "app/checks.h"
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+/// Changes of the network come in bursts.
+constexpr milliseconds kNetworkSettles{200};
+constexpr seconds kProbeEvery{60};
+/// How often libcurl gets a turn while it has timers that no descriptor tells of.
+constexpr milliseconds kBusyTurn{100};
+constexpr milliseconds kStopPatience{700};
+
+const char* ReachableText(Reachable reachable) {
+    switch (reachable) {
+    case Reachable::Yes:
+        return "reachable";
+    case Reachable::Refuses:
+        return "refused";
+    case Reachable::Unknown:
+        break;
+    }
+    return "unknown";
+}
+
+} // namespace
+
+RelayDaemon::RelayDaemon(const RelaydConf& conf)
+    : conf_(conf), exchange_(conf_, queue_, keeper_, [this] { Reload(); }),
+      alias_(conf_, queue_), since_(time(nullptr)) {
+    conf_.network.ReadConf();
+    (void)conf_.auth.ReadConf(); // logged; the exchange tries again
+}
+
+void RelayDaemon::Run() {
+    WriteStatus();
+    while (gblRun != 0) {
+        Pass();
+    }
+    Stop();
+}
+
+void RelayDaemon::Pass() {
+    ++passes_;
+    const Time now = Clock::now();
+    Tick(now);
+    WriteStatus();
+    queue_.CheckSchedule(); // gives new requests their descriptors
+    Wait(now);
+    queue_.CheckSchedule();
+    queue_.CheckDoneJobs();
+}
+
+void RelayDaemon::Tick(Time now) {
+    if (now >= networkCheck_) {
+        networkCheck_ = Time::max();
+        CheckNetwork(now);
+    }
+    if (!conf_.enable) {
+        return;
+    }
+    exchange_.Tick(now);
+    if (exchange_.IsRegistered()) {
+        alias_.Tick(now);
+    }
+    keeper_.Tick(now);
+    ProbeServices(now);
+}
+
+Time RelayDaemon::NextDue(Time now) const {
+    Time due = networkCheck_;
+    if (conf_.enable) {
+        due = std::min({due, exchange_.NextDue(), keeper_.NextDue()});
+        if (exchange_.IsRegistered()) {
+            due = std::min(due, alias_.NextDue());
+        }
+        for (const auto& [id, probe] : probes_) {
+            due = std::min(due, probe.next);
+        }
+    }
+    if (exchange_.IsBusy(now) || alias_.IsBusy()) {
+        due = std::min(due, now + kBusyTurn);
+    }
+    return std::min(due, now + seconds(std::max(0, queue_.GetTimeOffset())));
+}
+
+void RelayDaemon::Wait(Time now) {
+    fd_set read;
+    fd_set write;
+    fd_set except;
+    FD_ZERO(&read);
+    FD_ZERO(&write);
+    FD_ZERO(&except);
+    int maxfd = -1;
+    queue_.GetFdSet(&read, &write, &except, &maxfd);
+    const int signals = daemon_signal_fd();
+    for (const int fd : {signals, network_.Descriptor()}) {
+        if (fd >= 0) {
+            FD_SET(fd, &read);
+            maxfd = std::max(maxfd, fd);
+        }
+    }
+    keeper_.AddTo(read, maxfd);
+    const auto wait = std::chrono::duration_cast<std::chrono::microseconds>(
+        std::max(Clock::duration::zero(), NextDue(now) - Clock::now()));
+    timeval timeout = {};
+    timeout.tv_sec = wait.count() / 1000000;
+    timeout.tv_usec = wait.count() % 1000000;
+    if (select(maxfd + 1, &read, &write, &except, &timeout) < 0) {
+        FD_ZERO(&read);
+    }
+    if (signals >= 0 && FD_ISSET(signals, &read)) {
+        OnSignals();
+    }
+    if (network_.Descriptor() >= 0 && FD_ISSET(network_.Descriptor(), &read) && network_.Drain()) {
+        OnNetworkEvent(Clock::now());
+    }
+}
+
+void RelayDaemon::OnSignals() {
+    for (int signal = daemon_signal_next(); signal > 0; signal = daemon_signal_next()) {
+        switch (signal) {
+        case SIGTERM:
+        case SIGINT:
+        case SIGQUIT:
+            RELAY_LOG(6, "stopping on signal %d", signal);
+            gblRun = 0;
+            return;
+        case SIGHUP:
+            Reload();
+            break;
+        case SIGUSR1:
+            WriteDump(Dump());
+            break;
+        default: // SIGPIPE: the write that failed tells enough
+            break;
+        }
+    }
+}
+
+// --- configuration
+
+void RelayDaemon::Reload() {
+    const bool wasEnabled = conf_.enable;
+    if (!conf_.Reload()) {
+        return; // logged; what was in force stays
+    }
+    Daemon::SetLogFile(conf_.log_file, conf_.log_level);
+    RELAY_LOG(6, "configuration reloaded");
+    const Time now = Clock::now();
+    if (wasEnabled && !conf_.enable) {
+        RELAY_LOG(5, "the relay service is switched off");
+        exchange_.Stop();
+        alias_.Stop();
+        keeper_.CloseAll();
+    }
+    exchange_.ConfigurationChanged(now);
+    keeper_.RetryNow(now);
+    for (auto& [id, probe] : probes_) {
+        probe.next = now;
+    }
+}
+
+// --- network
+
+void RelayDaemon::OnNetworkEvent(Time now) {
+    if (networkCheck_ == Time::max()) {
+        networkCheck_ = now + kNetworkSettles;
+    }
+}
+
+void RelayDaemon::CheckNetwork(Time now) {
+    NetworkConf current(true);
+    current.mode = conf_.network.mode;
+    if (current == conf_.network) {
+        return;
+    }
+    RELAY_LOG(5, "the network changed");
+    conf_.network = current;
+    if (conf_.enable) {
+        exchange_.NetworkChanged(now);
+        keeper_.DropLostAddresses(current, now);
+        alias_.RetryNow(now);
+    }
+}
+
+// --- local services
+
+void RelayDaemon::ProbeServices(Time now) {
+    std::set<std::string> ids;
+    for (const ServiceConf& service : conf_.services) {
+        ids.insert(service.id);
+        Probe& probe = probes_[service.id];
+        if (probe.port != service.port || now >= probe.next) {
+            probe.port = service.port;
+            probe.next = now + kProbeEvery;
+            const Reachable before = probe.reachable;
+            probe.reachable = ProbeLocalPort(service.port);
+            if (probe.reachable == Reachable::Refuses && before != probe.reachable) {
+                RELAY_LOG(4, "service %s does not answer on port %d",
+                          Printable(service.id).c_str(), service.port);
+            }
+        }
+    }
+    for (auto probe = probes_.begin(); probe != probes_.end();) {
+        probe = ids.count(probe->first) != 0 ? std::next(probe) : probes_.erase(probe);
+    }
+}
+
+// --- stop
+
+void RelayDaemon::Stop() {
+    stopping_ = true;
+    WriteStatus();
+    exchange_.Stop();
+    alias_.Stop();
+    queue_.RemoveAll();
+    for (Tunnel& tunnel : keeper_.Tunnels()) {
+        tunnel.Destroy();
+    }
+    keeper_.Stop(kStopPatience);
+    // A log-in that the stop cut off may have left its client or its password file.
+    const std::string own = std::to_string(getpid()) + ".";
+    EndStrays([&](const std::string& file) { return file.compare(0, own.size(), own) == 0; });
+}
+
+// --- status
+
+RELAYD_STATE RelayDaemon::State() const {
+    if (stopping_) {
+        return RELAYD_STATE_LOGOUT;
+    }
+    return conf_.enable ? exchange_.State() : RELAYD_STATE_STOPED;
+}
+
+Json::Value RelayDaemon::ServiceStatus() const {
+    Json::Value list(Json::arrayValue);
+    for (const ServiceConf& service : conf_.services) {
+        Json::Value& entry = list.append(Json::Value());
+        entry["id"] = service.id;
+        entry["name"] = service.name;
+        entry["port"] = service.port;
+        entry["up"] = keeper_.IsUp(service.id);
+        entry["tunnel"] = keeper_.Describe(service.id);
+        const auto probe = probes_.find(service.id);
+        entry["local"] =
+            ReachableText(probe != probes_.end() ? probe->second.reachable : Reachable::Unknown);
+    }
+    return list;
+}
+
+void RelayDaemon::WriteStatus() {
+    const RELAYD_STATE state = State();
+    if (state != shownState_) {
+        shownState_ = state;
+        since_ = time(nullptr);
+        RELAY_LOG(6, "state: %s", GetStateStr(state).c_str());
+    }
+    Json::Value status;
+    status["pid"] = getpid();
+    status["state"] = state;
+    status["error"] = state == RELAYD_STATE_ERROR ? exchange_.Error() : RELAYD_RET_SUCCESS;
+    status["serverID"] = conf_.serverID;
+    status["service"] = ServiceStatus();
+    status["alias"] = alias_.Describe();
+    status["since"] = static_cast<Json::Int64>(since_);
+    status["version"] = ZARO_VERSION;
+    status_.Write(status);
+}
+
+Json::Value RelayDaemon::Dump() const {
+    Json::Value dump;
+    conf_.Write(dump["config"], true);
+    conf_.auth.Write(dump["config"]["auth"], false);
+    queue_.Write(dump["queue"]);
+    dump["tunnels"] = keeper_.Dump();
+    dump["exchange"] = exchange_.Dump();
+    dump["alias"] = alias_.Describe();
+    dump["passes"] = static_cast<Json::UInt64>(passes_);
+    dump["state"] = State();
+    MaskSecrets(dump);
+    return dump;
+}
+
+} // namespace ZARO::Relay::app

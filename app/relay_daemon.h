@@ -1,0 +1,71 @@
+/// The daemon: one thread, one select loop.
+#pragma once
+
+#include <json/value.h>
+#include <sys/select.h>
+
+#include <ctime>
+#include <map>
+#include <string>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/jobqueue.h>
+
+#include "app/alias_keeper.h"
+#include "app/connections.h"
+#include "app/exchange.h"
+#include "app/net_watch.h"
+#include "app/status_file.h"
+#include "app/tunnel_keeper.h"
+
+namespace ZARO::Relay::app {
+
+/// Owns everything that the running daemon has. Built after the fork; signals come through
+/// libdaemon's pipe.
+class RelayDaemon {
+public:
+    explicit RelayDaemon(const RelaydConf& conf);
+
+    /// Runs until a stop signal; the orderly stop is done when it returns.
+    void Run();
+
+private:
+    /// What the last look at a local service found.
+    struct Probe {
+        int port = 0;
+        Time next{};
+        Reachable reachable = Reachable::Unknown;
+    };
+
+    void Pass();
+    void Tick(Time now);
+    void Wait(Time now);
+    void OnSignals();
+    void OnNetworkEvent(Time now);
+    void CheckNetwork(Time now);
+    void Reload();
+    void ProbeServices(Time now);
+    void Stop();
+    Time NextDue(Time now) const;
+
+    RELAYD_STATE State() const;
+    void WriteStatus();
+    Json::Value ServiceStatus() const;
+    Json::Value Dump() const;
+
+    RelaydConf conf_;
+    JobQueue queue_;
+    TunnelKeeper keeper_;
+    Exchange exchange_;
+    AliasKeeper alias_;
+    NetWatch network_;
+    StatusFile status_;
+    std::map<std::string, Probe> probes_;
+    Time networkCheck_ = Time::max(); ///< when a change of the network is looked at
+    bool stopping_ = false;
+    RELAYD_STATE shownState_ = RELAYD_STATE_STARTING;
+    std::time_t since_;
+    unsigned long passes_ = 0;
+};
+
+} // namespace ZARO::Relay::app

@@ -1,0 +1,93 @@
+#include "app/status_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "app/json_io.h"
+#include "daemon/log.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+bool WriteWhole(int fd, const std::string& text) {
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t count = write(fd, text.data() + written, text.size() - written);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return false;
+        }
+        written += static_cast<std::size_t>(count);
+    }
+    return true;
+}
+
+/// Replaces a file that everybody may read, in a folder that everybody may write to.
+bool Replace(const std::string& path, const std::string& text) {
+    const std::string temporary = path + ".tmp." + std::to_string(getpid());
+    (void)unlink(temporary.c_str()); // planted, or left by a predecessor with our process id
+    const int fd =
+        open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return false;
+    }
+    const bool good = WriteWhole(fd, text) && fchmod(fd, 0644) == 0;
+    if (close(fd) == 0 && good && rename(temporary.c_str(), path.c_str()) == 0) {
+        return true;
+    }
+    const int error = errno;
+    unlink(temporary.c_str());
+    errno = error;
+    return false;
+}
+
+} // namespace
+
+StatusFile::StatusFile() : path_(paths::StatusFile()), owner_(getpid()) {}
+
+StatusFile::~StatusFile() {
+    if (getpid() == owner_) {
+        (void)unlink(path_.c_str());
+    }
+}
+
+void StatusFile::Write(const Json::Value& status) {
+    const std::string text = StyledJson(status);
+    if (text == written_) {
+        return;
+    }
+    const bool good = Replace(path_, text);
+    if (good) {
+        written_ = text;
+    } else if (!failing_) {
+        RELAY_LOG(3, "status file [%s] can't be written, %s", path_.c_str(), strerror(errno));
+    }
+    failing_ = !good;
+}
+
+void WriteDump(const Json::Value& dump) {
+    const std::string path = paths::DebugFile(getpid());
+    const int fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        RELAY_LOG(4, "nobody waits for a dump in [%s]", path.c_str());
+        return;
+    }
+    struct stat info;
+    const bool askers = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink <= 1 &&
+                        (info.st_uid == 0 || info.st_uid == geteuid());
+    if (!askers || ftruncate(fd, 0) != 0 || !WriteWhole(fd, CompactJson(dump) + "\n")) {
+        RELAY_LOG(4, "dump not written to [%s]", path.c_str());
+    }
+    close(fd);
+}
+
+} // namespace ZARO::Relay::app

@@ -1,0 +1,264 @@
+#include "app/tunnel_keeper.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include "app/checks.h"
+#include "app/connections.h"
+#include "app/login_guard.h"
+#include "daemon/log.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+/// A tunnel that stood this long was no flapping one: it is rebuilt without a wait.
+constexpr seconds kSteady{5};
+
+} // namespace
+
+pid_t PidOf(const Tunnel& tunnel) {
+    Json::Value all;
+    tunnel.Write(all, true);
+    return all["pid"].asInt();
+}
+
+std::map<std::string, Json::Value>
+TunnelKeeper::TakeAssigned(const Json::Value& assigned, const std::list<ServiceConf>& services) {
+    std::map<std::string, Json::Value> wanted;
+    std::map<std::string, std::string> refused;
+    for (Json::ArrayIndex i = 0; i < assigned.size(); ++i) {
+        Json::Value tunnel;
+        std::string why;
+        if (CheckTunnel(assigned[i], services, tunnel, why)) {
+            const std::string id = tunnel["id"].asString();
+            if (wanted.emplace(id, tunnel).second) {
+                const Json::Value& answers = assigned[i]["relay_up"];
+                upkeep_[id].relayAnswers = !answers.isBool() || answers.asBool();
+            }
+            continue;
+        }
+        const std::string index = std::to_string(i);
+        refused[index] = why;
+        if (refused_[index] != why) {
+            RELAY_LOG(3, "refused a tunnel from the server: %s", why.c_str());
+        }
+    }
+    refused_.swap(refused);
+    return wanted;
+}
+
+bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services,
+                             Time now) {
+    if (!assigned.isArray()) {
+        return false;
+    }
+    ++revision_;
+    std::map<std::string, Json::Value> wanted = TakeAssigned(assigned, services);
+    for (auto tunnel = tunnels_.begin(); tunnel != tunnels_.end();) {
+        const std::string id = tunnel->GetServiceId();
+        const auto found = wanted.find(id);
+        if (found != wanted.end() && Tunnel(found->second) == *tunnel) {
+            wanted.erase(found);
+            ++tunnel;
+            continue;
+        }
+        RELAY_LOG(6, "closing the tunnel of %s: %s", id.c_str(),
+                  found == wanted.end() ? "withdrawn" : "changed");
+        tunnel->Destroy();
+        tunnel = tunnels_.erase(tunnel);
+    }
+    for (const auto& [id, tunnel] : wanted) {
+        tunnels_.emplace_back(tunnel);
+        upkeep_[id].nextStart = now;
+        upkeep_[id].backoff.Reset();
+    }
+    EndDropped(now);
+    return true;
+}
+
+void TunnelKeeper::Tick(Time now) {
+    if (children_.Reap()) {
+        ++revision_;
+    }
+    NoticeEnded(now);
+    EndDropped(now);
+    Tunnel* next = nullptr;
+    Time earliest = Time::max();
+    for (Tunnel& tunnel : tunnels_) {
+        const Time due = upkeep_[tunnel.GetServiceId()].nextStart;
+        if (tunnel.GetStatus() != TUNNEL_STATUS_READY && due <= now && due < earliest) {
+            earliest = due;
+            next = &tunnel;
+        }
+    }
+    if (next != nullptr) {
+        Start(*next, now);
+    }
+}
+
+/// A process that has ended takes its tunnel with it.
+void TunnelKeeper::NoticeEnded(Time now) {
+    for (Tunnel& tunnel : tunnels_) {
+        if (!tunnel.CheckStatusChanged()) {
+            continue;
+        }
+        const std::string& id = tunnel.GetServiceId();
+        Upkeep& upkeep = upkeep_[id];
+        const bool steady = now - upkeep.readySince >= kSteady;
+        const milliseconds wait = upkeep.backoff.Failed(now);
+        upkeep.nextStart = steady ? now : now + wait;
+        upkeep.since = time(nullptr);
+        ++revision_;
+        RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
+    }
+}
+
+/// What is not assigned any more loses its process and its history.
+void TunnelKeeper::EndDropped(Time now) {
+    std::set<pid_t> owned;
+    std::set<std::string> ids;
+    for (const Tunnel& tunnel : tunnels_) {
+        owned.insert(PidOf(tunnel));
+        ids.insert(tunnel.GetServiceId());
+    }
+    children_.EndUnowned(owned, now);
+    for (auto upkeep = upkeep_.begin(); upkeep != upkeep_.end();) {
+        upkeep = ids.count(upkeep->first) != 0 ? std::next(upkeep) : upkeep_.erase(upkeep);
+    }
+}
+
+void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
+    const std::string id = tunnel.GetServiceId();
+    Upkeep& upkeep = upkeep_[id];
+    const pid_t daemon = getpid();
+    bool good = false;
+    {
+        const LoginGuard guard;
+        good = tunnel.Create();
+        if (getpid() != daemon) {
+            _exit(127); // the child whose SSH client could not be executed
+        }
+    }
+    ++revision_;
+    upkeep.since = time(nullptr);
+    if (!good || !children_.Add(PidOf(tunnel))) {
+        // The process that could not be found may run all the same; it must not hold the port.
+        const std::string ending = std::to_string(daemon) + "." + id;
+        EndStrays([&](const std::string& file) { return file == ending; });
+        (void)tunnel.CheckStatusChanged();
+        Failed(upkeep, id, now);
+        return;
+    }
+    upkeep.readySince = Clock::now();
+    upkeep.backoff.Succeeded(upkeep.readySince);
+    ++upkeep.starts;
+    RELAY_LOG(upkeep.failing ? 4 : 6, "tunnel of %s is up", id.c_str());
+    upkeep.failing = false;
+}
+
+void TunnelKeeper::Failed(Upkeep& upkeep, const std::string& id, Time now) {
+    const milliseconds wait = upkeep.backoff.Failed(now);
+    upkeep.nextStart = Clock::now() + wait;
+    if (!upkeep.failing) {
+        RELAY_LOG(4, "tunnel of %s could not be built, trying on", id.c_str());
+    }
+    upkeep.failing = true;
+}
+
+Time TunnelKeeper::NextDue() const {
+    Time due = children_.NextDue();
+    for (const Tunnel& tunnel : tunnels_) {
+        const auto upkeep = upkeep_.find(tunnel.GetServiceId());
+        if (tunnel.GetStatus() != TUNNEL_STATUS_READY && upkeep != upkeep_.end()) {
+            due = std::min(due, upkeep->second.nextStart);
+        }
+    }
+    return due;
+}
+
+void TunnelKeeper::RetryNow(Time now) {
+    for (auto& [id, upkeep] : upkeep_) {
+        upkeep.backoff.Reset();
+        upkeep.nextStart = std::min(upkeep.nextStart, now);
+    }
+}
+
+void TunnelKeeper::DropLostAddresses(const NetworkConf& network, Time now) {
+    std::set<std::string> addresses;
+    for (const InterfaceConf& entry : network.interfaces) {
+        addresses.insert(entry.ip);
+    }
+    for (Tunnel& tunnel : tunnels_) {
+        const pid_t pid = PidOf(tunnel);
+        if (pid > 0 && HasLostAddress(pid, addresses)) {
+            RELAY_LOG(5, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
+            tunnel.Destroy();
+        }
+    }
+    RetryNow(now);
+}
+
+void TunnelKeeper::CloseAll() {
+    for (Tunnel& tunnel : tunnels_) {
+        tunnel.Destroy();
+    }
+    tunnels_.clear();
+    ++revision_;
+    EndDropped(Clock::now());
+}
+
+void TunnelKeeper::Stop(milliseconds patience) {
+    tunnels_.clear();
+    children_.EndAll(patience);
+}
+
+const Tunnel* TunnelKeeper::Find(const std::string& id) const {
+    const auto tunnel = std::find_if(tunnels_.begin(), tunnels_.end(), [&](const Tunnel& entry) {
+        return entry.GetServiceId() == id;
+    });
+    return tunnel != tunnels_.end() ? &*tunnel : nullptr;
+}
+
+Json::Value TunnelKeeper::Describe(const std::string& id) const {
+    const Tunnel* tunnel = Find(id);
+    const auto upkeep = upkeep_.find(id);
+    if (tunnel == nullptr || upkeep == upkeep_.end()) {
+        return Json::Value();
+    }
+    Json::Value short_form;
+    tunnel->Write(short_form, false);
+    Json::Value description;
+    description["status"] = Tunnel::GetStatusStr(tunnel->GetStatus());
+    description["relay_ip"] = short_form["relay_ip"];
+    description["relay_port"] = short_form["relay_port"];
+    description["since"] = static_cast<Json::Int64>(upkeep->second.since);
+    description["restarts"] = std::max(0, upkeep->second.starts - 1);
+    return description;
+}
+
+bool TunnelKeeper::IsUp(const std::string& id) const {
+    const Tunnel* tunnel = Find(id);
+    const auto upkeep = upkeep_.find(id);
+    return tunnel != nullptr && tunnel->GetStatus() == TUNNEL_STATUS_READY &&
+           upkeep != upkeep_.end() && upkeep->second.relayAnswers;
+}
+
+Json::Value TunnelKeeper::Dump() const {
+    Json::Value list(Json::arrayValue);
+    for (const Tunnel& tunnel : tunnels_) {
+        Json::Value& entry = list.append(Json::Value());
+        tunnel.Write(entry, true);
+        const auto upkeep = upkeep_.find(tunnel.GetServiceId());
+        if (upkeep != upkeep_.end()) {
+            entry["starts"] = upkeep->second.starts;
+            entry["relay_up"] = upkeep->second.relayAnswers;
+            entry["since"] = static_cast<Json::Int64>(upkeep->second.since);
+        }
+    }
+    return list;
+}
+
+} // namespace ZARO::Relay::app

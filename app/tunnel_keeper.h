@@ -1,0 +1,93 @@
+/// Keeps one tunnel per service that the server assigned.
+#pragma once
+
+#include <json/value.h>
+
+#include <ctime>
+#include <list>
+#include <map>
+#include <string>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/tunnel.h>
+
+#include "app/backoff.h"
+#include "app/child_watch.h"
+
+namespace ZARO::Relay::app {
+
+/// Owns the tunnels and their ssh processes. For the daemon's one loop; only Tick blocks, for one
+/// log-in at most.
+class TunnelKeeper {
+public:
+    /// The list that Register edits too: a tunnel that it drops is ended here.
+    std::list<Tunnel>& Tunnels() { return tunnels_; }
+
+    /// Takes the whole list that the server assigns: closes tunnels that are not in it or differ,
+    /// keeps equal ones, starts missing ones at the next Ticks. What fails the checks is refused
+    /// and logged. False when it is no list.
+    bool Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services, Time now);
+
+    /// Notices ended processes, ends dropped ones, and starts at most one tunnel.
+    void Tick(Time now);
+
+    /// When Tick is to be called next, at the latest.
+    Time NextDue() const;
+
+    /// The path to the servers is back: waiting tunnels are tried at once.
+    void RetryNow(Time now);
+
+    /// Rebuilds the tunnels whose connection has a local address that the device lost.
+    void DropLostAddresses(const NetworkConf& network, Time now);
+
+    /// Closes all tunnels and forgets what was assigned; for a service that is switched off.
+    void CloseAll();
+
+    /// Ends every ssh process, within `patience` and the time to kill.
+    void Stop(milliseconds patience);
+
+    void AddTo(fd_set& read, int& maxfd) const { children_.AddTo(read, maxfd); }
+
+    /// Status of a service's tunnel for the status file; null when it has none.
+    Json::Value Describe(const std::string& id) const;
+    /// Whether the service can be reached at the relay, as far as is known.
+    bool IsUp(const std::string& id) const;
+
+    /// Everything, passwords included, for the dump.
+    Json::Value Dump() const;
+
+    /// A number that changes whenever Describe or IsUp may have.
+    unsigned long Revision() const { return revision_; }
+
+private:
+    /// What is known of one assigned service beside its tunnel.
+    struct Upkeep {
+        Backoff backoff{milliseconds(200), seconds(60)};
+        Time nextStart{};
+        Time readySince{};
+        std::time_t since = 0;
+        int starts = 0;
+        bool failing = false;
+        bool relayAnswers = true; ///< what the server said last about the relay's own port
+    };
+
+    std::map<std::string, Json::Value> TakeAssigned(const Json::Value& assigned,
+                                                    const std::list<ServiceConf>& services);
+    void NoticeEnded(Time now);
+    void EndDropped(Time now);
+    void Start(Tunnel& tunnel, Time now);
+    void Failed(Upkeep& upkeep, const std::string& id, Time now);
+    const Tunnel* Find(const std::string& id) const;
+
+    std::list<Tunnel> tunnels_;
+    std::map<std::string, Upkeep> upkeep_;
+    ChildWatch children_;
+    std::map<std::string, std::string> refused_; ///< by index or id, so that each is logged once
+    unsigned long revision_ = 0;
+};
+
+/// The ssh process of a tunnel, -1 when none is known.
+pid_t PidOf(const Tunnel& tunnel);
+
+
+} // namespace ZARO::Relay::app
