@@ -24,6 +24,7 @@ namespace ZARO::Relay::app {
 namespace {
 
 constexpr milliseconds kGrace{1000};
+constexpr const char* kPasswordFiles = "/tmp/.tunnel."; // the common beginning of their names
 
 int OpenPidfd(pid_t pid) {
     return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
@@ -164,8 +165,12 @@ void ChildWatch::EndAll(milliseconds patience) {
     Reap();
 }
 
+bool ServesPasswordFile(pid_t pid, const std::string& ending) {
+    return FileEnding(CommandLine(std::to_string(pid)), paths::Below(kPasswordFiles)) == ending;
+}
+
 void EndStrays(const std::function<bool(const std::string&)>& isStray) {
-    const std::string prefix = paths::Below("/tmp/.tunnel.");
+    const std::string prefix = paths::Below(kPasswordFiles);
     const std::string folder = paths::Below("/tmp");
     ChildWatch strays;
     ForEachEntry("/proc", [&](const std::string& pid) {

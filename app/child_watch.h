@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <string>
 
 #include "app/backoff.h"
 
@@ -48,6 +49,9 @@ private:
 
     std::map<pid_t, Child> children_;
 };
+
+/// Whether a process is the ssh whose password file's name ends in exactly `ending`, "PID.SERVICE".
+bool ServesPasswordFile(pid_t pid, const std::string& ending);
 
 /// Ends the ssh processes of this root whose command line names a password file that `isStray`
 /// picks by its name's ending "PID.SERVICE", waiting at most 1 s, and removes such files. Only

@@ -17,6 +17,13 @@ namespace {
 /// A tunnel that stood this long was no flapping one: it is rebuilt without a wait.
 constexpr seconds kSteady{5};
 
+/// Makes a tunnel one that was never started; the process it knew is not its own.
+void ForgetProcess(Tunnel& tunnel) {
+    Json::Value settings;
+    tunnel.Write(settings, true);
+    tunnel = Tunnel(settings);
+}
+
 } // namespace
 
 pid_t PidOf(const Tunnel& tunnel) {
@@ -144,11 +151,14 @@ void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
     }
     ++revision_;
     upkeep.since = time(nullptr);
-    if (!good || !children_.Add(PidOf(tunnel))) {
+    // The search for the process also finds that of a service whose id only begins with this one's.
+    const std::string ending = std::to_string(daemon) + "." + id;
+    if (!good || !ServesPasswordFile(PidOf(tunnel), ending) || !children_.Add(PidOf(tunnel))) {
         // The process that could not be found may run all the same; it must not hold the port.
-        const std::string ending = std::to_string(daemon) + "." + id;
         EndStrays([&](const std::string& file) { return file == ending; });
-        (void)tunnel.CheckStatusChanged();
+        if (good) {
+            ForgetProcess(tunnel);
+        }
         Failed(upkeep, id, now);
         return;
     }

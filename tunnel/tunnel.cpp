@@ -281,6 +281,10 @@ bool Tunnel::FindBackgroundPid(const std::string& passFile) {
             pid_ = -1;
         }
     }
+    // Ids that begin alike match too; the rest is read off, so that grep does not end on a closed
+    // pipe and count as failed.
+    while (getline(&line, &size, output) >= 0) {
+    }
     if (pclose(output) != 0) {
         RELAY_LOG(3, "pclose failed");
     }
