@@ -9,6 +9,7 @@
 #include <iterator>
 
 #include <zarorelayd/config.h>
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
 #include "app/checks.h"
@@ -110,6 +111,18 @@ private:
     std::vector<std::string> lines_;
 };
 
+/// Keeps the library's own lines about the same faults off.
+class Quiet {
+public:
+    Quiet() : level_(Daemon::_logLevel) { Daemon::_logLevel = -1; }
+    Quiet(const Quiet&) = delete;
+    Quiet& operator=(const Quiet&) = delete;
+    ~Quiet() { Daemon::_logLevel = level_; }
+
+private:
+    int level_;
+};
+
 void CheckServer(Report& report, const Json::Value& config, const char* key) {
     const Json::Value* server = FindMember(config, key);
     if (server == nullptr) {
@@ -145,6 +158,7 @@ void CheckServices(Report& report, const Json::Value& config) {
 
 std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
                                          bool& unusable) {
+    const Quiet quiet;
     Report report(path);
     unusable = false;
     struct stat info;

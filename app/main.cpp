@@ -1,5 +1,4 @@
 // zarorelayd: keeps the services of this device reachable from the internet.
-#include <fcntl.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -19,6 +18,7 @@
 
 #include "app/child_watch.h"
 #include "app/config_check.h"
+#include "app/log_target.h"
 #include "app/login_guard.h"
 #include "app/options.h"
 #include "app/pid_file.h"
@@ -37,19 +37,10 @@ constexpr int kFailure = 1;
 constexpr int kUsage = 2;
 constexpr const char* kName = "zarorelayd";
 
-/// Runs a check while the library's own lines about the same faults are off.
-std::vector<std::string> CheckQuietly(const std::string& path, bool mayBeMissing, bool& unusable) {
-    const int level = Daemon::_logLevel;
-    Daemon::_logLevel = -1;
-    std::vector<std::string> faults = app::CheckConfigFile(path, mayBeMissing, unusable);
-    Daemon::_logLevel = level;
-    return faults;
-}
-
 int Check(const std::string& file) {
     const std::string path = file.empty() ? paths::ConfigFile() : file;
     bool unusable = false;
-    const auto faults = CheckQuietly(path, false, unusable);
+    const auto faults = app::CheckConfigFile(path, false, unusable);
     for (const std::string& fault : faults) {
         std::cerr << kName << ": " << fault << std::endl;
     }
@@ -73,7 +64,7 @@ void PrepareProcess() {
 int RunDaemon(bool foreground) {
     const std::string path = paths::ConfigFile();
     bool unusable = false;
-    const auto faults = CheckQuietly(path, true, unusable);
+    const auto faults = app::CheckConfigFile(path, true, unusable);
     if (unusable) {
         std::cerr << kName << ": " << faults.front() << std::endl;
         return kUsage;
@@ -81,9 +72,10 @@ int RunDaemon(bool foreground) {
     Daemon::SetName(kName);
     app::RemoveStalePidFile();
     RelaydConf conf(path.c_str());
-    Daemon::SetLogFile(conf.log_file, conf.log_level);
-    if (foreground && !conf.log_file.empty()) {
-        (void)Daemon::OpenLogFile(conf.log_file, STDERR_FILENO, O_CREAT | O_APPEND);
+    if (foreground) {
+        app::ApplyLogSettings(conf);
+    } else {
+        Daemon::SetLogFile(conf.log_file, conf.log_level); // the fork opens the file
     }
     for (const std::string& fault : faults) {
         RELAY_LOG(4, "%s", fault.c_str());

@@ -22,7 +22,7 @@ int ReadOptions(int argc, char** argv, Options& options) {
     app.add_option("--root", options.root,
                    "Take every file of the device from below this folder (an appliance: /)")
         ->type_name("DIR")
-        ->check(CLI::ExistingDirectory);
+        ->check(CLI::Validator(CLI::ExistingDirectory).description(""));
     app.add_flag("--foreground", options.foreground, "Do not go into the background");
     const CLI::Option* check =
         app.add_option("--check", options.checkFile,

@@ -12,9 +12,6 @@
 
 namespace ZARO::Relay::app {
 
-namespace {
-
-/// The base name of a process's program; empty when it can't be told.
 std::string ProgramOf(const std::string& process) {
     char target[PATH_MAX];
     const ssize_t length =
@@ -30,8 +27,6 @@ std::string ProgramOf(const std::string& process) {
     }
     return path.substr(path.rfind('/') + 1);
 }
-
-} // namespace
 
 void RemoveStalePidFile() {
     std::ifstream file(Daemon::GetPidFile());

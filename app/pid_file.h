@@ -1,7 +1,13 @@
 /// The PID file a killed or powered-off predecessor left.
 #pragma once
 
+#include <string>
+
 namespace ZARO::Relay::app {
+
+/// The base name of the program that a process (a number, or "self") runs, also when the program
+/// was replaced since; empty when it can't be told.
+std::string ProgramOf(const std::string& process);
 
 /// Removes a PID file that is empty or names a process which is no instance of this program: after
 /// a power cut the daemon must start again by itself.

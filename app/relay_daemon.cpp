@@ -13,6 +13,8 @@
 #include <zarorelayd/daemon.h>
 
 #include "app/checks.h"
+#include "app/config_check.h"
+#include "app/log_target.h"
 #include "daemon/log.h"
 #include "platform/paths.h"
 
@@ -157,11 +159,18 @@ void RelayDaemon::OnSignals() {
 // --- configuration
 
 void RelayDaemon::Reload() {
-    const bool wasEnabled = conf_.enable;
-    if (!conf_.Reload()) {
-        return; // logged; what was in force stays
+    // The library would move a broken file aside and go on with the defaults, without services; a
+    // slip of the pen must not end every tunnel.
+    bool unusable = false;
+    const auto faults = CheckConfigFile(paths::ConfigFile(), true, unusable);
+    for (const std::string& fault : faults) {
+        RELAY_LOG(unusable ? 3 : 4, "%s", fault.c_str());
     }
-    Daemon::SetLogFile(conf_.log_file, conf_.log_level);
+    const bool wasEnabled = conf_.enable;
+    if (unusable || !conf_.Reload()) {
+        return; // what was in force stays
+    }
+    ApplyLogSettings(conf_);
     RELAY_LOG(6, "configuration reloaded");
     const Time now = Clock::now();
     if (wasEnabled && !conf_.enable) {

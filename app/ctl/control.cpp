@@ -1,0 +1,168 @@
+#include "app/ctl/control.h"
+
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/daemon.h>
+#include <zarorelayd/result.h>
+
+#include "app/backoff.h"
+#include "app/ctl/text.h"
+#include "app/json_io.h"
+#include "app/pid_file.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay::ctl {
+
+namespace {
+
+using app::Clock;
+using app::milliseconds;
+using app::StyledJson;
+
+constexpr int kNoAnswer = 2;
+constexpr const char* kDaemon = "zarorelayd";
+
+/// The daemon does other things now and then; a dump is asked for again that long.
+constexpr milliseconds kDumpPatience{2000};
+constexpr int kDumpPause = 20; // milliseconds
+
+/// The daemon that was installed together with this program, else the device's own.
+std::string DaemonProgram() {
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
+    if (length > 0 && length < static_cast<ssize_t>(sizeof self)) {
+        const std::string own(self, static_cast<std::size_t>(length));
+        const std::string beside = own.substr(0, own.rfind('/') + 1) + kDaemon;
+        if (access(beside.c_str(), X_OK) == 0) {
+            return beside;
+        }
+    }
+    return paths::ProgramDir() + "/" + kDaemon;
+}
+
+} // namespace
+
+Presence FindDaemon() {
+    long pid = 0;
+    std::ifstream file(Daemon::GetPidFile());
+    if (!(file >> pid) || pid <= 0 || pid > INT_MAX) {
+        return Presence::None;
+    }
+    const bool permitted = kill(static_cast<pid_t>(pid), 0) == 0;
+    if (!permitted && errno != EPERM) {
+        return Presence::None;
+    }
+    const std::string program = app::ProgramOf(std::to_string(pid));
+    if (!program.empty() && program != kDaemon) {
+        return Presence::Foreign;
+    }
+    return permitted ? Presence::Running : Presence::NotPermitted;
+}
+
+int TellAbsent(Presence presence, int code) {
+    if (presence == Presence::NotPermitted) {
+        return Fail(kNoAnswer, "the daemon belongs to another user", "run this as root");
+    }
+    return Fail(code, "the daemon is not running", "start it with: zarorelayctl start");
+}
+
+int Start() {
+    // The daemon takes this process's place, so that its exit code is the program's.
+    const std::string program = DaemonProgram();
+    std::string name = kDaemon;
+    std::string option = "--root";
+    std::string root = paths::Root();
+    char* arguments[] = {name.data(), root.empty() ? nullptr : option.data(), root.data(), nullptr};
+    std::cout << std::flush;
+    execv(program.c_str(), arguments);
+    return Fail(kNoAnswer, program + " can't be started: " + strerror(errno),
+                "install zarorelayd there");
+}
+
+int Stop() {
+    const Presence presence = FindDaemon();
+    if (presence != Presence::Running) {
+        return TellAbsent(presence, kNoAnswer);
+    }
+    if (Daemon::Kill() != 0) {
+        return Fail(kNoAnswer, "the daemon did not end within 10 s",
+                    "look at its log, or end the process in " + std::string(Daemon::GetPidFile()));
+    }
+    return 0;
+}
+
+int Restart() {
+    const Presence presence = FindDaemon();
+    if (presence == Presence::Running || presence == Presence::NotPermitted) {
+        const int code = Stop();
+        if (code != 0) {
+            return code;
+        }
+    }
+    return Start();
+}
+
+int Reload() {
+    const Presence presence = FindDaemon();
+    return presence == Presence::Running ? Daemon::Hup() : TellAbsent(presence, kNoAnswer);
+}
+
+int Debug() {
+    const Presence presence = FindDaemon();
+    if (presence != Presence::Running) {
+        return TellAbsent(presence, RELAYD_STATE_NOT_RUNNING);
+    }
+    const auto deadline = Clock::now() + kDumpPatience;
+    Json::Value dump;
+    int code = Daemon::DebugStatus(dump);
+    while (code == RELAYD_RET_LOCK && Clock::now() < deadline) {
+        (void)poll(nullptr, 0, kDumpPause);
+        code = Daemon::DebugStatus(dump);
+    }
+    switch (code) {
+    case 0:
+        std::cout << StyledJson(dump);
+        return 0;
+    case RELAYD_STATE_NOT_RUNNING:
+        return TellAbsent(Presence::None, code);
+    case RELAYD_RET_LOCK:
+        return Fail(code, "the daemon is busy, or somebody else asks", "try again in a moment");
+    default:
+        return Fail(code, "the dump file was taken away", "see who else writes to " +
+                                                              paths::Root() + "/tmp");
+    }
+}
+
+int Switch(bool on) {
+    if (!RelaydConf(nullptr).SetEnableConf(on)) {
+        return Fail(kNoAnswer, paths::InfoFile() + " can't be changed",
+                    geteuid() == 0 ? "see whether it is there and can be written"
+                                   : "run this as root");
+    }
+    return Apply(on ? "switched on" : "switched off");
+}
+
+int Apply(const std::string& done) {
+    const Presence presence = FindDaemon();
+    if (presence == Presence::NotPermitted) {
+        return Fail(kNoAnswer, done + ", but the daemon belongs to another user",
+                    "run as root: zarorelayctl reload");
+    }
+    if (presence == Presence::Running) {
+        std::cout << done << std::endl;
+        return Daemon::Hup();
+    }
+    std::cout << done << "; this holds when the daemon starts" << std::endl;
+    return 0;
+}
+
+} // namespace ZARO::Relay::ctl
