@@ -1,0 +1,100 @@
+/// What every topic of this platform shares: the thread's last error, descriptors, whole files and
+/// the caller's text buffers. Functions here return 0 or an error number of <errno.h>; the C
+/// functions turn that into their own result with Fail().
+#pragma once
+
+#include <errno.h>
+#include <stddef.h>
+#include <unistd.h>
+
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+// Everything is built with hidden symbols; only the contract's functions leave the library.
+#pragma GCC visibility push(default)
+#include "zaro/platform.h"
+#pragma GCC visibility pop
+
+#include "platform/paths.h"
+
+namespace ZARO::Platform {
+
+namespace paths = ZARO::Relay::paths;
+
+/// The largest file that is read or written, in bytes: far above any settings file, and a bound on
+/// what a damaged or planted one can cost.
+constexpr size_t kMaxFileSize = 1 << 20;
+
+/// Keeps `error` for TLIBCErrGet. Always -1.
+int Fail(int error) noexcept;
+
+/// Runs the body of a C function, which gives its result; what it throws becomes a failure.
+template <typename Body> int Guard(Body body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return Fail(ENOMEM);
+    } catch (...) {
+        return Fail(EIO);
+    }
+}
+
+/// Owns one descriptor.
+class UniqueFd {
+public:
+    explicit UniqueFd(int fd = -1) : fd_(fd) {}
+    ~UniqueFd() {
+        if (fd_ >= 0) {
+            close(fd_);
+        }
+    }
+    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    UniqueFd& operator=(UniqueFd&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    int Get() const { return fd_; }
+    bool IsOpen() const { return fd_ >= 0; }
+
+private:
+    int fd_;
+};
+
+/// Reads a regular file from where its descriptor stands to its end; EFBIG above `limit` bytes.
+int ReadAll(int fd, size_t limit, std::string& text);
+
+/// Reads a whole regular file. Anything else is refused, without ever waiting on it.
+int ReadFile(const std::string& path, std::string& text);
+
+/// Gives the names in a folder in order of their bytes, hidden ones left out.
+int ListFolder(const std::string& path, std::vector<std::string>& names);
+
+int WriteAll(int fd, std::string_view text);
+
+/// Makes what was renamed, linked or removed in `folder` last over a power cut, as far as the file
+/// system can: by then it has happened, so there is nothing to report.
+void SyncFolder(const std::string& folder);
+
+/// The folder part of an absolute path, without a trailing slash unless it is the root itself.
+std::string FolderOf(const std::string& path);
+
+/// Puts `text` into a caller's buffer of `size` > 0 bytes, cut to fit and never within a UTF-8
+/// character. Returns the length it has there.
+int CopyCut(std::string_view text, char* buf, int size);
+
+/// Whether a text fits whole into a caller's buffer.
+inline bool Fits(std::string_view text, int size) {
+    return size > 0 && text.size() < static_cast<size_t>(size);
+}
+
+/// Copies a text that is useless or misleading when cut: ERANGE, with the buffer untouched, when it
+/// does not fit.
+int CopyWhole(std::string_view text, char* buf, int size);
+
+/// Whether a settings value switches something on: "yes", in any case.
+bool IsYes(std::string_view value);
+
+} // namespace ZARO::Platform

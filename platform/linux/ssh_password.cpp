@@ -1,0 +1,65 @@
+#include "ssh_password.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string_view>
+
+namespace ZARO::Platform {
+namespace {
+
+constexpr size_t kMaxPassword = 4096;
+
+/// Whether the client asks for this log-in's password: not for a new one, not a yes or no, and not
+/// for what another host on the way wants of another user.
+bool IsPasswordPrompt(std::string_view prompt) {
+    constexpr std::string_view kEnd = "'s password: ";
+    const char* user = getenv(kUserVariable);
+    if (user == nullptr || getenv("SSH_ASKPASS_PROMPT") != nullptr) {
+        return false;
+    }
+    const std::string begin = std::string(user) + "@";
+    return prompt.size() > begin.size() + kEnd.size() && prompt.substr(0, begin.size()) == begin &&
+           prompt.substr(prompt.size() - kEnd.size()) == kEnd;
+}
+
+} // namespace
+
+const char* ReadPassword(const char* file, std::string& password) {
+    // One byte more than allowed, so that a file that is too long shows.
+    char text[kMaxPassword + 1];
+    struct stat info {};
+    const int fd = open(file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return "can't open the password file";
+    }
+    const bool closed = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+                        info.st_uid == geteuid() && (info.st_mode & 077) == 0;
+    const ssize_t size = closed ? read(fd, text, sizeof text) : 0;
+    close(fd);
+    if (!closed) {
+        return "the password file must be a regular file of this user, closed to others";
+    }
+    if (size <= 0 || static_cast<size_t>(size) > kMaxPassword) {
+        return "the password file must hold 1 to 4096 bytes";
+    }
+    password.assign(text, static_cast<size_t>(size));
+    const bool oneLine = password.find_first_of(std::string_view("\0\r\n", 3)) == password.npos;
+    return oneLine ? nullptr : "the password file must hold one line without an end";
+}
+
+int AnswerPrompt(const std::string& prompt) {
+    const char* file = getenv(kPasswordFileVariable);
+    std::string answer;
+    if (file == nullptr || !IsPasswordPrompt(prompt) || ReadPassword(file, answer) != nullptr) {
+        return 1;
+    }
+    answer += '\n';
+    // A pipe takes this much in one piece.
+    const ssize_t written = write(STDOUT_FILENO, answer.data(), answer.size());
+    return written == static_cast<ssize_t>(answer.size()) ? 0 : 1;
+}
+
+} // namespace ZARO::Platform

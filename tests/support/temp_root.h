@@ -1,0 +1,67 @@
+/// A whole device in a directory of its own, for the life of one test.
+#pragma once
+
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <string>
+
+#include "platform/paths.h"
+
+/// Makes an empty root with a device's usual folders, makes it this process's root (and that of the
+/// programs it starts) and removes it all at the end. One at a time in a process. Throws when the
+/// disk fails: a test can't go on then.
+class TempRoot {
+public:
+    TempRoot() {
+        std::string pattern = (std::filesystem::temp_directory_path() / "zaro.XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr || !ZARO::Relay::paths::SetRoot(pattern)) {
+            throw std::runtime_error("can't make a root " + pattern);
+        }
+        dir_ = ZARO::Relay::paths::Root();
+        for (const char* folder : {"/etc", "/tmp", "/usr/zaro/bin", "/usr/zaro/etc/services.d",
+                                   "/var/run", "/proc/net", "/proc/sys/kernel", "/sys/class/net"}) {
+            std::filesystem::create_directories(dir_ + folder);
+        }
+    }
+
+    ~TempRoot() {
+        unsetenv("ZARO_ROOT");
+        std::error_code ignored; // what can't be removed stays in the temporary folder
+        std::filesystem::remove_all(dir_, ignored);
+    }
+
+    TempRoot(const TempRoot&) = delete;
+    TempRoot& operator=(const TempRoot&) = delete;
+
+    const std::string& Dir() const { return dir_; }
+
+    /// Where the device's `path` (absolute, as on an appliance) lies on this machine.
+    std::string Path(const std::string& path) const { return dir_ + path; }
+
+    /// Makes the device's file `path` anew, with its folders.
+    void Write(const std::string& path, const std::string& text, mode_t mode = 0644) const {
+        const std::string file = Path(path);
+        std::filesystem::create_directories(std::filesystem::path(file).parent_path());
+        std::filesystem::remove(file);
+        std::ofstream out(file, std::ios::binary);
+        out << text;
+        out.close();
+        if (!out || chmod(file.c_str(), mode) != 0) {
+            throw std::runtime_error("can't write " + file);
+        }
+    }
+
+    /// The whole of the device's file `path`; empty when there is none.
+    std::string Read(const std::string& path) const {
+        std::ifstream in(Path(path), std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    }
+
+private:
+    std::string dir_;
+};

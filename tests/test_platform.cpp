@@ -1,0 +1,526 @@
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/temp_root.h"
+#include "zaro/platform.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using std::string;
+
+const string kInfo = "/etc/zaroinfo.conf";
+const string kKey = "/usr/zaro/etc/device.key";
+const string kServices = "/usr/zaro/etc/services.d/";
+
+/// Runs `body` in a process of its own. Its end is the caller's to wait for.
+pid_t Fork(const std::function<void()>& body) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        body();
+        _exit(0);
+    }
+    return pid;
+}
+
+int WaitFor(pid_t pid) {
+    int status = -1;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    return status;
+}
+
+struct stat Stat(const string& file) {
+    struct stat info {};
+    EXPECT_EQ(lstat(file.c_str(), &info), 0) << file;
+    return info;
+}
+
+string GetKey(const string& file, const char* key, int size = 64) {
+    char buf[64] = "";
+    const int length = TLIBCFileGetKeyValue(file.c_str(), key, buf, size, 0);
+    EXPECT_EQ(length, static_cast<int>(strlen(buf)));
+    return buf;
+}
+
+TEST(Settings, ReadsKeyOfFile) {
+    const struct {
+        const char* name;
+        string text;
+        const char* value;
+        int size = 64;
+    } rows[] = {
+        {"quoted", "k=\"a b\"\n", "a b"},
+        {"plain", "k=a b \n", "a b"},
+        {"blanks around", "\t k \t= \"a\" \r\n", "a"},
+        {"no line end at the end of the file", "x=1\nk=a", "a"},
+        {"comments after values", "k=\"a#b\" # \"c\"\n", "a#b"},
+        {"number sign within a plain value", "k=a#b #c\n", "a#b"},
+        {"last one wins", "k=\"a\"\nk=b\n", "b"},
+        {"comment", "#k=a\n # k=b\n", ""},
+        {"longer key", "kk=a\nxk=b\n", ""},
+        {"unclosed quote says nothing", "k=a\nk=\"b\n", "a"},
+        {"text after the quote says nothing", "k=a\nk=\"b\"c\n", "a"},
+        {"zero byte says nothing", string("k=a\0b\n\xff\xfe=\n=\n", 13), ""},
+        {"empty", "k=\nx=1\n", ""},
+        {"cut to the buffer", "k=abcdefgh\n", "abcdefg", 8},
+        {"never cut within a character", "k=abcdef\xc3\xa4\n", "abcdef", 8},
+        {"no room for a character", "k=a\n", "", 1},
+    };
+    const TempRoot root;
+    for (const auto& row : rows) {
+        root.Write(kInfo, row.text);
+        EXPECT_EQ(GetKey(root.Path(kInfo), "k", row.size), row.value) << row.name;
+    }
+}
+
+TEST(Settings, RefusesWhatIsNoSmallRegularFile) {
+    const TempRoot root;
+    root.Write("/huge", "k=a\n" + string(2 << 20, '#'));
+    ASSERT_EQ(mkfifo(root.Path("/fifo").c_str(), 0600), 0);
+    for (const char* file : {"/etc", "/fifo", "/huge", "/missing"}) {
+        char buf[8] = "before";
+        EXPECT_LT(TLIBCFileGetKeyValue(root.Path(file).c_str(), "k", buf, sizeof buf, 0), 0)
+            << file;
+        EXPECT_NE(TLIBCErrGet(), 0U) << file;
+        EXPECT_STREQ(buf, "before") << file;
+    }
+}
+
+TEST(Settings, WritesKeyAndKeepsTheRest) {
+    const struct {
+        const char* name;
+        const char* before;
+        const char* value;
+        const char* after;
+    } rows[] = {
+        {"added", "# c\nx=1\n", "v", "# c\nx=1\nk=\"v\"\n"},
+        {"added after an unfinished line", "x=1", "v", "x=1\nk=\"v\"\n"},
+        {"replaced in its place", "a=1\n k = old # why\n#k=2\nz=\n", "v",
+         "a=1\n k = \"v\" # why\n#k=2\nz=\n"},
+        {"every one", "k=1\nk=\"2\"\r\n", "v", "k=\"v\"\nk=\"v\"\r\n"},
+        {"was empty", "k=# none\n", "v", "k=\"v\"# none\n"},
+        {"beside a broken line", "k=\"1\n", "v", "k=\"1\nk=\"v\"\n"},
+        {"with odd characters", "k=1\n", "a=b #c\\", "k=\"a=b #c\\\"\n"},
+        {"emptied", "k=1\n", "", "k=\"\"\n"},
+    };
+    const TempRoot root;
+    for (const auto& row : rows) {
+        root.Write(kInfo, row.before);
+        EXPECT_GE(TLIBCINFOSetKeyValue("k", row.value), 0) << row.name;
+        EXPECT_EQ(root.Read(kInfo), row.after) << row.name;
+        EXPECT_EQ(GetKey(root.Path(kInfo), "k"), row.value) << row.name;
+    }
+}
+
+TEST(Settings, RefusesWhatWouldBreakTheFile) {
+    const char* const rows[][2] = {{"", "v"},     {"a b", "v"},  {"a=b", "v"},   {"#a", "v"},
+                                   {"a\n", "v"},  {"a\"", "v"},  {"k", "a\nb"},  {"k", "a\rb"},
+                                   {"k", "a\"b"}, {"k", "\x7f"}, {"k", nullptr}, {nullptr, "v"}};
+    const TempRoot root;
+    root.Write(kInfo, "k=\"old\"\n");
+    for (const auto& row : rows) {
+        EXPECT_LT(TLIBCINFOSetKeyValue(row[0], row[1]), 0) << (row[0] ? row[0] : "NULL");
+    }
+    const string tooLong(2 << 20, 'x');
+    EXPECT_LT(TLIBCINFOSetKeyValue("k", tooLong.c_str()), 0);
+    EXPECT_EQ(root.Read(kInfo), "k=\"old\"\n");
+}
+
+TEST(Settings, KeepsModeOwnerAndLink) {
+    const TempRoot root;
+    const string real = root.Path("/data/real.conf");
+    const uid_t owner = geteuid() == 0 ? 4242 : geteuid();
+    root.Write("/data/real.conf", "k=1\n", 0640);
+    ASSERT_EQ(chown(real.c_str(), owner, getegid()), 0);
+    ASSERT_EQ(symlink(real.c_str(), root.Path(kInfo).c_str()), 0);
+    ASSERT_GE(TLIBCINFOSetKeyValue("k", "2"), 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(root.Path(kInfo)));
+    EXPECT_EQ(root.Read("/data/real.conf"), "k=\"2\"\n");
+    EXPECT_EQ(Stat(real).st_mode, S_IFREG | 0640U);
+    EXPECT_EQ(Stat(real).st_uid, owner);
+    std::filesystem::remove(real);
+    EXPECT_LT(TLIBCINFOSetKeyValue("k", "3"), 0) << "a link that leads nowhere";
+    std::filesystem::remove(root.Path(kInfo));
+    const mode_t mask = umask(077);
+    EXPECT_GE(TLIBCINFOSetKeyValue("k", "4"), 0);
+    umask(mask);
+    EXPECT_EQ(Stat(root.Path(kInfo)).st_mode, S_IFREG | 0644U) << "a new file";
+}
+
+TEST(Settings, PlantedLockOrRemainsDoNoHarm) {
+    const TempRoot root;
+    root.Write("/victim", "k=1\n");
+    root.Write(kInfo, "k=1\n");
+    ASSERT_EQ(symlink("../victim", root.Path("/etc/.zaroinfo.conf.new").c_str()), 0);
+    EXPECT_GE(TLIBCINFOSetKeyValue("k", "2"), 0);
+    std::filesystem::remove(root.Path("/etc/.zaroinfo.conf.lock"));
+    ASSERT_EQ(symlink("../victim", root.Path("/etc/.zaroinfo.conf.lock").c_str()), 0);
+    EXPECT_LT(TLIBCINFOSetKeyValue("k", "3"), 0);
+    EXPECT_EQ(root.Read("/victim"), "k=1\n");
+    EXPECT_EQ(root.Read(kInfo), "k=\"2\"\n");
+}
+
+TEST(Settings, ReaderSeesWholeFilesWhileWritersAreKilled) {
+    const TempRoot root;
+    string filler;
+    for (int i = 0; i < 2000; ++i) {
+        filler += "# line " + std::to_string(i) + "\n";
+    }
+    const string even = filler + "k=\"even\"\nlast=yes\n";
+    const string odd = filler + "k=\"odd\"\nlast=yes\n";
+    root.Write(kInfo, even);
+    std::minstd_rand random(7);
+    std::set<string> seen;
+    for (int round = 0; round < 60; ++round) {
+        const pid_t writer = Fork([] {
+            for (;;) {
+                TLIBCINFOSetKeyValue("k", "odd");
+                TLIBCINFOSetKeyValue("k", "even");
+            }
+        });
+        const auto end = Clock::now() + std::chrono::microseconds(random() % 8000);
+        do {
+            seen.insert(root.Read(kInfo));
+        } while (Clock::now() < end);
+        kill(writer, SIGKILL);
+        WaitFor(writer);
+    }
+    EXPECT_TRUE(seen == std::set<string>({even, odd})) << seen.size() << " states seen, not 2";
+    const auto begin = std::filesystem::directory_iterator(root.Path("/etc"));
+    EXPECT_LE(std::distance(begin, {}), 3) << "killed writers leave ever more files";
+}
+
+TEST(Settings, WritersDoNotLoseEachOthersKeys) {
+    const TempRoot root;
+    std::vector<pid_t> writers;
+    for (const char* key : {"a", "b", "c", "d"}) {
+        writers.push_back(Fork([key] {
+            for (int i = 1; i <= 25; ++i) {
+                TLIBCINFOSetKeyValue(key, std::to_string(i).c_str());
+            }
+        }));
+    }
+    for (const pid_t writer : writers) {
+        EXPECT_EQ(WaitFor(writer), 0);
+    }
+    for (const char* key : {"a", "b", "c", "d"}) {
+        EXPECT_EQ(GetKey(root.Path(kInfo), key), "25") << key;
+    }
+}
+
+TEST(Sections, FindsByValueAndByName) {
+    const TempRoot root;
+    root.Write("/usr/zaro/etc/portforward.conf",
+               "service=early\n[1]\nservice=\"web\" # c\nr_port=8080\n;service=off\n[ 2 ]\n"
+               "service=photo\nr_port=90\nr_port=99999999\nvery_long_key=x\n[broken\nservice=lost\n"
+               "[toolong8]\nservice=far\n[]\nservice=none\n");
+    const string file = TLIBServiceRouterBasepathGet();
+    const std::pair<const char*, string> byValue[] = {{"web", "1 service"}, {"photo", "2 service"},
+                                                      {"x", "2 very_lo"},   {"we", ""},
+                                                      {"early", ""},        {"off", ""},
+                                                      {"lost", ""},         {"far", ""},
+                                                      {"none", ""}};
+    for (const auto& [value, expected] : byValue) {
+        char section[8];
+        char key[8];
+        const bool found = TLIBCFileGetSectionByValue(file.c_str(), value, section, sizeof section,
+                                                      key, sizeof key) >= 0;
+        EXPECT_EQ(found ? string(section) + " " + key : "", expected) << value;
+    }
+    const char* const byName[][3] = {{"1", "r_port", "8080"}, {"2", "r_port", "9999999"},
+                                     {"1", "none", ""},       {"3", "r_port", ""},
+                                     {"", "service", ""},     {"broken", "service", ""}};
+    for (const auto& [section, key, expected] : byName) {
+        char buf[8] = "";
+        TLIBCFileGetSectionValue(file.c_str(), section, key, buf, sizeof buf);
+        EXPECT_STREQ(buf, expected) << section << ' ' << key;
+    }
+}
+
+TEST(Sections, GivesDdnsHostOfProvider) {
+    const TempRoot root;
+    root.Write("/usr/zaro/etc/ddns.conf", "[one]\nhostname=a.example\n[two]\nhostname=\n[three]\n"
+                                          "hostname=" +
+                                              string(300, 'x') + "\n");
+    struct _tag_ZARO_DDNS record {};
+    EXPECT_GE(ZARODDNSConfigGet("one", &record), 0);
+    EXPECT_STREQ(record.szHostname, "a.example");
+    for (const char* provider : {"two", "three", "four", ""}) {
+        EXPECT_LT(ZARODDNSConfigGet(provider, &record), 0) << provider;
+    }
+    EXPECT_STREQ(record.szProvider, "one");
+}
+
+TEST(Services, ReadsEveryWholeDefinitionAndSkipsTheOthers) {
+    const struct {
+        const char* name;
+        const char* text;
+        const char* expected; // title, section, key; TCP and UDP ports; the list
+    } rows[] = {
+        {"web", "title=\"My web\"\nsection=s\nkey=k\ntcp=80\n", "My web s k 1 0 80"},
+        {"many", "tcp=\"80, 81\t80\"\nudp=\"0053,81,\"\n", "   2 2 80 81 53"},
+        {"none", "title=x\n", "x   0 0"},
+    };
+    const TempRoot root;
+    for (const auto& row : rows) {
+        root.Write(kServices + row.name + ".conf", row.text);
+    }
+    int broken = 0;
+    for (const char* ports : {"0", "65536", "99999999999", "-1", "80x", "80;81", "0x50", "80 -"}) {
+        root.Write(kServices + "broken" + std::to_string(++broken) + ".conf",
+                   "tcp=" + string(ports) + "\n");
+    }
+    for (const string& file : {string("-option.conf"), string("bl ank.conf"), string("notes.txt"),
+                               string(64, 'n') + ".conf", string(".conf")}) {
+        root.Write(kServices + file, "tcp=80\n");
+    }
+    std::filesystem::create_directory(root.Path(kServices + "folder.conf"));
+    ZARO_FW_SERVICE_LIST* list = nullptr;
+    ASSERT_EQ(ZAROFwServiceEnum(&list), static_cast<int>(std::size(rows)));
+    for (const auto& row : rows) {
+        const ZARO_FW_SERVICE* found = ZAROFWServiceFind(list, row.name);
+        ASSERT_NE(found, nullptr) << row.name;
+        std::ostringstream text;
+        text << found->szTitle << ' ' << found->szSection << ' ' << found->szKey << ' '
+             << found->nTcp << ' ' << found->nUdp;
+        for (int i = 0; const char* port = TLIBCSzListGet(found->pPorts, i); ++i) {
+            text << ' ' << port;
+        }
+        EXPECT_EQ(text.str(), row.expected) << row.name;
+    }
+    EXPECT_EQ(ZAROFWServiceFind(list, "folder"), nullptr);
+    ZAROFwServiceFree(list);
+    std::filesystem::remove_all(root.Path(kServices));
+    EXPECT_LE(ZAROFwServiceEnum(&list), 0);
+}
+
+const string kSecret = "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d1e1f";
+
+TEST(Token, IsTheKeyedHashOfTheSerial) {
+    const TempRoot root;
+    root.Write(kKey, "serial=\"TEST0001\"\nsecret=\"" + kSecret + "\"\n", 0644);
+    char serial[36] = "";
+    char token[33] = "";
+    ASSERT_GE(ZAROWstokenGetToken(serial, sizeof serial, token, sizeof token), 0);
+    EXPECT_STREQ(serial, "TEST0001");
+    EXPECT_STREQ(token, "f60ea141feb5783e379e039111d98404");
+    EXPECT_GE(ZAROWstokenGenerateToken("any serial / at all", token, sizeof token), 0);
+    EXPECT_STREQ(token, "50a49ebc7c8055f0df77f2a9f17fc54e");
+    EXPECT_LT(ZAROWstokenGenerateToken("", token, sizeof token), 0);
+    EXPECT_LT(ZAROWstokenGenerateToken("x", token, sizeof token - 1), 0);
+    EXPECT_LT(ZAROWstokenGetToken(serial, sizeof "TEST0001" - 1, token, sizeof token), 0);
+    EXPECT_STREQ(token, "50a49ebc7c8055f0df77f2a9f17fc54e");
+    EXPECT_EQ(Stat(root.Path(kKey)).st_mode, S_IFREG | 0600U)
+        << "a key that others could read is closed";
+}
+
+TEST(Token, DamagedKeyIsNeverReplaced) {
+    const string serial = "serial=\"A1\"\n";
+    const string secret = "secret=\"" + kSecret + "\"\n";
+    const TempRoot root;
+    char text[2][36];
+    for (const string& damaged :
+         {string(), serial, secret, serial + "secret=\"" + kSecret.substr(2) + "\"\n",
+          serial + "secret=\"g" + kSecret.substr(1) + "\"\n", serial + "secret=" + kSecret + "00\n",
+          "serial=\"a1\"\n" + secret, "serial=\"A 1\"\n" + secret,
+          "serial=\"" + string(36, 'A') + "\"\n" + secret, serial + secret + string(8192, '#')}) {
+        root.Write(kKey, damaged, 0600);
+        EXPECT_LT(ZAROWstokenGetToken(text[0], 36, text[1], 36), 0) << damaged;
+        EXPECT_EQ(root.Read(kKey), damaged);
+    }
+    root.Write("/elsewhere", serial + secret, 0600);
+    std::filesystem::remove(root.Path(kKey));
+    ASSERT_EQ(symlink(root.Path("/elsewhere").c_str(), root.Path(kKey).c_str()), 0);
+    EXPECT_LT(ZAROWstokenGetToken(text[0], 36, text[1], 36), 0) << "a link";
+}
+
+TEST(Token, ProcessesAtOnceEndWithOneIdentity) {
+    const TempRoot root;
+    const mode_t mask = umask(0);
+    std::set<string> serials;
+    for (size_t round = 1; round <= 10; ++round) {
+        std::filesystem::remove(root.Path(kKey));
+        int start[2];
+        ASSERT_EQ(pipe(start), 0);
+        std::vector<pid_t> children;
+        for (const char* answer : {"/a", "/b", "/c", "/d", "/e", "/f"}) {
+            children.push_back(Fork([&root, &start, answer] {
+                char text[2][36] = {};
+                close(start[1]);
+                (void)!read(start[0], text, 1); // returns when the parent lets all go
+                ZAROWstokenGetToken(text[0], 36, text[1], 36);
+                root.Write(answer, text[0]);
+            }));
+        }
+        close(start[0]);
+        close(start[1]);
+        for (const pid_t child : children) {
+            EXPECT_EQ(WaitFor(child), 0);
+        }
+        for (const char* answer : {"/a", "/b", "/c", "/d", "/e", "/f"}) {
+            serials.insert(root.Read(answer));
+        }
+        EXPECT_EQ(serials.size(), round) << "one new serial a round";
+    }
+    umask(mask);
+    EXPECT_EQ(serials.count(""), 0U) << "every process gets the identity";
+    EXPECT_EQ(Stat(root.Path(kKey)).st_mode, S_IFREG | 0600U);
+    EXPECT_EQ(Stat(root.Path(kKey)).st_nlink, 1U) << "a second name of the key was left";
+}
+
+TEST(Cluster, TellsStateAndSharedAddress) {
+    const struct {
+        const char* text;
+        bool running;
+        const char* mac = ""; // empty: failure
+    } rows[] = {
+        {"running=\"Yes\"\nmac=\"02:00:4c:aa:bb:0c\"\n", true, "02:00:4C:AA:BB:0C"},
+        {"running=no\nmac=02:00:4C:AA:BB:0C\n", false, "02:00:4C:AA:BB:0C"},
+        {"running=yes\nmac=02004CAABB0C\n", true},
+        {"running=yes\nmac=02:00:4C:AA:BB:0G\n", true},
+        {"running=yes\nmac=02:00:4C:AA:BB:0C:0D\n", true},
+        {"running=yes\nmac=00:00:00:00:00:00\n", true},
+        {"", false},
+    };
+    const TempRoot root;
+    for (const auto& row : rows) {
+        root.Write("/usr/zaro/etc/ha.conf", row.text);
+        char mac[18] = "";
+        EXPECT_EQ(ZAROHAIsRunning() != 0, row.running) << row.text;
+        EXPECT_EQ(ZAROHAGetMacDL(0, mac, sizeof mac) >= 0, *row.mac != '\0') << row.text;
+        EXPECT_STREQ(mac, row.mac) << row.text;
+    }
+}
+
+TEST(Network, Eth0StandsForTheFirstPort) {
+    const struct {
+        const char* name;
+        std::vector<const char*> ports; // a '*' in front: a real device
+        const char* info;
+        const char* expected;
+    } rows[] = {
+        {"eth0 itself", {"*eth0", "*ena"}, "nic=ena\n", "eth0"},
+        {"named", {"*ena", "br0"}, "nic=br0\n", "br0"},
+        {"named but gone: nothing else", {"*ena"}, "nic=enb\n", ""},
+        {"name that is a path", {"*ena"}, "nic=ena/../ena\n", ""},
+        {"first real one", {"*enb", "*ena", "aaa", "route0"}, "", "ena"},
+        {"default route where none is real", {"aaa", "route0"}, "", "route0"},
+        {"none", {"aaa"}, "", ""},
+    };
+    for (const auto& row : rows) {
+        const TempRoot root;
+        root.Write(kInfo, row.info);
+        root.Write("/proc/net/route",
+                   "Iface\nroute0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\n");
+        for (const char* port : row.ports) {
+            const string folder = "/sys/class/net/" + string(port + (*port == '*'));
+            root.Write(folder + "/address", "02:00:00:00:00:01\n");
+            if (*port == '*') {
+                root.Write(folder + "/device", "");
+            }
+        }
+        struct _tag_TLIB_NETIF record {};
+        EXPECT_EQ(ZARONetIFGetInfo("eth0", &record, 0) >= 0, *row.expected != '\0') << row.name;
+        EXPECT_STREQ(record.szName, row.expected) << row.name;
+        EXPECT_EQ(record.rgMac[5], *row.expected != '\0' ? 1 : 0) << row.name;
+    }
+}
+
+TEST(Network, GatewayIsThatOfTheBestDefaultRoute) {
+    const string header = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n";
+    const string far = "a\t00000000\t010200C0\t0003\t0\t0\t200\t00000000\t0\t0\t0\n";
+    const struct {
+        const char* name;
+        string text;
+        const char* gateway; // empty: failure
+    } rows[] = {
+        {"only one", header + far, "192.0.2.1"},
+        {"lower metric", far + "b\t00000000\t020200C0\t0003\t0\t0\t100\t00000000\n", "192.0.2.2"},
+        {"not up", "a\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\n", ""},
+        {"not default", "a\t00000000\t010200C0\t0003\t0\t0\t0\t000000FF\n", ""},
+        {"no gateway", "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\n", ""},
+        {"reject", "*\t00000000\t010200C0\t0203\t0\t0\t0\t00000000\n", ""},
+        {"short line", "a\t00000000\t010200C0\t0003\t0\t0\t0\n", ""},
+        {"junk", string("\0\xff\t\t\n", 5) + "a b c d e f g h\n", ""},
+    };
+    const TempRoot root;
+    char text[20] = "";
+    EXPECT_LT(ZARONetDefaultGatewayGet(text, sizeof text), 0) << "no table: not the machine's own";
+    for (const auto& row : rows) {
+        root.Write("/proc/net/route", row.text);
+        char gateway[20] = "";
+        const int result = ZARONetDefaultGatewayGet(gateway, sizeof gateway);
+        EXPECT_EQ(result >= 0, *row.gateway != '\0') << row.name;
+        EXPECT_STREQ(gateway, row.gateway) << row.name;
+    }
+}
+
+TEST(Network, ListsInterfacesWithTheRootsHardwareAddresses) {
+    const TempRoot root;
+    struct _tag_TLIB_NETIF records[32] = {};
+    const int count = TLIBNetGetInterfaceInfo(records, 32, 2);
+    if (count < 0) {
+        GTEST_SKIP() << "this machine has no address beside the loopback";
+    }
+    const auto mac = [&records] {
+        return string(std::begin(records[0].rgMac), std::end(records[0].rgMac));
+    };
+    EXPECT_EQ(mac(), string(6, '\0')) << "the machine's own, not the root's";
+    root.Write("/sys/class/net/" + string(records[0].szName) + "/address", "02:00:00:00:00:07\n");
+    ASSERT_EQ(TLIBNetGetInterfaceInfo(records, 32, 2), count);
+    EXPECT_EQ(mac(), string("\2\0\0\0\0\7", 6));
+    std::set<string> names;
+    for (int i = 0; i < count; ++i) {
+        in_addr address{};
+        EXPECT_TRUE(names.insert(records[i].szName).second) << records[i].szName;
+        EXPECT_EQ(inet_pton(AF_INET, records[i].szIp, &address), 1) << records[i].szIp;
+        EXPECT_NE(ntohl(address.s_addr) >> 24, 127U) << records[i].szName;
+        EXPECT_EQ(inet_pton(AF_INET, records[i].szMask, &address), 1) << records[i].szMask;
+    }
+    EXPECT_EQ(TLIBNetGetInterfaceInfo(records, 1, 2), 1);
+    EXPECT_LE(TLIBNetGetInterfaceInfo(records, 0, 2), 0);
+}
+
+TEST(Exec, TellsStatusFromFailure) {
+    const struct {
+        const char* name;
+        const char* program;
+        const char* script;
+        int result;
+    } rows[] = {
+        {"success", "/bin/sh", "test \"$1 $2\" = 'a b c'", 0},
+        {"status", "/bin/sh", "exit 127", 127},
+        {"missing", "/nowhere/sh", "", -1},
+        {"folder", "/tmp", "", -1},
+        {"ignored signal has its effect again", "/bin/sh", "kill -TERM $$; exit 0", -1},
+        {"blocked signal has its effect again", "/bin/sh", "kill -USR1 $$; exit 0", -1},
+    };
+    sigset_t set;
+    sigset_t before;
+    sigemptyset(&set);
+    sigaddset(&set, SIGUSR1);
+    sigprocmask(SIG_BLOCK, &set, &before);
+    const auto handler = signal(SIGTERM, SIG_IGN);
+    for (const auto& row : rows) {
+        EXPECT_EQ(TLIBCExec(row.program, "-c", row.script, "sh", "a b", "c", nullptr), row.result)
+            << row.name;
+    }
+    signal(SIGTERM, handler);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+}
+
+} // namespace
