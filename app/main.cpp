@@ -75,7 +75,7 @@ int RunDaemon(bool foreground) {
     if (foreground) {
         app::ApplyLogSettings(conf);
     } else {
-        Daemon::SetLogFile(conf.log_file, conf.log_level); // the fork opens the file
+        Daemon::SetLogFile(app::UsableLogFile(conf), conf.log_level); // the fork opens it
     }
     for (const std::string& fault : faults) {
         RELAY_LOG(4, "%s", fault.c_str());

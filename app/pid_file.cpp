@@ -1,6 +1,7 @@
 #include "app/pid_file.h"
 
 #include <limits.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -11,6 +12,30 @@
 #include "daemon/log.h"
 
 namespace ZARO::Relay::app {
+
+namespace {
+
+constexpr int kAttempts = 10;
+constexpr int kBetweenAttemptsMs = 10;
+
+/// The process id in the PID file; 0 when it has none, also after the time in which another
+/// instance in the middle of its start would have filled it; -1 when there is no file.
+long ReadPid() {
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        std::ifstream file(Daemon::GetPidFile());
+        if (!file) {
+            return -1;
+        }
+        long pid = 0;
+        if (file >> pid && pid > 0) {
+            return pid;
+        }
+        (void)poll(nullptr, 0, kBetweenAttemptsMs);
+    }
+    return 0;
+}
+
+} // namespace
 
 std::string ProgramOf(const std::string& process) {
     char target[PATH_MAX];
@@ -29,16 +54,16 @@ std::string ProgramOf(const std::string& process) {
 }
 
 void RemoveStalePidFile() {
-    std::ifstream file(Daemon::GetPidFile());
-    if (!file) {
+    const long pid = ReadPid();
+    if (pid < 0) {
         return;
     }
-    long pid = 0;
-    file >> pid;
-    const bool alive = pid > 0 && access(("/proc/" + std::to_string(pid)).c_str(), F_OK) == 0;
-    const std::string program = pid > 0 ? ProgramOf(std::to_string(pid)) : "";
-    if (alive && (program.empty() || program == ProgramOf("self"))) {
-        return; // Daemon::Init tells of it
+    const std::string process = std::to_string(pid);
+    if (pid > 0 && access(("/proc/" + process).c_str(), F_OK) == 0) {
+        const std::string program = ProgramOf(process);
+        if (program.empty() || program == ProgramOf("self")) {
+            return; // Daemon::Init tells of it
+        }
     }
     RELAY_LOG(5, "removing the stale PID file [%s]", Daemon::GetPidFile());
     (void)unlink(Daemon::GetPidFile());

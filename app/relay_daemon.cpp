@@ -45,7 +45,8 @@ const char* ReachableText(Reachable reachable) {
 
 RelayDaemon::RelayDaemon(const RelaydConf& conf)
     : conf_(conf), exchange_(conf_, queue_, keeper_, [this] { Reload(); }),
-      alias_(conf_, queue_), since_(time(nullptr)) {
+      alias_(conf_, queue_), hasFile_(access(paths::ConfigFile().c_str(), F_OK) == 0),
+      since_(time(nullptr)) {
     conf_.network.ReadConf();
     (void)conf_.auth.ReadConf(); // logged; the exchange tries again
 }
@@ -159,10 +160,11 @@ void RelayDaemon::OnSignals() {
 // --- configuration
 
 void RelayDaemon::Reload() {
-    // The library would move a broken file aside and go on with the defaults, without services; a
-    // slip of the pen must not end every tunnel.
+    // For the library a broken or missing file means the defaults, without services; a slip of the
+    // pen, or an editor that is just replacing the file, must not end every tunnel.
     bool unusable = false;
-    const auto faults = CheckConfigFile(paths::ConfigFile(), true, unusable);
+    const std::string path = paths::ConfigFile();
+    const auto faults = CheckConfigFile(path, !hasFile_, unusable);
     for (const std::string& fault : faults) {
         RELAY_LOG(unusable ? 3 : 4, "%s", fault.c_str());
     }
@@ -170,6 +172,7 @@ void RelayDaemon::Reload() {
     if (unusable || !conf_.Reload()) {
         return; // what was in force stays
     }
+    hasFile_ = access(path.c_str(), F_OK) == 0;
     ApplyLogSettings(conf_);
     RELAY_LOG(6, "configuration reloaded");
     const Time now = Clock::now();

@@ -62,6 +62,7 @@ private:
     StatusFile status_;
     std::map<std::string, Probe> probes_;
     Time networkCheck_ = Time::max(); ///< when a change of the network is looked at
+    bool hasFile_;                    ///< the configuration in force came from a file
     bool stopping_ = false;
     RELAYD_STATE shownState_ = RELAYD_STATE_STARTING;
     std::time_t since_;

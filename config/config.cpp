@@ -54,6 +54,9 @@ std::string FirewallName(const std::string& id) {
 /// The port that the router forwards to a service; -1 when it forwards none.
 std::int32_t RouterPort(const char* service) {
     const char* file = TLIBServiceRouterBasepathGet();
+    if (file == nullptr) {
+        return -1;
+    }
     char section[kShortText] = "";
     char key[kShortText] = "";
     char port[kShortText] = "";
@@ -190,7 +193,7 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     id = serviceId;
     ZARO_FW_SERVICE_LIST* found = nullptr;
     const int count = ZAROFwServiceEnum(&found);
-    const ServiceList list(found);
+    const ServiceList list(count >= 0 ? found : nullptr); // a failure hands nothing over
     if (count <= 0) {
         RELAY_LOG(3, "enum fw service failed [0x%04X]", TLIBCErrGet());
         return false;

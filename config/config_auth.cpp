@@ -35,10 +35,10 @@ std::string WithoutSeparators(std::string mac) {
 
 /// The factory's MAC, which the kernel keeps for machines whose port has none of its own.
 std::string FactoryMac() {
-    std::string text;
-    (void)json::ReadText(paths::MacFile(), text); // no file: no word
+    json::FileText file;
+    (void)json::ReadText(paths::MacFile(), file); // no file: no word
     std::string word;
-    std::istringstream(text) >> word;
+    std::istringstream(file.text) >> word;
     if (word.size() == kBareMacLength) {
         return word;
     }

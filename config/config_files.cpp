@@ -42,21 +42,41 @@ void SyncFolderOf(const std::string& path) {
     }
 }
 
+/// Puts a broken file out of the way, so that it is never read twice; unless another process has
+/// replaced it since by one that was not looked at.
+void MoveAside(const std::string& path, const json::FileText& broken) {
+    struct stat now = {};
+    if (lstat(path.c_str(), &now) == 0 && !S_ISLNK(now.st_mode) &&
+        (now.st_ino != broken.inode || now.st_dev != broken.device)) {
+        return;
+    }
+    const std::string aside = path + ".bad";
+    if (rename(path.c_str(), aside.c_str()) != 0) {
+        RELAY_LOG(3, "rename %s to .bad failed. %m", path.c_str());
+        unlink(path.c_str());
+    }
+}
+
+/// Whether what was written is on the disk, as far as the file system can tell.
+bool Sync(int fd) {
+    return fsync(fd) == 0 || (errno != EIO && errno != ENOSPC && errno != EDQUOT);
+}
+
 } // namespace
 
 bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out) {
     out = Json::Value();
-    std::string text;
-    if (path.empty() || !json::ReadText(path, text)) {
+    if (path.empty()) {
         return true;
     }
-    if (!json::Parse(text, out)) {
+    json::FileText file;
+    const json::Reading reading = json::ReadText(path, file);
+    if (reading == json::Reading::Unreadable) {
+        RELAY_LOG(3, "can not read [%s], %m", path.c_str());
+    }
+    if (reading == json::Reading::Done && !json::Parse(file.text, out)) {
         RELAY_LOG(3, "bad json format [%s]", path.c_str());
-        // Out of the way, so that it is never read twice.
-        if (rename(path.c_str(), (path + ".bad").c_str()) != 0) {
-            RELAY_LOG(3, "rename %s to .bad failed. %m", path.c_str());
-            unlink(path.c_str());
-        }
+        MoveAside(path, file);
     }
     return true; // also for a missing or broken file: callers look at what `out` is
 }
@@ -68,19 +88,23 @@ bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value
         return true;
     }
     const std::string temporary = path + ".tmp." + std::to_string(getpid());
-    // A leftover of an earlier process with our id, or a link planted in a folder that anybody may
-    // write to, is replaced, never written through.
-    (void)unlink(temporary.c_str());
-    const int fd = path.empty() ? -1
-                                : open(temporary.c_str(),
-                                       O_WRONLY | O_CREAT | O_EXCL | O_TRUNC | O_CLOEXEC, 0600);
+    int fd = -1;
+    if (!path.empty()) {
+        // A leftover of an earlier process with our id, or a link planted in a folder that anybody
+        // may write to, is replaced, never written through.
+        (void)unlink(temporary.c_str());
+        fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    }
     if (fd < 0) {
         RELAY_LOG(3, "open failed [%s]", temporary.c_str());
         return false;
     }
-    bool good = WriteText(fd, text) && fchmod(fd, 0644) == 0 && fsync(fd) == 0;
-    good = close(fd) == 0 && good;
-    if (!good) {
+    (void)fchmod(fd, 0644); // some file systems have no modes
+    const bool good = WriteText(fd, text) && Sync(fd);
+    const int error = errno;
+    if (close(fd) != 0 || !good) {
+        errno = error;
+        RELAY_LOG(3, "write failed [%s], %m", temporary.c_str());
         unlink(temporary.c_str());
         return false;
     }

@@ -34,6 +34,13 @@ void ReadServices(const Json::Value& list, std::list<ServiceConf>& services) {
     }
 }
 
+/// Whether a file can be rewritten without losing what it holds: one that is there but can't be
+/// read looks like a missing one to ReadJsonFile, which has logged it.
+bool IsRewritable(const std::string& file) {
+    json::FileText text;
+    return json::ReadText(file, text) != json::Reading::Unreadable;
+}
+
 bool HaveSameSettings(const AliasConf& a, const AliasConf& b) {
     Json::Value settingsOfA;
     Json::Value settingsOfB;
@@ -79,7 +86,9 @@ bool RelaydConf::Overwrite(const Json::Value& v) {
     if (const Json::Value* member = json::Find(v, "service")) {
         ReadServices(*member, services);
     }
-    if (TLIBRelaydVerifyServerId(serverID.c_str()) == 0) {
+    // A zero byte would hide the rest of the id from the C function.
+    if (serverID.find('\0') != std::string::npos ||
+        TLIBRelaydVerifyServerId(serverID.c_str()) == 0) {
         serverID.clear();
         serverIdCleared = true;
     }
@@ -161,6 +170,9 @@ bool RelaydConf::WriteConfigFile(const std::string& file) {
         RELAY_LOG(4, "drop crrupted config: [%s]", file.c_str());
         old = Json::Value(Json::objectValue);
     }
+    if (!IsRewritable(file)) {
+        return false;
+    }
     Json::Value fresh;
     Write(fresh, false);
     // These stay in the file only where somebody put them; defaults are never written out.
@@ -229,6 +241,9 @@ bool RelaydConf::WriteServerId(const std::string& file) {
     const std::string target = file.empty() ? path : file;
     Json::Value v;
     ReadJsonFile(target, v);
+    if (!IsRewritable(target)) {
+        return false;
+    }
     json::Object(v)["serverID"] = serverID;
     return WriteJsonFileWithNotification(target, v);
 }
@@ -241,6 +256,9 @@ bool RelaydConf::WriteAliasName(const std::string& file, const std::string& alia
     const std::string target = file.empty() ? path : file;
     Json::Value v;
     ReadJsonFile(target, v);
+    if (!IsRewritable(target)) {
+        return false;
+    }
     alias.SetAliasName(aliasName);
     alias.Write(json::Object(v)["server_alias"], true);
     return WriteJsonFileWithNotification(target, v);

@@ -15,7 +15,8 @@ namespace ZARO::Relay::json {
 
 namespace {
 
-constexpr std::size_t kLargestFile = std::size_t{16} << 20;
+/// Far beyond every file of ours; parsed JSON takes some fifty times its text.
+constexpr std::size_t kLargestFile = std::size_t{1} << 20;
 
 bool ReadAll(int fd, std::string& out) {
     char buffer[16384];
@@ -28,10 +29,18 @@ bool ReadAll(int fd, std::string& out) {
             return got == 0;
         }
         if (out.size() + static_cast<std::size_t>(got) > kLargestFile) {
+            errno = EFBIG;
             return false;
         }
         out.append(buffer, static_cast<std::size_t>(got));
     }
+}
+
+bool IsStrangers(const std::string& path, uid_t owner) {
+    struct stat folder = {};
+    const std::string name = path.substr(0, path.rfind('/') + 1);
+    return owner != 0 && owner != geteuid() &&
+           (stat(name.c_str(), &folder) != 0 || folder.st_uid != owner);
 }
 
 } // namespace
@@ -92,19 +101,34 @@ Json::Value& Object(Json::Value& value) {
     return value;
 }
 
-bool ReadText(const std::string& path, std::string& out) {
-    out.clear();
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+Reading ReadText(const std::string& path, FileText& out, bool ownOnly) {
+    out = FileText();
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY |
+                                          (ownOnly ? O_NOFOLLOW : 0));
     if (fd < 0) {
-        return false;
+        const bool missing = errno == ENOENT || errno == ENOTDIR || (ownOnly && errno == ELOOP);
+        return missing ? Reading::Missing : Reading::Unreadable;
     }
-    struct stat info;
-    const bool good = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && ReadAll(fd, out);
+    struct stat info = {};
+    Reading result = Reading::Unreadable;
+    int error = 0;
+    if (fstat(fd, &info) != 0) {
+        error = errno;
+    } else if (ownOnly && IsStrangers(path, info.st_uid)) {
+        result = Reading::Missing;
+    } else if (!S_ISREG(info.st_mode)) {
+        error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+    } else if (ReadAll(fd, out.text)) {
+        out.device = info.st_dev;
+        out.inode = info.st_ino;
+        result = Reading::Done;
+    } else {
+        error = errno;
+        out.text.clear();
+    }
     close(fd);
-    if (!good) {
-        out.clear();
-    }
-    return good;
+    errno = error;
+    return result;
 }
 
 } // namespace ZARO::Relay::json

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <json/value.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <string>
@@ -30,8 +31,24 @@ bool Get(const Json::Value& object, const char* key, std::int32_t& out);
 /// Makes `value` an empty object unless it is an object, so that members can be set.
 Json::Value& Object(Json::Value& value);
 
-/// Reads a whole regular file. False, `out` empty, when there is none, it can't be read, or it is
-/// larger than anything this system writes. Never blocks on a FIFO.
-bool ReadText(const std::string& path, std::string& out);
+/// What became of reading a file.
+enum class Reading {
+    Done,
+    Missing,    ///< there is none, or it can't be opened for want of a folder on the way
+    Unreadable, ///< it is there; errno tells why it can't be read
+};
+
+/// A file's text, and which file it was.
+struct FileText {
+    std::string text;
+    dev_t device = 0;
+    ino_t inode = 0;
+};
+
+/// Reads a whole regular file that is not larger than anything this system writes. The text is
+/// empty unless it is done. Never blocks on a FIFO. With `ownOnly` a link, and a file that belongs
+/// to nobody but a stranger, counts as missing: for folders where anybody can make a file. Root,
+/// the own user and the folder's owner are no strangers.
+Reading ReadText(const std::string& path, FileText& out, bool ownOnly = false);
 
 } // namespace ZARO::Relay::json

@@ -21,6 +21,7 @@ namespace {
 /// Runs a C entry point's body; no exception leaves it.
 template <typename Body> int Guarded(int onException, Body body) noexcept {
     try {
+        Daemon::LibInit();
         return body();
     } catch (...) {
         return onException;
@@ -36,7 +37,6 @@ int WriteConfigAndReload(const Json::Value& config) {
     if (!RelaydConf::WriteJsonFile(paths::ConfigFile(), config)) {
         return -1;
     }
-    Daemon::LibInit();
     (void)Daemon::Hup();
     return 0;
 }
@@ -59,7 +59,7 @@ bool HasService(const Json::Value& config, const char* serviceId) {
 
 /// Nine digits: the low 24 bits of the MAC, then the parity of its odd bits, then that of all.
 std::string ComputeServerId(const std::string& mac) {
-    const long bits = strtol(mac.substr(6).c_str(), nullptr, 16);
+    const long bits = strtol(mac.substr(6).c_str(), nullptr, 16) & 0xffffff;
     long all = 0;
     long odd = 0;
     for (int bit = 0; bit < 24; ++bit) {

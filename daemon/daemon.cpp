@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/select.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -37,8 +39,11 @@ constexpr int kStartTimeoutSeconds = 20;
 constexpr int kStopTimeoutSeconds = 10;
 constexpr int kStartFailed = 4;
 
-/// libdaemon keeps pointers to the daemon's name, so it lives here.
-std::string gIdentity;
+/// libdaemon and the system log keep pointers to the daemon's name, also while the process ends.
+std::string& Identity() {
+    static std::string& name = *new std::string;
+    return name;
+}
 
 /// libdaemon applies every level but calls most of them invalid in a line of its own; it is kept
 /// quiet meanwhile.
@@ -61,6 +66,50 @@ void PrintTimeStamp() {
     }
     (void)fprintf(stderr, "%s ", stamp); // nobody is left to tell
 }
+
+/// Whether the PID file names a process. An empty one, as a power cut or a daemon in the middle of
+/// its start leaves it, reads as process 0, and a signal to that would hit our own process group.
+bool HasRunningInstance() {
+    const pid_t pid = daemon_pid_file_is_running();
+    if (pid == 0) {
+        errno = ESRCH;
+    }
+    return pid > 0;
+}
+
+/// Keeps the ends of libdaemon's signal pipe from the programs that the daemon starts. The end for
+/// writing is libdaemon's secret; it is found as the other descriptor of the same pipe.
+void CloseSignalPipeOnExec() {
+    struct stat pipe = {};
+    if (fstat(daemon_signal_fd(), &pipe) != 0) {
+        return;
+    }
+    for (int fd = STDERR_FILENO + 1; fd < FD_SETSIZE; ++fd) {
+        struct stat info = {};
+        if (fstat(fd, &info) == 0 && info.st_dev == pipe.st_dev && info.st_ino == pipe.st_ino) {
+            (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
+        }
+    }
+}
+
+/// Holds back the signals that other programs send to a daemon as soon as they see its PID file,
+/// until it can take them.
+class HoldRequests {
+public:
+    HoldRequests() {
+        sigset_t requests;
+        sigemptyset(&requests);
+        sigaddset(&requests, SIGHUP);
+        sigaddset(&requests, SIGUSR1);
+        (void)sigprocmask(SIG_BLOCK, &requests, &former_);
+    }
+    HoldRequests(const HoldRequests&) = delete;
+    HoldRequests& operator=(const HoldRequests&) = delete;
+    ~HoldRequests() { (void)sigprocmask(SIG_SETMASK, &former_, nullptr); }
+
+private:
+    sigset_t former_;
+};
 
 /// The parent's part of Fork: its exit code is the child's start-up result.
 [[noreturn]] void ExitWithChildsResult() {
@@ -110,6 +159,10 @@ bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
         RELAY_LOG(3, "open log file [%s] failed", path.c_str());
         return false;
     }
+    struct stat info = {};
+    if (fstat(fd, &info) == 0 && !S_ISFIFO(info.st_mode)) {
+        (void)fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) & ~O_NONBLOCK); // a full FIFO loses lines
+    }
     if (fd == targetFd) {
         (void)fcntl(fd, F_SETFD, 0); // children inherit the target, as they do after dup2
         return true;
@@ -152,11 +205,11 @@ bool Daemon::SetName(const char* name) {
         return false;
     }
     std::string path = name;
-    gIdentity = daemon_ident_from_argv0(path.data());
-    daemon_log_ident = gIdentity.c_str();
-    daemon_pid_file_ident = gIdentity.c_str();
+    Identity() = daemon_ident_from_argv0(path.data());
+    daemon_log_ident = Identity().c_str();
+    daemon_pid_file_ident = Identity().c_str();
     daemon_pid_file_proc = &Daemon::GetPidFile;
-    _strPidFile = paths::PidFile(gIdentity);
+    _strPidFile = paths::PidFile(Identity());
     return true;
 }
 
@@ -219,6 +272,7 @@ bool Daemon::Init(bool doFork) {
     if (doFork && !Fork()) {
         return false;
     }
+    const HoldRequests hold;
     if (daemon_pid_file_create() < 0) {
         RELAY_LOG(3, "Could not create PID file (%s).", strerror(errno));
         (void)daemon_retval_send(kStartFailed); // without a fork there is no pipe, and no harm
@@ -228,8 +282,10 @@ bool Daemon::Init(bool doFork) {
     if (daemon_signal_init(SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGHUP, SIGUSR1, 0) < 0) {
         RELAY_LOG(3, "Could not register signal handlers (%s).", strerror(errno));
         (void)daemon_retval_send(kStartFailed);
+        (void)daemon_pid_file_remove();
         return false;
     }
+    CloseSignalPipeOnExec();
     if (doFork) {
         (void)daemon_retval_send(0); // a parent that is gone does not stop the daemon
     }
@@ -237,7 +293,7 @@ bool Daemon::Init(bool doFork) {
 }
 
 int Daemon::Kill() {
-    if (daemon_pid_file_kill_wait(SIGTERM, kStopTimeoutSeconds) < 0) {
+    if (!HasRunningInstance() || daemon_pid_file_kill_wait(SIGTERM, kStopTimeoutSeconds) < 0) {
         RELAY_LOG(4, "Failed to kill daemon: %m");
         return 2;
     }
@@ -245,13 +301,14 @@ int Daemon::Kill() {
 }
 
 int Daemon::Hup() {
-    if (daemon_pid_file_kill(SIGHUP) >= 0) {
+    if (HasRunningInstance() && daemon_pid_file_kill(SIGHUP) >= 0) {
         return 0;
     }
     if (daemon_log_ident == nullptr) {
         std::cerr.setstate(std::ios_base::badbit);
+        return 2;
     }
-    std::cerr << gIdentity << " not running" << std::endl;
+    std::cerr << daemon_log_ident << " not running" << std::endl;
     return 2;
 }
 

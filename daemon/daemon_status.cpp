@@ -1,10 +1,14 @@
 #include <zarorelayd/daemon.h>
 
+#include <fcntl.h>
 #include <signal.h>
 #include <syslog.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <iostream>
 
 #include <libdaemon/dpid.h>
@@ -43,18 +47,32 @@ bool PublishesService(const Json::Value& status, const char* serviceId) {
     return false;
 }
 
+/// Makes the locked dump file ours and empty, so that what is read from it later is what the daemon
+/// wrote: an asker that died may have left a dump, or somebody may have planted one.
+bool EmptyDumpFile(const std::string& path) {
+    const int fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat info = {};
+    const bool good = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 &&
+                      (info.st_uid == 0 || info.st_uid == geteuid()) && ftruncate(fd, 0) == 0;
+    close(fd);
+    return good;
+}
+
 /// Reads the dump that the daemon is writing into `path` and removes the file.
 int CollectDump(const std::string& path, Json::Value& out) {
     usleep(kBeforeFirstAttempt);
     int result = RELAYD_RET_LOCK;
     for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
-        std::string text;
-        if (!json::ReadText(path, text)) {
+        json::FileText file;
+        if (json::ReadText(path, file, true) != json::Reading::Done) {
             syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", __FILE_NAME__, __LINE__);
             result = RELAYD_RET_UNKNOWN;
             break;
         }
-        if (json::Parse(text, out)) {
+        if (json::Parse(file.text, out)) {
             result = kRunning;
             break;
         }
@@ -72,16 +90,19 @@ int CollectDump(const std::string& path, Json::Value& out) {
 
 int Daemon::GetStatus(Json::Value& out) {
     out = Json::Value();
-    std::string text;
-    if (!json::ReadText(paths::StatusFile(), text)) {
+    LibInit();
+    json::FileText file;
+    const json::Reading reading = json::ReadText(paths::StatusFile(), file, true);
+    if (reading == json::Reading::Missing ||
+        (reading == json::Reading::Unreadable && errno == EACCES)) {
         return kNotRunning;
     }
-    if (!json::Parse(text, out)) {
+    if (reading != json::Reading::Done || !json::Parse(file.text, out)) {
         syslog(LOG_ERR, "%s:%d bad zarorelayd status file", __FILE_NAME__, __LINE__);
         return RELAYD_RET_UNKNOWN;
     }
     int pid = -1;
-    if (!json::Get(out, "pid", pid) || pid == -1) {
+    if (!json::Get(out, "pid", pid) || pid <= 0) { // 0 and below would mean process groups
         syslog(LOG_ERR, "%s:%d bad zarorelayd status pid", __FILE_NAME__, __LINE__);
         return RELAYD_RET_UNKNOWN;
     }
@@ -121,7 +142,7 @@ int Daemon::DebugStatus(Json::Value& out) {
     LibInit();
     out = Json::Value();
     const pid_t pid = daemon_pid_file_is_running();
-    if (pid < 0) {
+    if (pid <= 0) { // 0: an empty PID file
         return kNotRunning;
     }
     const std::string path = paths::DebugFile(pid);
@@ -130,8 +151,13 @@ int Daemon::DebugStatus(Json::Value& out) {
         syslog(LOG_NOTICE, "%s:%d lock failed", __FILE_NAME__, __LINE__);
         return RELAYD_RET_LOCK;
     }
+    if (!EmptyDumpFile(path)) {
+        syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", __FILE_NAME__, __LINE__);
+        return RELAYD_RET_UNKNOWN;
+    }
     if (daemon_pid_file_kill(SIGUSR1) < 0) {
         syslog(LOG_ERR, "%s:%d daemon is not running", __FILE_NAME__, __LINE__);
+        unlink(path.c_str());
         return kNotRunning;
     }
     return CollectDump(path, out);
@@ -155,6 +181,8 @@ int Daemon::Status(bool debug) {
         std::cout << "get status failed" << std::endl;
         return kNoStatus;
     }
+    std::replace_if(
+        serverId.begin(), serverId.end(), [](char c) { return c < ' ' || c == 0x7f; }, '?');
     std::cout << "serverID: " << serverId << std::endl << "state: " << state << std::endl;
     if (error != "success") {
         std::cout << "error: " << error << std::endl;

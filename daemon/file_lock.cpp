@@ -2,7 +2,19 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+namespace {
+
+bool IsStillThere(int fd, const std::string& path) {
+    struct stat locked = {};
+    struct stat named = {};
+    return fstat(fd, &locked) == 0 && stat(path.c_str(), &named) == 0 &&
+           locked.st_ino == named.st_ino && locked.st_dev == named.st_dev;
+}
+
+} // namespace
 
 FileLock::FileLock(const char* path) {
     AddFile(path);
@@ -41,7 +53,8 @@ bool FileLock::Lock(int operation) {
             Unlock();
             return false;
         }
-        if (flock(opened, operation | LOCK_NB) != 0) {
+        // A file that its former owner removed in between is not the one that others lock now.
+        if (flock(opened, operation | LOCK_NB) != 0 || !IsStillThere(opened, *file)) {
             close(opened);
             Unlock();
             return false;

@@ -12,10 +12,9 @@
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
-#include <zarorelayd/result.h>
 
 #include "app/backoff.h"
-#include "app/ctl/text.h"
+#include "app/ctl/report.h"
 #include "app/json_io.h"
 #include "app/pid_file.h"
 #include "platform/paths.h"
@@ -28,7 +27,6 @@ using app::Clock;
 using app::milliseconds;
 using app::StyledJson;
 
-constexpr int kNoAnswer = 2;
 constexpr const char* kDaemon = "zarorelayd";
 
 /// The daemon does other things now and then; a dump is asked for again that long.
@@ -116,37 +114,41 @@ int Reload() {
     return presence == Presence::Running ? Daemon::Hup() : TellAbsent(presence, kNoAnswer);
 }
 
-int Debug() {
-    const Presence presence = FindDaemon();
-    if (presence != Presence::Running) {
-        return TellAbsent(presence, RELAYD_STATE_NOT_RUNNING);
-    }
+int FetchDump(Json::Value& dump) {
     const auto deadline = Clock::now() + kDumpPatience;
-    Json::Value dump;
     int code = Daemon::DebugStatus(dump);
-    while (code == RELAYD_RET_LOCK && Clock::now() < deadline) {
+    while (code == kLocked && Clock::now() < deadline) {
         (void)poll(nullptr, 0, kDumpPause);
         code = Daemon::DebugStatus(dump);
     }
+    return code;
+}
+
+int Debug() {
+    const Presence presence = FindDaemon();
+    if (presence != Presence::Running) {
+        return TellAbsent(presence, kNotRunning);
+    }
+    Json::Value dump;
+    const int code = FetchDump(dump);
     switch (code) {
-    case 0:
+    case kSuccess:
         std::cout << StyledJson(dump);
         return 0;
-    case RELAYD_STATE_NOT_RUNNING:
+    case kNotRunning:
         return TellAbsent(Presence::None, code);
-    case RELAYD_RET_LOCK:
+    case kLocked:
         return Fail(code, "the daemon is busy, or somebody else asks", "try again in a moment");
     default:
-        return Fail(code, "the dump file was taken away", "see who else writes to " +
-                                                              paths::Root() + "/tmp");
+        return Fail(code, "the dump file was taken away",
+                    "see who else writes to " + paths::Root() + "/tmp");
     }
 }
 
 int Switch(bool on) {
     if (!RelaydConf(nullptr).SetEnableConf(on)) {
         return Fail(kNoAnswer, paths::InfoFile() + " can't be changed",
-                    geteuid() == 0 ? "see whether it is there and can be written"
-                                   : "run this as root");
+                    RootOr("see whether it is there and can be written"));
     }
     return Apply(on ? "switched on" : "switched off");
 }

@@ -1,6 +1,8 @@
 /// The daemon as a process: found, started, stopped, asked.
 #pragma once
 
+#include <json/value.h>
+
 #include <string>
 
 namespace ZARO::Relay::ctl {
@@ -23,6 +25,9 @@ int Stop();
 int Restart();
 int Reload();
 int Debug();
+
+/// The running daemon's dump; asks again for 2 s while it is busy. DebugStatus's codes, none told.
+int FetchDump(Json::Value& dump);
 
 /// The on/off switch; a running daemon is told.
 int Switch(bool on);

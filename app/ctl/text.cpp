@@ -7,14 +7,12 @@
 #include <algorithm>
 #include <cstring>
 #include <ctime>
-#include <iostream>
 
 namespace ZARO::Relay::ctl {
 
 namespace {
 
 constexpr std::size_t kGap = 2;
-constexpr std::size_t kLongestLine = 400; // columns
 
 /// Takes the next character off `text`; its width, or -1 for what is not to be shown.
 int TakeCharacter(const std::string& text, std::size_t& at, std::mbstate_t& state) {
@@ -135,11 +133,6 @@ std::string DateAndTime(std::int64_t time) {
         return "?";
     }
     return text;
-}
-
-int Fail(int code, const std::string& what, const std::string& remedy) {
-    std::cerr << Clean("zarorelayctl: " + what + "; " + remedy, kLongestLine) << std::endl;
-    return code;
 }
 
 } // namespace ZARO::Relay::ctl

@@ -36,7 +36,4 @@ std::string Duration(std::int64_t seconds);
 /// A point in time in the local time zone; "?" for one that no calendar has.
 std::string DateAndTime(std::int64_t time);
 
-/// One line on standard error: what went wrong and what helps. Gives `code` back.
-int Fail(int code, const std::string& what, const std::string& remedy);
-
 } // namespace ZARO::Relay::ctl

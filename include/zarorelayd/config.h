@@ -205,8 +205,9 @@ public:
 
     /// Takes everything from the default file and the platform anew, but keeps credentials, debug
     /// flag, wait-command server and network mode, which the running daemon got elsewhere. Raises
-    /// the alias settings' changed flag when they differ. False, nothing changed, when the file is
-    /// not valid.
+    /// the alias settings' changed flag when they differ. A missing or broken file means the
+    /// defaults, without services, and true; false, nothing changed, only for settings that
+    /// IsValid refuses.
     bool Reload();
 
     /// Adds a service that the platform knows. True also when it is there already; false, logged,

@@ -81,8 +81,9 @@ public:
     // --- status, for other programs; faults go to the system log
 
     /// Reads the status file: 0 running; 1 not running (no file, or its process is gone; `out` then
-    /// keeps a stale file's content); 255 unusable file. It can't tell the daemon from another
-    /// live program that has been given its process id.
+    /// keeps a stale file's content; also a process that may not be asked because it is another
+    /// user's); 255 unusable file. It can't tell the daemon from another live program that has been
+    /// given its process id. A file that a stranger made counts as none.
     static int GetStatus(Json::Value& out);
 
     /// The status as three texts. With `serviceId`, a service that the running daemon does not

@@ -1,16 +1,21 @@
 #include "common.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdarg.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <array>
+#include <chrono>
 
 namespace ZARO::Platform {
 namespace {
 
 constexpr size_t kMaxArguments = 63; // with the program's own name
+constexpr int kPatienceMs = 10000;
 
 /// A program started by a daemon begins like one started by a shell: what the daemon blocks or
 /// ignores is the daemon's own affair.
@@ -44,6 +49,29 @@ private:
     int error_ = 0;
 };
 
+/// Waits for a program's end and kills it when that takes too long: the caller may be a daemon with
+/// other things to do. Kernels without process descriptors wait as long as it takes.
+void EndAfter(pid_t pid, int milliseconds) {
+    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd < 0) {
+        return;
+    }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+    int ready = -1;
+    int left = milliseconds;
+    do {
+        pollfd entry = {pidfd, POLLIN, 0};
+        ready = poll(&entry, 1, left);
+        left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                    end - std::chrono::steady_clock::now())
+                                    .count());
+    } while (ready < 0 && errno == EINTR && left > 0);
+    if (ready != 1) {
+        kill(pid, SIGKILL);
+    }
+    close(pidfd);
+}
+
 int Run(char* const* argv) {
     const CleanSignals signals;
     pid_t pid = -1;
@@ -55,6 +83,7 @@ int Run(char* const* argv) {
     if (error != 0) {
         return Fail(error);
     }
+    EndAfter(pid, kPatienceMs);
     int status = 0;
     while (waitpid(pid, &status, 0) != pid) {
         if (errno != EINTR) {

@@ -70,7 +70,8 @@ int TLIBCFileGetSectionValue(const char *file, const char *section, const char *
                              int size);
 
 /* Runs `program` with the arguments that follow (after the program's own name), ended by NULL, and
- * waits for its end. Returns its exit status; < 0 when it could not run or ended by a signal. */
+ * waits for its end, 10 s at most: then it is killed. Returns its exit status; < 0 when it could not
+ * run or ended by a signal. */
 int TLIBCExec(const char *program, ...);
 
 /* Whether this model has a capability, e.g. "supportddns": non-zero when it has. */

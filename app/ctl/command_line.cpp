@@ -1,0 +1,160 @@
+#include "app/ctl/command_line.h"
+
+#include <exception>
+#include <iostream>
+#include <memory>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "app/ctl/check.h"
+#include "app/ctl/control.h"
+#include "app/ctl/report.h"
+#include "app/ctl/services.h"
+#include "app/ctl/settings.h"
+#include "app/ctl/status.h"
+
+namespace ZARO::Relay::ctl {
+
+namespace {
+
+constexpr int kGoOn = -1;
+constexpr const char* kVersion = "zarorelayctl " ZARO_VERSION;
+
+/// Everything that options and arguments are read into.
+struct Values {
+    StatusOptions status;
+    std::string text;
+    bool json = false;
+    bool verify = false;
+};
+
+using Action = std::function<int()>;
+
+/// Adds commands below one parser; the last one that was given decides the action.
+class Commands {
+public:
+    Commands(CLI::App& parser, Action& action, Values& values)
+        : parser_(parser), action_(action), values_(values) {}
+
+    CLI::App* Add(const char* name, const char* help, const Action& action) {
+        CLI::App* command = parser_.add_subcommand(name, help);
+        command->fallthrough(); // --root may come last
+        if (action) {
+            command->callback([this, action] { action_ = action; });
+        } else {
+            command->require_subcommand(1);
+        }
+        return command;
+    }
+
+    void AddWithText(const char* name, const char* help, const char* argument,
+                     int (*run)(const std::string&)) {
+        Values& values = values_;
+        Add(name, help, [&values, run] { return run(values.text); })
+            ->add_option(argument, values_.text)
+            ->required()
+            ->type_name("");
+    }
+
+    void AddWithJson(const char* name, const char* help, int (*run)(bool)) {
+        Values& values = values_;
+        Add(name, help, [&values, run] {
+            return run(values.json);
+        })->add_flag("--json", values_.json, "One JSON document");
+    }
+
+private:
+    CLI::App& parser_;
+    Action& action_;
+    Values& values_;
+};
+
+void DescribeDaemon(Commands& commands, Values& values) {
+    commands.Add("start", "Start the daemon; ends with its exit code", Start);
+    commands.Add("stop", "Stop the daemon", Stop);
+    commands.Add("restart", "Stop the daemon, then start it", Restart);
+    commands.Add("reload", "Make the daemon read its configuration anew", Reload);
+    CLI::App* status = commands.Add("status", "Show how the daemon and its services are doing",
+                                    [&values] { return ShowStatus(values.status); });
+    status->add_flag("--json", values.status.json, "One JSON document");
+    status->add_flag("--watch", values.status.watch, "Show it anew when it changes");
+    status->add_option("--service", values.status.service, "Of one service alone")->type_name("ID");
+    commands.Add("debug", "Print the daemon's inner state as JSON", Debug);
+    commands.Add("enable", "Switch the relay service on", [] { return Switch(true); });
+    commands.Add("disable", "Switch the relay service off", [] { return Switch(false); });
+}
+
+void DescribeSettings(Commands& commands, Commands& service, Commands& alias, Commands& log,
+                      Values& values) {
+    commands
+        .Add("id", "Print the server id",
+             [&values] { return values.verify ? VerifyServerId(values.text) : ShowServerId(); })
+        ->add_option_function<std::string>(
+            "--verify",
+            [&values](const std::string& id) {
+                values.text = id;
+                values.verify = true;
+            },
+            "Tell whether an id is this device's: 0 yes, 1 no")
+        ->type_name("ID");
+    commands.AddWithJson("check", "Check every link up to the relay, name what is broken", Check);
+    commands.Add("version", "Print the version", [] {
+        std::cout << kVersion << std::endl;
+        return kSuccess;
+    });
+    service.AddWithJson("list", "The services of this device", ListServices);
+    service.AddWithText("add", "Publish a service", "ID", AddService);
+    service.AddWithText("remove", "Withdraw a service", "ID", RemoveService);
+    alias.AddWithJson("show", "The alias and its last outcome", ShowAlias);
+    alias.AddWithText("set", "Take an alias", "NAME", [](const std::string& name) {
+        return name.empty() ? Fail(kNoAnswer, "an alias is not empty",
+                                   "see: zarorelayctl alias "
+                                   "clear")
+                            : SetAlias(name);
+    });
+    alias.Add("clear", "Give the alias up", [] { return SetAlias(""); });
+    log.AddWithText("start", "Write a debug log", "FILE", StartLog);
+    log.Add("stop", "End the debug log", StopLog);
+}
+
+int Parse(CLI::App& parser, int argc, char** argv) {
+    try {
+        parser.parse(argc, argv);
+        return kGoOn;
+    } catch (const CLI::Success& printed) {
+        return parser.exit(printed);
+    } catch (const std::exception& fault) {
+        const std::vector<std::string> rest = parser.remaining(true);
+        return Fail(kNoAnswer,
+                    rest.empty() ? fault.what() : "\"" + rest.front() + "\" was not expected",
+                    "see: zarorelayctl --help");
+    }
+}
+
+} // namespace
+
+int ReadCommandLine(int argc, char** argv, CommandLine& line) {
+    CLI::App parser(
+        "Controls the relay daemon, which makes this device reachable from the internet.",
+        "zarorelayctl");
+    parser.set_version_flag("--version", kVersion);
+    parser.require_subcommand(1);
+    parser
+        .add_option("--root", line.root,
+                    "Take every file of the device from below this folder (an appliance: /)")
+        ->type_name("DIR");
+    auto values = std::make_shared<Values>(); // lives as long as the action
+    Action chosen;
+    Commands commands(parser, chosen, *values);
+    DescribeDaemon(commands, *values);
+    Commands service(*commands.Add("service", "The published services", nullptr), chosen, *values);
+    Commands alias(*commands.Add("alias", "The name of the device", nullptr), chosen, *values);
+    Commands log(*commands.Add("log", "The debug log", nullptr), chosen, *values);
+    DescribeSettings(commands, service, alias, log, *values);
+    const int code = Parse(parser, argc, argv);
+    line.action = [values, chosen] { return chosen(); };
+    return code;
+}
+
+} // namespace ZARO::Relay::ctl

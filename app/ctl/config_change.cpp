@@ -1,0 +1,115 @@
+#include "app/ctl/config_change.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include <zarorelayd/config.h>
+
+#include "app/backoff.h"
+#include "app/config_check.h"
+#include "app/ctl/report.h"
+#include "app/json_io.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay::ctl {
+
+namespace {
+
+constexpr app::seconds kLockPatience{5};
+constexpr int kLockPause = 5; // milliseconds
+
+std::string FolderOf(const std::string& path) {
+    return path.substr(0, path.rfind('/') + 1);
+}
+
+/// The file exists beside the configuration and is never removed: a lock on a removed file excludes
+/// nobody.
+std::string LockFile(const std::string& path) {
+    return FolderOf(path) + ".zarorelayd.conf.lock";
+}
+
+/// Other users must not be able to hold the lock, so they must not be able to open the file.
+bool LockForOwnerOnly(FileLock& lock) {
+    const mode_t before = umask(077);
+    const bool locked = lock.Lock(LOCK_EX);
+    umask(before);
+    return locked;
+}
+
+} // namespace
+
+bool LookAtConfig(Json::Value& config, std::string& fault) {
+    const std::string path = paths::ConfigFile();
+    config = Json::Value(Json::objectValue);
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
+        return true;
+    }
+    std::ifstream file(path);
+    if (!file || !S_ISREG(info.st_mode)) {
+        fault = path + ": can't be read: " + (file ? "not a file" : strerror(errno));
+        return false;
+    }
+    const std::string text((std::istreambuf_iterator<char>(file)),
+                           std::istreambuf_iterator<char>());
+    std::string reason;
+    if (app::ParseJson(text, config, &reason) && config.isObject()) {
+        return true;
+    }
+    fault = path + ": " + (reason.empty() ? "expected a JSON object" : "expected JSON: " + reason);
+    config = Json::Value(Json::objectValue);
+    return false;
+}
+
+ConfigChange::ConfigChange() : path_(paths::ConfigFile()), lock_(LockFile(path_).c_str()) {
+}
+
+int ConfigChange::Begin() {
+    const std::string folder = FolderOf(path_);
+    if (faccessat(AT_FDCWD, folder.c_str(), W_OK, AT_EACCESS) != 0) {
+        return Fail(kNoAnswer, folder + " can't be written to: " + strerror(errno),
+                    RootOr("see whether it is there and can be written"));
+    }
+    const auto deadline = app::Clock::now() + kLockPatience;
+    while (!LockForOwnerOnly(lock_)) {
+        if (app::Clock::now() >= deadline) {
+            return Fail(kLocked, LockFile(path_) + " is held by another program",
+                        "try again when that has ended");
+        }
+        (void)poll(nullptr, 0, kLockPause);
+    }
+    bool unusable = false;
+    const std::vector<std::string> faults = app::CheckConfigFile(path_, true, unusable);
+    if (unusable) {
+        return Fail(kUnusable, faults.front(), "correct the file first");
+    }
+    return kSuccess;
+}
+
+Json::Value ConfigChange::Read() const {
+    Json::Value config;
+    (void)RelaydConf::ReadJsonFile(path_, config); // true in every case
+    return config.isObject() ? config : Json::Value(Json::objectValue);
+}
+
+int ConfigChange::Write(const Json::Value& config) const {
+    // The library also calls it a success when only the rename failed.
+    return RelaydConf::WriteJsonFile(path_, config) && Read() == config ? kSuccess
+                                                                        : TellNotWritten();
+}
+
+int TellNotWritten() {
+    return Fail(kNoAnswer, paths::ConfigFile() + " can't be written",
+                RootOr("see whether the disk is full or read-only"));
+}
+
+} // namespace ZARO::Relay::ctl

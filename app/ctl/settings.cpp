@@ -1,0 +1,165 @@
+#include "app/ctl/settings.h"
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <iostream>
+
+#include <zarorelayd/config.h>
+#include <zarorelayd/zarorelayd.h>
+
+#include "app/checks.h"
+#include "app/ctl/config_change.h"
+#include "app/ctl/control.h"
+#include "app/ctl/report.h"
+#include "app/ctl/text.h"
+#include "app/json_io.h"
+#include "platform/paths.h"
+
+namespace ZARO::Relay::ctl {
+
+namespace {
+
+constexpr std::size_t kLongestAlias = 63;
+
+bool IsAliasName(const std::string& name) {
+    static constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyz0123456789-";
+    return !name.empty() && name.size() <= kLongestAlias &&
+           name.find_first_not_of(kAllowed) == std::string::npos;
+}
+
+/// While it stands, what the library writes to standard error is dropped: that no daemon runs is
+/// said in our own words, or is no fault.
+class Silence {
+public:
+    Silence() : buffer_(std::cerr.rdbuf(nullptr)) {}
+    ~Silence() { std::cerr.rdbuf(buffer_); }
+    Silence(const Silence&) = delete;
+    Silence& operator=(const Silence&) = delete;
+
+private:
+    std::streambuf* buffer_;
+};
+
+/// Has the library change the log settings, which also makes a running daemon reload.
+int SwitchLog(const std::function<int()>& change, const std::string& done) {
+    const Presence presence = FindDaemon();
+    if (presence == Presence::Foreign) {
+        return Fail(kNoAnswer,
+                    "the process in " + paths::PidFile("zarorelayd") + " is another program's",
+                    "start the daemon first, or remove that file");
+    }
+    ConfigChange file;
+    const int code = file.Begin();
+    if (code != kSuccess) {
+        return code;
+    }
+    if (file.Read().empty()) {
+        // The library changes files, but makes none.
+        const int written = file.Write(Json::Value(Json::objectValue));
+        if (written != kSuccess) {
+            return written;
+        }
+    }
+    {
+        const Silence silence;
+        if (change() != 0) {
+            return TellNotWritten();
+        }
+    }
+    if (presence == Presence::NotPermitted) {
+        return Apply(done); // tells what is left to do
+    }
+    std::cout << done
+              << (presence == Presence::Running ? "" : "; this holds when the daemon starts")
+              << std::endl;
+    return kSuccess;
+}
+
+} // namespace
+
+int ShowAlias(bool json) {
+    Json::Value config;
+    std::string fault;
+    if (!LookAtConfig(config, fault)) {
+        return Fail(kUnusable, fault, "correct the file");
+    }
+    const Json::Value* settings = app::FindMember(config, "server_alias");
+    const std::string name = settings != nullptr ? app::TextMember(*settings, "alias") : "";
+    std::string status;
+    std::string extra;
+    if (!name.empty()) {
+        (void)AliasStatus().GetStatus(name, status, extra); // both stay empty: not known yet
+    }
+    if (json) {
+        Json::Value document;
+        document["name"] = name;
+        document["status"] = status;
+        document["extra"] = extra;
+        std::cout << app::StyledJson(document);
+    } else if (name.empty()) {
+        std::cout << "no alias" << std::endl;
+    } else {
+        const std::string word = status.empty() ? "not known yet" : Clean(status);
+        std::cout << Clean(name) << ": " << word << (extra.empty() ? "" : ", " + Clean(extra))
+                  << std::endl;
+    }
+    return kSuccess;
+}
+
+int SetAlias(const std::string& name) {
+    if (!name.empty() && !IsAliasName(name)) {
+        return Fail(kNoAnswer, "\"" + Clean(name) + "\" can't be an alias",
+                    "expected 1 to 63 of a-z, 0-9 and \"-\"");
+    }
+    ConfigChange change;
+    const int code = change.Begin();
+    if (code != kSuccess) {
+        return code;
+    }
+    const std::string path = paths::ConfigFile();
+    if (!RelaydConf(path.c_str()).WriteAliasName(path, name) ||
+        app::TextMember(change.Read()["server_alias"], "alias") != name) {
+        return TellNotWritten();
+    }
+    return Apply(name.empty() ? "the alias is given up" : "the alias is " + name);
+}
+
+int StartLog(const std::string& file) {
+    std::error_code fault;
+    const std::filesystem::path path = std::filesystem::absolute(file, fault);
+    if (file.empty() || fault || !std::filesystem::is_directory(path.parent_path(), fault) ||
+        std::filesystem::is_directory(path, fault)) {
+        return Fail(kNoAnswer, "\"" + Clean(file) + "\" can't be a log file",
+                    "expected a file in an existing folder");
+    }
+    return SwitchLog([&] { return TLIBRelaydLogStart(path.c_str()); },
+                     "debug log goes to " + Clean(path.string(), 300));
+}
+
+int StopLog() {
+    return SwitchLog(TLIBRelaydLogStop, "debug log is off");
+}
+
+int ShowServerId() {
+    Json::Value config;
+    std::string fault;
+    if (!LookAtConfig(config, fault)) {
+        return Fail(kUnusable, fault, "correct the file");
+    }
+    char id[64] = "";
+    if (TLIBRelaydGetServerId(nullptr, id, sizeof id) != 1) {
+        return Fail(kNotRunning, "this device has no server id yet",
+                    "it gets one when the daemon registers; see: zarorelayctl status");
+    }
+    std::cout << Clean(id) << std::endl;
+    return kSuccess;
+}
+
+int VerifyServerId(const std::string& id) {
+    const bool valid = TLIBRelaydVerifyServerId(id.c_str()) == 1;
+    std::cout << (valid ? "valid" : "not this device's") << std::endl;
+    return valid ? kSuccess : kNotRunning;
+}
+
+} // namespace ZARO::Relay::ctl
