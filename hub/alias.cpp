@@ -1,0 +1,109 @@
+#include "hub/alias.h"
+
+#include <exception>
+#include <map>
+
+#include "hub/log.h"
+#include "hub/net.h"
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+// The words of the alias protocol.
+constexpr char kGood[] = "good";
+constexpr char kBadAuth[] = "badauth";
+constexpr char kBadParam[] = "badparam";
+constexpr char kInUse[] = "alias_inused";
+constexpr char kNotFound[] = "alias_not_found";
+constexpr char kBadSystem[] = "badsys"; // full, or nothing to be done about it
+constexpr char kInternal[] = "911";
+
+std::string WordFor(StoreResult result) {
+    switch (result) {
+    case StoreResult::kDone:
+        return kGood;
+    case StoreResult::kRefused:
+        return kBadAuth;
+    case StoreResult::kNotFound:
+        return kNotFound;
+    case StoreResult::kTaken:
+        return kInUse;
+    case StoreResult::kFull:
+        return kBadSystem;
+    case StoreResult::kFault:
+        break;
+    }
+    return kInternal;
+}
+
+} // namespace
+
+std::string Alias::Update(const std::string& form) {
+    try {
+        std::map<std::string, std::string> fields = ParseForm(form);
+        const std::string& action = fields["action"];
+        const std::string& name = fields["alias"];
+        if ((action != "map_alias" && action != "delete_alias" && action != "keep_alive_alias") ||
+            !IsAliasName(name) || !IsSerial(fields["serial"]) || !IsToken(fields["token"]) ||
+            fields["id"].empty()) {
+            return kBadParam;
+        }
+        Device device;
+        StoreResult result =
+            store_.Authenticate(fields["serial"], fields["token"], fields["id"], &device);
+        if (result == StoreResult::kDone) {
+            result = action == "map_alias"      ? store_.MapAlias(name, device.key, ttl_)
+                     : action == "delete_alias" ? store_.DeleteAlias(name, device.key)
+                                                : store_.KeepAlias(name, device.key, ttl_);
+        }
+        const std::string word = WordFor(result);
+        Log(Level::kDebug, "alias", "%s %s of %s: %s", action.c_str(), name.c_str(),
+            fields["serial"].c_str(), word.c_str());
+        return word;
+    } catch (const std::exception& fault) {
+        Log(Level::kError, "alias", "an update failed: %s", fault.what());
+        return kInternal;
+    }
+}
+
+std::string Alias::Query(const std::string& form, const Origin& origin) {
+    try {
+        std::map<std::string, std::string> fields = ParseForm(form);
+        if (fields["action"] != "query_alias" || !IsAliasName(fields["alias"])) {
+            return kBadParam;
+        }
+        return Describe(fields["alias"], origin);
+    } catch (const std::exception& fault) {
+        Log(Level::kError, "alias", "a query failed: %s", fault.what());
+        return kInternal;
+    }
+}
+
+std::string Alias::Describe(const std::string& name, const Origin& origin) {
+    Device device;
+    std::vector<TunnelRecord> tunnels;
+    StoreResult result = store_.FindAlias(name, &device);
+    if (result == StoreResult::kDone) {
+        result = store_.ListTunnels(device.key, &tunnels);
+    }
+    if (result != StoreResult::kDone) {
+        return WordFor(result);
+    }
+    const std::string host = visitorHost_.empty() ? origin.host : ForUrl(visitorHost_);
+    Json::Value reply(Json::objectValue);
+    reply["alias"] = name;
+    reply["id"] = device.serverId;
+    Json::Value& services = reply["services"] = Json::Value(Json::arrayValue);
+    for (const TunnelRecord& tunnel : tunnels) {
+        Json::Value service(Json::objectValue);
+        service["id"] = tunnel.id;
+        service["name"] = tunnel.name;
+        service["address"] = host + ":" + std::to_string(tunnel.relayPort);
+        service["relay_up"] = isUp_(tunnel.relayPort);
+        services.append(service);
+    }
+    return ToLine(reply);
+}
+
+} // namespace ZARO::RelayHub

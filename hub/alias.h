@@ -1,0 +1,36 @@
+/// The alias server's two pages: a form in, a word or a JSON object out.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "hub/forms.h"
+#include "hub/store.h"
+
+namespace ZARO::RelayHub {
+
+/// May be called from any thread; never throws.
+class Alias {
+public:
+    /// A name lasts for `ttl` after it was last kept alive. `visitorHost` is the host that visitors
+    /// are shown; empty = the one of their own request.
+    Alias(Store& store, std::chrono::seconds ttl, std::function<bool(int port)> isUp,
+          std::string visitorHost)
+        : store_(store), ttl_(ttl), isUp_(std::move(isUp)), visitorHost_(std::move(visitorHost)) {}
+
+    /// Maps, renews or deletes a name of the device whose credentials come along.
+    std::string Update(const std::string& form);
+    /// Tells where the services of a name are. Anybody may ask.
+    std::string Query(const std::string& form, const Origin& origin);
+
+private:
+    std::string Describe(const std::string& name, const Origin& origin);
+
+    Store& store_;
+    const std::chrono::seconds ttl_;
+    const std::function<bool(int port)> isUp_;
+    const std::string visitorHost_;
+};
+
+} // namespace ZARO::RelayHub

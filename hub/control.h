@@ -1,0 +1,74 @@
+/// The control server's commands: a JSON array in, a JSON array with a reply each out.
+#pragma once
+
+#include <json/value.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hub/forms.h"
+#include "hub/store.h"
+#include "hub/waiters.h"
+
+namespace ZARO::RelayHub {
+
+/// The numbers of the protocol.
+enum class Errno {
+    kGood = 0,
+    kUnknown = 1,
+    kAuth = 2,
+    kNoSuchCommand = 3,
+    kVersion = 5,
+    kNoSession = 6,
+    kInput = 9,
+    kLimit = 11,
+};
+
+/// What control needs of the relay.
+struct RelayControl {
+    std::function<bool(int port)> isUp;                               // is that port listening?
+    std::function<void(const std::vector<std::string>& users)> close; // those tunnels are gone
+};
+
+/// May be called from any thread; a wait command blocks its thread for the hold time at most.
+class Control {
+public:
+    /// `relayHost` is what devices are told to connect to; empty = the host of their own request.
+    Control(Store& store, Waiters& waiters, RelayControl relay, std::string relayHost)
+        : store_(store), waiters_(waiters), relay_(std::move(relay)),
+          relayHost_(std::move(relayHost)) {}
+
+    /// Answers one batch. `session` is the session that came with it, or "", and afterwards the one
+    /// that the sender is to use from now on. Never throws.
+    std::string Answer(const std::string& body, const Origin& origin, std::string* session);
+
+private:
+    /// What the commands of one batch share.
+    struct Batch {
+        const Origin& origin;
+        std::string* session;
+        std::optional<Device> device;
+        bool owesServices = false; // registered, and its services not named again so far
+        bool isLast = false;       // the command is the batch's last one
+    };
+
+    std::string AnswerArray(const std::string& body, Batch& batch);
+    Errno Execute(const Json::Value& command, Batch& batch, Json::Value* reply);
+    Errno Register(const Json::Value& command, Batch& batch, Json::Value* reply);
+    Errno UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value* reply);
+    Errno UpdateServices(const Json::Value& command, Batch& batch, Json::Value* reply);
+    Errno Wait(const Json::Value& command, Batch& batch, Json::Value* reply);
+    Errno ListTunnels(const Batch& batch, int revision, Json::Value* reply);
+    /// A registered device has exactly the services that it names: without a word on them, none.
+    void FinishRegistration(Batch& batch);
+    void ServicesChanged(int64_t device, const std::vector<std::string>& gone);
+
+    Store& store_;
+    Waiters& waiters_;
+    const RelayControl relay_;
+    const std::string relayHost_;
+};
+
+} // namespace ZARO::RelayHub

@@ -1,0 +1,86 @@
+/// A thin layer over SQLite: failures become exceptions, which the store's methods catch.
+#pragma once
+
+#include <sqlite3.h>
+#include <stdint.h>
+
+#include <map>
+#include <stdexcept>
+#include <string>
+
+namespace ZARO::RelayHub {
+
+/// What SQLite said. Never leaves the store.
+struct DatabaseFault : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// One connection with its prepared statements. For one thread at a time.
+class Database {
+public:
+    Database() = default;
+    Database(const Database&) = delete;
+    Database& operator=(const Database&) = delete;
+    ~Database();
+
+    void Open(const std::string& file);
+    /// Runs statements that give no rows.
+    void Execute(const char* sql);
+    /// The statement for `sql`, prepared at its first use. The text must be a literal: its address
+    /// is the key.
+    sqlite3_stmt* Prepare(const char* sql);
+    [[noreturn]] void Fail(const char* doing) const;
+
+private:
+    sqlite3* handle_ = nullptr;
+    std::map<const char*, sqlite3_stmt*> statements_;
+};
+
+/// One use of a prepared statement with its values bound in order. The same text must not be in use
+/// twice at a time.
+class Query {
+public:
+    template <typename... Values>
+    Query(Database& database, const char* sql, const Values&... values)
+        : database_(database), statement_(database.Prepare(sql)) {
+        int place = 0;
+        (Bind(++place, values), ...);
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+    ~Query();
+
+    /// Goes to the next row; false when there is none.
+    bool Next();
+    /// Runs a statement to its end, whatever rows it gives.
+    void Run();
+    int64_t Integer(int column) const { return sqlite3_column_int64(statement_, column); }
+    int Int(int column) const { return sqlite3_column_int(statement_, column); }
+    std::string Text(int column) const;
+
+private:
+    void Bind(int place, int64_t value);
+    void Bind(int place, int value) { Bind(place, static_cast<int64_t>(value)); }
+    void Bind(int place, const std::string& value);
+
+    Database& database_;
+    sqlite3_stmt* statement_;
+};
+
+/// Undone at its end unless committed.
+class Transaction {
+public:
+    explicit Transaction(Database& database) : database_(database) {
+        database_.Execute("BEGIN IMMEDIATE");
+    }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    ~Transaction();
+    void Commit();
+
+private:
+    Database& database_;
+    bool open_ = true;
+};
+
+} // namespace ZARO::RelayHub

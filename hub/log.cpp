@@ -1,0 +1,58 @@
+#include "hub/log.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+std::atomic<int> gLevel{static_cast<int>(Level::kInfo)};
+
+const char* NameOf(Level level) {
+    switch (level) {
+    case Level::kError:
+        return "error";
+    case Level::kWarning:
+        return "warning";
+    case Level::kInfo:
+        return "info";
+    case Level::kDebug:
+        return "debug";
+    }
+    return "?";
+}
+
+} // namespace
+
+void SetLogLevel(int level) {
+    gLevel = level;
+}
+
+void Log(Level level, const char* unit, const char* format, ...) {
+    if (static_cast<int>(level) > gLevel) {
+        return;
+    }
+    const int savedErrno = errno;
+    char line[512];
+    const size_t room = sizeof line - 1; // one byte stays for the line end
+    const auto used = static_cast<size_t>(snprintf(line, room, "%s %s: ", NameOf(level), unit));
+    va_list arguments;
+    va_start(arguments, format);
+    const int wanted = vsnprintf(line + used, room - used, format, arguments);
+    va_end(arguments);
+    size_t length = used + static_cast<size_t>(std::max(wanted, 0));
+    length = std::min(length, room - 1);
+    line[length] = '\n';
+    // One write a line keeps lines of several threads apart; there is nowhere to report its
+    // failure.
+    (void)!write(STDERR_FILENO, line, length + 1);
+    errno = savedErrno;
+}
+
+} // namespace ZARO::RelayHub

@@ -1,0 +1,22 @@
+/// The hub's log: one line a message on standard error, "level unit: text".
+#pragma once
+
+namespace ZARO::RelayHub {
+
+/// The numbers are the syslog priorities.
+enum class Level {
+    kError = 3,   // work was lost
+    kWarning = 4, // carried on, the text says how
+    kInfo = 6,    // a state changed
+    kDebug = 7,
+};
+
+/// Messages above `level` (3 to 7) are dropped from now on. The threshold starts at 6.
+void SetLogLevel(int level);
+
+/// Writes one line, cut at about 500 bytes. Any thread may call it; errno survives. Texts from a
+/// peer are checked before they are passed.
+void Log(Level level, const char* unit, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+} // namespace ZARO::RelayHub

@@ -1,0 +1,192 @@
+#include "hub/net.h"
+
+#include <errno.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <string.h>
+#include <sys/socket.h>
+
+#include <memory>
+#include <system_error>
+
+#include "hub/log.h"
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+struct AddressDeleter {
+    void operator()(addrinfo* info) const { freeaddrinfo(info); }
+};
+using AddressInfo = std::unique_ptr<addrinfo, AddressDeleter>;
+
+AddressInfo ToAddress(const std::string& address, int port) {
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV | AI_PASSIVE;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+        return nullptr;
+    }
+    return AddressInfo(found);
+}
+
+void SetOption(int fd, int level, int option, int value) {
+    // Tuning only: a socket that refuses it works all the same.
+    (void)setsockopt(fd, level, option, &value, sizeof value);
+}
+
+/// A bound socket; empty, with errno set, when the address can't be had.
+Fd BindTcp(const addrinfo& where) {
+    Fd fd(socket(where.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd) {
+        return fd;
+    }
+    SetOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
+    if (where.ai_family == AF_INET6) {
+        SetOption(fd.Get(), IPPROTO_IPV6, IPV6_V6ONLY, 0);
+    }
+    if (bind(fd.Get(), where.ai_addr, where.ai_addrlen) != 0) {
+        const int reason = errno;
+        fd.Reset();
+        errno = reason;
+    }
+    return fd;
+}
+
+} // namespace
+
+bool ListenTcp(const std::string& address, int port, Fd* listener, std::string* error) {
+    const std::string where = ForUrl(address) + ":" + std::to_string(port);
+    const AddressInfo info = ToAddress(address, port);
+    if (info == nullptr) {
+        *error = "can't listen on " + where + ": not an IP address";
+        return false;
+    }
+    Fd fd = BindTcp(*info);
+    if (!fd || listen(fd.Get(), SOMAXCONN) != 0) {
+        *error = "can't listen on " + where + ": " + strerror(errno);
+        return false;
+    }
+    *listener = std::move(fd);
+    return true;
+}
+
+int PortOf(int fd) {
+    sockaddr_storage bound{};
+    socklen_t size = sizeof bound;
+    if (getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &size) != 0) {
+        return 0;
+    }
+    return ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port
+                                             : reinterpret_cast<sockaddr_in*>(&bound)->sin_port);
+}
+
+bool IsPortFree(const std::string& address, int port) {
+    Fd listener;
+    std::string error;
+    return ListenTcp(address, port, &listener, &error);
+}
+
+bool IsShortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+void SetNoDelay(int fd) {
+    SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
+void SetKeepAlive(int fd, int idle, int interval, int count) {
+    SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, idle);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, interval);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, count);
+}
+
+void SetUserTimeOut(int fd, int milliseconds) {
+    SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
+}
+
+std::string PeerOf(int fd, int* port) {
+    sockaddr_storage peer{};
+    socklen_t size = sizeof peer;
+    char host[NI_MAXHOST] = "";
+    char service[NI_MAXSERV] = "0";
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0) {
+        (void)getnameinfo(reinterpret_cast<sockaddr*>(&peer), size, host, sizeof host, service,
+                          sizeof service, NI_NUMERICHOST | NI_NUMERICSERV);
+    }
+    *port = atoi(service);
+    return host;
+}
+
+std::string ForUrl(const std::string& address) {
+    return address.find(':') == std::string::npos ? address : "[" + address + "]";
+}
+
+Acceptor::Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)
+    : unit_(unit), mayAccept_(std::move(mayAccept)), onAccept_(std::move(onAccept)) {
+}
+
+bool Acceptor::Start(Fd listener, std::string* error) {
+    listener_ = std::move(listener);
+    port_ = PortOf(listener_.Get());
+    if (!stop_.IsValid()) {
+        *error = std::string("can't start: ") + strerror(errno);
+        return false;
+    }
+    try {
+        thread_ = std::thread([this] { Run(); });
+    } catch (const std::system_error& fault) {
+        *error = std::string("can't start a thread: ") + fault.what();
+        return false;
+    }
+    return true;
+}
+
+void Acceptor::Stop() {
+    stop_.Wake();
+    if (thread_.joinable()) {
+        thread_.join();
+    }
+    listener_.Reset();
+}
+
+void Acceptor::Run() {
+    const auto pause = static_cast<int>(kAcceptPause.count());
+    for (;;) {
+        pollfd wait[] = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
+        (void)poll(wait, 2, -1);
+        if (wait[0].revents != 0) {
+            return;
+        }
+        const bool rest = !mayAccept_() || !AcceptOne();
+        if (rest && stop_.WaitFor(pause)) {
+            return;
+        }
+    }
+}
+
+bool Acceptor::AcceptOne() {
+    Fd connection(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (connection) {
+        if (inShortage_) {
+            inShortage_ = false;
+            Log(Level::kInfo, unit_, "accepts connections again");
+        }
+        SetNoDelay(connection.Get());
+        onAccept_(std::move(connection));
+        return true;
+    }
+    if (!IsShortage(errno)) {
+        return true; // the peer is gone already, or another such fault of this one connection
+    }
+    if (!inShortage_) {
+        inShortage_ = true;
+        Log(Level::kWarning, unit_, "connections wait: %s", strerror(errno));
+    }
+    return false;
+}
+
+} // namespace ZARO::RelayHub

@@ -1,0 +1,253 @@
+#include "hub/relay.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "hub/files.h"
+#include "hub/log.h"
+#include "hub/secret.h"
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+/// Sessions that have not logged in. One more ends the oldest: whoever floods the relay is slower
+/// than an honest log-in, which takes well under a second.
+constexpr size_t kMaxStrangers = 64;
+
+struct KeyFree {
+    void operator()(ssh_key key) const { ssh_key_free(key); }
+};
+using HostKey = std::unique_ptr<ssh_key_struct, KeyFree>;
+
+HostKey KeyFrom(const std::string& text) {
+    ssh_key key = nullptr;
+    if (ssh_pki_import_privkey_base64(text.c_str(), nullptr, nullptr, nullptr, &key) != SSH_OK) {
+        return nullptr;
+    }
+    return HostKey(key);
+}
+
+} // namespace
+
+Relay::Relay(Store& store, std::string visitorAddress, StatusChanged statusChanged)
+    : store_(store), visitorAddress_(std::move(visitorAddress)),
+      statusChanged_(std::move(statusChanged)), bind_(ssh_bind_new(), ssh_bind_free), up_(65536),
+      acceptor_(
+          "relay", [this] { return MayAdmit(); }, [this](Fd fd) { Admit(std::move(fd)); }) {
+}
+
+Relay::~Relay() {
+    Stop();
+}
+
+bool Relay::Start(const std::string& address, int port, const std::string& keyFile,
+                  std::string* error) {
+    Fd listener;
+    return UseHostKey(keyFile, error) && ListenTcp(address, port, &listener, error) &&
+           acceptor_.Start(std::move(listener), error);
+}
+
+bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
+    std::string text;
+    if (!ReadSmallFile(keyFile, &text, error)) {
+        return false;
+    }
+    if (text.empty()) {
+        ssh_key made = nullptr;
+        char* exported = nullptr;
+        if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &made) == SSH_OK) {
+            (void)ssh_pki_export_privkey_base64(made, nullptr, nullptr, nullptr, &exported);
+        }
+        const HostKey owner(made);
+        text = exported == nullptr ? "" : exported;
+        ssh_string_free_char(exported);
+        if (text.empty() || !WritePrivateFile(keyFile, text, error)) {
+            *error = error->empty() ? "can't make a host key" : *error;
+            return false;
+        }
+    }
+    HostKey key = KeyFrom(text);
+    const bool noFiles = false; // the machine's own SSH server settings are none of ours
+    if (key == nullptr || bind_ == nullptr ||
+        ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
+        ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) != SSH_OK) {
+        *error = keyFile + " does not hold a usable host key";
+        return false;
+    }
+    (void)key.release(); // it belongs to bind_ now
+    return true;
+}
+
+void Relay::Stop() {
+    acceptor_.Stop();
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stopping_ = true;
+        for (RelaySession* session : sessions_) {
+            session->End();
+        }
+    }
+    threads_.JoinAll();
+}
+
+bool Relay::MayAdmit() {
+    // Strangers that were told to end take a moment; a flood must not pile up threads meanwhile.
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return threads_.Count() < seats_.size() + 2 * kMaxStrangers;
+}
+
+void Relay::Admit(Fd fd) {
+    const int connection = fd.Get();
+    if (threads_.Start([this, connection] { Serve(Fd(connection)); })) {
+        (void)fd.Release(); // the thread owns it
+    } else {
+        Log(Level::kWarning, "relay", "a session was dropped: no thread left");
+    }
+}
+
+void Relay::Serve(Fd fd) {
+    ssh_session raw = ssh_new();
+    if (raw == nullptr) {
+        return;
+    }
+    const int socket = fd.Get();
+    int result = SSH_ERROR;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_); // bind_ is for one thread at a time
+        result = ssh_bind_accept_fd(bind_.get(), raw, socket);
+    }
+    if (ssh_get_fd(raw) == socket) {
+        (void)fd.Release(); // it closes with the session
+    }
+    try {
+        RelaySession session(*this, raw, socket);
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            if (stopping_ || result != SSH_OK) {
+                return;
+            }
+            if (strangers_.size() >= kMaxStrangers) {
+                strangers_.front()->End();
+                strangers_.pop_front();
+            }
+            strangers_.push_back(&session);
+            sessions_.push_back(&session);
+        }
+        struct Entry {
+            Relay& relay;
+            RelaySession& session;
+            ~Entry() { relay.Leave(&session); }
+        } const entry{*this, session};
+        session.Run();
+    } catch (const std::exception& fault) {
+        Log(Level::kError, "relay", "a session failed: %s", fault.what());
+    }
+}
+
+bool Relay::LogIn(RelaySession* session, const std::string& user, const std::string& password) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    TunnelRecord tunnel;
+    const StoreResult found = store_.FindTunnel(user, &tunnel);
+    // An unknown user takes as long as a wrong password.
+    const bool equal = EqualSecrets(tunnel.password, password);
+    if (found != StoreResult::kDone || !equal) {
+        Log(Level::kWarning, "relay", "log-in refused: %s",
+            found == StoreResult::kDone ? "wrong password" : "unknown user");
+        return false;
+    }
+    if (session->IsEnded()) { // it would only drive the former session out
+        return false;
+    }
+    Seat& seat = seats_[user];
+    if (seat.session != nullptr) {
+        seat.session->End();
+    }
+    seat.session = session;
+    seat.tunnel = std::move(tunnel);
+    if (seat.port != nullptr) {
+        seat.port->GiveTo(session); // stays open for visitors, who wait in the backlog
+    }
+    strangers_.remove(session);
+    return true;
+}
+
+std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
+    int64_t device = 0;
+    std::shared_ptr<RelayPort> opened;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = SeatOf(session);
+        if (found == seats_.end() || found->second.tunnel.relayPort != port) {
+            return nullptr;
+        }
+        Seat* const seat = &found->second;
+        if (seat->port == nullptr) {
+            Fd listener;
+            std::string error;
+            if (!ListenTcp(visitorAddress_, port, &listener, &error)) {
+                Log(Level::kError, "relay", "tunnel %s: %s", seat->tunnel.id.c_str(),
+                    error.c_str());
+                return nullptr;
+            }
+            seat->port = std::make_shared<RelayPort>(std::move(listener));
+            seat->port->GiveTo(session);
+            up_[static_cast<uint16_t>(port)] = true;
+            device = seat->tunnel.device;
+        }
+        opened = seat->port;
+    }
+    if (device != 0) {
+        statusChanged_(device);
+    }
+    return opened;
+}
+
+void Relay::Close(const std::vector<std::string>& users) {
+    // Those tunnels are off their device's list, which says more than a status could.
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::string& user : users) {
+        const auto seat = seats_.find(user);
+        if (seat != seats_.end()) {
+            (void)ClosePort(seat->second);
+            seat->second.session->End();
+            seats_.erase(seat);
+        }
+    }
+}
+
+void Relay::Leave(RelaySession* session) {
+    int64_t device = 0;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        strangers_.remove(session);
+        sessions_.remove(session);
+        const auto seat = SeatOf(session);
+        if (seat != seats_.end()) {
+            device = stopping_ ? 0 : ClosePort(seat->second);
+            seats_.erase(seat);
+        }
+    }
+    if (device != 0) {
+        statusChanged_(device);
+    }
+}
+
+Relay::Seats::iterator Relay::SeatOf(const RelaySession* session) {
+    return std::find_if(seats_.begin(), seats_.end(),
+                        [session](const auto& entry) { return entry.second.session == session; });
+}
+
+int64_t Relay::ClosePort(Seat& seat) {
+    if (seat.port == nullptr) {
+        return 0;
+    }
+    up_[static_cast<uint16_t>(seat.tunnel.relayPort)] = false;
+    seat.port->Shut();
+    seat.port.reset();
+    return seat.tunnel.device;
+}
+
+} // namespace ZARO::RelayHub

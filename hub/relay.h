@@ -1,0 +1,83 @@
+/// The SSH relay: devices log in and have their visitors forwarded to them.
+#pragma once
+
+#include <libssh/server.h>
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "hub/net.h"
+#include "hub/relay_session.h"
+#include "hub/store.h"
+#include "hub/threads.h"
+
+namespace ZARO::RelayHub {
+
+/// Accepts each tunnel's own user and password, and opens the tunnel's own port, nothing else. One
+/// thread a session. Any thread may call the public methods.
+class Relay : private RelayDesk {
+public:
+    using StatusChanged = std::function<void(int64_t device)>;
+
+    /// `visitorAddress` is where the tunnels' ports listen. `statusChanged` is told when a tunnel
+    /// of a device goes up or down.
+    Relay(Store& store, std::string visitorAddress, StatusChanged statusChanged);
+    ~Relay();
+
+    /// Listens; the host key is kept in `keyFile`, mode 0600, and made when it is not there.
+    bool Start(const std::string& address, int port, const std::string& keyFile,
+               std::string* error);
+    /// Ends every session.
+    void Stop();
+    int Port() const { return acceptor_.Port(); }
+
+    /// Whether that port is open for visitors at the moment. Takes no lock.
+    bool IsUp(int port) const { return up_[static_cast<uint16_t>(port)]; }
+    /// Ends the sessions of these tunnels and closes their ports before it returns.
+    void Close(const std::vector<std::string>& users);
+
+private:
+    /// A tunnel that a session has logged in for.
+    struct Seat {
+        RelaySession* session = nullptr;
+        TunnelRecord tunnel;
+        std::shared_ptr<RelayPort> port; // null until the session asked for it
+    };
+
+    using Seats = std::map<std::string, Seat>; // by user
+
+    bool LogIn(RelaySession* session, const std::string& user,
+               const std::string& password) override;
+    std::shared_ptr<RelayPort> OpenPort(RelaySession* session, int port) override;
+
+    bool UseHostKey(const std::string& keyFile, std::string* error);
+    bool MayAdmit();
+    void Admit(Fd fd);
+    void Serve(Fd fd);
+    void Leave(RelaySession* session);
+    Seats::iterator SeatOf(const RelaySession* session);
+    /// Closes the seat's port. The device whose tunnel went down, or 0.
+    int64_t ClosePort(Seat& seat);
+
+    Store& store_;
+    const std::string visitorAddress_;
+    const StatusChanged statusChanged_;
+    const std::unique_ptr<ssh_bind_struct, void (*)(ssh_bind)> bind_;
+    std::vector<std::atomic<bool>> up_; // by port
+
+    std::mutex mutex_; // guards the following; taken before the store's, never after
+    bool stopping_ = false;
+    Seats seats_;
+    std::list<RelaySession*> strangers_; // not logged in yet, oldest first
+    std::list<RelaySession*> sessions_;  // all of them
+
+    ThreadSet threads_;
+    Acceptor acceptor_;
+};
+
+} // namespace ZARO::RelayHub

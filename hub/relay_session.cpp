@@ -1,0 +1,288 @@
+#include "hub/relay_session.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "hub/log.h"
+#include "hub/net.h"
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr auto kLogInTime = seconds(10);   // from the connection to the log-in
+constexpr auto kForwardTime = seconds(10); // from the log-in to the forward request
+constexpr int kMaxTries = 3;               // wrong passwords
+constexpr int kRefusalDelay = 1000;        // ms before a wrong password is refused
+
+// A device that is asked twice within this and stays silent is gone.
+constexpr auto kSilence = seconds(14);
+constexpr auto kFirstProbe = seconds(6); // the device's own probes come sooner, as a rule
+constexpr auto kNextProbe = seconds(4);
+
+constexpr size_t kMaxVisitors = 1024;
+constexpr size_t kAcceptedAtOnce = 16;
+constexpr size_t kMaxBindAddress = 255;
+
+} // namespace
+
+RelaySession::RelaySession(RelayDesk& desk, ssh_session session, int fd)
+    : desk_(desk), session_(session, ssh_free), event_(ssh_event_new(), ssh_event_free), fd_(fd),
+      now_(Clock::now()), deadline_(now_ + kLogInTime), heard_(now_),
+      buffer_(RelayVisitor::kChunk) {
+}
+
+RelaySession::~RelaySession() {
+    visitors_.clear();
+    if (inEvent_) {
+        (void)ssh_event_remove_session(event_.get(), session_.get());
+    }
+    ssh_silent_disconnect(session_.get());
+}
+
+bool RelaySession::Prepare() {
+    if (!waker_.IsValid() || event_ == nullptr) {
+        return false;
+    }
+    serverCallbacks_.userdata = this;
+    serverCallbacks_.auth_password_function = OnPassword;
+    ssh_callbacks_init(&serverCallbacks_);
+    callbacks_.userdata = this;
+    callbacks_.global_request_function = OnGlobalRequest;
+    ssh_callbacks_init(&callbacks_);
+    ssh_set_blocking(session_.get(), 0);
+    ssh_set_counters(session_.get(), &traffic_, nullptr);
+    ssh_set_auth_methods(session_.get(), SSH_AUTH_METHOD_PASSWORD);
+    // The socket's own probes notice a lost line while data is under way; KeepAlive() the rest.
+    SetKeepAlive(fd_, 5, 3, 3);
+    SetUserTimeOut(fd_, static_cast<int>(milliseconds(kSilence).count()));
+    return ssh_set_server_callbacks(session_.get(), &serverCallbacks_) == SSH_OK &&
+           ssh_set_callbacks(session_.get(), &callbacks_) == SSH_OK;
+}
+
+void RelaySession::Run() {
+    if (!Prepare()) {
+        return;
+    }
+    HandleSsh(); // sends the greeting
+    while (state_ != State::kOver && !ended_) {
+        WaitForEvents();
+        now_ = Clock::now();
+        if (polled_[1].revents != 0) {
+            HandleSsh();
+        }
+        // The library reads from the socket in other calls too, so its own count is what tells.
+        const bool heard = traffic_.in_bytes != seenTraffic_;
+        if (heard) {
+            seenTraffic_ = traffic_.in_bytes;
+            heard_ = now_;
+        }
+        if (state_ == State::kServing) {
+            HandleVisitors(heard);
+            AcceptVisitors();
+            KeepAlive();
+        } else if (state_ != State::kOver && now_ >= deadline_) {
+            Over("not ready in time");
+        }
+    }
+}
+
+/// Whether data for the device waits for the line.
+bool RelaySession::IsWriting() const {
+    return (ssh_get_poll_flags(session_.get()) & SSH_WRITE_PENDING) != 0;
+}
+
+void RelaySession::WaitForEvents() {
+    const bool writing = IsWriting();
+    const bool accepting = port_ != nullptr && visitors_.size() < kMaxVisitors && now_ >= rest_;
+    polled_.clear();
+    polled_.push_back({waker_.Get(), POLLIN, 0});
+    polled_.push_back({fd_, static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0});
+    polled_.push_back({accepting ? port_->Get() : -1, POLLIN, 0});
+    if (!visitors_.empty()) { // everybody comes first in turn
+        visitors_.splice(visitors_.end(), visitors_, visitors_.begin());
+    }
+    for (RelayVisitor& visitor : visitors_) {
+        // Nothing more is read while the line is full, so that the queue on it stays short.
+        const short events = visitor.Events(!writing);
+        polled_.push_back({events == 0 ? -1 : visitor.Get(), events, 0});
+    }
+    if (poll(polled_.data(), polled_.size(), TimeOut()) <= 0) {
+        for (pollfd& entry : polled_) {
+            entry.revents = 0;
+        }
+    }
+}
+
+/// Milliseconds until the next thing that is due by the clock.
+int RelaySession::TimeOut() const {
+    if (traffic_.in_bytes != seenTraffic_) {
+        return 0; // what came meanwhile may concern any visitor
+    }
+    Clock::time_point due = deadline_;
+    if (state_ == State::kServing) {
+        due = std::min(probe_, heard_ + kSilence);
+        due = rest_ > now_ ? std::min(due, rest_) : due;
+    }
+    const auto left = std::chrono::ceil<milliseconds>(due - Clock::now()).count();
+    return static_cast<int>(std::max<decltype(left)>(left, 0));
+}
+
+void RelaySession::HandleSsh() {
+    ssh_session session = session_.get();
+    if (inEvent_ && ssh_event_dopoll(event_.get(), 0) == SSH_ERROR) {
+        Over("connection lost");
+        return;
+    }
+    if (state_ == State::kKeyExchange) {
+        const int result = ssh_handle_key_exchange(session);
+        if (result == SSH_ERROR) {
+            Over("no key exchange");
+            return;
+        }
+        if (!inEvent_) {
+            inEvent_ = ssh_event_add_session(event_.get(), session) == SSH_OK;
+        }
+        if (result == SSH_OK) {
+            state_ = State::kLogIn;
+        }
+    }
+    if (!inEvent_ || ssh_is_connected(session) == 0) {
+        Over("connection lost");
+    }
+}
+
+void RelaySession::HandleVisitors(bool heard) {
+    size_t place = 3;
+    for (auto visitor = visitors_.begin(); visitor != visitors_.end();) {
+        if (heard) {
+            visitor->AwaitOpening();
+        }
+        short events = polled_[place++].revents;
+        if (IsWriting()) {
+            events = static_cast<short>(events & ~POLLIN);
+        }
+        visitor->Move(events, buffer_.data());
+        visitor = visitor->IsDone() ? visitors_.erase(visitor) : std::next(visitor);
+    }
+    if (ssh_is_connected(session_.get()) == 0) {
+        Over("connection lost");
+    }
+}
+
+void RelaySession::AcceptVisitors() {
+    if (state_ != State::kServing || polled_[2].revents == 0) {
+        return;
+    }
+    for (size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors; ++i) {
+        Fd fd = port_->Accept(this);
+        if (!fd) {
+            if (IsShortage(errno)) {
+                rest_ = now_ + kAcceptPause;
+                if (!inShortage_) {
+                    Log(Level::kWarning, "relay", "visitors of port %d wait: %s", portNumber_,
+                        strerror(errno));
+                }
+                inShortage_ = true;
+            }
+            return;
+        }
+        inShortage_ = false;
+        visitors_.emplace_back(session_.get(), std::move(fd));
+        visitors_.back().Open(bindAddress_, portNumber_);
+    }
+}
+
+void RelaySession::KeepAlive() {
+    if (now_ >= heard_ + kSilence) {
+        Over("silent");
+        return;
+    }
+    probe_ = std::max(probe_, heard_ + kFirstProbe);
+    if (now_ < probe_) {
+        return;
+    }
+    probe_ = now_ + kNextProbe;
+    // The first call takes the answer to the former probe off, if there was one; the next sends.
+    (void)ssh_send_keepalive(session_.get());
+    (void)ssh_send_keepalive(session_.get());
+}
+
+void RelaySession::Over(const char* why) {
+    if (state_ == State::kServing) {
+        Log(Level::kInfo, "relay", "port %d: session ended: %s", portNumber_, why);
+    } else {
+        Log(Level::kDebug, "relay", "a session ended before it was served: %s", why);
+    }
+    state_ = State::kOver;
+}
+
+int RelaySession::OnPassword(ssh_session, const char* user, const char* password, void* self) {
+    try {
+        return static_cast<RelaySession*>(self)->CheckPassword(user, password) ? SSH_AUTH_SUCCESS
+                                                                               : SSH_AUTH_DENIED;
+    } catch (const std::exception&) {
+        return SSH_AUTH_DENIED;
+    }
+}
+
+bool RelaySession::CheckPassword(const char* user, const char* password) {
+    if (state_ != State::kLogIn || user == nullptr || password == nullptr) {
+        return false;
+    }
+    if (desk_.LogIn(this, user, password)) {
+        state_ = State::kLoggedIn;
+        deadline_ = Clock::now() + kForwardTime;
+        return true;
+    }
+    (void)waker_.WaitFor(kRefusalDelay); // this thread serves nobody else
+    ended_ = ended_ || ++tries_ >= kMaxTries;
+    return false;
+}
+
+void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self) {
+    if (ssh_message_type(message) != SSH_REQUEST_GLOBAL) {
+        return;
+    }
+    auto* session = static_cast<RelaySession*>(self);
+    try {
+        if (ssh_message_subtype(message) == SSH_GLOBAL_REQUEST_TCPIP_FORWARD) {
+            session->Forward(message);
+        } else if (ssh_message_subtype(message) == SSH_GLOBAL_REQUEST_KEEPALIVE) {
+            (void)ssh_message_global_request_reply_success(message, 0);
+        } else {
+            (void)ssh_message_reply_default(message);
+        }
+    } catch (const std::exception& fault) {
+        Log(Level::kError, "relay", "a request failed: %s", fault.what());
+        session->ended_ = true;
+    }
+}
+
+void RelaySession::Forward(ssh_message message) {
+    const char* address = ssh_message_global_request_address(message);
+    const int port = ssh_message_global_request_port(message);
+    if (state_ != State::kLoggedIn || address == nullptr ||
+        std::string(address).size() > kMaxBindAddress) {
+        (void)ssh_message_reply_default(message);
+        return;
+    }
+    port_ = desk_.OpenPort(this, port);
+    if (port_ == nullptr) {
+        (void)ssh_message_reply_default(message);
+        return;
+    }
+    bindAddress_ = address;
+    portNumber_ = port;
+    state_ = State::kServing;
+    probe_ = Clock::now() + kFirstProbe;
+    (void)ssh_message_global_request_reply_success(message, static_cast<uint16_t>(port));
+    Log(Level::kInfo, "relay", "port %d is up", port);
+}
+
+} // namespace ZARO::RelayHub

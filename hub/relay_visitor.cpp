@@ -1,0 +1,176 @@
+#include "hub/relay_visitor.h"
+
+#include <errno.h>
+#include <libssh/server.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+
+#include "hub/net.h"
+
+namespace ZARO::RelayHub {
+
+RelayVisitor::RelayVisitor(ssh_session session, Fd fd)
+    : channel_(ssh_channel_new(session)), fd_(std::move(fd)) {
+    SetNoDelay(fd_.Get());
+    // A visitor whose machine vanished would hold its place and its channel for ever; one that only
+    // pauses, for however long, is left alone.
+    SetKeepAlive(fd_.Get(), 60, 15, 4);
+    callbacks_.userdata = this;
+    callbacks_.channel_data_function = OnData;
+    callbacks_.channel_eof_function = OnEof;
+    callbacks_.channel_close_function = OnClose;
+    ssh_callbacks_init(&callbacks_);
+    if (channel_ == nullptr || ssh_set_channel_callbacks(channel_, &callbacks_) != SSH_OK) {
+        state_ = State::kDone;
+    }
+}
+
+RelayVisitor::~RelayVisitor() {
+    if (channel_ == nullptr) {
+        return;
+    }
+    (void)ssh_remove_channel_callbacks(channel_, &callbacks_);
+    // Freeing an open channel closes it; one that was never opened must not be closed, the peer
+    // would drop the whole session.
+    ssh_channel_free(channel_);
+}
+
+void RelayVisitor::Open(const std::string& address, int port) {
+    forwardAddress_ = address;
+    forwardPort_ = port;
+    AwaitOpening();
+}
+
+void RelayVisitor::AwaitOpening() {
+    if (state_ != State::kOpening) {
+        return;
+    }
+    int port = 0;
+    const std::string visitor = PeerOf(fd_.Get(), &port);
+    const int result = ssh_channel_open_reverse_forward(channel_, forwardAddress_.c_str(),
+                                                        forwardPort_, visitor.c_str(), port);
+    if (result == SSH_OK) {
+        state_ = State::kOpen;
+    } else if (result != SSH_AGAIN) {
+        state_ = State::kDone; // nothing listens at the device
+    }
+}
+
+short RelayVisitor::Events(bool sending) {
+    if (state_ != State::kOpen) {
+        return 0;
+    }
+    const bool read = sending && !visitorEnded_ && unsent_.empty() && !deviceClosed_ &&
+                      ssh_channel_window_size(channel_) > 0;
+    return static_cast<short>((read ? POLLIN : 0) | (IsDrained() ? 0 : POLLOUT));
+}
+
+void RelayVisitor::Move(short events, char* buffer) {
+    if (state_ != State::kOpen) {
+        return;
+    }
+    if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 || !unsent_.empty()) {
+        ToDevice(buffer);
+    }
+    if (!IsDrained() && (events & (POLLOUT | POLLHUP | POLLERR)) != 0) {
+        ToVisitor(buffer);
+    }
+    if (IsDrained() && deviceEnded_ && !toldVisitor_) {
+        toldVisitor_ = true;
+        (void)shutdown(fd_.Get(), SHUT_WR);
+    }
+    if (broken_ || (IsDrained() && (deviceClosed_ || (toldVisitor_ && visitorEnded_)))) {
+        state_ = State::kDone;
+    }
+}
+
+void RelayVisitor::ToDevice(char* buffer) {
+    const char* data = unsent_.data();
+    size_t size = unsent_.size();
+    if (size == 0 && !visitorEnded_ && !deviceClosed_) {
+        const size_t room = std::min<size_t>(kChunk, ssh_channel_window_size(channel_));
+        const ssize_t got = room == 0 ? -1 : recv(fd_.Get(), buffer, room, 0);
+        if (room == 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) {
+            return;
+        }
+        if (got < 0) {
+            broken_ = true;
+            return;
+        }
+        if (got == 0) {
+            visitorEnded_ = true;
+            broken_ = ssh_channel_send_eof(channel_) == SSH_ERROR;
+            return;
+        }
+        data = buffer;
+        size = static_cast<size_t>(got);
+    }
+    if (size == 0) {
+        return;
+    }
+    const int taken = ssh_channel_write(channel_, data, static_cast<uint32_t>(size));
+    if (taken < 0) {
+        broken_ = true;
+        return;
+    }
+    // While keys are exchanged the channel takes nothing.
+    unsent_ = std::string(data + taken, data + size);
+}
+
+void RelayVisitor::ToVisitor(char* buffer) {
+    for (;;) {
+        pending_.erase(0, Send(pending_.data(), pending_.size()));
+        if (!pending_.empty() || !backlog_) {
+            return;
+        }
+        const int got = ssh_channel_read_nonblocking(channel_, buffer, kChunk, 0);
+        if (got <= 0) {
+            backlog_ = false;
+            return;
+        }
+        pending_.assign(buffer, static_cast<size_t>(got));
+    }
+}
+
+size_t RelayVisitor::Send(const char* data, size_t size) {
+    size_t done = 0;
+    while (done < size && !broken_) {
+        const ssize_t sent = send(fd_.Get(), data + done, size - done, MSG_NOSIGNAL);
+        if (sent > 0) {
+            done += static_cast<size_t>(sent);
+        } else if (errno == EAGAIN) {
+            return done;
+        } else {
+            broken_ = errno != EINTR;
+        }
+    }
+    return size;
+}
+
+int RelayVisitor::OnData(ssh_session, ssh_channel, void* data, uint32_t size, int isError,
+                         void* self) {
+    auto* visitor = static_cast<RelayVisitor*>(self);
+    if (isError != 0) {
+        return static_cast<int>(size); // such data has no place in a forwarded connection
+    }
+    if (!visitor->IsDrained()) {
+        visitor->backlog_ = true; // what is not taken here stays in the channel, in order
+        return 0;
+    }
+    const size_t taken = visitor->Send(static_cast<const char*>(data), size);
+    visitor->backlog_ = taken < size;
+    return static_cast<int>(taken);
+}
+
+void RelayVisitor::OnEof(ssh_session, ssh_channel, void* self) {
+    static_cast<RelayVisitor*>(self)->deviceEnded_ = true;
+}
+
+void RelayVisitor::OnClose(ssh_session, ssh_channel, void* self) {
+    auto* visitor = static_cast<RelayVisitor*>(self);
+    visitor->deviceEnded_ = true;
+    visitor->deviceClosed_ = true;
+}
+
+} // namespace ZARO::RelayHub

@@ -1,0 +1,69 @@
+/// One visitor's connection and the SSH channel that carries it to the device.
+#pragma once
+
+#include <libssh/callbacks.h>
+#include <libssh/libssh.h>
+
+#include <string>
+
+#include "hub/fd.h"
+
+namespace ZARO::RelayHub {
+
+/// Owns the connection and the channel. For its session's thread only. Memory is bounded: what the
+/// visitor sends is read only while the device's window has room, and what the device sends waits
+/// in the channel, whose window closes then.
+class RelayVisitor {
+public:
+    /// How much is read from a visitor at once, so that it doesn't keep the others waiting.
+    static constexpr size_t kChunk = 32 * 1024;
+
+    RelayVisitor(ssh_session session, Fd fd);
+    RelayVisitor(const RelayVisitor&) = delete;
+    RelayVisitor& operator=(const RelayVisitor&) = delete;
+    ~RelayVisitor();
+
+    /// Asks the device to open the channel; `address` and `port` are those of its forward request.
+    void Open(const std::string& address, int port);
+    /// Looks whether it did; to be called when something came from the device.
+    void AwaitOpening();
+    /// The poll events to wait for on Get(), 0 = none; `sending` tells whether the session takes
+    /// data for the device at the moment.
+    short Events(bool sending);
+    int Get() const { return fd_.Get(); }
+    /// Moves what can be moved; `events` are those that poll() gave. `buffer` has kChunk bytes.
+    void Move(short events, char* buffer);
+    /// Whether both sides are through with it.
+    bool IsDone() const { return state_ == State::kDone; }
+
+private:
+    enum class State { kOpening, kOpen, kDone };
+
+    static int OnData(ssh_session session, ssh_channel channel, void* data, uint32_t size,
+                      int isError, void* self);
+    static void OnEof(ssh_session session, ssh_channel channel, void* self);
+    static void OnClose(ssh_session session, ssh_channel channel, void* self);
+
+    void ToDevice(char* buffer);
+    void ToVisitor(char* buffer);
+    /// Sends to the visitor at once; how much it took. A broken connection takes everything.
+    size_t Send(const char* data, size_t size);
+    bool IsDrained() const { return pending_.empty() && !backlog_; }
+
+    ssh_channel channel_;
+    ssh_channel_callbacks_struct callbacks_{};
+    const Fd fd_;
+    State state_ = State::kOpening;
+    int forwardPort_ = 0;
+    std::string forwardAddress_;
+    std::string unsent_;        // read from the visitor, not yet taken by the channel
+    std::string pending_;       // read from the channel, not yet taken by the visitor
+    bool backlog_ = false;      // the channel has data that waits for the visitor
+    bool visitorEnded_ = false; // the visitor sends no more, and the device knows
+    bool deviceEnded_ = false;  // the device sends no more
+    bool deviceClosed_ = false;
+    bool toldVisitor_ = false; // the visitor knows that the device sends no more
+    bool broken_ = false;      // the visitor is gone
+};
+
+} // namespace ZARO::RelayHub

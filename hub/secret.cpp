@@ -1,0 +1,48 @@
+#include "hub/secret.h"
+
+#include <openssl/crypto.h>
+#include <openssl/sha.h>
+#include <sys/random.h>
+
+#include <array>
+
+namespace ZARO::RelayHub {
+
+std::string RandomText(size_t length) {
+    constexpr std::string_view kLetters =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+    // Bytes from here on are dropped, so that every letter is as likely as every other.
+    constexpr size_t kFair = 256 / kLetters.size() * kLetters.size();
+    std::string text;
+    while (text.size() < length) {
+        std::array<unsigned char, 64> bytes{};
+        const ssize_t got = getrandom(bytes.data(), bytes.size(), 0);
+        for (ssize_t i = 0; i < got && text.size() < length; ++i) {
+            const size_t byte = bytes[static_cast<size_t>(i)];
+            if (byte < kFair) {
+                text += kLetters[byte % kLetters.size()];
+            }
+        }
+    }
+    return text;
+}
+
+std::string Sha256(std::string_view text) {
+    std::array<unsigned char, SHA256_DIGEST_LENGTH> digest{};
+    SHA256(reinterpret_cast<const unsigned char*>(text.data()), text.size(), digest.data());
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    std::string hex;
+    for (const unsigned char byte : digest) {
+        hex += kDigits[byte >> 4];
+        hex += kDigits[byte & 15];
+    }
+    return hex;
+}
+
+bool EqualSecrets(const std::string& left, const std::string& right) {
+    const std::string a = Sha256(left);
+    const std::string b = Sha256(right);
+    return CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
+}
+
+} // namespace ZARO::RelayHub

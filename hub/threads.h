@@ -1,0 +1,31 @@
+/// Threads that come and go with their connections.
+#pragma once
+
+#include <functional>
+#include <list>
+#include <mutex>
+#include <thread>
+
+namespace ZARO::RelayHub {
+
+/// Runs each piece of work on a thread of its own and joins every one of them.
+class ThreadSet {
+public:
+    ~ThreadSet() { JoinAll(); }
+
+    /// False, with nothing run, when the system has no thread left. Neither throws `work`, nor
+    /// this.
+    bool Start(std::function<void()> work) noexcept;
+    /// Waits for all of them. Nobody may call Start() meanwhile.
+    void JoinAll();
+    size_t Count() const;
+
+private:
+    using Threads = std::list<std::thread>;
+
+    mutable std::mutex mutex_;
+    Threads running_;
+    Threads ended_; // wait for their join
+};
+
+} // namespace ZARO::RelayHub

@@ -1,0 +1,54 @@
+/// The held wait requests: one a device, answered as soon as the device's tunnel list differs.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+
+#include "hub/store.h"
+
+namespace ZARO::RelayHub {
+
+/// Any thread may call any method.
+class Waiters {
+public:
+    Waiters(Store& store, std::chrono::milliseconds hold) : store_(store), hold_(hold) {}
+
+    enum class Result { kAnswer, kTooMany, kFault };
+
+    /// Returns when the revision of the device's list differs from `seen`, when the hold time is
+    /// over, when a later call for the same device takes over, or on Stop(); without `mayHold` at
+    /// once. `revision` is the current one.
+    Result Wait(int64_t device, int seen, bool mayHold, int* revision);
+    /// The list changed, and its revision with it.
+    void ListChanged(int64_t device);
+    /// A tunnel of the device went up or down. The revision changes a moment later, so that many
+    /// of them make few replies.
+    void StatusChanged(int64_t device);
+    /// Has all calls return, now and later.
+    void Stop();
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Seat {
+        std::condition_variable wake;
+        unsigned turn = 0;                           // of the call that holds the seat
+        std::optional<Clock::time_point> unreported; // when the first unreported change came
+    };
+
+    /// Makes a status change part of the revision once it is due.
+    bool Report(int64_t device, Seat& seat, bool due, int* revision);
+    Result Hold(std::unique_lock<std::mutex>& lock, int64_t device, int seen, int* revision);
+
+    Store& store_;
+    const std::chrono::milliseconds hold_;
+    std::mutex mutex_;
+    std::map<int64_t, Seat> seats_;
+    int held_ = 0;
+    bool stopping_ = false;
+};
+
+} // namespace ZARO::RelayHub

@@ -1,0 +1,185 @@
+#include "hub/web.h"
+
+#include "hub/log.h"
+#include "hub/web_stream.h"
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+constexpr size_t kMaxBody = 1 << 20;
+constexpr auto kIdleTime = std::chrono::seconds(10); // between two requests of a connection
+constexpr auto kStopTime = std::chrono::seconds(1);  // for the replies under way
+
+} // namespace
+
+/// The HTTP library's server without its sockets.
+class Web::Protocol : private httplib::Server {
+public:
+    Protocol(std::map<std::string, WebHandler> pages, const char* scheme) : scheme_(scheme) {
+        for (auto& [path, handler] : pages) {
+            Add(path, std::move(handler));
+        }
+        set_payload_max_length(kMaxBody);
+        set_keep_alive_timeout(kIdleTime.count());
+        set_exception_handler([](const auto&, httplib::Response& response, std::exception_ptr) {
+            Log(Level::kError, "web", "a request failed");
+            response.status = 500;
+        });
+    }
+
+    /// Reads one request and answers it. False when the connection can't go on.
+    bool Exchange(WebStream& stream) {
+        bool closed = false;
+        bool clear = false; // whether it is clear where the next request begins
+        const bool done = process_request(stream, false, closed, [&](httplib::Request& request) {
+            stream.AllowBody();
+            clear = !request.has_header("Transfer-Encoding") &&
+                    request.get_header_value_count("Content-Length") == 1 &&
+                    request.get_header_value<uint64_t>("Content-Length") <= kMaxBody &&
+                    !request.is_multipart_form_data();
+        });
+        return done && !closed && clear;
+    }
+
+private:
+    void Add(const std::string& path, WebHandler handler) {
+        std::string pattern;
+        for (const char c : path) {
+            pattern += c == '.' ? std::string("\\.") : std::string(1, c);
+        }
+        Post(pattern, [this, handler = std::move(handler)](const httplib::Request& request,
+                                                           httplib::Response& response,
+                                                           const httplib::ContentReader& content) {
+            Answer(handler, request, response, content);
+        });
+    }
+
+    void Answer(const WebHandler& handler, const httplib::Request& request,
+                httplib::Response& response, const httplib::ContentReader& content) const {
+        WebRequest question;
+        if (request.is_multipart_form_data()) { // the library would take it apart first
+            response.status = 415;
+            return;
+        }
+        const bool whole = content([&question](const char* data, size_t size) {
+            if (question.body.size() + size > kMaxBody) {
+                return false;
+            }
+            question.body.append(data, size);
+            return true;
+        });
+        const std::optional<Origin> origin = ParseHost(scheme_, request.get_header_value("Host"));
+        if (!whole || !origin) {
+            response.status = whole ? 400 : 413;
+            return;
+        }
+        question.origin = *origin;
+        question.cookies = request.get_header_value("Cookie");
+        const WebReply reply = handler(question);
+        if (!reply.setCookie.empty()) {
+            response.set_header("Set-Cookie", reply.setCookie);
+        }
+        response.set_content(reply.body, reply.type);
+    }
+
+    const std::string scheme_;
+};
+
+class Web::Connection {
+public:
+    Connection(Fd fd, SSL_CTX* tls) : stream_(std::move(fd), tls) {}
+
+    void Run(Protocol& protocol) {
+        if (!stream_.Begin()) {
+            return;
+        }
+        while (stream_.WaitForRequest(kIdleTime)) {
+            if (!protocol.Exchange(stream_)) {
+                stream_.Linger();
+                return;
+            }
+        }
+    }
+    void Shut(bool everything) { stream_.Shut(everything); }
+
+private:
+    WebStream stream_;
+};
+
+Web::Web(std::map<std::string, WebHandler> pages, SslContext tls)
+    : tls_(std::move(tls)),
+      protocol_(std::make_unique<Protocol>(std::move(pages), tls_ ? "https" : "http")),
+      acceptor_(
+          "web", [this] { return threads_.Count() < kMaxConnections; },
+          [this](Fd fd) { Admit(std::move(fd)); }) {
+}
+
+Web::~Web() {
+    Stop();
+}
+
+bool Web::Start(const std::string& address, int port, std::string* error) {
+    Fd listener;
+    return ListenTcp(address, port, &listener, error) &&
+           acceptor_.Start(std::move(listener), error);
+}
+
+void Web::Admit(Fd fd) {
+    const int connection = fd.Get();
+    if (threads_.Start([this, connection] { Serve(Fd(connection)); })) {
+        (void)fd.Release(); // the thread owns it
+    } else {
+        Log(Level::kWarning, "web", "a connection was dropped: no thread left");
+    }
+}
+
+void Web::Serve(Fd fd) {
+    try {
+        Connection connection(std::move(fd), tls_.get());
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            if (closing_) {
+                return;
+            }
+            connections_.insert(&connection);
+        }
+        struct Entry {
+            Web& web;
+            Connection& connection;
+            ~Entry() { web.Forget(&connection); }
+        } const entry{*this, connection};
+        connection.Run(*protocol_);
+    } catch (const std::exception& fault) {
+        Log(Level::kError, "web", "a connection failed: %s", fault.what());
+    }
+}
+
+void Web::Forget(Connection* connection) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    connections_.erase(connection);
+    allGone_.notify_all();
+}
+
+void Web::Close() {
+    acceptor_.Stop();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    closing_ = true;
+    for (Connection* connection : connections_) {
+        connection->Shut(false);
+    }
+}
+
+void Web::Stop() {
+    Close();
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        (void)allGone_.wait_for(lock, kStopTime, [this] { return connections_.empty(); });
+        for (Connection* connection : connections_) {
+            connection->Shut(true);
+        }
+    }
+    threads_.JoinAll();
+}
+
+} // namespace ZARO::RelayHub
