@@ -1,6 +1,9 @@
 #include "app/alias_keeper.h"
 
+#include <exception>
+
 #include "app/checks.h"
+#include "app/status_file.h"
 #include "daemon/log.h"
 #include "platform/paths.h"
 
@@ -27,6 +30,15 @@ ALIAS_RET PathFault(const Request& request, ALIAS_RET outcome) {
     }
 }
 
+/// Whether the server certainly does not keep the alias for us after that outcome of a request that
+/// gives it up or keeps it alive.
+bool IsGone(ALIAS_RET outcome) {
+    ALIAS_RETRY_TYPE retry = ALIAS_RETRY_NORMAL;
+    (void)AliasRequest::GetRetryType(outcome, retry);
+    return outcome == ALIAS_RET_SUCCESS || outcome == ALIAS_RET_NOT_FOUND ||
+           retry == ALIAS_RETRY_REFUSED;
+}
+
 } // namespace
 
 AliasKeeper::AliasKeeper(RelaydConf& conf, JobQueue& queue) : conf_(conf), queue_(queue) {
@@ -38,8 +50,14 @@ AliasKeeper::~AliasKeeper() {
 }
 
 bool AliasKeeper::OnDone(boost::shared_ptr<Request> request) {
-    gAliasKeeper->Done(request, Clock::now());
-    return true;
+    try {
+        gAliasKeeper->Done(request, Clock::now());
+        return true;
+    } catch (const std::exception& fault) { // nothing may cross libcurl's queue
+        RELAY_LOG(3, "an alias reply could not be taken in: %s", fault.what());
+        gAliasKeeper->Schedule(ALIAS_RET_SERVER_BUSY, "", Clock::now());
+        return false;
+    }
 }
 
 void AliasKeeper::Tick(Time now) {
@@ -58,11 +76,12 @@ void AliasKeeper::Tick(Time now) {
 void AliasKeeper::TakeChange(Time now) {
     if (!known_) {
         Json::Value file;
-        RelaydConf::ReadJsonFile(paths::AliasStatusFile(), file);
-        std::string success;
-        AliasRequest::ResponseToString(ALIAS_RET_SUCCESS, success);
-        if (TextMember(file, "status") == success) {
-            mapped_ = TextMember(file, "alias_name");
+        if (IsTrustedFile(paths::AliasStatusFile())) { // in a folder that anybody may write to
+            RelaydConf::ReadJsonFile(paths::AliasStatusFile(), file);
+        }
+        const std::string alias = TextMember(file, "alias_name");
+        if (TextMember(file, "status") == "success" && IsAliasName(alias)) {
+            mapped_ = alias;
         }
     }
     const bool sameAlias = mapped_ == conf_.alias.GetAliasName();
@@ -70,7 +89,10 @@ void AliasKeeper::TakeChange(Time now) {
         mapped_.clear(); // another server or interval: map it there
     }
     known_ = true;
-    refused_ = false;
+    refused_ = conf_.alias.IsAliasEnabled() && !IsAliasName(conf_.alias.GetAliasName());
+    if (refused_) {
+        RELAY_LOG(3, "server_alias.alias: expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
+    }
     backoff_.Reset();
     next_ = now;
     conf_.alias.CommitChange();
@@ -112,16 +134,17 @@ void AliasKeeper::Done(const boost::shared_ptr<Request>& request, Time now) {
     const std::string former = status_;
     AliasRequest::ResponseToString(outcome, status_);
     extra_ = Printable(extra);
-    AliasStatus().SetStatus(alias, running_ == ALIAS_REQUEST_DELETE ? "deleted" : status_, extra_,
-                            true);
+    const bool gone = running_ == ALIAS_REQUEST_DELETE && IsGone(outcome);
+    AliasStatus().SetStatus(alias, gone ? "deleted" : status_, extra_, true);
     if (former != status_) {
         RELAY_LOG(outcome == ALIAS_RET_SUCCESS ? 6 : 4, "alias [%s]: %s", Printable(alias).c_str(),
                   status_.c_str());
     }
-    Schedule(outcome, now);
+    Schedule(outcome, alias, now);
 }
 
-void AliasKeeper::Schedule(ALIAS_RET outcome, Time now) {
+void AliasKeeper::Schedule(ALIAS_RET outcome, const std::string& alias, Time now) {
+    runs_ = false;
     ALIAS_RETRY_TYPE retry = ALIAS_RETRY_NORMAL;
     (void)AliasRequest::GetRetryType(outcome, retry);
     if (retry == ALIAS_RETRY_PATH) {
@@ -130,16 +153,16 @@ void AliasKeeper::Schedule(ALIAS_RET outcome, Time now) {
     }
     backoff_.Succeeded(now);
     next_ = now + seconds(conf_.alias.GetPollingTime());
-    const bool gone = outcome == ALIAS_RET_NOT_FOUND || retry == ALIAS_RETRY_REFUSED;
     if (running_ == ALIAS_REQUEST_DELETE) {
-        // Given up, or never ours: either way the alias that is wanted now comes next.
-        mapped_.clear();
-        next_ = now;
+        if (IsGone(outcome)) { // the alias that is wanted now comes next
+            mapped_.clear();
+            next_ = now;
+        }
         return;
     }
     if (outcome == ALIAS_RET_SUCCESS) {
-        mapped_ = conf_.alias.GetAliasName();
-    } else if (gone) {
+        mapped_ = alias;
+    } else if (IsGone(outcome)) {
         // An alias that ran out while we were away is mapped anew at once.
         next_ = running_ == ALIAS_REQUEST_KEEP_ALIVE && retry != ALIAS_RETRY_REFUSED ? now : next_;
         mapped_.clear();

@@ -40,7 +40,7 @@ private:
     ALIAS_REQUEST_CMD NextCommand() const;
     void Start(ALIAS_REQUEST_CMD command, const std::string& alias, Time now);
     void Done(const boost::shared_ptr<Request>& request, Time now);
-    void Schedule(ALIAS_RET outcome, Time now);
+    void Schedule(ALIAS_RET outcome, const std::string& alias, Time now);
 
     RelaydConf& conf_;
     JobQueue& queue_;

@@ -41,6 +41,29 @@ bool IsPassword(const std::string& password) {
            });
 }
 
+/// Whether every member of a server that another server names is one that a URL may be made of.
+bool IsServer(const Json::Value& server) {
+    const auto fits = [&](const char* key, auto isGood) {
+        const Json::Value* member = FindMember(server, key);
+        return member == nullptr || isGood(*member);
+    };
+    const auto isHost = [](const Json::Value& host) {
+        return host.isString() && (host.asString().empty() || IsRelayHost(host.asString()));
+    };
+    const auto isPage = [](const Json::Value& page) {
+        return page.isString() && page.asString().size() <= kLongestHost &&
+               ConsistsOf(page.asString(), "_-./");
+    };
+    const auto isPort = [](const Json::Value& port) {
+        return port.isInt() && IsPort(port.asInt());
+    };
+    const auto isProtocol = [](const Json::Value& protocol) {
+        return protocol == "http" || protocol == "https";
+    };
+    return server.isObject() && fits("host", isHost) && fits("ip", isHost) &&
+           fits("page", isPage) && fits("port", isPort) && fits("protocol", isProtocol);
+}
+
 bool IsSecretName(const std::string& name) {
     static constexpr const char* kNames[] = {"relay_pass", "token", "password", "secret", "cookie"};
     return std::any_of(std::begin(kNames), std::end(kNames),
@@ -89,6 +112,35 @@ bool IsRelayUser(const std::string& user) {
 
 bool IsPort(int port) {
     return port >= 1 && port <= 65535;
+}
+
+bool IsAliasName(const std::string& name) {
+    return !name.empty() && name.size() <= kLongestId && ConsistsOf(name, "_-.");
+}
+
+bool IsShortText(const std::string& text) {
+    return Printable(text) == text;
+}
+
+bool CleanBatchReply(Json::Value& reply) {
+    bool good = true;
+    if (!reply.isArray()) {
+        return good;
+    }
+    for (Json::Value& answer : reply) {
+        for (const char* key : {"serverID", "mode"}) {
+            if (!IsShortText(TextMember(answer, key))) {
+                answer.removeMember(key);
+                good = false;
+            }
+        }
+        const Json::Value* server = FindMember(answer, "server_wait_cmd");
+        if (server != nullptr && !IsServer(*server)) {
+            answer.removeMember("server_wait_cmd");
+            good = false;
+        }
+    }
+    return good;
 }
 
 std::string TextMember(const Json::Value& object, const char* key) {

@@ -28,9 +28,20 @@ bool IsPort(int port);
 bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& services,
                  Json::Value& tunnel, std::string& why);
 
+/// 1 to 63 of letters, digits, "_", "-", ".": nothing that has a meaning in a form.
+bool IsAliasName(const std::string& name);
+
+/// Takes out of a reply to a batch what the library would take on trust and the daemon does not: a
+/// server id, a mode or a wait-command server that is too long or of another form. True when
+/// everything was good.
+bool CleanBatchReply(Json::Value& reply);
+
 /// The members that were checked, by name and type; empty or 0 for missing ones.
 std::string TextMember(const Json::Value& object, const char* key);
 int NumberMember(const Json::Value& object, const char* key);
+
+/// Whether a short text of printable ASCII.
+bool IsShortText(const std::string& text);
 
 /// A foreign text for a log line: at most 64 bytes, anything but printable ASCII as "?".
 std::string Printable(const std::string& text);

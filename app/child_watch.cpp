@@ -24,6 +24,7 @@ namespace ZARO::Relay::app {
 namespace {
 
 constexpr milliseconds kGrace{1000};
+constexpr milliseconds kBetweenReaps{100};
 constexpr const char* kPasswordFiles = "/tmp/.tunnel."; // the common beginning of their names
 
 int OpenPidfd(pid_t pid) {
@@ -101,31 +102,32 @@ bool ChildWatch::Add(pid_t pid) {
         close(pidfd);
         return false;
     }
-    children_[pid] = Child{pidfd, Time::max()};
+    children_[pid] = Child{pidfd, Time::max(), Time::max()};
     return true;
 }
 
 void ChildWatch::AddTo(fd_set& read, int& maxfd) const {
     for (const auto& [pid, child] : children_) {
-        FD_SET(child.pidfd, &read);
-        maxfd = std::max(maxfd, child.pidfd);
+        if (child.reapAt == Time::max()) {
+            FD_SET(child.pidfd, &read);
+            maxfd = std::max(maxfd, child.pidfd);
+        }
     }
 }
 
-bool ChildWatch::Reap() {
-    bool any = false;
+void ChildWatch::Reap(Time now) {
     for (auto child = children_.begin(); child != children_.end();) {
-        if (!HasEnded(child->second.pidfd, milliseconds(0))) {
+        const auto [pid, entry] = *child;
+        if (!HasEnded(entry.pidfd, milliseconds(0))) {
             ++child;
-            continue;
+        } else if (waitpid(pid, nullptr, WNOHANG) == pid || kill(pid, 0) != 0) {
+            close(entry.pidfd);
+            child = children_.erase(child);
+        } else { // its own parent has not reaped it yet, nor left it to us
+            child->second.reapAt = now + kBetweenReaps;
+            ++child;
         }
-        // It is our child as soon as its own parent has gone; before that, that parent reaps it.
-        (void)waitpid(child->first, nullptr, WNOHANG);
-        close(child->second.pidfd);
-        child = children_.erase(child);
-        any = true;
     }
-    return any;
 }
 
 void ChildWatch::EndUnowned(const std::set<pid_t>& owned, Time now) {
@@ -146,7 +148,7 @@ void ChildWatch::EndUnowned(const std::set<pid_t>& owned, Time now) {
 Time ChildWatch::NextDue() const {
     Time due = Time::max();
     for (const auto& [pid, child] : children_) {
-        due = std::min(due, child.killAt);
+        due = std::min({due, child.killAt, child.reapAt});
     }
     return due;
 }
@@ -162,11 +164,13 @@ void ChildWatch::EndAll(milliseconds patience) {
             (void)HasEnded(child.pidfd, kGrace);
         }
     }
-    Reap();
+    Reap(Clock::now());
 }
 
 bool ServesPasswordFile(pid_t pid, const std::string& ending) {
-    return FileEnding(CommandLine(std::to_string(pid)), paths::Below(kPasswordFiles)) == ending;
+    const std::string process = std::to_string(pid);
+    return IsOwn("/proc/" + process) &&
+           FileEnding(CommandLine(process), paths::Below(kPasswordFiles)) == ending;
 }
 
 void EndStrays(const std::function<bool(const std::string&)>& isStray) {

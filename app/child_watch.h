@@ -28,8 +28,8 @@ public:
     /// Adds the descriptors to `read`.
     void AddTo(fd_set& read, int& maxfd) const;
 
-    /// Reaps and forgets what has ended; true when anything has.
-    bool Reap();
+    /// Reaps and forgets what has ended.
+    void Reap(Time now);
 
     /// Asks every process that is not in `owned` to end, and ends it when it does not within a
     /// second.
@@ -45,6 +45,7 @@ private:
     struct Child {
         int pidfd;
         Time killAt; ///< Time::max() while it is owned
+        Time reapAt; ///< when an ended one that is not our child yet is looked at again
     };
 
     std::map<pid_t, Child> children_;

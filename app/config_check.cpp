@@ -19,7 +19,9 @@ namespace ZARO::Relay::app {
 
 namespace {
 
-enum class Kind { Text, Number, Port, Level, Seconds, Object, List };
+constexpr off_t kLargestFile = off_t{1} << 20; // bytes; the library takes no larger one
+
+enum class Kind { Text, Port, Level, Seconds, Object, List };
 
 struct Rule {
     const char* key;
@@ -45,8 +47,6 @@ const char* Expected(Kind kind) {
     switch (kind) {
     case Kind::Text:
         return "a text";
-    case Kind::Number:
-        return "a whole number";
     case Kind::Port:
         return "a port from 1 to 65535";
     case Kind::Level:
@@ -66,8 +66,6 @@ bool Fits(const Json::Value& value, Kind kind) {
     switch (kind) {
     case Kind::Text:
         return value.isString();
-    case Kind::Number:
-        return value.isInt();
     case Kind::Port:
         return IsPort(number);
     case Kind::Level:
@@ -161,14 +159,14 @@ std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMiss
     const Quiet quiet;
     Report report(path);
     unusable = false;
-    struct stat info;
+    struct stat info = {};
     if (stat(path.c_str(), &info) != 0 && errno == ENOENT && mayBeMissing) {
         return {};
     }
     std::ifstream file(path);
-    if (!file || !S_ISREG(info.st_mode)) {
-        report.Add("", std::string("can't be read: ") +
-                           (file ? "not a file" : strerror(errno)));
+    if (!file || !S_ISREG(info.st_mode) || info.st_size > kLargestFile) {
+        const char* odd = S_ISREG(info.st_mode) ? "larger than 1 MiB" : "not a file";
+        report.Add("", std::string("can't be read: ") + (file ? odd : strerror(errno)));
         unusable = true;
         return report.Lines();
     }

@@ -1,6 +1,7 @@
 #include "app/exchange.h"
 
 #include <algorithm>
+#include <exception>
 #include <list>
 #include <utility>
 
@@ -28,8 +29,9 @@ constexpr seconds kQuickWait{5};
 
 Exchange* gExchange = nullptr;
 
-/// The "name=value" of a cookie line in Netscape form; empty for a line that is none.
-std::string CookieOf(const std::string& line) {
+/// The "name=value" of a cookie line in Netscape form; empty for a line that is none, and for one that
+/// must not go over an open connection when `open`.
+std::string CookieOf(const std::string& line, bool open) {
     std::string fields[7];
     std::size_t at = 0;
     for (std::string& field : fields) {
@@ -39,9 +41,11 @@ std::string CookieOf(const std::string& line) {
     }
     const std::string cookie = fields[5] + "=" + fields[6];
     const bool clean = std::none_of(cookie.begin(), cookie.end(), [](char c) {
-        return c <= ' ' || c == ';' || c == ',' || c == 0x7f;
+        const auto byte = static_cast<unsigned char>(c);
+        return byte <= ' ' || byte == ';' || byte == ',' || byte >= 0x7f;
     });
-    return fields[5].empty() || !clean ? "" : cookie;
+    const bool secret = fields[3] == "TRUE";
+    return fields[5].empty() || !clean || (secret && open) ? "" : cookie;
 }
 
 const std::string& HostOf(const ServerConf& server) {
@@ -60,14 +64,31 @@ Exchange::~Exchange() {
     gExchange = nullptr;
 }
 
+// libcurl's queue calls these; what they throw must not cross it.
 bool Exchange::OnBatchDone(boost::shared_ptr<Request> request) {
-    gExchange->BatchDone(*request, Clock::now());
-    return true;
+    try {
+        gExchange->BatchDone(*request, Clock::now());
+        return true;
+    } catch (const std::exception& fault) {
+        gExchange->GaveUp(gExchange->batch_, fault.what());
+        return false;
+    }
 }
 
 bool Exchange::OnWaitDone(boost::shared_ptr<Request> request) {
-    gExchange->WaitDone(*request, Clock::now());
-    return true;
+    try {
+        gExchange->WaitDone(*request, Clock::now());
+        return true;
+    } catch (const std::exception& fault) {
+        gExchange->GaveUp(gExchange->wait_, fault.what());
+        return false;
+    }
+}
+
+void Exchange::GaveUp(Line& line, const char* why) {
+    RELAY_LOG(3, "a reply could not be taken in: %s", why);
+    batchDue_ = batchDue_ || &line == &batch_;
+    Failed(line, RELAYD_RET_UNKNOWN, false, Clock::now());
 }
 
 void Exchange::Tick(Time now) {
@@ -190,23 +211,19 @@ void Exchange::BatchDone(Request& request, Time now) {
         Failed(batch_, result, refused, now);
         return;
     }
-    RELAY_LOG(6, "registered as [%s]", Printable(conf_.serverID).c_str());
     Succeeded(batch_, now);
 }
 
-RELAYD_RET Exchange::TakeBatchReply(const Json::Value& reply, Request& request, bool& refused,
+RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& refused,
                                     Time now) {
-    const ServerConf formerWaitServer = conf_.waitcmd;
-    register_.ParseResponse(conf_, commands_, reply);
-    if (!conf_.waitcmd.IsValid()) {
-        RELAY_LOG(3, "refused the wait-command server that the control server named");
-        conf_.waitcmd = formerWaitServer;
-        RegisterAnew();
-        return RELAYD_RET_NOT_SUPPORT;
+    if (!CleanBatchReply(reply)) {
+        RELAY_LOG(3, "refused an id, a mode or a wait-command server from the control server");
     }
+    register_.ParseResponse(conf_, commands_, reply);
     if (commands_[0U]["command"] == "register" && reply.isArray() && !reply.empty() &&
         ParseServerError(reply[0U]) == RELAYSERVER_ERR_SUCCESS) {
         registered_ = true;
+        RELAY_LOG(6, "registered as [%s]", conf_.serverID.c_str());
         TakeSession(request);
         RestartWait(now);
     }
@@ -238,7 +255,7 @@ void Exchange::TakeSession(Request& request) {
     session_.clear();
     if (request.GetCookies(lines)) {
         for (const std::string& line : lines) {
-            const std::string cookie = CookieOf(line);
+            const std::string cookie = CookieOf(line, conf_.waitcmd.protocol != "https");
             if (!cookie.empty()) {
                 session_ += (session_.empty() ? "" : "; ") + cookie;
             }

@@ -60,7 +60,7 @@ private:
 
     void StartBatch(Time now);
     void BatchDone(Request& request, Time now);
-    RELAYD_RET TakeBatchReply(const Json::Value& reply, Request& request, bool& refused, Time now);
+    RELAYD_RET TakeBatchReply(Json::Value& reply, Request& request, bool& refused, Time now);
     RELAYD_RET BatchResult(const Json::Value& reply, bool& refused) const;
     void TakeSession(Request& request);
 
@@ -71,6 +71,7 @@ private:
 
     void Succeeded(Line& line, Time now);
     void Failed(Line& line, RELAYD_RET result, bool refused, Time now);
+    void GaveUp(Line& line, const char* why);
     void DropNames();
     void RegisterAnew();
     boost::shared_ptr<Request> MakeRequest(const std::string& url, const Json::Value& body,

@@ -1,4 +1,6 @@
 // zarorelayd: keeps the services of this device reachable from the internet.
+#include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -50,11 +52,24 @@ int Check(const std::string& file) {
     return faults.empty() ? 0 : kUsage;
 }
 
+/// A process started without standard descriptors must not get a socket in their place, which log
+/// lines would then be written into.
+void FillStandardDescriptors() {
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 /// What a daemon of this kind needs from the kernel, and what it must not leave behind.
 void PrepareProcess() {
     const rlimit noCore = {0, 0};
     (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds tokens and passwords
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1); // ended background ssh processes become our children
+    (void)signal(SIGPIPE, SIG_IGN); // the write that fails tells enough
     umask(077);
     const char* path = getenv("PATH");
     const std::string others = path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
@@ -87,18 +102,20 @@ int RunDaemon(bool foreground) {
     app::EndLoginsOnStopSignals();
     app::EndStrays([](const std::string&) { return true; });
     gblRun = 1;
+    bool good = false;
     {
         app::RelayDaemon daemon(conf);
-        daemon.Run();
+        good = daemon.Run();
     }
     daemon_signal_done();
     (void)daemon_pid_file_remove(); // one that cannot be removed is found stale at the next start
-    return 0;
+    return good ? 0 : kFailure;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
+    FillStandardDescriptors();
     try {
         app::Options options;
         const int code = app::ReadOptions(argc, argv, options);

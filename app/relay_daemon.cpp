@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <set>
 #include <string>
 
@@ -41,22 +42,34 @@ const char* ReachableText(Reachable reachable) {
     return "unknown";
 }
 
+/// The port that a tunnel leads to: one service has a fixed one.
+int LocalPort(const ServiceConf& service) {
+    return service.id == "syncbay" ? 6691 : service.port;
+}
+
 } // namespace
 
 RelayDaemon::RelayDaemon(const RelaydConf& conf)
-    : conf_(conf), exchange_(conf_, queue_, keeper_, [this] { Reload(); }),
+    : conf_(conf), exchange_(conf_, queue_, keeper_, [this] { (void)Reload(); }),
       alias_(conf_, queue_), hasFile_(access(paths::ConfigFile().c_str(), F_OK) == 0),
       since_(time(nullptr)) {
     conf_.network.ReadConf();
     (void)conf_.auth.ReadConf(); // logged; the exchange tries again
 }
 
-void RelayDaemon::Run() {
+bool RelayDaemon::Run() {
     WriteStatus();
-    while (gblRun != 0) {
-        Pass();
+    try {
+        while (gblRun != 0) {
+            Pass();
+        }
+    } catch (const std::exception& fault) {
+        RELAY_LOG(3, "out of resources, stopping: %s", fault.what());
+        Stop();
+        return false;
     }
     Stop();
+    return true;
 }
 
 void RelayDaemon::Pass() {
@@ -75,6 +88,11 @@ void RelayDaemon::Tick(Time now) {
         networkCheck_ = Time::max();
         CheckNetwork(now);
     }
+    keeper_.Notice(now);
+    if (now >= refreshDue_) {
+        refreshDue_ = now + kProbeEvery;
+        status_.Refresh();
+    }
     if (!conf_.enable) {
         return;
     }
@@ -82,14 +100,14 @@ void RelayDaemon::Tick(Time now) {
     if (exchange_.IsRegistered()) {
         alias_.Tick(now);
     }
-    keeper_.Tick(now);
+    keeper_.StartDue(now);
     ProbeServices(now);
 }
 
 Time RelayDaemon::NextDue(Time now) const {
-    Time due = networkCheck_;
+    Time due = std::min({networkCheck_, refreshDue_, keeper_.NextDue()});
     if (conf_.enable) {
-        due = std::min({due, exchange_.NextDue(), keeper_.NextDue()});
+        due = std::min(due, exchange_.NextDue());
         if (exchange_.IsRegistered()) {
             due = std::min(due, alias_.NextDue());
         }
@@ -146,12 +164,12 @@ void RelayDaemon::OnSignals() {
             gblRun = 0;
             return;
         case SIGHUP:
-            Reload();
+            ReloadByUser();
             break;
         case SIGUSR1:
             WriteDump(Dump());
             break;
-        default: // SIGPIPE: the write that failed tells enough
+        default:
             break;
         }
     }
@@ -159,7 +177,20 @@ void RelayDaemon::OnSignals() {
 
 // --- configuration
 
-void RelayDaemon::Reload() {
+/// Whoever asks for a reload has mended something: everything that waits is tried at once.
+void RelayDaemon::ReloadByUser() {
+    if (!Reload()) {
+        return;
+    }
+    const Time now = Clock::now();
+    exchange_.ConfigurationChanged(now);
+    keeper_.RetryNow(now);
+    for (auto& [id, probe] : probes_) {
+        probe.next = now;
+    }
+}
+
+bool RelayDaemon::Reload() {
     // For the library a broken or missing file means the defaults, without services; a slip of the
     // pen, or an editor that is just replacing the file, must not end every tunnel.
     bool unusable = false;
@@ -170,23 +201,18 @@ void RelayDaemon::Reload() {
     }
     const bool wasEnabled = conf_.enable;
     if (unusable || !conf_.Reload()) {
-        return; // what was in force stays
+        return false; // what was in force stays
     }
     hasFile_ = access(path.c_str(), F_OK) == 0;
     ApplyLogSettings(conf_);
     RELAY_LOG(6, "configuration reloaded");
-    const Time now = Clock::now();
     if (wasEnabled && !conf_.enable) {
         RELAY_LOG(5, "the relay service is switched off");
         exchange_.Stop();
         alias_.Stop();
         keeper_.CloseAll();
     }
-    exchange_.ConfigurationChanged(now);
-    keeper_.RetryNow(now);
-    for (auto& [id, probe] : probes_) {
-        probe.next = now;
-    }
+    return true;
 }
 
 // --- network
@@ -219,14 +245,16 @@ void RelayDaemon::ProbeServices(Time now) {
     for (const ServiceConf& service : conf_.services) {
         ids.insert(service.id);
         Probe& probe = probes_[service.id];
-        if (probe.port != service.port || now >= probe.next) {
-            probe.port = service.port;
+        const int port = LocalPort(service);
+        if (probe.port != port || now >= probe.next) {
+            probe.port = port;
             probe.next = now + kProbeEvery;
             const Reachable before = probe.reachable;
-            probe.reachable = ProbeLocalPort(service.port);
-            if (probe.reachable == Reachable::Refuses && before != probe.reachable) {
-                RELAY_LOG(4, "service %s does not answer on port %d",
-                          Printable(service.id).c_str(), service.port);
+            probe.reachable = ProbeLocalPort(port);
+            if (before != probe.reachable &&
+                (before == Reachable::Refuses || probe.reachable == Reachable::Refuses)) {
+                RELAY_LOG(4, "service %s, port %d: %s", Printable(service.id).c_str(), port,
+                          ReachableText(probe.reachable));
             }
         }
     }

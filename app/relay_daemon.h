@@ -26,8 +26,9 @@ class RelayDaemon {
 public:
     explicit RelayDaemon(const RelaydConf& conf);
 
-    /// Runs until a stop signal; the orderly stop is done when it returns.
-    void Run();
+    /// Runs until a stop signal. The orderly stop is done when it returns; false when want of memory,
+    /// not a signal, ended it.
+    bool Run();
 
 private:
     /// What the last look at a local service found.
@@ -43,7 +44,8 @@ private:
     void OnSignals();
     void OnNetworkEvent(Time now);
     void CheckNetwork(Time now);
-    void Reload();
+    void ReloadByUser();
+    bool Reload();
     void ProbeServices(Time now);
     void Stop();
     Time NextDue(Time now) const;
@@ -61,6 +63,7 @@ private:
     NetWatch network_;
     StatusFile status_;
     std::map<std::string, Probe> probes_;
+    Time refreshDue_{};
     Time networkCheck_ = Time::max(); ///< when a change of the network is looked at
     bool hasFile_;                    ///< the configuration in force came from a file
     bool stopping_ = false;

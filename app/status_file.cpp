@@ -66,12 +66,35 @@ void StatusFile::Write(const Json::Value& status) {
         return;
     }
     const bool good = Replace(path_, text);
-    if (good) {
+    struct stat info = {};
+    if (good && lstat(path_.c_str(), &info) == 0) {
         written_ = text;
-    } else if (!failing_) {
+        inode_ = info.st_ino;
+    }
+    if (good && failing_) {
+        RELAY_LOG(4, "status file [%s] can be written again", path_.c_str());
+    } else if (!good && !failing_) {
         RELAY_LOG(3, "status file [%s] can't be written, %s", path_.c_str(), strerror(errno));
     }
     failing_ = !good;
+}
+
+void StatusFile::Refresh() {
+    struct stat info = {};
+    if (lstat(path_.c_str(), &info) != 0 || info.st_ino != inode_) {
+        written_.clear();
+        return;
+    }
+    (void)utimensat(AT_FDCWD, path_.c_str(), nullptr, AT_SYMLINK_NOFOLLOW); // cleaners go by age
+}
+
+bool IsTrustedFile(const std::string& path) {
+    struct stat file = {};
+    struct stat folder = {};
+    const std::string name = path.substr(0, path.rfind('/') + 1);
+    return lstat(path.c_str(), &file) == 0 && S_ISREG(file.st_mode) &&
+           (file.st_uid == 0 || file.st_uid == geteuid() ||
+            (stat(name.c_str(), &folder) == 0 && folder.st_uid == file.st_uid));
 }
 
 void WriteDump(const Json::Value& dump) {

@@ -19,12 +19,21 @@ public:
     /// Replaces the file if the status differs from what it holds.
     void Write(const Json::Value& status);
 
+    /// Keeps the file alive: the next Write replaces it when a cleaner of the folder, or anybody else,
+    /// has taken it away.
+    void Refresh();
+
 private:
     std::string path_;
     pid_t owner_;
     std::string written_;
+    ino_t inode_ = 0; ///< of the file that was written last
     bool failing_ = false;
 };
+
+/// Whether a file in a folder that anybody may write to was made by us, by root or by the folder's
+/// owner, and is no link.
+bool IsTrustedFile(const std::string& path);
 
 /// Writes a dump into the file that an asker made for it, in one piece; a file that is not there,
 /// is a link, or belongs to somebody else than root or us is left alone.

@@ -14,8 +14,14 @@ namespace ZARO::Relay::app {
 
 namespace {
 
-/// A tunnel that stood this long was no flapping one: it is rebuilt without a wait.
+/// A tunnel that stood this long is rebuilt without a wait, unless that was done not long ago: then it
+/// is a flapping one.
 constexpr seconds kSteady{5};
+constexpr seconds kFlapping{60};
+/// More than any device publishes.
+constexpr Json::ArrayIndex kMostTunnels = 256;
+/// How many refusals of one reply are logged.
+constexpr std::size_t kMostRefusals = 5;
 
 /// Makes a tunnel one that was never started; the process it knew is not its own.
 void ForgetProcess(Tunnel& tunnel) {
@@ -35,7 +41,8 @@ pid_t PidOf(const Tunnel& tunnel) {
 std::map<std::string, Json::Value>
 TunnelKeeper::TakeAssigned(const Json::Value& assigned, const std::list<ServiceConf>& services) {
     std::map<std::string, Json::Value> wanted;
-    std::map<std::string, std::string> refused;
+    std::set<std::string> reasons;
+    unsigned refused = 0;
     for (Json::ArrayIndex i = 0; i < assigned.size(); ++i) {
         Json::Value tunnel;
         std::string why;
@@ -47,22 +54,24 @@ TunnelKeeper::TakeAssigned(const Json::Value& assigned, const std::list<ServiceC
             }
             continue;
         }
-        const std::string index = std::to_string(i);
-        refused[index] = why;
-        if (refused_[index] != why) {
+        ++refused;
+        if (reasons.size() < kMostRefusals && reasons.insert(why).second &&
+            refused_.count(why) == 0) {
             RELAY_LOG(3, "refused a tunnel from the server: %s", why.c_str());
         }
     }
-    refused_.swap(refused);
+    if (refused > kMostRefusals && refused_.size() < kMostRefusals) {
+        RELAY_LOG(3, "refused %u tunnels from the server", refused);
+    }
+    refused_.swap(reasons);
     return wanted;
 }
 
 bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services,
                              Time now) {
-    if (!assigned.isArray()) {
+    if (!assigned.isArray() || assigned.size() > kMostTunnels) {
         return false;
     }
-    ++revision_;
     std::map<std::string, Json::Value> wanted = TakeAssigned(assigned, services);
     for (auto tunnel = tunnels_.begin(); tunnel != tunnels_.end();) {
         const std::string id = tunnel->GetServiceId();
@@ -86,12 +95,13 @@ bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<Servic
     return true;
 }
 
-void TunnelKeeper::Tick(Time now) {
-    if (children_.Reap()) {
-        ++revision_;
-    }
+void TunnelKeeper::Notice(Time now) {
+    children_.Reap(now);
     NoticeEnded(now);
     EndDropped(now);
+}
+
+void TunnelKeeper::StartDue(Time now) {
     Tunnel* next = nullptr;
     Time earliest = Time::max();
     for (Tunnel& tunnel : tunnels_) {
@@ -114,12 +124,14 @@ void TunnelKeeper::NoticeEnded(Time now) {
         }
         const std::string& id = tunnel.GetServiceId();
         Upkeep& upkeep = upkeep_[id];
-        const bool steady = now - upkeep.readySince >= kSteady;
+        const bool atOnce =
+            now - upkeep.readySince >= kSteady &&
+            (upkeep.rebuiltAtOnce == Time() || now - upkeep.rebuiltAtOnce >= kFlapping);
         const milliseconds wait = upkeep.backoff.Failed(now);
-        upkeep.nextStart = steady ? now : now + wait;
+        upkeep.nextStart = atOnce ? now : now + wait;
+        upkeep.rebuiltAtOnce = atOnce ? now : upkeep.rebuiltAtOnce;
         upkeep.since = time(nullptr);
-        ++revision_;
-        RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
+            RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
     }
 }
 
@@ -149,7 +161,6 @@ void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
             _exit(127); // the child whose SSH client could not be executed
         }
     }
-    ++revision_;
     upkeep.since = time(nullptr);
     // The search for the process also finds that of a service whose id only begins with this one's.
     const std::string ending = std::to_string(daemon) + "." + id;
@@ -216,7 +227,6 @@ void TunnelKeeper::CloseAll() {
         tunnel.Destroy();
     }
     tunnels_.clear();
-    ++revision_;
     EndDropped(Clock::now());
 }
 

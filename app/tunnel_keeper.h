@@ -6,6 +6,7 @@
 #include <ctime>
 #include <list>
 #include <map>
+#include <set>
 #include <string>
 
 #include <zarorelayd/config.h>
@@ -16,22 +17,25 @@
 
 namespace ZARO::Relay::app {
 
-/// Owns the tunnels and their ssh processes. For the daemon's one loop; only Tick blocks, for one
-/// log-in at most.
+/// Owns the tunnels and their ssh processes. For the daemon's one loop; only StartDue blocks,
+/// for one log-in at most.
 class TunnelKeeper {
 public:
     /// The list that Register edits too: a tunnel that it drops is ended here.
     std::list<Tunnel>& Tunnels() { return tunnels_; }
 
     /// Takes the whole list that the server assigns: closes tunnels that are not in it or differ,
-    /// keeps equal ones, starts missing ones at the next Ticks. What fails the checks is refused
+    /// keeps equal ones, starts missing ones one by one. What fails the checks is refused
     /// and logged. False when it is no list.
     bool Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services, Time now);
 
-    /// Notices ended processes, ends dropped ones, and starts at most one tunnel.
-    void Tick(Time now);
+    /// Notices ended processes and ends dropped ones. On every pass, whatever else is off.
+    void Notice(Time now);
 
-    /// When Tick is to be called next, at the latest.
+    /// Starts at most one tunnel.
+    void StartDue(Time now);
+
+    /// When the two are to be called next, at the latest.
     Time NextDue() const;
 
     /// The path to the servers is back: waiting tunnels are tried at once.
@@ -56,15 +60,13 @@ public:
     /// Everything, passwords included, for the dump.
     Json::Value Dump() const;
 
-    /// A number that changes whenever Describe or IsUp may have.
-    unsigned long Revision() const { return revision_; }
-
 private:
     /// What is known of one assigned service beside its tunnel.
     struct Upkeep {
         Backoff backoff{milliseconds(200), seconds(60)};
         Time nextStart{};
         Time readySince{};
+        Time rebuiltAtOnce{}; ///< when a death was last answered without a wait
         std::time_t since = 0;
         int starts = 0;
         bool failing = false;
@@ -82,8 +84,7 @@ private:
     std::list<Tunnel> tunnels_;
     std::map<std::string, Upkeep> upkeep_;
     ChildWatch children_;
-    std::map<std::string, std::string> refused_; ///< by index or id, so that each is logged once
-    unsigned long revision_ = 0;
+    std::set<std::string> refused_; ///< what the last reply was refused for, to log it once
 };
 
 /// The ssh process of a tunnel, -1 when none is known.

@@ -38,6 +38,7 @@ constexpr const char* kDefaultName = "zarorelayd";
 constexpr int kStartTimeoutSeconds = 20;
 constexpr int kStopTimeoutSeconds = 10;
 constexpr int kStartFailed = 4;
+constexpr size_t kLongestLine = 4096; // bytes
 
 /// libdaemon and the system log keep pointers to the daemon's name, also while the process ends.
 std::string& Identity() {
@@ -65,6 +66,25 @@ void PrintTimeStamp() {
         stamp[length - 1] = '\0';
     }
     (void)fprintf(stderr, "%s ", stamp); // nobody is left to tell
+}
+
+/// Prints one message. Texts from servers and files are part of some: none may forge a line, steer
+/// a terminal or fill the disk.
+void PrintLine(const char* format, va_list ap) {
+    char line[kLongestLine];
+    const int length = vsnprintf(line, sizeof line, format, ap);
+    if (length < 0) {
+        return;
+    }
+    const size_t shown = strlen(line);
+    for (size_t i = 0; i < shown; ++i) {
+        const auto byte = static_cast<unsigned char>(line[i]);
+        const bool lastNewline = byte == '\n' && i + 1 == shown; // two texts end with their own
+        if ((byte < 0x20 && byte != '\t' && !lastNewline) || byte == 0x7f) {
+            line[i] = '?';
+        }
+    }
+    (void)fputs(line, stderr);
 }
 
 /// Whether the PID file names a process. An empty one, as a power cut or a daemon in the middle of
@@ -134,7 +154,7 @@ int Daemon::LogV(int level, const char* format, va_list ap) {
     if (IsLogEnable(level)) {
         PrintTimeStamp();
         errno = saved;
-        (void)vfprintf(stderr, format, ap);
+        PrintLine(format, ap);
         result = fputc('\n', stderr);
     } else if (level <= _logLevel) {
         daemon_logv(level, format, ap);

@@ -184,7 +184,10 @@ bool AliasRequest::Send(ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type) {
     (void)request_.Send(); // the outcome is read from the request below
     type = ALIAS_RESPONSE_NONE;
     std::string body;
-    if (!ParseCURLHttp(ret, body, httpStatus_)) {
+    int httpStatus = -1;
+    const bool good = ParseCURLHttp(ret, body, httpStatus);
+    httpStatus_ = httpStatus;
+    if (!good) {
         return true;
     }
     type = ALIAS_RESPONSE_TEXT;

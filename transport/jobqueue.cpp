@@ -186,8 +186,8 @@ bool JobQueue::Finish(CURLMsg& message) {
     }
     const boost::shared_ptr<Request> request = job->request;
     const JobCallback callback = job->callback;
-    request->JobDone(message.data.result);
-    request->JobRemove(multi_);
+    (void)request->JobDone(message.data.result); // true in every case
+    (void)request->JobRemove(multi_);            // logged; the job has ended all the same
     jobs_.erase(job); // before the callback, which may add jobs
     if (callback != nullptr && !callback(request)) {
         RELAY_LOG(7, "callback execute failed");

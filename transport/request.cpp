@@ -1,6 +1,7 @@
 #include <zarorelayd/request.h>
 
 #include <openssl/ssl.h>
+#include <sys/socket.h>
 
 #include <cstdio>
 #include <cstring>
@@ -18,8 +19,9 @@ constexpr long kConnectTimeoutSeconds = 60;
 constexpr long kTransferTimeoutSeconds = 20;
 constexpr long kForever = -1;
 constexpr std::size_t kHostText = 128; // bytes
-/// No server of ours sends as much; a hostile one must not fill the memory of the appliance.
-constexpr std::size_t kLargestResponse = std::size_t{16} << 20;
+/// No server of ours sends as much, and a hostile one must not fill the memory of the appliance:
+/// parsed JSON takes some fifty times its text.
+constexpr std::size_t kLargestResponse = std::size_t{1} << 20;
 
 int AcceptCertificate(int, X509_STORE_CTX*) noexcept {
     return 1;
@@ -31,6 +33,11 @@ CURLcode OnSslContext(CURL*, void* context, void*) noexcept {
     SSL_CTX_set_verify(static_cast<SSL_CTX*>(context), SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
                        AcceptCertificate);
     return CURLE_OK;
+}
+
+/// Sockets are not for the programs that the daemon starts.
+curl_socket_t OpenSocket(void*, curlsocktype, curl_sockaddr* address) noexcept {
+    return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
 
 /// The host of a URL as libcurl's cookie lines begin with it.
@@ -161,7 +168,11 @@ bool Request::SetTransferOptions() {
     if (!SET_OPTION(handle_, CURLOPT_USERAGENT, kUserAgent) ||
         !SET_OPTION(handle_, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds) ||
         !SET_OPTION(handle_, CURLOPT_TIMEOUT, kTransferTimeoutSeconds) ||
-        !SET_OPTION(handle_, CURLOPT_DNS_CACHE_TIMEOUT, kForever)) {
+        !SET_OPTION(handle_, CURLOPT_DNS_CACHE_TIMEOUT, kForever) ||
+        !SET_OPTION(handle_, CURLOPT_OPENSOCKETFUNCTION, OpenSocket) ||
+        !SET_OPTION(handle_, CURLOPT_QUICK_EXIT, 1L) || // a removed job must not wait for a name
+        // A request that replaces a hung one must not share its connection.
+        !SET_OPTION(handle_, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1})) {
         return false;
     }
     if (blForbidConnReuse) {
@@ -175,9 +186,6 @@ bool Request::SetTransferOptions() {
 }
 
 bool Request::SetReplyOptions() {
-    if (!SET_OPTION(handle_, CURLOPT_WRITEFUNCTION, &Request::OnData)) {
-        return false;
-    }
     memset(error_, 0, sizeof error_);
     return SET_OPTION(handle_, CURLOPT_ERRORBUFFER, error_);
 }
@@ -200,8 +208,8 @@ bool Request::SetData(const std::string& data, bool post) {
     }
     if (hasBody_) { // libcurl still points at the old body
         hasBody_ = false;
-        curl_easy_setopt(handle_, CURLOPT_POSTFIELDS, nullptr);
-        curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
+        (void)SET_OPTION(handle_, CURLOPT_POSTFIELDS, nullptr);
+        (void)SET_OPTION(handle_, CURLOPT_HTTPGET, 1L);
     }
     data_ = data;
     if (!post) {
@@ -223,14 +231,17 @@ bool Request::SetData(const Json::Value& data, bool post) {
 
 bool Request::SetTcpKeepAlive(int seconds) {
     const long interval = seconds;
-    (void)(SET_OPTION(handle_, CURLOPT_TCP_KEEPALIVE, 1L) &&
-           SET_OPTION(handle_, CURLOPT_TCP_KEEPIDLE, interval) &&
-           SET_OPTION(handle_, CURLOPT_TCP_KEEPINTVL, interval) &&
-           SET_OPTION(handle_, CURLOPT_TIMEOUT, 0L));
-    return true; // the poll works without them, only less well
+    // Failures are logged; the poll works without these, only less well.
+    (void)SET_OPTION(handle_, CURLOPT_TCP_KEEPALIVE, 1L);
+    if (SET_OPTION(handle_, CURLOPT_TCP_KEEPIDLE, interval)) {
+        (void)SET_OPTION(handle_, CURLOPT_TCP_KEEPINTVL, interval);
+        (void)SET_OPTION(handle_, CURLOPT_TIMEOUT, 0L);
+    }
+    return true;
 }
 
-std::size_t Request::OnData(char* data, std::size_t size, std::size_t count, void* response) noexcept {
+std::size_t Request::OnData(char* data, std::size_t size, std::size_t count,
+                            void* response) noexcept {
     auto& text = *static_cast<std::string*>(response);
     const std::size_t bytes = size * count;
     if (bytes > kLargestResponse || text.size() + bytes > kLargestResponse) {
@@ -248,7 +259,9 @@ bool Request::InitSend() {
     status_ = 0;
     done_ = false;
     response_.clear();
-    if (handle_ == nullptr || SET_OPTION(handle_, CURLOPT_WRITEDATA, &response_)) {
+    // The callback goes with the data: without it libcurl takes the string for a FILE.
+    if (handle_ == nullptr || (SET_OPTION(handle_, CURLOPT_WRITEDATA, &response_) &&
+                               SET_OPTION(handle_, CURLOPT_WRITEFUNCTION, &Request::OnData))) {
         return true;
     }
     return Release();

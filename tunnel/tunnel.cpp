@@ -1,8 +1,10 @@
 #include <zarorelayd/tunnel.h>
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -64,6 +66,18 @@ std::string AsQuotedPattern(const std::string& path) {
         quoted += c;
     }
     return quoted;
+}
+
+/// Keeps every descriptor but the standard ones from the program that is about to be executed;
+/// libraries open some without asking.
+void KeepDescriptors() {
+    if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
+        return;
+    }
+    const long most = sysconf(_SC_OPEN_MAX); // an older kernel
+    for (int fd = STDERR_FILENO + 1; fd < most; ++fd) {
+        (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
 }
 
 bool WriteAll(int fd, const std::string& text) {
@@ -195,14 +209,16 @@ bool Tunnel::Destroy() {
 
 bool Tunnel::WritePassFile(const std::string& path) const {
     // Made anew and closed to others from its first instant; never written through a planted link.
-    (void)unlink(path.c_str());
+    if (unlink(path.c_str()) != 0 && errno == EISDIR) {
+        (void)rmdir(path.c_str());
+    }
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) {
         RELAY_LOG(3, "open [%s] failed, %s", path.c_str(), strerror(errno));
         unlink(path.c_str());
         return false;
     }
-    bool good = chmod(path.c_str(), 0600) == 0;
+    bool good = fchmod(fd, 0600) == 0;
     if (!good) {
         RELAY_LOG(3, "chmod [%s] failed, %s", path.c_str(), strerror(errno));
     } else if (!WriteAll(fd, relay_pass_)) {
@@ -302,6 +318,7 @@ bool Tunnel::RunSSHTunnel(const char* passFile) const {
     const std::string destination = relay_user_ + "@" + relay_ip_;
     RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", passFile, forward.c_str(), destination.c_str());
     const std::string program = paths::SshProgram();
+    KeepDescriptors();
     execl(program.c_str(), program.c_str(), "-d", passFile, "-o", "NoneEnabled=yes", "-o",
           "NoneSwitch=yes", forward.c_str(), destination.c_str(), nullptr);
     RELAY_LOG(3, "execl SSH failed, %s", strerror(errno));

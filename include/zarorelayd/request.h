@@ -110,7 +110,8 @@ private:
     void CopyHandle(const Request& other);
     RELAYD_RET CurlError() const;
 
-    static std::size_t OnData(char* data, std::size_t size, std::size_t count, void* self) noexcept;
+    static std::size_t OnData(char* data, std::size_t size, std::size_t count,
+                              void* response) noexcept;
 
     std::list<std::string> cookies_;
     std::string url_;
