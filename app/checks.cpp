@@ -122,8 +122,9 @@ bool IsShortText(const std::string& text) {
     return Printable(text) == text;
 }
 
-bool CleanBatchReply(Json::Value& reply) {
+bool CleanBatchReply(Json::Value& reply, bool& goodServer) {
     bool good = true;
+    goodServer = true;
     if (!reply.isArray()) {
         return good;
     }
@@ -137,7 +138,7 @@ bool CleanBatchReply(Json::Value& reply) {
         const Json::Value* server = FindMember(answer, "server_wait_cmd");
         if (server != nullptr && !IsServer(*server)) {
             answer.removeMember("server_wait_cmd");
-            good = false;
+            goodServer = false;
         }
     }
     return good;

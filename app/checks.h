@@ -32,9 +32,9 @@ bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& serv
 bool IsAliasName(const std::string& name);
 
 /// Takes out of a reply to a batch what the library would take on trust and the daemon does not: a
-/// server id, a mode or a wait-command server that is too long or of another form. True when
-/// everything was good.
-bool CleanBatchReply(Json::Value& reply);
+/// server id or a mode that is no short text, false when there was one, and a wait-command server
+/// that no URL may be made of, which `goodServer` tells.
+bool CleanBatchReply(Json::Value& reply, bool& goodServer);
 
 /// The members that were checked, by name and type; empty or 0 for missing ones.
 std::string TextMember(const Json::Value& object, const char* key);

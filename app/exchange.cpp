@@ -21,7 +21,7 @@ constexpr seconds kHold{50};
 constexpr seconds kHoldSlack{15};
 constexpr int kKeepAliveSeconds = 30;
 /// While a request is young, libcurl connects, and has timers that no descriptor tells of.
-constexpr seconds kYoung{2};
+constexpr milliseconds kYoung{500};
 /// A server that answers long polls at once, again and again, is slowed down.
 constexpr seconds kQuick{1};
 constexpr int kQuickAllowed = 20;
@@ -216,10 +216,16 @@ void Exchange::BatchDone(Request& request, Time now) {
 
 RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& refused,
                                     Time now) {
-    if (!CleanBatchReply(reply)) {
-        RELAY_LOG(3, "refused an id, a mode or a wait-command server from the control server");
+    bool goodServer = true;
+    if (!CleanBatchReply(reply, goodServer)) {
+        RELAY_LOG(3, "refused an id or a mode from the control server");
     }
     register_.ParseResponse(conf_, commands_, reply);
+    if (!goodServer) {
+        RELAY_LOG(3, "refused the wait-command server that the control server named");
+        RegisterAnew();
+        return RELAYD_RET_NOT_SUPPORT;
+    }
     if (commands_[0U]["command"] == "register" && reply.isArray() && !reply.empty() &&
         ParseServerError(reply[0U]) == RELAYSERVER_ERR_SUCCESS) {
         registered_ = true;

@@ -18,6 +18,14 @@ namespace {
 constexpr int kAttempts = 10;
 constexpr int kBetweenAttemptsMs = 10;
 
+/// The first 15 bytes of a process's name.
+std::string ShortName(const std::string& process) {
+    std::ifstream file("/proc/" + process + "/comm");
+    std::string name;
+    std::getline(file, name);
+    return name;
+}
+
 /// The process id in the PID file; 0 when it has none, also after the time in which another
 /// instance in the middle of its start would have filled it; -1 when there is no file.
 long ReadPid() {
@@ -60,8 +68,10 @@ void RemoveStalePidFile() {
     }
     const std::string process = std::to_string(pid);
     if (pid > 0 && access(("/proc/" + process).c_str(), F_OK) == 0) {
+        // Another user's program can't be read, but its short name can.
         const std::string program = ProgramOf(process);
-        if (program.empty() || program == ProgramOf("self")) {
+        if (program.empty() ? ShortName(process) == ShortName("self")
+                            : program == ProgramOf("self")) {
             return; // Daemon::Init tells of it
         }
     }

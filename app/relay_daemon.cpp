@@ -76,11 +76,12 @@ void RelayDaemon::Pass() {
     ++passes_;
     const Time now = Clock::now();
     Tick(now);
-    WriteStatus();
-    queue_.CheckSchedule(); // gives new requests their descriptors
-    Wait(now);
+    // New requests get their descriptors; what has arrived, also during a log-in, is taken in before
+    // the wait, which would not see it any more.
     queue_.CheckSchedule();
     queue_.CheckDoneJobs();
+    WriteStatus();
+    Wait(now);
 }
 
 void RelayDaemon::Tick(Time now) {

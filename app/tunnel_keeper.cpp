@@ -18,10 +18,18 @@ namespace {
 /// is a flapping one.
 constexpr seconds kSteady{5};
 constexpr seconds kFlapping{60};
+/// A log-in that fails after this long failed by a time-out.
+constexpr seconds kSlowLogin{3};
 /// More than any device publishes.
 constexpr Json::ArrayIndex kMostTunnels = 256;
 /// How many refusals of one reply are logged.
 constexpr std::size_t kMostRefusals = 5;
+
+std::string RelayOf(const Tunnel& tunnel) {
+    Json::Value settings;
+    tunnel.Write(settings, false);
+    return settings["relay_ip"].asString();
+}
 
 /// Makes a tunnel one that was never started; the process it knew is not its own.
 void ForgetProcess(Tunnel& tunnel) {
@@ -171,6 +179,9 @@ void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
             ForgetProcess(tunnel);
         }
         Failed(upkeep, id, now);
+        if (Clock::now() - now >= kSlowLogin) {
+            SpareSilentRelay(tunnel);
+        }
         return;
     }
     upkeep.readySince = Clock::now();
@@ -187,6 +198,19 @@ void TunnelKeeper::Failed(Upkeep& upkeep, const std::string& id, Time now) {
         RELAY_LOG(4, "tunnel of %s could not be built, trying on", id.c_str());
     }
     upkeep.failing = true;
+}
+
+/// A relay that does not even refuse holds the loop for a whole log-in: the other tunnels to it wait
+/// as well, each its own time, instead of trying it one after the other.
+void TunnelKeeper::SpareSilentRelay(const Tunnel& silent) {
+    const std::string host = RelayOf(silent);
+    for (const Tunnel& tunnel : tunnels_) {
+        if (tunnel.GetStatus() != TUNNEL_STATUS_READY && RelayOf(tunnel) == host) {
+            Upkeep& upkeep = upkeep_[tunnel.GetServiceId()];
+            const Time now = Clock::now();
+            upkeep.nextStart = std::max(upkeep.nextStart, now + upkeep.backoff.Failed(now));
+        }
+    }
 }
 
 Time TunnelKeeper::NextDue() const {

@@ -78,6 +78,7 @@ private:
     void NoticeEnded(Time now);
     void EndDropped(Time now);
     void Start(Tunnel& tunnel, Time now);
+    void SpareSilentRelay(const Tunnel& silent);
     void Failed(Upkeep& upkeep, const std::string& id, Time now);
     const Tunnel* Find(const std::string& id) const;
 
