@@ -127,15 +127,16 @@ bool Exchange::IsBusy(Time now) const {
 
 void Exchange::ConfigurationChanged(Time now) {
     batchDue_ = true;
-    batch_.backoff.Reset();
-    batch_.next = now;
+    for (Line* line : {&batch_, &wait_}) {
+        line->backoff.Reset();
+        line->next = now;
+    }
 }
 
 void Exchange::NetworkChanged(Time now) {
     ConfigurationChanged(now);
     queue_.Remove(OnBatchDone); // it may hang on a path that is gone
     batch_.runs = false;
-    wait_.backoff.Reset();
     RestartWait(now);
     DropNames();
 }
