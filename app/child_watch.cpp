@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <memory>
 #include <string>
@@ -67,8 +66,14 @@ bool IsOwn(const std::string& path) {
 
 /// The command line of a process, its arguments joined by blanks.
 std::string CommandLine(const std::string& pid) {
-    std::ifstream file("/proc/" + pid + "/cmdline");
-    std::string line((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    // The process may end at any moment; a stream's iterators would throw then.
+    const int fd = open(("/proc/" + pid + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC);
+    char buffer[4096];
+    const ssize_t length = fd >= 0 ? read(fd, buffer, sizeof buffer) : -1;
+    if (fd >= 0) {
+        close(fd);
+    }
+    std::string line(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
     std::replace(line.begin(), line.end(), '\0', ' ');
     return line;
 }

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
@@ -170,11 +170,11 @@ std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMiss
         unusable = true;
         return report.Lines();
     }
-    const std::string text((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
+    std::ostringstream text;
+    text << file.rdbuf();
     Json::Value config;
     std::string fault;
-    if (!ParseJson(text, config, &fault) || !config.isObject()) {
+    if (!ParseJson(text.str(), config, &fault) || !config.isObject()) {
         report.Add("", fault.empty() ? "expected a JSON object" : "expected JSON: " + fault);
         unusable = true;
         return report.Lines();

@@ -14,6 +14,7 @@ namespace {
 
 volatile sig_atomic_t gLoginRuns = 0;
 volatile sig_atomic_t gStopRequested = 0;
+pid_t gDaemon = -1;
 char gChildrenFile[64];
 struct sigaction gFormer[NSIG];
 
@@ -37,7 +38,16 @@ void EndChildren() {
     }
 }
 
+/// A client that is being started still has these handlers until it is executed: there a stop means
+/// its own end, not that of the daemon's children, and not a byte in the daemon's signal pipe.
+void EndIfClient() {
+    if (getpid() != gDaemon) {
+        _exit(127);
+    }
+}
+
 void OnStopSignal(int signal) {
+    EndIfClient();
     const int saved = errno;
     gFormer[signal].sa_handler(signal);
     gStopRequested = 1;
@@ -50,6 +60,7 @@ void OnStopSignal(int signal) {
 
 /// A client that was only being started when the stop came has missed the first signal.
 void OnAlarm(int) {
+    EndIfClient();
     const int saved = errno;
     if (gLoginRuns != 0) {
         EndChildren();
@@ -61,8 +72,9 @@ void OnAlarm(int) {
 } // namespace
 
 void EndLoginsOnStopSignals() {
-    (void)snprintf(gChildrenFile, sizeof gChildrenFile, "/proc/%d/task/%d/children", getpid(),
-                   getpid());
+    gDaemon = getpid();
+    (void)snprintf(gChildrenFile, sizeof gChildrenFile, "/proc/%d/task/%d/children", gDaemon,
+                   gDaemon);
     struct sigaction onAlarm = {};
     onAlarm.sa_handler = OnAlarm;
     (void)sigaction(SIGALRM, &onAlarm, nullptr);

@@ -39,7 +39,7 @@ std::string DaemonProgram() {
     const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
     if (length > 0 && length < static_cast<ssize_t>(sizeof self)) {
         const std::string own(self, static_cast<std::size_t>(length));
-        const std::string beside = own.substr(0, own.rfind('/') + 1) + kDaemon;
+        std::string beside = own.substr(0, own.rfind('/') + 1) + kDaemon;
         if (access(beside.c_str(), X_OK) == 0) {
             return beside;
         }

@@ -25,7 +25,7 @@ using app::IsPort;
 using app::TextMember;
 
 struct Entry {
-    explicit Entry(ServiceConf service) : conf(std::move(service)) {}
+    explicit Entry(const ServiceConf& service) : conf(service) {}
 
     ServiceConf conf;
     bool published = false;

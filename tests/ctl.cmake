@@ -1,0 +1,14 @@
+# The command line as people and scripts use it, and once beside a real daemon and hub.
+if(NOT TARGET zarorelay-hub)
+    return()
+endif()
+zaro_test(test_ctl
+    SOURCES test_ctl.cpp
+    LIBRARIES zaro::relayd Threads::Threads
+    DEPENDS zarorelayctl zarorelayd zarorelay-hub zaro_ssh
+    TIMEOUT 180)
+target_compile_definitions(test_ctl PRIVATE
+    ZARO_CTL="$<TARGET_FILE:zarorelayctl>"
+    ZARO_DAEMON="$<TARGET_FILE:zarorelayd>"
+    ZARO_HUB="$<TARGET_FILE:zarorelay-hub>"
+    ZARO_DEVICE_BIN="${CMAKE_BINARY_DIR}/device-bin")
