@@ -22,10 +22,10 @@ constexpr seconds kHoldSlack{15};
 constexpr int kKeepAliveSeconds = 30;
 /// While a request is young, libcurl connects, and has timers that no descriptor tells of.
 constexpr milliseconds kYoung{500};
-/// A server that answers long polls at once, again and again, is slowed down.
-constexpr seconds kQuick{1};
-constexpr int kQuickAllowed = 20;
-constexpr seconds kQuickWait{5};
+/// A server that answers long polls at once, again and again, is slowed down to this pace; before that
+/// it has a number free, for the changes while many tunnels come up.
+constexpr milliseconds kPollPace{500};
+constexpr int kPollsFree = 40;
 
 Exchange* gExchange = nullptr;
 
@@ -338,13 +338,13 @@ void Exchange::WaitDone(Request& request, Time now) {
         Failed(wait_, result, false, now);
         return;
     }
-    quickReplies_ = now - waitStarted_ < kQuick ? quickReplies_ + 1 : 0;
     if (!waitStands_) {
         keeper_.RetryNow(now); // the servers are there: so is the relay, most likely
     }
     waitStands_ = true;
     Succeeded(wait_, now);
-    wait_.next = quickReplies_ > kQuickAllowed ? now + kQuickWait : now;
+    pace_ = std::max(pace_, now - kPollsFree * kPollPace) + kPollPace;
+    wait_.next = std::max(now, pace_);
 }
 
 RELAYD_RET Exchange::TakeWaitReply(const Json::Value& reply, Time now) {

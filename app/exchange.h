@@ -93,7 +93,7 @@ private:
     bool waitStands_ = false; ///< the last long poll was answered well
     Time waitStarted_{};
     int revision_ = 0;
-    int quickReplies_ = 0;
+    Time pace_{}; ///< when the next long poll would go out at the steady pace
 
     std::string session_;         ///< "name=value; ..." of the session, for hosts of another name
     bool storeHasSession_ = false; ///< the shared cookie store sends it by itself

@@ -87,16 +87,17 @@ int RunDaemon(bool foreground) {
     Daemon::SetName(kName);
     app::RemoveStalePidFile();
     RelaydConf conf(path.c_str());
-    if (foreground) {
-        app::ApplyLogSettings(conf);
-    } else {
-        Daemon::SetLogFile(app::UsableLogFile(conf), conf.log_level); // the fork opens it
-    }
+    // In the background the fork opens the log file; in the foreground whoever typed the command
+    // still sees why it does not start.
+    Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
     for (const std::string& fault : faults) {
         RELAY_LOG(4, "%s", fault.c_str());
     }
     if (!Daemon::Init(!foreground)) {
         return kFailure;
+    }
+    if (foreground) {
+        app::ApplyLogSettings(conf);
     }
     PrepareProcess();
     app::EndLoginsOnStopSignals();

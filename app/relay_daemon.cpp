@@ -168,11 +168,15 @@ void RelayDaemon::OnSignals() {
             ReloadByUser();
             break;
         case SIGUSR1:
-            WriteDump(Dump());
+            gblShowDebug = 1;
             break;
         default:
             break;
         }
+    }
+    if (gblShowDebug != 0) { // one dump, however many have asked meanwhile
+        gblShowDebug = 0;
+        WriteDump(Dump());
     }
 }
 

@@ -101,7 +101,7 @@ void WriteDump(const Json::Value& dump) {
     const std::string path = paths::DebugFile(getpid());
     const int fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
-        RELAY_LOG(4, "nobody waits for a dump in [%s]", path.c_str());
+        RELAY_LOG(7, "nobody waits for a dump in [%s]", path.c_str());
         return;
     }
     struct stat info;

@@ -297,6 +297,7 @@ TEST_F(HubWait, LaterRequestTakesOverAndOthersGoOn) {
     const std::string wait = device_->WaitCommand(revision_);
     const std::string network = R"({"version":1,"command":"update_network"})";
     EXPECT_EQ(Errnos(device_->Post("[" + wait + "," + network + "]")), "0 0");
+    EXPECT_TRUE(IsHeld(second));
     hub_.hub->Stop();
     EXPECT_EQ(second.get()["revision"], revision_) << "answered at the end";
 }

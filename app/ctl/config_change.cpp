@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <vector>
 
 #include <zarorelayd/config.h>
@@ -50,7 +50,7 @@ bool LockForOwnerOnly(FileLock& lock) {
 bool LookAtConfig(Json::Value& config, std::string& fault) {
     const std::string path = paths::ConfigFile();
     config = Json::Value(Json::objectValue);
-    struct stat info;
+    struct stat info = {};
     if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
         return true;
     }
@@ -59,10 +59,10 @@ bool LookAtConfig(Json::Value& config, std::string& fault) {
         fault = path + ": can't be read: " + (file ? "not a file" : strerror(errno));
         return false;
     }
-    const std::string text((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
+    std::ostringstream text;
+    text << file.rdbuf();
     std::string reason;
-    if (app::ParseJson(text, config, &reason) && config.isObject()) {
+    if (app::ParseJson(text.str(), config, &reason) && config.isObject()) {
         return true;
     }
     fault = path + ": " + (reason.empty() ? "expected a JSON object" : "expected JSON: " + reason);

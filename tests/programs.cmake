@@ -1,0 +1,17 @@
+# The programs themselves: the daemon as a device runs it, against a hub, with its own ssh and ps.
+if(NOT TARGET zarorelay-hub)
+    return()
+endif()
+pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
+
+foreach(source test_daemon_program.cpp test_daemon_faults.cpp test_daemon_hostile.cpp
+        test_daemon_secrets.cpp)
+    cmake_path(GET source STEM name)
+    zaro_test(${name} SOURCES ${source} TIMEOUT 180
+        LIBRARIES zaro::relayd PkgConfig::HTTPLIB PkgConfig::OPENSSL Threads::Threads
+        DEPENDS zarorelayd zarorelay-hub zaro_ssh)
+    target_compile_definitions(${name} PRIVATE
+        ZARO_DAEMON="$<TARGET_FILE:zarorelayd>"
+        ZARO_HUB="$<TARGET_FILE:zarorelay-hub>"
+        ZARO_DEVICE_BIN="${CMAKE_BINARY_DIR}/device-bin")
+endforeach()

@@ -1,0 +1,191 @@
+/// A device: a root directory and the daemon that runs in it.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zarorelayd/daemon.h>
+#include <zarorelayd/result.h>
+
+#include "tests/support/hub_process.h"
+#include "tests/support/json_text.h"
+#include "tests/support/temp_root.h"
+#include "tests/support/web_service.h"
+
+/// Ends everything that ran in its root when it goes. Several may be there at once; Enter() says
+/// which one this process's own calls into the library are about.
+class Device : NoCopy {
+public:
+    static constexpr const char* kConfig = "/usr/zaro/etc/zarorelayd.conf";
+    static constexpr const char* kLog = "/daemon.log";
+    static constexpr const char* kPidFile = "/var/run/zarorelayd.pid";
+
+    /// `number`, of two hexadecimal digits, tells its hardware address.
+    explicit Device(const HubProcess& hub, const std::string& number = "01") {
+        (void)prctl(PR_SET_CHILD_SUBREAPER, 1); // what loses its parent becomes our child
+        std::filesystem::copy(ZARO_DEVICE_BIN, root.Path("/usr/zaro/bin"));
+        root.Write("/sys/class/net/eth0/address", "02:00:00:aa:bb:" + number + "\n");
+        root.Write("/etc/zaroinfo.conf", "runrelayd=\"yes\"\n");
+        UseRelay(hub.RelayPort());
+        UseServer("https", hub.HttpsPort());
+        config["log_level"] = 7;
+        config["service"] = Json::Value(Json::arrayValue);
+    }
+
+    ~Device() {
+        daemon_.reset();
+        EXPECT_TRUE(WaitFor([this] {
+            const std::vector<pid_t> left = Processes();
+            for (const pid_t pid : left) {
+                kill(pid, SIGKILL);
+                waitpid(pid, nullptr, 0); // fails at once for what is not, or not yet, our child
+            }
+            return left.empty();
+        }));
+    }
+
+    void UseRelay(int port) const {
+        root.Write("/usr/zaro/etc/ssh/config", "Port " + std::to_string(port) + "\n");
+    }
+
+    void UseServer(const std::string& protocol, int port) {
+        config["server_control"] = Parse(R"({"host":"127.0.0.1"})");
+        config["server_control"]["protocol"] = protocol;
+        config["server_control"]["port"] = port;
+    }
+
+    /// Says where a service is found on this device.
+    void Define(const std::string& id, int port) const {
+        root.Write("/usr/zaro/etc/services.d/" + id + ".conf",
+                   "tcp=\"" + std::to_string(port) + "\"\n");
+    }
+
+    void Publish(const WebService& service) {
+        Define(service.Name(), service.Port());
+        config["service"].append(Parse("{\"id\":\"" + service.Name() + "\"}"));
+    }
+
+    /// Has its ssh run this shell command first.
+    void WrapSsh(const std::string& command) const {
+        const std::string ssh = root.Path("/usr/zaro/bin/ssh");
+        std::filesystem::rename(ssh, ssh + ".real");
+        root.Write("/usr/zaro/bin/ssh", "#!/bin/sh\n" + command + "\nexec \"$0.real\" \"$@\"\n",
+                   0755);
+    }
+
+    /// Starts the daemon with `config`, in the foreground unless told otherwise.
+    void Start(const std::vector<std::string>& options = {"--foreground"}, mode_t mask = 022) {
+        root.Write(kConfig, Compact(config), 0600);
+        daemon_ = Run(options, kLog, mask);
+    }
+
+    /// Runs the program with these options beside --root, its output in the device's file `output`.
+    std::unique_ptr<Process> Run(std::vector<std::string> options, const char* output,
+                                 mode_t mask = 022) const {
+        options.insert(options.begin(), {ZARO_DAEMON, "--root", root.Dir()});
+        return std::make_unique<Process>(options, root.Path(output), root.Dir(), Mark(), mask);
+    }
+
+    /// The process that Start started.
+    Process& Daemon() const { return *daemon_; }
+
+    /// Changes the daemon's configuration file and makes it reload.
+    template <class Change> void Reload(Change change) const {
+        Json::Value now = Parse(root.Read(kConfig));
+        change(now);
+        root.Write(kConfig, Compact(now), 0600);
+        daemon_->Signal(SIGHUP);
+    }
+
+    void Enter() const {
+        ZARO::Relay::paths::SetRoot(root.Dir());
+        ZARO::Relay::Daemon::SetName("zarorelayd");
+    }
+
+    bool AnswersADump(Json::Value& dump) const {
+        Enter();
+        return WaitFor([&] { return ZARO::Relay::Daemon::DebugStatus(dump) == 0; });
+    }
+
+    std::string Log() const { return root.Read(kLog); }
+    bool Logs(const std::string& text) const { return Log().find(text) != std::string::npos; }
+
+    /// The status file; null when there is none.
+    Json::Value Status() const {
+        const std::string text = root.Read("/tmp/.zarorelayd.status");
+        return text.empty() ? Json::Value() : Parse(text);
+    }
+    bool IsConnected() const { return Status()["state"] == ZARO::Relay::RELAYD_STATE_CONNECTED; }
+    bool IsAllUp() const {
+        return Count(Compact(Status()["service"]), "\"up\":true") == config["service"].size();
+    }
+
+    /// The relay's port of a service; 0 while none is known.
+    int RelayPort(const std::string& id) const {
+        const Json::Value status = Status();
+        for (const Json::Value& service : status["service"]) {
+            if (service["id"] == id && service["tunnel"].isObject()) {
+                return service["tunnel"]["relay_port"].asInt();
+            }
+        }
+        return 0;
+    }
+
+    /// Whether a visitor of the relay gets through to a service.
+    bool Serves(const WebService& service) const {
+        const int port = RelayPort(service.Name());
+        return port != 0 && Greeting(port) == service.Name();
+    }
+
+    /// The ssh process of a service; -1 unless there is exactly one, in the background.
+    pid_t Ssh(const std::string& id) const {
+        const std::string files = "ssh -d " + root.Path("/tmp/.tunnel.");
+        std::vector<pid_t> found;
+        for (const pid_t pid : ProcessesWith("cmdline", files)) {
+            const std::string start = ReadFile("/proc/" + std::to_string(pid) + "/cmdline").c_str();
+            if (start.substr(start.rfind('.') + 1) == id) {
+                found.push_back(pid);
+            }
+        }
+        return found.size() == 1 ? found[0] : -1;
+    }
+
+    /// Everything alive that was started in this root, by us or by what we started.
+    std::vector<pid_t> Processes() const { return ProcessesWith("environ", Mark()); }
+
+    /// How many files in its temporary folder hold a tunnel's password.
+    std::size_t PasswordFiles() const {
+        std::size_t count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(root.Path("/tmp"))) {
+            count += ::Count(entry.path().filename(), ".tunnel.");
+        }
+        return count;
+    }
+
+    /// How often the daemon gave up the processor by itself: it woke up as often.
+    long WakeUps() const {
+        const std::string text = ReadFile("/proc/" + std::to_string(daemon_->Pid()) + "/status");
+        const std::string key = "\nvoluntary_ctxt_switches:";
+        return atol(text.c_str() + text.find(key) + key.size());
+    }
+
+    /// Waits until the daemon has slept for a second.
+    bool ComesToRest() const {
+        long count = -1;
+        auto since = Clock::now();
+        return WaitFor([&] {
+            since = WakeUps() == count ? since : Clock::now();
+            count = WakeUps();
+            return Clock::now() - since >= seconds(1);
+        });
+    }
+
+    const TempRoot root;
+    Json::Value config;
+
+private:
+    std::string Mark() const { return "ZARO_TEST_DEVICE=" + root.Dir(); }
+
+    std::unique_ptr<Process> daemon_;
+};

@@ -1,0 +1,79 @@
+/// The hub as the program that it is.
+#pragma once
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "tests/support/process.h"
+
+/// A hub over a folder of its own, on ports that it keeps when it is started again. It logs all.
+class HubProcess : NoCopy {
+public:
+    /// `hold`: seconds that it holds a wait command.
+    explicit HubProcess(int hold = 50) : hold_(hold) {
+        ReservePorts();
+        folder_ = (std::filesystem::temp_directory_path() / "zaro-hub.XXXXXX").string();
+        if (mkdtemp(folder_.data()) == nullptr) {
+            throw std::runtime_error("can't make " + folder_);
+        }
+        Start();
+    }
+    ~HubProcess() {
+        process_.reset();
+        std::error_code ignored; // what can't be removed stays in the temporary folder
+        std::filesystem::remove_all(folder_, ignored);
+        close(reservation_);
+    }
+
+    int HttpPort() const { return first_; }
+    int HttpsPort() const { return first_ + 1; }
+    int RelayPort() const { return first_ + 2; }
+
+    /// Returns when it listens.
+    void Start() {
+        const std::size_t starts = Count("relay ssh://");
+        const auto port = [this](int offset) { return std::to_string(first_ + offset); };
+        process_ = std::make_unique<Process>(
+            std::vector<std::string>{ZARO_HUB, "--data", folder_ + "/data", "--http-port", port(0),
+                                     "--https-port", port(1), "--relay-port", port(2), "--ports",
+                                     port(10) + "-" + port(99), "--hold", std::to_string(hold_),
+                                     "--log-level", "7"},
+            folder_ + "/log");
+        if (!WaitFor([&] { return Count("relay ssh://") > starts; })) {
+            throw std::runtime_error("no hub: " + Log());
+        }
+    }
+
+    void Kill() { process_.reset(); }
+
+    std::string Log() const { return ReadFile(folder_ + "/log"); }
+    std::size_t Count(const std::string& text) const { return ::Count(Log(), text); }
+    std::size_t Registrations() const { return Count(" registered as "); }
+
+private:
+    /// Takes a hundred ports below those that the kernel gives out; other tests run beside us.
+    void ReservePorts() {
+        for (first_ = 10000; first_ < 20000; first_ += 100) {
+            sockaddr_un name = {};
+            name.sun_family = AF_UNIX;
+            snprintf(name.sun_path + 1, sizeof name.sun_path - 1, "zaro-test-ports-%d", first_);
+            reservation_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+            if (bind(reservation_, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) {
+                return;
+            }
+            close(reservation_);
+        }
+        throw std::runtime_error("no ports left");
+    }
+
+    const int hold_;
+    int first_ = 0;
+    int reservation_ = -1;
+    std::string folder_;
+    std::unique_ptr<Process> process_;
+};

@@ -1,0 +1,86 @@
+/// A hub between a device and the real one: passes everything on and lets a test spoil the replies.
+#pragma once
+
+#include <httplib.h>
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "tests/support/hub_process.h"
+#include "tests/support/json_text.h"
+
+/// Speaks plain HTTP on a free port of 127.0.0.1.
+class ScriptedHub : NoCopy {
+public:
+    /// Changes the real hub's reply to a batch that begins with `command`; on a server's thread.
+    using Spoil = std::function<void(const std::string& command, httplib::Response& reply)>;
+
+    explicit ScriptedHub(const HubProcess& hub, Spoil spoil = nullptr)
+        : hub_(hub), spoil_(std::move(spoil)) {
+        server_.Post(".*", [this](const auto& request, auto& reply) { Answer(request, reply); });
+        port_ = server_.bind_to_any_port("127.0.0.1");
+        thread_ = std::thread([this] { server_.listen_after_bind(); });
+        WaitFor([this] { return server_.is_running(); });
+    }
+    ~ScriptedHub() {
+        server_.stop();
+        thread_.join();
+    }
+
+    int Port() const { return port_; }
+
+    /// From now on it only passes on.
+    void TurnGood() {
+        const std::lock_guard<std::mutex> guard(lock_);
+        spoil_ = nullptr;
+    }
+
+    std::size_t Requests() const {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return requests_;
+    }
+
+    /// Everything that devices sent and the real hub replied.
+    std::string Talk() const {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return talk_;
+    }
+
+private:
+    void Answer(const httplib::Request& q, httplib::Response& r) {
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            ++requests_;
+        }
+        httplib::Client hub("127.0.0.1", hub_.HttpPort());
+        hub.set_read_timeout(60);
+        const httplib::Headers headers = {{"Host", q.get_header_value("Host")},
+                                          {"Cookie", q.get_header_value("Cookie")}};
+        const auto reply = hub.Post(q.path, headers, q.body, "application/json");
+        if (!reply) {
+            r.status = 502;
+            return;
+        }
+        r.status = reply->status;
+        r.set_content(reply->body, "application/json");
+        if (reply->has_header("Set-Cookie")) {
+            r.set_header("Set-Cookie", reply->get_header_value("Set-Cookie"));
+        }
+        const std::lock_guard<std::mutex> guard(lock_);
+        talk_ += q.body + reply->body;
+        if (spoil_ != nullptr) {
+            spoil_(Parse(q.body)[0U]["command"].asString(), r);
+        }
+    }
+
+    const HubProcess& hub_;
+    mutable std::mutex lock_;
+    Spoil spoil_;
+    std::size_t requests_ = 0;
+    std::string talk_;
+    httplib::Server server_;
+    int port_ = -1;
+    std::thread thread_;
+};

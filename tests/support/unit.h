@@ -1,0 +1,27 @@
+/// What every test of the library needs.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "tests/support/json_text.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/processes.h"
+#include "tests/support/temp_root.h"
+
+/// A test with a device of its own.
+struct RootTest : testing::Test {
+    TempRoot root_;
+};
+
+inline std::vector<std::string> Words(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
+}

@@ -1,0 +1,118 @@
+/// Both ends of what a tunnel carries: a device's local service and a visitor.
+#pragma once
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/process.h"
+
+inline sockaddr_in Loopback(int port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+/// A socket that listens on a free port of 127.0.0.1, and accepts nothing by itself.
+struct Listener : NoCopy {
+    Listener() {
+        sockaddr_in address = Loopback(0);
+        socklen_t size = sizeof address;
+        auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        if (bind(fd, generic, size) == 0 && listen(fd, 64) == 0) {
+            getsockname(fd, generic, &size);
+            port = ntohs(address.sin_port);
+        }
+    }
+    ~Listener() { close(fd); }
+
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int port = -1;
+};
+
+/// A local service: says its name and a line end to each client, then sends back what comes.
+class WebService : NoCopy {
+public:
+    explicit WebService(const char* name) : WebService(std::string(name)) {}
+    explicit WebService(const std::string& name) : name_(name), thread_([this] { Serve(); }) {}
+    ~WebService() {
+        shutdown(listener_.fd, SHUT_RDWR);
+        thread_.join();
+    }
+
+    const std::string& Name() const { return name_; }
+    int Port() const { return listener_.port; }
+
+private:
+    void Serve() {
+        std::vector<pollfd> fds = {{listener_.fd, POLLIN, 0}};
+        char block[4096];
+        for (int client = 0; client >= 0 && poll(fds.data(), fds.size(), -1) > 0;) {
+            for (std::size_t i = fds.size() - 1; i > 0; --i) {
+                const ssize_t size = fds[i].revents ? recv(fds[i].fd, block, sizeof block, 0) : 0;
+                (void)send(fds[i].fd, block, static_cast<std::size_t>(std::max<ssize_t>(size, 0)),
+                           MSG_NOSIGNAL);
+                if (fds[i].revents != 0 && size <= 0) {
+                    close(fds[i].fd);
+                    fds.erase(fds.begin() + static_cast<std::ptrdiff_t>(i));
+                }
+            }
+            if (fds[0].revents != 0) {
+                client = accept4(listener_.fd, nullptr, nullptr, SOCK_CLOEXEC);
+                (void)send(client, (name_ + "\n").data(), name_.size() + 1, MSG_NOSIGNAL);
+                fds.push_back({client, POLLIN, 0});
+            }
+        }
+        for (std::size_t i = 1; i < fds.size(); ++i) {
+            close(fds[i].fd);
+        }
+    }
+
+    const std::string name_;
+    const Listener listener_;
+    std::thread thread_;
+};
+
+/// A visitor of a port of 127.0.0.1.
+class Visitor : NoCopy {
+public:
+    explicit Visitor(int port) {
+        const sockaddr_in address = Loopback(port);
+        refused_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0;
+    }
+    ~Visitor() { close(fd_); }
+
+    bool IsRefused() const { return refused_; }
+
+    /// The next line, without its end; what there is of it when nothing comes for a second.
+    std::string Line() const {
+        std::string line;
+        pollfd ready = {fd_, POLLIN, 0};
+        char c = '\0';
+        while (!refused_ && poll(&ready, 1, 1000) == 1 && recv(fd_, &c, 1, 0) == 1 && c != '\n') {
+            line += c;
+        }
+        return line;
+    }
+
+    /// What comes back for a line.
+    std::string Ask(const std::string& line) const {
+        (void)send(fd_, (line + "\n").data(), line.size() + 1, MSG_NOSIGNAL);
+        return Line();
+    }
+
+private:
+    const int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool refused_ = true;
+};
+
+/// Which service answers on a port; empty for none.
+inline std::string Greeting(int port) {
+    return Visitor(port).Line();
+}

@@ -1,0 +1,51 @@
+#include <zarorelayd/config_alias.h>
+
+#include "tests/support/unit.h"
+
+using namespace ZARO::Relay;
+
+struct AliasConfigTest : RootTest {
+    void Write(const std::string& text) { root_.Write("/tmp/farlink_alias.status", text); }
+};
+
+TEST_F(AliasConfigTest, OverwriteKeepsAllButTheAlias) {
+    AliasConf alias;
+    EXPECT_EQ(Written(alias, true), R"({"alias":""})"); // what differs from the defaults
+    EXPECT_EQ(Written(alias, false),
+              R"({"alias":"","poll_seconds":7200,"url":"https://aliasinfo.zaro.example"})");
+    for (const char* json : {R"({"poll_seconds":3000000000,"url":["x"]})", "[]",
+                             R"({"alias":5,"url":"","poll_seconds":0})"}) {
+        alias.Overwrite(Parse(R"({"alias":"old","url":"http://u","poll_seconds":9})"));
+        EXPECT_TRUE(alias.IsAliasEnabled() && alias.Overwrite(Parse(json)));
+        EXPECT_EQ(Written(alias, true), R"({"alias":"","poll_seconds":9,"url":"http://u"})")
+            << json;
+    }
+    for (const int seconds : {1, 7200, 1500000000}) {
+        alias.Overwrite(Parse("{\"poll_seconds\":" + std::to_string(seconds) + "}"));
+        for (int i = 0, time = 0; i < 50; i++) {
+            time = alias.GetPollingTime();
+            EXPECT_TRUE(time >= seconds && time < 2LL * seconds) << time << " of " << seconds;
+        }
+    }
+}
+
+TEST_F(AliasConfigTest, StatusIsWholeAndAboutOneAlias) {
+    std::string status = "kept", extra = "kept";
+    AliasStatus writer;
+    EXPECT_TRUE(writer.SetStatus("me", "good", "more", true));
+    EXPECT_TRUE(!writer.GetStatus("other", status, extra) && status + extra == "keptkept");
+    EXPECT_TRUE(AliasStatus().GetStatus("me", status, extra) && status + extra == "goodmore");
+    const std::pair<const char*, const char*> rows[] = {
+        {"[]", "status should be array"},
+        {"{}", "alias name is not object member"},
+        {R"({"alias_name":["me"]})", "status is not object member"},
+        {R"({"alias_name":"","status":"good"})", "alias name is not string or empty"},
+        {R"({"alias_name":"a","status":{}})", "status is not string or empty"}};
+    for (const auto& row : rows) {
+        Write(row.first);
+        EXPECT_TRUE(writer.Reload() && !writer.GetStatus("me", status, extra)) << row.first;
+        EXPECT_TRUE(
+            Logs("config_alias", 3, row.second, [&] { EXPECT_FALSE(writer.DumpToFile()); }));
+        EXPECT_TRUE(writer.SetStatus("me", "good", "more", true)) << row.first;
+    }
+}

@@ -1,0 +1,85 @@
+#include <zarorelayd/zarorelayd.h>
+
+#include <signal.h>
+
+#include "tests/support/unit.h"
+
+constexpr char kConf[] = "/usr/zaro/etc/zarorelayd.conf";
+constexpr char kMac[] = "/proc/sys/kernel/zaro_mac_address1";
+constexpr char kFull[] = R"({"serverID":"044756784","service":[7,{"id":5},{"id":"web"}]})";
+
+struct CApiTest : RootTest {
+    CApiTest() {
+        ZARO::Relay::Daemon::SetName("zarorelayd"); // below this test's root
+        root_.Write(kMac, "02004caabbcc\n");
+    }
+    std::string File() { return Compact(Parse(root_.Read(kConf))); }
+};
+
+TEST_F(CApiTest, ServesPlainC) {
+    root_.Write(kConf, kFull);
+    EXPECT_EQ(Captured(STDERR_FILENO, [] { EXPECT_EQ(system(ZARO_C_PROGRAM), 0); }),
+              "zarorelayd not running\nzarorelayd not running\n");
+    EXPECT_EQ(File(), R"({"log_file":"/tmp/debug.log","log_level":7,"serverID":"044756784",)"
+                      R"("service":[7,{"id":5},{"id":"web"}]})");
+}
+
+TEST_F(CApiTest, GivesTheServerId) {
+    const std::tuple<const char*, const char*, std::size_t, int, const char*> rows[] = {
+        {kFull, nullptr, 16, 1, "044756784"},
+        {kFull, "web", 9, 1, "04475678"},
+        {kFull, "web", 0, 1, "old"},
+        {kFull, "photos", 4, 0, "044"},
+        {kFull, "", 4, 1, "044"}, // a malformed service counts as one without an id
+        {R"({"serverID":"%s%n","service":{"id":"web"}})", "web", 9, 0, "%s%n"},
+        {"[]", nullptr, 4, -1, ""}};
+    for (const auto& [conf, service, size, result, id] : rows) {
+        root_.Write(kConf, conf);
+        char buffer[16] = "old";
+        EXPECT_EQ(TLIBRelaydGetServerId(service, buffer, size), result) << conf;
+        EXPECT_STREQ(buffer, id) << conf;
+    }
+}
+
+TEST_F(CApiTest, VerifiesServerIds) {
+    const std::tuple<const char*, const char*, int> rows[] = {{"02004caabbcc", "044756784", 1},
+                                                              {"020000000001", "000000005", 1},
+                                                              {"020000000002", "000000011", 1},
+                                                              {"020000800000", "033554435", 1},
+                                                              {"02004caabbcc", "44756784", 0},
+                                                              {"02004caabbcc", "0447567840", 0},
+                                                              {"02004caabbcc", " 044756784", 0},
+                                                              {"aabbcc", "044756784", 0},
+                                                              {"", "", 1}};
+    for (const auto& [mac, id, result] : rows) {
+        root_.Write(kMac, mac);
+        root_.Write(kConf, std::string("{\"serverID\":\"") + id + "\"}");
+        EXPECT_EQ(TLIBRelaydVerifyServerId(id), result) << id;
+        EXPECT_EQ(TLIBRelaydVerifyServerId(nullptr), result) << id;
+    }
+}
+
+TEST_F(CApiTest, SwitchesTheLogAndSignalsTheDaemon) {
+    const pid_t daemon = fork();
+    if (daemon == 0) {
+        alarm(10);
+        pause(); // until SIGHUP ends it
+    }
+    root_.Write("/var/run/zarorelayd.pid", std::to_string(daemon) + "\n");
+    root_.Write(kConf, R"({"log_level":"x","other":1})");
+    EXPECT_EQ(TLIBRelaydLogStart("a\"b"), 0);
+    EXPECT_EQ(File(), R"({"log_file":"a\"b","log_level":7,"other":1})");
+    int status = 0;
+    EXPECT_TRUE(waitpid(daemon, &status, 0) == daemon && WTERMSIG(status) == SIGHUP);
+    std::filesystem::remove(root_.Path("/var/run/zarorelayd.pid"));
+    EXPECT_EQ(TLIBRelaydLogStop() + TLIBRelaydLogStop(), 0); // also with nothing to remove
+    EXPECT_EQ(File(), R"({"other":1})");
+    for (const char* conf : {"[]", "5", "{}"}) {
+        root_.Write(kConf, conf);
+        if (*conf == '{') { // it can't be written: the name of the new file is taken
+            root_.Write(kConf + (".tmp." + std::to_string(getpid())) + "/x", "");
+        }
+        EXPECT_EQ(TLIBRelaydLogStart(nullptr) + TLIBRelaydLogStart("x") + TLIBRelaydLogStop(), -3);
+        EXPECT_EQ(root_.Read(kConf), conf);
+    }
+}

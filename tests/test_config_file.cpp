@@ -1,0 +1,243 @@
+#include <zarorelayd/config.h>
+
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "tests/support/platform_standin.h"
+#include "tests/support/unit.h"
+
+using namespace ZARO::Relay;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kConf[] = "/usr/zaro/etc/zarorelayd.conf";
+constexpr char kInfo[] = "/etc/zaroinfo.conf";
+const std::string kHostA = "control-a.zaro.example", kHostB = "control-b.zaro.example";
+
+struct ConfigFileTest : RootTest {
+    ConfigFileTest() {
+        gPlatform = {};
+        root_.Write("/proc/sys/kernel/zaro_mac_address1", "02004caabbcc"); // its id: 044756784
+        root_.Write("/usr/zaro/bin/zarowosnotify",
+                    "#!/bin/sh\nprintf '%s\\n' \"$@\" >> \"$ZARO_ROOT/notified\"\n", 0755);
+        root_.Write("/usr/zaro/etc/services.d/web.conf", "title=\"T\"\ntcp=\"80\"\n");
+    }
+
+    /// The record of a file with this text.
+    RelaydConf Conf(const std::string& text) {
+        root_.Write(kConf, text);
+        return RelaydConf(root_.Path(kConf).c_str());
+    }
+
+    std::string File() { return Compact(Parse(root_.Read(kConf))); }
+
+    /// Runs a writer of /etc/x whose disk is full after 4096 bytes; `action`: of SIGXFSZ.
+    int WriteLarge(std::size_t size, void (*action)(int)) {
+        return InChild([&] {
+            signal(SIGXFSZ, action);
+            const rlimit limit = {4096, RLIM_INFINITY};
+            setrlimit(RLIMIT_FSIZE, &limit);
+            return RelaydConf::WriteJsonFile(x_, std::string(size, 'x'));
+        });
+    }
+
+    const std::string x_ = root_.Path("/etc/x");
+    const std::string temporary_ = ".tmp." + std::to_string(getpid());
+};
+
+} // namespace
+
+TEST_F(ConfigFileTest, MovesBrokenFilesAside) {
+    Json::Value out = 7;
+    for (const std::string& broken :
+         {std::string("{"), std::string(), std::string("{\0}", 3), std::string(100000, '['),
+          std::string(1001, '[') + std::string(1001, ']')}) {
+        root_.Write("/etc/x", broken);
+        EXPECT_EQ(LogOf("config", 3, [&] { EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out)); }),
+                  std::vector<std::string>{"bad json format [" + x_ + "]"});
+        EXPECT_TRUE(out.isNull() && !fs::exists(x_)) << broken.substr(0, 9);
+        EXPECT_EQ(root_.Read("/etc/x.bad"), broken);
+    }
+    for (const char* fine : {"/* c */ {\"a\":1}", "5", "{\"\xff\xfe\":\"\xc3\x28\"}"}) {
+        root_.Write("/etc/x", fine);
+        EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out) && fs::exists(x_) && !out.isNull()) << fine;
+    }
+    fs::remove(x_ + ".bad");
+    root_.Write("/etc/x.bad/in the way", "");
+    EXPECT_TRUE(Logs("config", 3, "rename " + x_ + " to .bad failed. Is a directory", [&] {
+        root_.Write("/etc/x", "{");
+        EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out) && !fs::exists(x_)); // deleted
+    }));
+}
+
+TEST_F(ConfigFileTest, ReplacesFilesWhole) {
+    const std::string styled = "{\n   \"a\" : 1\n}\n";
+    const mode_t mask = umask(077);
+    EXPECT_TRUE(RelaydConf::WriteJsonFile(x_, Parse(styled)));
+    umask(mask);
+    struct stat st = {};
+    EXPECT_EQ(stat(x_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777u, 0644u);
+    EXPECT_EQ(root_.Read("/etc/x"), styled);
+    EXPECT_EQ(Captured(STDOUT_FILENO, [] { RelaydConf::WriteJsonFile("-", Parse("[]")); }), "[]\n");
+    fs::create_symlink(x_, x_ + "y" + temporary_);
+    RelaydConf::WriteJsonFile(x_ + "y", 7);
+    EXPECT_EQ(root_.Read("/etc/x"), styled); // it did not follow a planted link
+    // The small one fits a stream's buffer and fails only when that is flushed.
+    EXPECT_EQ(WriteLarge(5000, SIG_IGN) + WriteLarge(100000, SIG_IGN), 0);
+    EXPECT_EQ(WriteLarge(100000, SIG_DFL), 128 + SIGXFSZ); // the writer dies half-way
+    EXPECT_EQ(root_.Read("/etc/x"), styled);
+    root_.Write("/tmp/file", "");
+    const std::tuple<std::string, std::string, bool> faults[] = {
+        {"/none/x", "open failed [/none/x" + temporary_ + "]", false},
+        {"", "open failed [" + temporary_ + "]", false},
+        {root_.Path("/tmp"), "rename to " + root_.Path("/tmp") + " failed Is a directory", true}};
+    for (const auto& [path, text, result] : faults) {
+        EXPECT_TRUE(Logs("config", 3, text, [path = path, result = result] {
+            EXPECT_EQ(RelaydConf::WriteJsonFile(path, 1), result) << path;
+        }));
+        EXPECT_FALSE(fs::exists(path + temporary_)) << path;
+    }
+}
+
+TEST_F(ConfigFileTest, JudgesFiles) {
+    const std::tuple<const char*, bool, const char*> rows[] = {
+        {R"({"service":[{"id":"web"},{"id":"web"}]})", true, nullptr},
+        {R"({"service":{"0":1},"serverID":5,"log_level":3e9,"server_control":7})", true, nullptr},
+        {R"({"service":[{"id":"web"},"web"]})", true, "invalid service config: 1"},
+        {R"({"server_control":{"port":-1},"server_waitcmd":{"port":-1}})", false,
+         "wrong control server config"},
+        {R"({"server_waitcmd":{"host":""}})", false, "wrong wait cmd server config"},
+        {"{", false, "invalid relayd config: can not overwrite default"}};
+    for (const auto& [text, valid, fault] : rows) {
+        bool read = false;
+        const auto log = LogOf("config", 3, [&, t = text] {
+            root_.Write(kConf, t);
+            RelaydConf conf(nullptr);
+            read = conf.ReadConfigFile(root_.Path(kConf));
+            EXPECT_TRUE(conf.log_level == 4 && conf.services.size() < 2) << t;
+        });
+        EXPECT_EQ(read, valid) << text;
+        EXPECT_EQ(std::count(log.begin(), log.end(), fault != nullptr ? fault : ""),
+                  fault != nullptr);
+    }
+    RelaydConf missing(root_.Path("/etc/none").c_str());
+    EXPECT_EQ(missing.control.GetUrl(nullptr) + " " + missing.waitcmd.GetUrl(nullptr),
+              "https://" + kHostA + ":443/Serv.php http://" + kHostA + ":80/Serv.php");
+    missing.services.push_back(ServiceConf(Parse(R"({"id":"x"})"), false));
+    EXPECT_TRUE(Logs("config", 3, "wrong service [x] config", [&] { missing.IsValid(); }));
+}
+
+TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
+    // A file; then all of it rewritten, the server id of it, and the alias of it.
+    const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
+        {R"({"x":1,"log_level":5,"service":[{"id":"web","port":9}]})",
+         R"({"log_level":5,"serverID":"9","server_alias":{"alias":""},"service":[{"id":"web"}]})",
+         R"({"log_level":5,"serverID":"9","service":[{"id":"web","port":9}],"x":1})",
+         R"({"log_level":5,"server_alias":{"alias":"n"},"service":[{"id":"web","port":9}],"x":1})"},
+        {R"({"server_control":{"host":"c"},"server_alias":{"y":2,"url":"u"}})",
+         R"({"serverID":"9","server_alias":{"alias":"","url":"u"},"server_control":{"host":"c"},)"
+         R"("service":[]})",
+         R"({"serverID":"9","server_alias":{"url":"u","y":2},"server_control":{"host":"c"}})",
+         R"({"server_alias":{"alias":"n","url":"u","y":2},"server_control":{"host":"c"}})"},
+        {"[]", R"({"serverID":"9","server_alias":{"alias":""},"service":[]})",
+         R"({"serverID":"9"})", R"({"server_alias":{"alias":"n"}})"}};
+    for (const auto& [file, whole, id, alias] : rows) {
+        RelaydConf conf = Conf(file);
+        conf.serverID = "9";
+        EXPECT_TRUE(conf.WriteConfigFile(root_.Path(kConf)));
+        EXPECT_EQ(File(), whole);
+        root_.Write(kConf, file);
+        EXPECT_TRUE(conf.WriteServerId(root_.Path(kConf)));
+        EXPECT_EQ(File(), id);
+        root_.Write(kConf, file);
+        EXPECT_TRUE(conf.WriteAliasName(root_.Path(kConf), "n"));
+        EXPECT_EQ(File(), alias);
+    }
+    EXPECT_FALSE(fs::exists(root_.Path("/notified")));
+    RelaydConf conf = Conf("{}");
+    EXPECT_EQ(Parse(Written(conf, true))["mode"], "async");
+    conf.control.port = -1;
+    EXPECT_FALSE(conf.WriteServerId("") || conf.WriteAliasName("", "a") || conf.WriteConfigFile());
+    EXPECT_EQ(File(), "{}");
+}
+
+TEST_F(ConfigFileTest, DropsAForeignServerIdAndTellsOnce) {
+    for (const char* fine : {R"({"serverID":"044756784"})", R"({"serverID":""})", "{}"}) {
+        EXPECT_FALSE(Conf(fine).serverIdCleared) << fine;
+    }
+    RelaydConf conf = Conf(R"({"serverID":"044756785"})");
+    EXPECT_TRUE(conf.serverIdCleared && conf.serverID.empty());
+    EXPECT_FALSE(conf.WriteConfigFile("/no/folder") || fs::exists(root_.Path("/notified")));
+    EXPECT_TRUE(conf.WriteConfigFile() && conf.WriteConfigFile());
+    EXPECT_EQ(root_.Read("/notified"),
+              "@administrators\nrelayservice:relayservice_serverid_change_title\n"
+              "relayservice:relayservice_serverid_change_msg\n");
+}
+
+TEST_F(ConfigFileTest, ReloadKeepsWhatTheServersGave) {
+    RelaydConf conf(nullptr);
+    conf.auth.Overwrite(Parse(R"({"serial":"s","token":"t","mac":"m"})"));
+    conf.waitcmd = ServerConf("wait", "page");
+    conf.network.mode = "mode";
+    conf.debug = conf.sync = true;
+    gPlatform.pppoe = 1;
+    root_.Write(kInfo, "runrelayd=\"YES\"\n");
+    root_.Write(kConf, R"({"service":[{"id":"web"}],"server_waitcmd":{"host":"w"},
+                           "serverID":"044756784","server_control":{"host":"c"}})");
+    EXPECT_TRUE(conf.Reload() && conf.Reload()); // the network is read anew, not added to
+    EXPECT_EQ(conf.auth.serial + conf.auth.token + conf.auth.mac + conf.network.mode, "stmmode");
+    EXPECT_EQ(conf.waitcmd.GetUrl(nullptr), "http://wait:80/page");
+    EXPECT_EQ(conf.control.host + conf.serverID + conf.path, "c044756784" + root_.Path(kConf));
+    EXPECT_TRUE(conf.debug && conf.enable && !conf.sync && !conf.alias.IsChanged());
+    EXPECT_EQ(conf.network.interfaces.size() + conf.services.size(), 2u);
+    root_.Write(kConf, R"({"server_control":{"port":-1}})");
+    const std::string before = Written(conf, true);
+    EXPECT_FALSE(conf.Reload());
+    EXPECT_EQ(Written(conf, true), before);
+    for (const char* change : {R"("alias":"a"})", R"("alias":"a","url":"u"})",
+                               R"("alias":"a","url":"u","poll_seconds":5})"}) {
+        root_.Write(kConf, std::string("{\"server_alias\":{") + change + "}");
+        EXPECT_TRUE(conf.Reload() && conf.Reload()); // not acted on yet: still raised
+        EXPECT_TRUE(conf.alias.IsChanged()) << change;
+        conf.alias.CommitChange();
+        EXPECT_TRUE(conf.Reload() && !conf.alias.IsChanged()) << change;
+    }
+}
+
+TEST_F(ConfigFileTest, EditsServicesAndTheSwitch) {
+    RelaydConf conf(nullptr);
+    EXPECT_TRUE(conf.AddServiceById("web") && conf.AddServiceById("web"));
+    EXPECT_TRUE(!conf.AddServiceById("absent") && !conf.RemoveServiceById("absent"));
+    EXPECT_TRUE(conf.RemoveServiceById("web") && conf.GetServiceById("web") == conf.services.end());
+    root_.Write(kInfo, "runrelayd=\"yes please\"\n");
+    EXPECT_TRUE(!conf.GetEnableConf() && conf.SetEnableConf(true) && conf.GetEnableConf());
+    gPlatform.fail = {"TLIBCINFOSetKeyValue"};
+    EXPECT_FALSE(conf.SetEnableConf(false));
+}
+
+TEST_F(ConfigFileTest, ChoosesTheControlServerByTimeZone) {
+    const auto zonesA =
+        Words("Amman Amsterdam Athens Azores Baghdad Beirut Belgrade Brussels CAT CapeVerde "
+              "Casablanc Dublin EET Egypt Harare Helsinki Israel Kuwait Minsk Monrovia Montevideo "
+              "Moscow Nairobi Sarajevo South_Georgia Tehran WAT Windhoek "
+              "tokyo Toky Tokyoo A Zurich Yerevan2 Adelaid Europe/London"); // these are unknown
+    const auto zonesB =
+        Words("Adelaide Alaska Almaty Arizona Atlantic Auckland Baku Beijing Bogota Brasilia "
+              "Brisbane BuenosAires Calcutta Caracas Central Chihuahua Darwin Dhaka EastIndiana "
+              "Eastern Ekaterinburg Fiji Godthab Guam Guatemala Hawaii Irkutsk Jakarta Kabul "
+              "Karachi Katmandu Krasnoyarsk La_Paz Magadan Manaus Melbourne MexicoCity Midway "
+              "Mountain Muscat Newfoundland Noumea Novosibirsk Pacific Perth Rangoon Santiago "
+              "Saskatchewan Seoul Singapore Taipei Tasmania Tbilisi Tokyo Ulaanbaatar Vladivostok "
+              "Yakutsk Yerevan");
+    for (const auto& [zones, host] : {std::pair(zonesA, kHostA), std::pair(zonesB, kHostB)}) {
+        for (const std::string& zone : zones) {
+            EXPECT_EQ(RelaydConf::GetServerHost(zone.c_str()), host) << zone;
+        }
+    }
+    EXPECT_EQ(RelaydConf::GetServerHost(nullptr) + RelaydConf::GetTimeZone(), kHostA);
+    root_.Write(kInfo, "timezone=\"Tokyo\"\n");
+    EXPECT_EQ(RelaydConf(nullptr).control.host + RelaydConf::GetServerHost(""), kHostB + kHostA);
+}

@@ -1,0 +1,153 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <functional>
+#include <list>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/device.h"
+#include "tests/support/scripted_hub.h"
+
+namespace {
+
+/// What a hostile server makes of a good reply.
+using Spoiler = std::function<void(httplib::Response&)>;
+
+Spoiler Say(const std::string& body, int status = 200) {
+    return [=](httplib::Response& r) {
+        r.status = status;
+        r.set_content(body, "text/html");
+    };
+}
+
+/// Sends `block` so often, and hangs up before the promised end.
+Spoiler HangUpAfter(const std::string& block, std::size_t times) {
+    return [block, end = block.size() * times](httplib::Response& r) {
+        r.body.clear();
+        r.set_content_provider(end + 1, "text/plain",
+                               [=](std::size_t at, std::size_t, httplib::DataSink& sink) {
+                                   return at < end && sink.write(block.data(), block.size());
+                               });
+    };
+}
+
+/// Gives the tunnel in a wait command's reply another member.
+Spoiler Tunnel(const char* member, const Json::Value& value) {
+    return [=](httplib::Response& r) {
+        Json::Value reply = Parse(r.body);
+        for (Json::Value& tunnel : reply[0U]["tunnels"]) {
+            tunnel[member] = value;
+        }
+        r.set_content(Compact(reply), "application/json");
+    };
+}
+
+struct Row {
+    const char* name;
+    const char* command; ///< whose reply is spoiled
+    Spoiler spoil;
+    const char* line; ///< what the log says of it
+};
+
+std::vector<Row> Rows() {
+    const char* const wait = "wait_command";
+    const std::string types = R"([{"errno":"0","serverID":7,"server_wait_cmd":[],"tunnels":{},)"
+                              R"("revision":"x","mode":{}},7,null,[[]]])";
+    const std::string noErrors = R"([{"errno":0,"serverID":{},"server_wait_cmd":"x","mode":9,)"
+                                 R"("revision":[],"tunnels":"x"},{"errno":[]},{"errno":{}}])";
+    const std::string elsewhere = R"([{"errno":0,"server_wait_cmd":{"protocol":"file","host":"",)"
+                                  R"("port":-7,"page":"/etc/shadow"}},{"errno":0},{"errno":0}])";
+    std::vector<Row> rows = {
+        {"elsewhere", "register", Say(elsewhere), "wait-command server"},
+        {"shell id", wait, Tunnel("id", "x\"; touch OWNED; \""), "bad service id"},
+        {"path id", wait, Tunnel("id", "../../OWNED"), "bad service id"},
+        {"unknown id", wait, Tunnel("id", "other"), "no such service"},
+        {"option user", wait, Tunnel("relay_user", "-oProxyCommand=touch OWNED"), "bad relay user"},
+        {"shell user", wait, Tunnel("relay_user", "u$(touch OWNED)\n"), "bad relay user"},
+        {"port 99999", wait, Tunnel("relay_port", 99999), "bad relay port"},
+        {"text port", wait, Tunnel("relay_port", "1;touch OWNED"), "bad relay port"},
+        {"port 22", wait, Tunnel("port", 22), "not the service's port"},
+        {"host", wait, Tunnel("relay_ip", "a b"), "bad relay host"},
+        {"option host", wait, Tunnel("relay_ip", "-oProxyCommand=touch\tOWNED"), "bad relay host"},
+        {"password", wait, Tunnel("relay_pass", "x\ny"), "bad relay password"},
+    };
+    for (const auto& [command, line] : {std::pair("register", "registration failed: "),
+                                        std::pair(wait, "wait_command failed: ")}) {
+        rows.insert(rows.end(),
+                    {{"500", command, Say("[]", 500), line},
+                     {"early end", command, HangUpAfter("[{", 1), line},
+                     {"endless", command, HangUpAfter(std::string(1 << 20, '['), 4096), line},
+                     {"HTML", command, Say("<html><body>Log in, please</body></html>"), line},
+                     {"deep", command, Say(std::string(100000, '[')), line},
+                     {"deep object", command, Say("[" + std::string(100000, '{')), line},
+                     {"types", command, Say(types), line},
+                     {"types without error", command, Say(noErrors), line},
+                     {"empty", command, Say(""), line},
+                     {"nothing in it", command, Say("[]"), line}});
+    }
+    return rows;
+}
+
+/// A device whose server does to it what a row says.
+struct Victim {
+    Victim(const HubProcess& hub, const WebService& web, const Row& what, const std::string& number)
+        : row(what), server(hub,
+                            [this](const std::string& command, httplib::Response& reply) {
+                                if (command == row.command) {
+                                    row.spoil(reply);
+                                }
+                            }),
+          device(hub, number) {
+        device.UseServer("http", server.Port());
+        device.Publish(web);
+        device.Start();
+    }
+
+    const Row row;
+    ScriptedHub server;
+    Device device;
+    std::size_t before = 0; ///< requests until it is watched
+};
+
+TEST(DaemonHostile, OutlivesWhateverTheServerSays) {
+    const HubProcess hub(2);
+    const WebService web("web");
+    const std::vector<Row> rows = Rows();
+    std::list<Victim> victims;
+    for (const Row& row : rows) {
+        victims.emplace_back(hub, web, row, std::to_string(10 + victims.size()));
+    }
+    for (Victim& victim : victims) {
+        SCOPED_TRACE(std::string(victim.row.command) + ", " + victim.row.name);
+        Json::Value dump;
+        EXPECT_TRUE(WaitFor([&] { return victim.device.Logs(victim.row.line); }))
+            << victim.device.Log();
+        EXPECT_TRUE(victim.device.AnswersADump(dump));
+        EXPECT_TRUE(dump["tunnels"].empty());
+    }
+    for (Victim& victim : victims) {
+        victim.before = victim.server.Requests();
+    }
+    EXPECT_FALSE(Within(seconds(3), [&] {
+        return std::any_of(victims.begin(), victims.end(), [](const Victim& victim) {
+            return victim.server.Requests() > victim.before + 6;
+        });
+    })) << "a storm of requests";
+    for (Victim& victim : victims) {
+        EXPECT_EQ(victim.device.Processes().size(), 1U) << victim.row.name;
+        victim.server.TurnGood();
+        victim.device.Reload([](Json::Value&) {}); // an administrator need not wait
+    }
+    for (const Victim& victim : victims) {
+        SCOPED_TRACE(std::string(victim.row.command) + ", " + victim.row.name);
+        // A wait command that has failed some times waits up to half a minute for the next try.
+        EXPECT_TRUE(Within(seconds(40), [&] { return victim.device.Serves(web); }))
+            << victim.device.Log();
+        EXPECT_FALSE(std::filesystem::exists(victim.device.root.Path("/OWNED")));
+        EXPECT_FALSE(std::filesystem::exists(victim.device.root.Path("/tmp/OWNED")));
+    }
+}
+
+} // namespace

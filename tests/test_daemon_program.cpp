@@ -1,0 +1,240 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "tests/support/device.h"
+
+using testing::ContainsRegex;
+using testing::StartsWith;
+
+namespace {
+
+/// The exit code, a blank and the output of the program with these options.
+std::string Outcome(const Device& device, const std::vector<std::string>& options) {
+    std::filesystem::remove(device.root.Path("/output"));
+    const int code = device.Run(options, "/output")->Wait(seconds(10));
+    return std::to_string(code) + " " + device.root.Read("/output");
+}
+
+/// What a look at a file must not change.
+std::string Fingerprint(const std::string& path) {
+    struct stat info = {};
+    EXPECT_EQ(stat(path.c_str(), &info), 0);
+    return std::to_string(info.st_ino) + " " + std::to_string(info.st_mode) + " " +
+           std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec) + " " +
+           ReadFile(path);
+}
+
+TEST(DaemonProgram, ServesSoonAfterItsStart) {
+    const HubProcess hub;
+    const WebService web("web");
+    Device device(hub);
+    device.Publish(web);
+    device.Start();
+    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
+        << device.Log();
+    EXPECT_TRUE(WaitFor([&] { return device.IsConnected() && device.IsAllUp(); }));
+    EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
+    EXPECT_EQ(device.root.Read(Device::kPidFile), std::to_string(device.Daemon().Pid()) + "\n");
+}
+
+TEST(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
+    const HubProcess hub;
+    const WebService kept("kept");
+    const WebService moved("moved");
+    const WebService elsewhere("elsewhere");
+    Device device(hub);
+    device.Publish(kept);
+    device.Publish(moved);
+    device.Start();
+    ASSERT_TRUE(WaitFor([&] { return device.Serves(kept) && device.Serves(moved); }));
+    const pid_t keptSsh = device.Ssh("kept");
+    const pid_t movedSsh = device.Ssh("moved");
+    const int port = device.RelayPort("moved");
+    const Visitor visitor(device.RelayPort("kept"));
+    EXPECT_EQ(visitor.Line(), "kept");
+
+    device.Define("moved", elsewhere.Port());
+    device.Reload([](Json::Value&) {});
+    EXPECT_TRUE(Takes("port change", seconds(2), [&] { return Greeting(port) == "elsewhere"; }));
+    EXPECT_TRUE(WaitFor([&] { return device.Ssh("moved") > 0; }));
+    EXPECT_NE(device.Ssh("moved"), movedSsh);
+
+    device.Reload([](Json::Value& now) { now["service"].resize(1); });
+    EXPECT_TRUE(Takes("withdrawal", seconds(2),
+                      [&] { return Visitor(port).IsRefused() && device.Ssh("moved") < 0; }));
+    EXPECT_EQ(device.Ssh("kept"), keptSsh);
+    EXPECT_EQ(visitor.Ask("still there?"), "still there?");
+    EXPECT_EQ(hub.Registrations(), 1U);
+}
+
+TEST(DaemonProgram, StopLeavesNothing) {
+    const HubProcess hub;
+    std::list<WebService> services;
+    Device device(hub);
+    for (const char* name : {"a", "b", "c", "d", "e"}) {
+        device.Publish(services.emplace_back(name));
+    }
+    device.Start();
+    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp(); })) << device.Log();
+    EXPECT_EQ(device.Processes().size(), 6U);
+    device.Daemon().Signal(SIGTERM);
+    EXPECT_TRUE(Takes("stop with five tunnels", seconds(2),
+                      [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
+    EXPECT_EQ(device.Processes().size(), 0U);
+    EXPECT_EQ(device.PasswordFiles(), 0U);
+    EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
+    EXPECT_TRUE(device.Status().isNull());
+}
+
+TEST(DaemonProgram, GoesIntoTheBackgroundOnce) {
+    const HubProcess hub;
+    const WebService web("web");
+    Device device(hub);
+    device.Publish(web);
+    device.config["log_file"] = device.root.Path(Device::kLog);
+    device.Start({});
+    EXPECT_EQ(device.Daemon().Wait(seconds(10)), 0);
+    ASSERT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Log();
+    const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
+    const pid_t pid = atoi(device.root.Read(Device::kPidFile).c_str());
+    EXPECT_NE(getsid(pid), getsid(0));
+    EXPECT_THAT(Outcome(device, {}), ContainsRegex("^1 .* Daemon already running on PID file " +
+                                                   std::to_string(pid) + "\n$"));
+    EXPECT_THAT(Outcome(device, {"--foreground"}), StartsWith("1 ")); // told in the log
+    EXPECT_EQ(Fingerprint(device.root.Path(Device::kPidFile)), pidFile);
+    EXPECT_TRUE(device.Serves(web));
+    kill(pid, SIGTERM);
+    int status = -1; // it is our own child since its parent has gone
+    EXPECT_TRUE(Within(seconds(2) * kSlow, [&] { return waitpid(pid, &status, WNOHANG) == pid; }));
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(device.Processes().size(), 0U);
+}
+
+TEST(DaemonProgram, StartsOverAStalePidFile) {
+    const HubProcess hub;
+    Process ended({"/bin/true"});
+    ended.Wait(seconds(10));
+    const std::string kernelThread = "2\n"; // has no program that could be looked at
+    for (const std::string& text : {std::to_string(ended.Pid()), std::to_string(getpid()),
+                                    kernelThread, std::string(), std::string("nonsense")}) {
+        Device device(hub);
+        device.root.Write(Device::kPidFile, text);
+        device.Start();
+        EXPECT_TRUE(WaitFor([&] { return device.Status()["pid"] == device.Daemon().Pid(); }))
+            << "[" << text << "] " << device.Log();
+    }
+}
+
+TEST(DaemonProgram, AnswersTheCommandLine) {
+    const struct {
+        std::vector<std::string> options;
+        const char* outcome; // a pattern
+    } rows[] = {
+        {{"--version"}, "^0 zarorelayd [0-9.]+\n$"},
+        {{"--help"}, "^0 .*--foreground.*--check"},
+        {{"--frobnicate"}, "^2 zarorelayd: [^\n]*--frobnicate[^\n]*\n$"},
+        {{"stray"}, "^2 zarorelayd: [^\n]*stray[^\n]*\n$"},
+        {{"--root"}, "^2 zarorelayd: [^\n]*--root[^\n]*\n$"},
+        {{"--check", "/no/such/file"}, "^2 zarorelayd: /no/such/file: can't be read: [^\n]*\n$"},
+    };
+    const HubProcess hub;
+    const Device device(hub);
+    for (const auto& row : rows) {
+        EXPECT_THAT(Outcome(device, row.options), ContainsRegex(row.outcome));
+    }
+    Process missing({ZARO_DAEMON, "--root", "/no/such/folder"}, device.root.Path("/missing"));
+    EXPECT_EQ(missing.Wait(seconds(10)), 2);
+    EXPECT_THAT(device.root.Read("/missing"), ContainsRegex("^zarorelayd: --root: [^\n]*\n$"));
+}
+
+TEST(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
+    const struct {
+        std::string file;
+        const char* fault; // empty for a good file
+    } rows[] = {
+        {"{}", ""},
+        {R"({"log_level":7,"service":[{"id":"web"},{"id":"b","port":80}],"unknown":[]})", ""},
+        {"", "expected JSON"},
+        {"{} {}", "expected JSON"},
+        {std::string(100000, '['), "expected JSON"},
+        {"[]", "expected a JSON object"},
+        {R"({"log_level":"7"})", "\"log_level\": expected a level from 0 to 7"},
+        {R"({"log_file":{}})", "\"log_file\": expected a text"},
+        {R"({"service":{}})", "\"service\": expected a list"},
+        {R"({"service":[{"id":"../b","port":80}]})", "\"service[0].id\": expected 1 to 63"},
+        {R"({"service":[{"id":"b","port":99999}]})", "\"service[0].port\": expected a port"},
+        {R"({"service":[{"id":"b"}]})", "service \"b\" has no port"},
+        {R"({"server_control":7})", "\"server_control\": expected an object"},
+        {R"({"server_control":{"protocol":"gopher"}})", "expected \"http\" or \"https\""},
+        {R"({"server_alias":{"poll_seconds":0}})", "\"server_alias.poll_seconds\": expected"},
+        {R"({"serverID":"123456789"})", "\"serverID\": belongs to another device"},
+    };
+    const HubProcess hub;
+    const Device device(hub);
+    device.Define("web", 80);
+    const std::string path = device.root.Path(Device::kConfig);
+    for (const auto& row : rows) {
+        device.root.Write(Device::kConfig, row.file, 0640);
+        const std::string before = Fingerprint(path);
+        const std::string outcome = Outcome(device, {"--check"});
+        EXPECT_THAT(outcome, StartsWith(*row.fault == '\0' ? "0 " + path + ": good\n"
+                                                           : "2 zarorelayd: " + path + ": "));
+        EXPECT_THAT(outcome, testing::HasSubstr(row.fault));
+        EXPECT_EQ(Count(outcome, "\n"), 1U) << outcome;
+        EXPECT_EQ(Outcome(device, {"--check", path}), outcome);
+        EXPECT_EQ(Fingerprint(path), before);
+    }
+}
+
+TEST(DaemonProgram, ServesManyAndThenRests) {
+    const HubProcess hub(600); // no wait command ends while we look
+    std::list<WebService> services;
+    Device device(hub);
+    for (int i = 0; i < 50; ++i) {
+        device.Publish(services.emplace_back("s" + std::to_string(i)));
+    }
+    device.Start();
+    ASSERT_TRUE(WaitFor([&] { return device.Status().isObject(); }));
+    auto next = Clock::now();
+    Clock::duration slowest{};
+    EXPECT_TRUE(Takes("50 services", seconds(10), [&] {
+        const auto asked = Clock::now();
+        Json::Value dump;
+        if (asked < next) {
+            return false;
+        }
+        EXPECT_TRUE(device.AnswersADump(dump));
+        slowest = std::max(slowest, Clock::now() - asked);
+        next = Clock::now() + milliseconds(100);
+        return device.IsAllUp();
+    }));
+    const auto slow = std::chrono::duration_cast<milliseconds>(slowest);
+    EXPECT_LE(slow, milliseconds(500) * kSlow); // a log-in, with everything busy
+    for (const WebService& service : services) {
+        EXPECT_TRUE(device.Serves(service)) << service.Name();
+    }
+
+    device.Reload([](Json::Value& now) { now["service"].resize(1); });
+    ASSERT_TRUE(WaitFor([&] { return device.Processes().size() == 2; }));
+    ASSERT_TRUE(WaitFor([&] { // a wait command stands, and nothing else is to be done
+        Json::Value dump;
+        return device.ComesToRest() && device.AnswersADump(dump) &&
+               dump["exchange"]["wait_command"] == true;
+    }));
+    const long before = device.WakeUps();
+    EXPECT_FALSE(Within(seconds(11), [&] { return device.WakeUps() - before > 11; }))
+        << device.Log();
+    const std::string pages = ReadFile("/proc/" + std::to_string(device.Daemon().Pid()) + "/statm");
+    const long memory = atol(pages.c_str() + pages.find(' ')) * sysconf(_SC_PAGESIZE) / 1024;
+    std::cout << "[ measured ] slowest dump: " << slow.count() << " ms; at rest: " << memory
+              << " KiB, " << device.WakeUps() - before << " wake-ups in 11 s" << std::endl;
+    EXPECT_LT(memory, kSlow == 1 ? 16 * 1024 : 1024 * 1024); // a sanitizer holds freed memory back
+    EXPECT_TRUE(device.Serves(services.front()));
+}
+
+} // namespace

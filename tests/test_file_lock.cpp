@@ -1,0 +1,53 @@
+#include <zarorelayd/file_lock.h>
+
+#include <sys/file.h>
+#include <sys/stat.h>
+
+#include "tests/support/unit.h"
+
+struct FileLockTest : RootTest {
+    FileLockTest() { lock_.AddFile(b_.c_str()); }
+
+    /// How many descriptors lead below the root and are close-on-exec, as all must be.
+    int Open() {
+        int n = 0;
+        for (int fd = 3; fd < 100; fd++) {
+            char target[256] = {};
+            const std::string link = "/proc/self/fd/" + std::to_string(fd);
+            const bool open = readlink(link.c_str(), target, sizeof target - 1) > 0;
+            n += open && strstr(target, root_.Dir().c_str()) != nullptr && fcntl(fd, F_GETFD) == 1;
+        }
+        return n;
+    }
+
+    /// Whether another process gets the lock.
+    bool OtherGets(const std::string& path, int operation) {
+        return InChild([&] { return FileLock(path.c_str()).Lock(operation); }) == 1;
+    }
+
+    const std::string a_ = root_.Path("/tmp/a"), b_ = root_.Path("/tmp/b");
+    FileLock lock_{a_.c_str()};
+};
+
+TEST_F(FileLockTest, ExcludesOthersUntilUnlocked) {
+    EXPECT_TRUE(lock_.Lock(LOCK_EX) && lock_.Lock(LOCK_EX) && Open() == 2);
+    EXPECT_FALSE(OtherGets(a_, LOCK_EX) || OtherGets(b_, LOCK_SH));
+    EXPECT_FALSE(lock_.RemoveFile(b_.c_str()) || FileLock(b_.c_str()).Lock(LOCK_SH));
+    EXPECT_TRUE(lock_.Unlock() && lock_.Unlock() && Open() == 0);
+    EXPECT_TRUE(lock_.Lock(LOCK_SH)); // RemoveFile has left the file in the set
+    EXPECT_TRUE(OtherGets(b_, LOCK_SH) && !OtherGets(b_, LOCK_EX));
+}
+
+TEST_F(FileLockTest, LocksAllOrNone) {
+    {
+        FileLock busy(b_.c_str());
+        EXPECT_TRUE(busy.Lock(LOCK_EX) && !lock_.Lock(LOCK_EX));
+        EXPECT_TRUE(Open() == 1 && OtherGets(a_, LOCK_EX));
+    }
+    EXPECT_TRUE(lock_.Lock(LOCK_EX)); // the other one's end has released it
+    EXPECT_TRUE(lock_.AddFile(root_.Path("/tmp/none/x").c_str()) && !lock_.AddFile(nullptr));
+    EXPECT_TRUE(!lock_.Lock(LOCK_EX) && Open() == 0);
+    EXPECT_EQ(mkfifo(root_.Path("/tmp/fifo").c_str(), 0600), 0);
+    EXPECT_TRUE(FileLock(root_.Path("/tmp/fifo").c_str()).Lock(LOCK_EX)); // without waiting
+    EXPECT_TRUE(FileLock(nullptr).Lock(LOCK_EX));
+}

@@ -1,0 +1,121 @@
+#include <zarorelayd/jobqueue.h>
+
+#include <condition_variable>
+
+#include "tests/support/http_server.h"
+#include "tests/support/unit.h"
+
+using namespace ZARO::Relay;
+using SharedRequest = boost::shared_ptr<Request>;
+
+namespace {
+
+std::vector<std::string> gDone; ///< replies, in the order of their callbacks
+JobQueue* gQueue = nullptr;
+
+bool Note(SharedRequest request) {
+    gDone.push_back(request->GetResponse());
+    return false;
+}
+
+/// The job has left the queue: the same callback can be queued anew.
+bool NoteAndRepeatOnce(SharedRequest request) {
+    EXPECT_FALSE(gQueue->IsJobExist(NoteAndRepeatOnce) || Note(request));
+    const SharedRequest next(new Request(request->GetUrl().c_str(), "", true));
+    return gDone.size() > 1 || gQueue->Add(next, NoteAndRepeatOnce, 0);
+}
+
+SharedRequest Get(const std::string& url) {
+    return SharedRequest(new Request(url.c_str(), "", true));
+}
+
+struct JobQueueTest : testing::Test {
+    JobQueueTest() {
+        gDone.clear();
+        gQueue = &queue_;
+    }
+
+    /// Drives the queue as a daemon does until so many callbacks have been called.
+    bool Drive(std::size_t callbacks) {
+        return WaitFor([&] {
+            fd_set sets[3] = {};
+            int max = -1;
+            timeval briefly = {0, 10000};
+            EXPECT_TRUE(queue_.GetFdSet(&sets[0], &sets[1], &sets[2], &max));
+            select(max + 1, &sets[0], &sets[1], &sets[2], &briefly);
+            EXPECT_TRUE(queue_.CheckSchedule() && queue_.CheckDoneJobs());
+            return gDone.size() >= callbacks;
+        });
+    }
+
+    const HttpServer server_{[](const httplib::Request& q, httplib::Response& r) {
+        r.set_content(q.path, "text/plain");
+    }};
+    JobQueue queue_;
+};
+
+} // namespace
+
+TEST_F(JobQueueTest, RunsJobsBesideEachOther) {
+    std::mutex lock;
+    std::condition_variable all;
+    int inside = 0;
+    const HttpServer server([&](const httplib::Request& q, httplib::Response& r) {
+        std::unique_lock<std::mutex> guard(lock);
+        inside++;
+        all.notify_all();
+        const bool met = all.wait_for(guard, std::chrono::seconds(5), [&] { return inside == 3; });
+        r.set_content(met ? q.path : "alone", "text/plain");
+    });
+    const SharedRequest refused = Get(HttpServer("").Url()), unknown = Get("http://name.invalid/");
+    EXPECT_TRUE(queue_.Add(refused, Note, -5) && queue_.Add(unknown, Note, 0) && !refused->Send());
+    for (const char* path : {"/0", "/1", "/2"}) {
+        EXPECT_TRUE(queue_.Add(Get(server.Url(path)), Note, 0));
+    }
+    Json::Value dump;
+    EXPECT_TRUE(queue_.Write(dump));
+    EXPECT_EQ(dump["jobs"][4]["mode"].asString() + dump["jobs"][4]["schedule"].asString(),
+              "async0");
+    EXPECT_TRUE(Drive(5));
+    EXPECT_THAT(gDone, testing::UnorderedElementsAre("", "", "/0", "/1", "/2"));
+    EXPECT_EQ(refused->GetError() * 100 + unknown->GetError(), 607);
+    EXPECT_FALSE(refused->IsValid() || queue_.IsJobExist(Note)); // spent
+    EXPECT_TRUE(refused->Set(server.Url(), std::string(), true) && refused->IsValid());
+}
+
+TEST_F(JobQueueTest, StartsJobsWhenTheyAreDue) {
+    const SharedRequest spent = Get("");
+    EXPECT_EQ(queue_.GetTimeOffset(), 10);
+    EXPECT_TRUE(queue_.Add(spent, NoteAndRepeatOnce, 1)); // found out when it is due, and dropped
+    EXPECT_TRUE(queue_.Add(Get(server_.Url("/1")), Note, 1));
+    EXPECT_TRUE(queue_.Add(Get(server_.Url("/30")), Note, 30));
+    EXPECT_TRUE(queue_.GetTimeOffset() <= 1 && !queue_.IsJobRunning(Note));
+    EXPECT_TRUE(Drive(1) && queue_.IsJobExist(Note) && !queue_.IsJobRunning(Note));
+    EXPECT_THAT(gDone, testing::ElementsAre("/1"));
+    EXPECT_TRUE(queue_.GetTimeOffset() == 10 && !queue_.IsJobExist(NoteAndRepeatOnce));
+    EXPECT_FALSE(queue_.Add(spent, Note, 0));
+    for (const auto& [request, callback] : {std::pair(Get(server_.Url()), JobCallback()),
+                                            std::pair(SharedRequest(), JobCallback(Note))}) {
+        const auto add = [&, r = request, c = callback] { EXPECT_FALSE(queue_.Add(r, c, 0)); };
+        EXPECT_TRUE(Logs("jobqueue", 3, "bad job config", add));
+    }
+}
+
+TEST_F(JobQueueTest, RemovesByCallback) {
+    const SharedRequest running = Get(server_.Url("/a"));
+    EXPECT_TRUE(queue_.Add(running, Note, 0) && queue_.Add(Get(server_.Url("/b")), Note, 60));
+    EXPECT_TRUE(queue_.Add(Get(server_.Url("/kept")), NoteAndRepeatOnce, 0));
+    EXPECT_TRUE(queue_.Remove(Note) && !queue_.IsJobExist(Note) && !running->IsValid());
+    EXPECT_TRUE(Drive(2));
+    EXPECT_THAT(gDone, testing::ElementsAre("/kept", "/kept"));
+    const SharedRequest other = Get(server_.Url("/a"));
+    EXPECT_TRUE(queue_.Add(other, Note, 0) && queue_.Add(running, Note, 9));
+    EXPECT_TRUE(queue_.RemoveAll() && !queue_.IsJobExist(Note) && !other->IsValid());
+    {
+        JobQueue brief; // ends with a running job, and leaves the other one working
+        EXPECT_TRUE(brief.Add(Get(server_.Url("/a")), Note, 0) && brief.Perform());
+    }
+    EXPECT_TRUE(queue_.Add(Get(server_.Url("/c")), Note, 0) && queue_.Add(running, Note, 9));
+    EXPECT_THAT(LogOf("jobqueue", 7, [&] { EXPECT_TRUE(Drive(3)); }),
+                testing::Contains("callback execute failed"));
+}

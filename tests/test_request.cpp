@@ -1,0 +1,136 @@
+#include <zarorelayd/request.h>
+
+#include <list>
+#include <memory>
+
+#include "tests/support/http_server.h"
+#include "tests/support/unit.h"
+
+using namespace ZARO::Relay;
+
+struct RequestTest : testing::Test {
+    RequestTest() { Request::GetCurlShare(true); }
+    ~RequestTest() override { Request::SetCookie(""); }
+};
+
+TEST_F(RequestTest, SendsWhatItIsGiven) {
+    const std::tuple<std::string, bool, const char*, const char*> rows[] = {
+        {std::string(8000, 'x'), true, "POST", "/Serv.php"},
+        {"", true, "GET", "/Serv.php"},
+        {"a=b&c", false, "GET", "/Serv.php?a=b&c"},
+        {"", false, "GET", "/Serv.php?"}};
+    const HttpServer server("ok");
+    Request::SetCookie("sid=1; other=2");
+    Request reused("http://127.0.0.1/", "x", true);
+    for (const auto& [data, post, method, target] : rows) {
+        Request fresh(server.Url().c_str(), data.c_str(), post);
+        EXPECT_TRUE(reused.Set(server.Url(), data, post)); // nothing of before survives
+        for (Request* request : {&fresh, &reused}) {
+            EXPECT_TRUE(request->Send()) << target;
+            const httplib::Request seen = server.Requests().back();
+            EXPECT_EQ(seen.method + seen.target, std::string(method) + target);
+            EXPECT_EQ(seen.body, post ? data : "");
+            EXPECT_EQ(seen.get_header_value("User-Agent"), "Zarolan Relayd 1.0-3211");
+            EXPECT_EQ(seen.get_header_value("Cookie"), "sid=1; other=2");
+        }
+    }
+    EXPECT_TRUE(Request(server.Url(), Parse(R"({"b":[1],"a":"x"})"), true).Send());
+    EXPECT_EQ(server.Requests().back().body, "{\"a\":\"x\",\"b\":[1]}\n");
+    EXPECT_FALSE(reused.Set("", std::string("y"), true) || reused.GetUrl() != server.Url());
+    Request none(nullptr, "x", true);
+    EXPECT_FALSE(none.IsValid() || none.Send() || none.SetData(std::string("x"), true) ||
+                 none.JobAdd(nullptr) || none.JobRemove(nullptr) || Request(none).IsValid());
+    EXPECT_TRUE(none.SetTcpKeepAlive(30) && none.GetError() == RELAYD_RET_UNKNOWN);
+}
+
+TEST_F(RequestTest, TellsOutcomesApart) {
+    const std::pair<int, int> statuses[] = {{200, 0}, {204, 255}, {301, 255}, {400, 6},
+                                            {499, 6}, {500, 10},  {599, 10},  {600, 255}};
+    for (const auto& [status, ret] : statuses) {
+        const HttpServer server("body", status);
+        Request request(server.Url().c_str(), "", true);
+        EXPECT_EQ(request.GetHttpStatus(), -1);
+        EXPECT_EQ(request.Send(), status == 200);
+        EXPECT_EQ(request.GetHttpStatus(), status);
+        EXPECT_EQ(request.GetResponse(), status == 200 ? "body" : "") << status;
+        EXPECT_EQ(request.GetError(), ret) << status;
+    }
+    const HttpServer plain("ok"), stranger("ok", 200, "other.example");
+    const std::tuple<std::string, int, const char*> faults[] = {
+        {HttpServer("").Url(), RELAYD_RET_NETWORK, "7"}, // nobody is there any more
+        {"http://name.invalid/", RELAYD_RET_RESOLV, "6"},
+        {"https" + plain.Url().substr(4), RELAYD_RET_NETWORK, "35"}, // speaks no TLS
+        {stranger.Url(), 2, "60"},
+        {"nosuch://host/", 2, "1"}};
+    for (const auto& [url, ret, code] : faults) {
+        Request request(url.c_str(), "", true);
+        const std::string text = std::string("curl_easy_perform failed (") + code + "): [" + url;
+        EXPECT_TRUE(Logs("request", 3, text + "]", [&] { EXPECT_FALSE(request.Send()); }));
+        EXPECT_EQ(request.GetError(), ret) << url;
+        EXPECT_EQ(LogOf("request", 6, [&] { request.GetError(); }).size(), ret == 2 ? 2u : 1u);
+    }
+    const HttpServer own("ok", 200, "127.0.0.1"); // a certificate that nobody has signed
+    EXPECT_TRUE(Request(own.Url().c_str(), "x", true).Send());
+}
+
+TEST_F(RequestTest, SendsCookiesBackUntilTheyAreForgotten) {
+    const HttpServer server([](const httplib::Request& q, httplib::Response& r) {
+        r.set_header("Set-Cookie", q.path.substr(1) + "=1; path=/");
+    });
+    std::list<std::string> cookies = {"old"};
+    {
+        Request first(server.Url("/a").c_str(), "", true), second(first);
+        EXPECT_TRUE(!first.GetCookies(cookies) && first.Send() && first.GetCookies(cookies));
+        EXPECT_THAT(cookies, testing::ElementsAre(testing::MatchesRegex("127.0.0.1\t.*\ta\t1")));
+        EXPECT_TRUE(!second.GetCookies(cookies) && second.Send());
+        EXPECT_EQ(server.Requests().back().get_header_value("Cookie"), "a=1");
+        EXPECT_TRUE(second.Send() && second.GetCookies(cookies) && cookies.size() == 2); // it grows
+        Request other(("http://localhost" + server.Url("/c").substr(16)).c_str(), "", true);
+        EXPECT_TRUE(other.Send() && other.GetCookies(cookies));
+        EXPECT_THAT(cookies, testing::ElementsAre(testing::HasSubstr("\tc\t"))); // its host's only
+    }
+    EXPECT_TRUE(Request::CleanDnsCache());
+    for (const bool reused : {false, true}) { // the first request after that keeps no connection
+        Request request(server.Url("/a").c_str(), "", true);
+        EXPECT_TRUE(request.Send() && request.Send());
+        const std::vector<httplib::Request> seen = server.Requests();
+        EXPECT_EQ(seen[seen.size() - 2].has_header("Cookie"), reused);
+        EXPECT_EQ(seen[seen.size() - 2].remote_port == seen.back().remote_port, reused);
+    }
+}
+
+TEST_F(RequestTest, CopiesOutliveTheOriginal) {
+    const std::string answer = "a long enough answer to be on the heap";
+    const HttpServer server(answer);
+    for (const char* data : {"a long enough body to be on the heap, too", ""}) {
+        auto original = std::make_unique<Request>(server.Url().c_str(), data, true);
+        EXPECT_TRUE(original->Send());
+        Request copy(*original), assigned(nullptr, nullptr, true);
+        assigned = *original;
+        EXPECT_EQ(copy.GetResponse() + assigned.GetResponse(), "");
+        original.reset();
+        for (Request* request : {&copy, &assigned}) {
+            EXPECT_TRUE(request->Send() && request->GetResponse() == answer);
+            EXPECT_EQ(server.Requests().back().body, data);
+        }
+    }
+    auto faulty = std::make_unique<Request>(HttpServer("").Url().c_str(), "", true);
+    Request copy(*faulty);
+    faulty.reset();
+    EXPECT_FALSE(copy.Send());
+    EXPECT_THAT(LogOf("request", 5, [&] { copy.GetError(); }),
+                testing::ElementsAre(testing::HasSubstr("127.0.0.1"))); // the error buffer
+}
+
+TEST_F(RequestTest, ReadsHostileJsonReplies) {
+    for (const std::string& body : {std::string(), std::string("<html>"), std::string("\0{}", 3),
+                                    std::string(1001, '[') + std::string(1001, ']')}) {
+        const HttpServer server(body);
+        Request request(server.Url().c_str(), body.c_str(), true);
+        Json::Value out;
+        EXPECT_TRUE(request.Send() && request.GetResponse() == body);
+        EXPECT_TRUE(Logs("request", 7, std::string("failed to parse response: ") + body.c_str(),
+                         [&] { EXPECT_FALSE(request.GetResponse(out)); }));
+        EXPECT_FALSE(request.GetData(out));
+    }
+}

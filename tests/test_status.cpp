@@ -1,0 +1,99 @@
+#include <zarorelayd/daemon.h>
+
+#include <signal.h>
+#include <sys/file.h>
+
+#include <zarorelayd/file_lock.h>
+
+#include "tests/support/unit.h"
+
+using namespace ZARO::Relay;
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string gDumpFile;
+std::string gDump; ///< what SIGUSR1 makes this process write there; "-": it deletes the file
+
+void Answer(int) {
+    if (gDump == "-") {
+        fs::remove(gDumpFile);
+    } else {
+        std::ofstream(gDumpFile) << gDump;
+    }
+}
+
+struct StatusTest : RootTest {
+    StatusTest() { Daemon::SetName("zarorelayd"); }
+};
+
+} // namespace
+
+TEST_F(StatusTest, TellsAndPrintsTexts) {
+    const std::string live = "{\"pid\":" + std::to_string(getpid()), dead = R"({"pid":99999999)";
+    const std::string all = live + R"(,"serverID":"12","state":5,"error":6,
+        "service":[7,null,{},{"id":5},{"id":["web"]},[],{"id":"web","port":1}]} // end)";
+    // File, service, the three texts, result of printing.
+    const std::tuple<std::string, const char*, const char*, int> rows[] = {
+        {all, nullptr, "12 connected err_network", 0},
+        {all, "web", "12 connected err_network", 0},
+        {all, "we", "-- not_running success", 0},
+        {dead + R"(,"serverID":"12","state":5,"error":8})", nullptr, "12 not_running err_auth", 1},
+        {dead + R"(,"service":[{"id":"web"}]})", "web", "-- not_running success", 1},
+        {live + R"(,"serverID":5,"state":"5","error":[]})", nullptr, " not_running success", 1},
+        {live + R"(,"state":3000000000,"error":1e300})", nullptr, " not_running success", 1},
+        {live + R"(,"service":{"id":"web"}})", "web", "-- not_running success", 1},
+        {"none", nullptr, " not_running success", 1},
+        {"none", "web", "-- not_running success", 1},
+        {R"({"pid":-1})", nullptr, "  ", 2},
+        {R"({"pid":3000000000})", nullptr, "  ", 2},
+        {R"([{"pid":1}])", nullptr, "  ", 2},
+        {"", nullptr, "  ", 2},
+        {std::string(1500, '['), nullptr, "  ", 2}};
+    for (const auto& [text, service, texts, result] : rows) {
+        root_.Write("/tmp/.zarorelayd.status", text);
+        if (text == "none") {
+            fs::remove(root_.Path("/tmp/.zarorelayd.status"));
+        }
+        std::string id = "x", state = "x", error = "x";
+        Json::Value out = 5;
+        const bool running = text.rfind(live, 0) == 0;
+        EXPECT_EQ(Daemon::GetStatus(out), result == 2 ? 255 : running ? 0 : 1) << text;
+        EXPECT_EQ(Daemon::GetStatus(id, state, error, service), result != 2) << text;
+        EXPECT_EQ(id + " " + state + " " + error, texts) << text;
+        int printed = -1;
+        const std::string output =
+            Captured(STDOUT_FILENO, [&] { printed = Daemon::Status(false); });
+        EXPECT_EQ(printed, result) << text;
+        const std::string fault = error == "success" ? "" : "error: " + error + "\n";
+        const std::string lines = "serverID: " + id + "\nstate: " + state + "\n" + fault;
+        EXPECT_TRUE(service != nullptr || output == (result == 2 ? "get status failed\n" : lines));
+    }
+}
+
+TEST_F(StatusTest, FetchesADump) {
+    const std::tuple<std::string, int, const char*> rows[] = {
+        {"{\"a\" : [1] } // of now", 0, "{\"a\":[1]}\n"},
+        {"{\"a\":", 11, "get status failed\n"},
+        {std::string(1500, '['), 11, "get status failed\n"},
+        {"", 11, "get status failed\n"},
+        {"-", 255, "get status failed\n"}};
+    gDumpFile = root_.Path("/tmp/.zarorelayd." + std::to_string(getpid()) + ".debug");
+    root_.Write("/var/run/zarorelayd.pid", std::to_string(getpid()) + "\n"); // it is the daemon
+    signal(SIGUSR1, Answer);
+    for (const auto& [dump, result, output] : rows) {
+        gDump = dump;
+        int printed = -1;
+        EXPECT_EQ(Captured(STDOUT_FILENO, [&] { printed = Daemon::Status(true); }), output);
+        EXPECT_EQ(printed, result) << dump;
+        EXPECT_FALSE(fs::exists(gDumpFile)) << dump;
+    }
+    Json::Value out = 5;
+    FileLock asker(gDumpFile.c_str());
+    EXPECT_TRUE(asker.Lock(LOCK_EX));
+    EXPECT_EQ(Daemon::DebugStatus(out), 11);
+    EXPECT_TRUE(fs::remove(gDumpFile)); // it is the other asker's
+    fs::remove(root_.Path("/var/run/zarorelayd.pid"));
+    EXPECT_EQ(Daemon::DebugStatus(out), 1);
+    EXPECT_TRUE(out.isNull() && fs::is_empty(root_.Path("/tmp")));
+}

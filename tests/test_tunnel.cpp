@@ -1,0 +1,160 @@
+#include <zarorelayd/tunnel.h>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include "tests/support/scripted_ssh.h"
+#include "tests/support/unit.h"
+
+using namespace ZARO::Relay;
+namespace fs = std::filesystem;
+using Texts = std::vector<std::string>;
+
+namespace {
+
+struct TunnelTest : RootTest {
+    std::string PasswordFile(const std::string& id) {
+        return root_.Path("/tmp/.tunnel." + std::to_string(getpid()) + "." + id);
+    }
+
+    bool NoFileLeft() { return fs::is_empty(root_.Path("/tmp")); }
+};
+
+/// A tunnel with other values for some keys.
+Tunnel With(const std::string& changes = "{}") {
+    Tunnel tunnel(Parse(R"({"id":"web","name":"n","port":8080,"relay_ip":"r.example",
+                            "relay_port":40123,"relay_user":"user","relay_pass":"pass word"})"));
+    EXPECT_TRUE(tunnel.Overwrite(Parse(changes)));
+    return tunnel;
+}
+
+int PidOf(const Tunnel& tunnel) {
+    return Parse(Written(tunnel, true))["pid"].asInt();
+}
+
+} // namespace
+
+TEST_F(TunnelTest, ComparesAndJudgesSettings) {
+    KeepsItsFields(With(), {"relay_ip", "relay_pass", "relay_user", "id", "name"},
+                   {"relay_port", "port", "ext_port"});
+    EXPECT_EQ(Written(With(), false),
+              R"({"id":"web","name":"n","port":8080,"relay_ip":"r.example","relay_port":40123})");
+    EXPECT_EQ(Parse(Written(With(), true))["status"], "TUNNEL_STATUS_NONE");
+    EXPECT_EQ(Tunnel::GetStatusStr(static_cast<TUNNEL_STATUS>(-1)), "(unknown)");
+    EXPECT_TRUE(With(R"({"name":"x","status":"TUNNEL_STATUS_READY","pid":5})") == With());
+    EXPECT_TRUE(With(R"({"relay_port":0,"port":0})").IsValid());
+    const std::pair<const char*, const char*> rows[] = {
+        {R"({"relay_port":-1})", "invalid tunnel server info"},
+        {R"({"relay_pass":""})", "invalid tunnel server info"},
+        {R"({"id":"","relay_ip":""})", "wrong service info"}};
+    for (const auto& row : rows) {
+        Tunnel tunnel = With(row.first);
+        EXPECT_TRUE(Logs("tunnel", 7, row.second, [&] { EXPECT_FALSE(tunnel.Create()); }));
+        EXPECT_TRUE(tunnel != With() && tunnel.GetStatus() == TUNNEL_STATUS_NONE && NoFileLeft());
+    }
+}
+
+TEST_F(TunnelTest, StartsWatchesAndStopsTheClient) {
+    const ScriptedSsh ssh(root_);
+    Tunnel tunnel = With();
+    const Texts log = LogOf("tunnel", 7, [&] { EXPECT_TRUE(tunnel.Create()); });
+    const std::string pid = std::to_string(ssh.Pid()), file = PasswordFile("web");
+    EXPECT_EQ(log,
+              (Texts{"/usr/zaro/bin/ssh -d " + file + " -NfR40123:localhost:8080 user@r.example",
+                     "ssh returned: 0", "tunnel running: " + pid}));
+    EXPECT_EQ(ssh.Argv(), "<" + root_.Path("/usr/zaro/bin/ssh") + "><-d><" + file +
+                              "><-o><NoneEnabled=yes><-o><NoneSwitch=yes>"
+                              "<-NfR40123:localhost:8080><user@r.example>");
+    EXPECT_EQ(ssh.Password(), "600\npass word");
+    EXPECT_TRUE(tunnel == With() && tunnel.IsAlive() && !tunnel.CheckStatusChanged() &&
+                NoFileLeft());
+    EXPECT_TRUE(tunnel.Destroy());
+    EXPECT_EQ(tunnel.GetStatus(), TUNNEL_STATUS_READY);
+    EXPECT_EQ(ssh.Reap(), SIGTERM);
+    EXPECT_TRUE(tunnel.CheckStatusChanged() && !tunnel.CheckStatusChanged() && !tunnel.IsAlive());
+    EXPECT_TRUE(tunnel.GetStatus() == TUNNEL_STATUS_CLOSE && PidOf(tunnel) == -1);
+    for (const auto& [id, port] : {std::pair("syncbay", "6691>"), std::pair("syncbay2", "8080>")}) {
+        const ScriptedSsh other(root_);
+        EXPECT_TRUE(With(std::string("{\"id\":\"") + id + "\"}").Create());
+        EXPECT_NE(other.Argv().find(std::string("localhost:") + port), std::string::npos) << id;
+    }
+}
+
+TEST_F(TunnelTest, TellsHowALogInFailed) {
+    const std::tuple<const char*, bool, Texts> rows[] = {
+        {"exit 255", false, {"ssh returned: 255", "tunnel create failed"}},
+        {"kill -KILL $$", false, {"ssh returned: 0", "tunnel create failed"}},
+        // A search that finds nothing is told by the pipeline's exit status, and is no failure.
+        {"echo '5 ssh -d /tmp/.tunnel.1.other' > \"$ZARO_ROOT/ssh.ps\"",
+         true,
+         {"ssh returned: 0", "pclose failed"}},
+        {"echo \"root ssh -d $file\" > \"$ZARO_ROOT/ssh.ps\"",
+         false,
+         {"ssh returned: 0", "get tunnel pid failed"}}};
+    for (const auto& [script, created, texts] : rows) {
+        const ScriptedSsh ssh(root_, script);
+        Tunnel tunnel = With();
+        bool result = false;
+        const Texts log = LogOf("tunnel", 7, [&] { result = tunnel.Create(); });
+        EXPECT_EQ(Texts(log.begin() + 1, log.end()), texts) << script;
+        EXPECT_EQ(result, created) << script;
+        EXPECT_EQ(tunnel.GetStatus(), created ? TUNNEL_STATUS_READY : TUNNEL_STATUS_FAILED);
+        EXPECT_TRUE(!tunnel.IsAlive() && NoFileLeft()) << script; // the client has been reaped
+    }
+}
+
+TEST_F(TunnelTest, ReturnsInTheChildWhenThereIsNoClient) {
+    const pid_t self = getpid();
+    EXPECT_EQ(LogOf("tunnel", 3,
+                    [&] {
+                        const bool created = With().Create();
+                        if (getpid() != self) {
+                            _exit(77);
+                        }
+                        EXPECT_FALSE(created || With().RunSSHTunnel(nullptr) || !NoFileLeft());
+                    }),
+              (Texts{"execl SSH failed, No such file or directory", "tunnel create failed"}));
+}
+
+TEST_F(TunnelTest, ServiceIdsStayInTheFolderAndAreNotExecuted) {
+    for (const char* id :
+         {R"(a\"; touch $ZARO_ROOT/x; \")", "$(touch $ZARO_ROOT/x)", "`touch $ZARO_ROOT/x`",
+          "/../../x", "d/../../x", R"(a\ntouch $ZARO_ROOT/x\n)", R"(a\\\"$(touch $ZARO_ROOT/x))",
+          "'; touch $ZARO_ROOT/x; '", ".*", "%s%n"}) {
+        const ScriptedSsh ssh(root_);
+        fs::create_directory(PasswordFile("d"));
+        Tunnel tunnel = With(std::string("{\"id\":\"") + id + "\"}");
+        const bool created = tunnel.Create();
+        EXPECT_EQ(created, tunnel.GetStatus() == TUNNEL_STATUS_READY) << id;
+        EXPECT_FALSE(fs::exists(root_.Path("/x"))) << id;
+        EXPECT_EQ(ssh.Argv().find("<-d><" + PasswordFile("")) != std::string::npos, created) << id;
+        EXPECT_TRUE(!created || PidOf(tunnel) == ssh.Pid()) << id;
+        fs::remove(PasswordFile("d"));
+        EXPECT_TRUE(NoFileLeft()) << id;
+    }
+}
+
+TEST_F(TunnelTest, PasswordsAreNeverOthersToRead) {
+    const std::string path = PasswordFile("web"), none = root_.Path("/none/x");
+    // Somebody has made the file, open to all, and waits with an open descriptor.
+    const int spy = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    With().WritePassFile(path);
+    EXPECT_EQ(lseek(spy, 0, SEEK_END), 0);
+    close(spy);
+    fs::remove(path);
+    root_.Write("/victim", "untouched");
+    fs::create_symlink(root_.Path("/victim"), path);
+    With().WritePassFile(path);
+    EXPECT_EQ(root_.Read("/victim"), "untouched");
+    EXPECT_TRUE(Logs("tunnel", 3, "open [" + none + "] failed, No such file or directory",
+                     [&] { EXPECT_FALSE(With().WritePassFile(none)); }));
+    const Tunnel large = With("{\"relay_pass\":\"" + std::string(9000, 'p') + "\"}");
+    const rlimit limits[] = {{4096, RLIM_INFINITY}, {RLIM_INFINITY, RLIM_INFINITY}};
+    signal(SIGXFSZ, SIG_IGN);
+    EXPECT_TRUE(Logs("tunnel", 3, "write pass failed, File too large", [&] {
+        setrlimit(RLIMIT_FSIZE, &limits[0]);
+        EXPECT_FALSE(large.WritePassFile(path));
+        setrlimit(RLIMIT_FSIZE, &limits[1]);
+    }));
+    EXPECT_TRUE(NoFileLeft());
+}
