@@ -57,7 +57,7 @@ std::string Alias::Update(const std::string& form) {
                      : action == "delete_alias" ? store_.DeleteAlias(name, device.key)
                                                 : store_.KeepAlias(name, device.key, ttl_);
         }
-        const std::string word = WordFor(result);
+        std::string word = WordFor(result);
         Log(Level::kDebug, "alias", "%s %s of %s: %s", action.c_str(), name.c_str(),
             fields["serial"].c_str(), word.c_str());
         return word;

@@ -18,7 +18,7 @@ namespace ZARO::RelayHub {
 namespace {
 
 // Ten years: clients take the certificate as it is and only look at the names.
-constexpr long kDay = 24 * 60 * 60;
+constexpr long kDay = 86400; // seconds
 constexpr long kLifetime = 3650 * kDay;
 constexpr long kRenewal = 90 * kDay;
 

@@ -134,9 +134,10 @@ std::string Control::AnswerArray(const std::string& body, Batch& batch) {
         batch.isLast = i + 1 == commands.size();
         Json::Value reply(Json::objectValue);
         const Errno error = Execute(commands[i], batch, &reply);
+        Log(Level::kDebug, "control", "%s: command %u of %u: errno %d",
+            batch.device ? batch.device->serverId.c_str() : "stranger", i + 1, commands.size(),
+            static_cast<int>(error));
         if (error != Errno::kGood) {
-            Log(Level::kDebug, "control", "command %u of a batch: errno %d", i,
-                static_cast<int>(error));
             reply = Failure(error);
         }
         reply["errno"] = static_cast<int>(error);

@@ -43,9 +43,12 @@ private:
 class Waker {
 public:
     Waker() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+    /// Takes over another one's descriptor.
+    explicit Waker(Fd fd) : fd_(std::move(fd)) {}
 
     bool IsValid() const { return static_cast<bool>(fd_); }
     int Get() const { return fd_.Get(); }
+    int Release() { return fd_.Release(); }
     void Wake() {
         const uint64_t one = 1;
         // It can only fail when the counter is full, and then the reader is awake anyway.

@@ -112,7 +112,7 @@ bool Hub::StartWeb(std::string* error) {
     if (tls == nullptr) {
         return false;
     }
-    parts.https = std::make_unique<Web>(std::move(pages), std::move(tls));
+    parts.https = std::make_unique<Web>(pages, std::move(tls));
     return parts.https->Start(options_.address, options_.httpsPort, error);
 }
 

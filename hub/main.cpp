@@ -6,6 +6,8 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 
+#include <optional>
+
 #include <CLI/CLI.hpp>
 
 #include "hub/forms.h"
@@ -23,7 +25,7 @@ constexpr int kUsage = 2; // exit code for a wrong command line
 
 CLI::Validator Expect(const std::string& what, std::function<bool(const std::string&)> holds) {
     return CLI::Validator(
-        [what, holds](std::string& text) {
+        [what, holds = std::move(holds)](const std::string& text) {
             return holds(text) ? std::string() : "expected " + what + ", not \"" + text + "\"";
         },
         "");
@@ -153,14 +155,12 @@ int Run(const CommandLine& line) {
     return 0;
 }
 
-} // namespace
-
-int main(int argc, char** argv) {
-    CommandLine line;
+/// The exit code, or nothing when the hub is to run.
+std::optional<int> Parse(int argc, char** argv, CommandLine* line) {
     CLI::App app("The server side of zarorelayd: control server, alias server and SSH relay.",
                  "zarorelay-hub");
     try {
-        Describe(app, &line);
+        Describe(app, line);
         app.parse(argc, argv);
     } catch (const CLI::Success& wanted) { // --help, --version
         return app.exit(wanted);
@@ -168,11 +168,19 @@ int main(int argc, char** argv) {
         fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
         return kUsage;
     }
-    (void)ParseRange(line.ports, &line.hub.firstPort, &line.hub.lastPort);
-    line.hub.aliasTtl = std::chrono::seconds(line.aliasTtl);
-    line.hub.hold = std::chrono::seconds(line.hold);
+    (void)ParseRange(line->ports, &line->hub.firstPort, &line->hub.lastPort);
+    line->hub.aliasTtl = std::chrono::seconds(line->aliasTtl);
+    line->hub.hold = std::chrono::seconds(line->hold);
+    return std::nullopt;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
     try {
-        return Run(line);
+        CommandLine line;
+        const std::optional<int> code = Parse(argc, argv, &line);
+        return code ? *code : Run(line);
     } catch (const std::exception& fault) {
         fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
         return 1;

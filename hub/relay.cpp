@@ -94,6 +94,14 @@ void Relay::Stop() {
 }
 
 bool Relay::MayAdmit() {
+    // A session's second descriptor is had before its connection is accepted: when there is none,
+    // the connection waits instead of being lost.
+    if (!spare_ || !spare_->IsValid()) {
+        spare_.emplace();
+    }
+    if (!spare_->IsValid()) {
+        return false;
+    }
     // Strangers that were told to end take a moment; a flood must not pile up threads meanwhile.
     const std::lock_guard<std::mutex> lock(mutex_);
     return threads_.Count() < seats_.size() + 2 * kMaxStrangers;
@@ -101,14 +109,16 @@ bool Relay::MayAdmit() {
 
 void Relay::Admit(Fd fd) {
     const int connection = fd.Get();
-    if (threads_.Start([this, connection] { Serve(Fd(connection)); })) {
-        (void)fd.Release(); // the thread owns it
+    const int waker = spare_->Get();
+    if (threads_.Start([this, connection, waker] { Serve(Fd(connection), Waker(Fd(waker))); })) {
+        (void)fd.Release(); // the thread owns both
+        (void)spare_->Release();
     } else {
         Log(Level::kWarning, "relay", "a session was dropped: no thread left");
     }
 }
 
-void Relay::Serve(Fd fd) {
+void Relay::Serve(Fd fd, Waker waker) {
     ssh_session raw = ssh_new();
     if (raw == nullptr) {
         return;
@@ -123,7 +133,7 @@ void Relay::Serve(Fd fd) {
         (void)fd.Release(); // it closes with the session
     }
     try {
-        RelaySession session(*this, raw, socket);
+        RelaySession session(*this, raw, socket, std::move(waker));
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             if (stopping_ || result != SSH_OK) {

@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -58,7 +59,7 @@ private:
     bool UseHostKey(const std::string& keyFile, std::string* error);
     bool MayAdmit();
     void Admit(Fd fd);
-    void Serve(Fd fd);
+    void Serve(Fd fd, Waker waker);
     void Leave(RelaySession* session);
     Seats::iterator SeatOf(const RelaySession* session);
     /// Closes the seat's port. The device whose tunnel went down, or 0.
@@ -77,6 +78,7 @@ private:
     std::list<RelaySession*> sessions_;  // all of them
 
     ThreadSet threads_;
+    std::optional<Waker> spare_; // for the next session; the acceptor's thread alone uses it
     Acceptor acceptor_;
 };
 

@@ -31,9 +31,9 @@ constexpr size_t kMaxBindAddress = 255;
 
 } // namespace
 
-RelaySession::RelaySession(RelayDesk& desk, ssh_session session, int fd)
+RelaySession::RelaySession(RelayDesk& desk, ssh_session session, int fd, Waker waker)
     : desk_(desk), session_(session, ssh_free), event_(ssh_event_new(), ssh_event_free), fd_(fd),
-      now_(Clock::now()), deadline_(now_ + kLogInTime), heard_(now_),
+      waker_(std::move(waker)), now_(Clock::now()), deadline_(now_ + kLogInTime), heard_(now_),
       buffer_(RelayVisitor::kChunk) {
 }
 
@@ -46,7 +46,7 @@ RelaySession::~RelaySession() {
 }
 
 bool RelaySession::Prepare() {
-    if (!waker_.IsValid() || event_ == nullptr) {
+    if (event_ == nullptr) {
         return false;
     }
     serverCallbacks_.userdata = this;

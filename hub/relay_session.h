@@ -41,7 +41,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     /// `session` is a fresh server session on the socket `fd`, which it owns.
-    RelaySession(RelayDesk& desk, ssh_session session, int fd);
+    RelaySession(RelayDesk& desk, ssh_session session, int fd, Waker waker);
     RelaySession(const RelaySession&) = delete;
     RelaySession& operator=(const RelaySession&) = delete;
     ~RelaySession();

@@ -39,6 +39,7 @@ RelayVisitor::~RelayVisitor() {
 void RelayVisitor::Open(const std::string& address, int port) {
     forwardAddress_ = address;
     forwardPort_ = port;
+    peerAddress_ = PeerOf(fd_.Get(), &peerPort_);
     AwaitOpening();
 }
 
@@ -46,10 +47,8 @@ void RelayVisitor::AwaitOpening() {
     if (state_ != State::kOpening) {
         return;
     }
-    int port = 0;
-    const std::string visitor = PeerOf(fd_.Get(), &port);
-    const int result = ssh_channel_open_reverse_forward(channel_, forwardAddress_.c_str(),
-                                                        forwardPort_, visitor.c_str(), port);
+    const int result = ssh_channel_open_reverse_forward(
+        channel_, forwardAddress_.c_str(), forwardPort_, peerAddress_.c_str(), peerPort_);
     if (result == SSH_OK) {
         state_ = State::kOpen;
     } else if (result != SSH_AGAIN) {

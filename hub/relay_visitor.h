@@ -54,8 +54,10 @@ private:
     ssh_channel_callbacks_struct callbacks_{};
     const Fd fd_;
     State state_ = State::kOpening;
+    std::string forwardAddress_; // as the device asked for it
     int forwardPort_ = 0;
-    std::string forwardAddress_;
+    std::string peerAddress_; // of the visitor
+    int peerPort_ = 0;
     std::string unsent_;        // read from the visitor, not yet taken by the channel
     std::string pending_;       // read from the channel, not yet taken by the visitor
     bool backlog_ = false;      // the channel has data that waits for the visitor

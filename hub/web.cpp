@@ -16,13 +16,13 @@ constexpr auto kStopTime = std::chrono::seconds(1);  // for the replies under wa
 /// The HTTP library's server without its sockets.
 class Web::Protocol : private httplib::Server {
 public:
-    Protocol(std::map<std::string, WebHandler> pages, const char* scheme) : scheme_(scheme) {
-        for (auto& [path, handler] : pages) {
-            Add(path, std::move(handler));
+    Protocol(const std::map<std::string, WebHandler>& pages, const char* scheme) : scheme_(scheme) {
+        for (const auto& [path, handler] : pages) {
+            Add(path, handler);
         }
         set_payload_max_length(kMaxBody);
         set_keep_alive_timeout(kIdleTime.count());
-        set_exception_handler([](const auto&, httplib::Response& response, std::exception_ptr) {
+        set_exception_handler([](const auto&, httplib::Response& response, const auto&) {
             Log(Level::kError, "web", "a request failed");
             response.status = 500;
         });
@@ -43,14 +43,13 @@ public:
     }
 
 private:
-    void Add(const std::string& path, WebHandler handler) {
+    void Add(const std::string& path, const WebHandler& handler) {
         std::string pattern;
         for (const char c : path) {
             pattern += c == '.' ? std::string("\\.") : std::string(1, c);
         }
-        Post(pattern, [this, handler = std::move(handler)](const httplib::Request& request,
-                                                           httplib::Response& response,
-                                                           const httplib::ContentReader& content) {
+        Post(pattern, [this, handler](const httplib::Request& request, httplib::Response& response,
+                                      const httplib::ContentReader& content) {
             Answer(handler, request, response, content);
         });
     }
@@ -107,9 +106,8 @@ private:
     WebStream stream_;
 };
 
-Web::Web(std::map<std::string, WebHandler> pages, SslContext tls)
-    : tls_(std::move(tls)),
-      protocol_(std::make_unique<Protocol>(std::move(pages), tls_ ? "https" : "http")),
+Web::Web(const std::map<std::string, WebHandler>& pages, SslContext tls)
+    : tls_(std::move(tls)), protocol_(std::make_unique<Protocol>(pages, tls_ ? "https" : "http")),
       acceptor_(
           "web", [this] { return threads_.Count() < kMaxConnections; },
           [this](Fd fd) { Admit(std::move(fd)); }) {

@@ -46,7 +46,7 @@ public:
     static constexpr size_t kMaxConnections = 1024;
 
     /// `pages` are the paths that take a POST. Without `tls` it speaks plain HTTP.
-    Web(std::map<std::string, WebHandler> pages, SslContext tls);
+    Web(const std::map<std::string, WebHandler>& pages, SslContext tls);
     ~Web();
 
     bool Start(const std::string& address, int port, std::string* error);

@@ -1,12 +1,14 @@
 # The core library, a program a unit.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 
-set(config_extra support/platform_standin.cpp)
-set(config_file_extra support/platform_standin.cpp)
+set(test_config_extra support/platform_standin.cpp)
+set(test_config_file_extra support/platform_standin.cpp)
 set(web PkgConfig::HTTPLIB PkgConfig::OPENSSL Threads::Threads)
-foreach(unit alias_config c_api config config_file daemon file_lock jobqueue register request
-        request_alias result status tunnel)
-    zaro_test(test_${unit} SOURCES test_${unit}.cpp ${${unit}_extra}
+foreach(source test_alias_config.cpp test_c_api.cpp test_config.cpp test_config_file.cpp
+        test_daemon.cpp test_file_lock.cpp test_jobqueue.cpp test_register.cpp test_request.cpp
+        test_request_alias.cpp test_result.cpp test_status.cpp test_tunnel.cpp)
+    cmake_path(GET source STEM name)
+    zaro_test(${name} SOURCES ${source} ${${name}_extra}
         LIBRARIES zaro::relayd zaro::platform PkgConfig::DAEMON ${web})
 endforeach()
 
