@@ -133,6 +133,17 @@ TEST_F(HubControl, SurvivesHostileBodies) {
     }
 }
 
+TEST_F(HubControl, HangsUpOnEndlessHeads) {
+    const auto start = std::chrono::steady_clock::now();
+    for (const char* line : {"A: b\r\n", "aaaaaaaaaaaaaaaa"}) {
+        TestVisitor flood(hub_.hub->HttpPort());
+        ASSERT_TRUE(flood.Send("POST /Serv.php HTTP/1.1\r\nHost: a\r\n"));
+        while (flood.Send(line)) {
+        }
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
 TEST_F(HubControl, PinsSerialToTokenAndIdToSerial) {
     TestDevice first = Device(1);
     ASSERT_EQ(Errnos(first.Publish("web")), "0 0");

@@ -131,6 +131,7 @@ bool Request::Set(const std::string& url, const std::string& data, bool post) {
             return false;
         }
     } else {
+        (void)SET_OPTION(handle_, CURLOPT_COOKIEFILE, nullptr); // a reset would lose that list
         curl_easy_reset(handle_);
     }
     hasBody_ = false;
