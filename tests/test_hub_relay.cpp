@@ -9,6 +9,7 @@ namespace {
 class HubRelay : public ::testing::Test {
 protected:
     void SetUp() override {
+        hub_.options.hold = std::chrono::seconds(2);
         ASSERT_TRUE(hub_.Start());
         device_ = std::make_unique<TestDevice>(hub_.hub->HttpsPort());
         ASSERT_EQ(Errnos(device_->Publish("web,other")), "0 0");
@@ -193,9 +194,11 @@ TEST_F(HubRelay, TellsTheDeviceWhetherItsPortIsUp) {
     const int down = device_->Wait(0)["revision"].asInt();
     auto tunnel = NewTunnel();
     auto other = NewTunnel();
-    ASSERT_TRUE(tunnel->Open(web_));
-    ASSERT_TRUE(other->Open(other_));
-    const Json::Value up = device_->Wait(down);
+    ASSERT_TRUE(tunnel->LogIn(web_) && other->LogIn(other_));
+    auto held = std::async(std::launch::async, [&] { return device_->Wait(down); });
+    ASSERT_EQ(held.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
+    ASSERT_TRUE(tunnel->Forward(port_) && other->Forward(other_["relay_port"].asInt()));
+    const Json::Value up = held.get();
     EXPECT_EQ(up["revision"], down + 1) << "two changes in one reply";
     EXPECT_TRUE(up["tunnels"][0]["relay_up"].asBool());
     EXPECT_TRUE(up["tunnels"][1]["relay_up"].asBool());
