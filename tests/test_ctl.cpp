@@ -311,24 +311,6 @@ TEST_F(Ctl, PlantedTextsReachNoTerminal) {
     EXPECT_THAT(Run({"status"}, {}, "LC_ALL=C.UTF-8").out, HasSubstr("Größe"));
 }
 
-TEST_F(Ctl, WatchIntoAPipePrintsChanges) {
-    WriteStatus(R"("state":2)");
-    const auto watch = Start({"status", "--watch", "--json"}, root_.Path(kOut));
-    const auto lines = [&] {
-        const std::string text = root_.Read(kOut);
-        return std::count(text.begin(), text.end(), '\n');
-    };
-    EXPECT_TRUE(WaitFor([&] { return lines() == 1; }));
-    WriteStatus(R"("state":5)");
-    EXPECT_TRUE(WaitFor([&] { return lines() == 2; }));
-    std::filesystem::remove(root_.Path(kStatusFile));
-    EXPECT_TRUE(WaitFor([&] { return lines() == 3; }));
-    watch->Signal(SIGINT);
-    EXPECT_EQ(watch->Wait(seconds(10)), 1);
-    EXPECT_THAT(root_.Read(kOut), HasSubstr("\"state\":\"connected\""));
-    EXPECT_EQ(lines(), 3);
-}
-
 TEST_F(Ctl, WatchOnATerminalLeavesItAsItWas) {
     setenv("TERM", "xterm", 1);
     for (const char* variable : {"NO_COLOR=1", "NO_COLOR="}) {

@@ -251,20 +251,6 @@ TEST(Sections, FindsByValueAndByName) {
     }
 }
 
-TEST(Sections, GivesDdnsHostOfProvider) {
-    const TempRoot root;
-    root.Write("/usr/zaro/etc/ddns.conf", "[one]\nhostname=a.example\n[two]\nhostname=\n[three]\n"
-                                          "hostname=" +
-                                              string(300, 'x') + "\n");
-    struct _tag_ZARO_DDNS record {};
-    EXPECT_GE(ZARODDNSConfigGet("one", &record), 0);
-    EXPECT_STREQ(record.szHostname, "a.example");
-    for (const char* provider : {"two", "three", "four", ""}) {
-        EXPECT_LT(ZARODDNSConfigGet(provider, &record), 0) << provider;
-    }
-    EXPECT_STREQ(record.szProvider, "one");
-}
-
 TEST(Services, ReadsEveryWholeDefinitionAndSkipsTheOthers) {
     const struct {
         const char* name;
