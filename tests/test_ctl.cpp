@@ -368,26 +368,6 @@ TEST_F(Ctl, ServiceChangesNothingElse) {
     EXPECT_EQ(ReadConfig(), Parse(R"({"service":[{"id":"web"}]})"));
 }
 
-TEST_F(Ctl, ListsServicesUnderTheIdsThatArePublished) {
-    for (const char* name : {"http", "https", "panel", "panel_https"}) {
-        Define(name, 81);
-    }
-    std::map<std::string, std::string> seen;
-    const Json::Value document = Document({"service", "list", "--json"});
-    for (const Json::Value& service : document["service"]) {
-        seen[service["id"].asString()] = Compact(service["port"]) + service["local"].asString() +
-                                         (service["published"].asBool() ? " published" : "");
-    }
-    const std::string web = std::to_string(web_.Port()) + "reachable published";
-    EXPECT_EQ(seen, (std::map<std::string, std::string>{{"ftp", "nullunknown"},
-                                                        {"gallery_http", "81refused"},
-                                                        {"gallery_https", "81refused"},
-                                                        {"music_http", "81refused"},
-                                                        {"music_https", "81refused"},
-                                                        {"photos", "81refused"},
-                                                        {"web", web}}));
-}
-
 TEST_F(Ctl, LeavesBrokenFilesAlone) {
     for (const char* broken :
          {"", "{", "[]", "{\"service\":{}}", R"({"server_control":{"port":-5}})"}) {

@@ -368,30 +368,6 @@ TEST(Token, ProcessesAtOnceEndWithOneIdentity) {
     EXPECT_EQ(Stat(root.Path(kKey)).st_nlink, 1U) << "a second name of the key was left";
 }
 
-TEST(Cluster, TellsStateAndSharedAddress) {
-    const struct {
-        const char* text;
-        bool running;
-        const char* mac = ""; // empty: failure
-    } rows[] = {
-        {"running=\"Yes\"\nmac=\"02:00:4c:aa:bb:0c\"\n", true, "02:00:4C:AA:BB:0C"},
-        {"running=no\nmac=02:00:4C:AA:BB:0C\n", false, "02:00:4C:AA:BB:0C"},
-        {"running=yes\nmac=02004CAABB0C\n", true},
-        {"running=yes\nmac=02:00:4C:AA:BB:0G\n", true},
-        {"running=yes\nmac=02:00:4C:AA:BB:0C:0D\n", true},
-        {"running=yes\nmac=00:00:00:00:00:00\n", true},
-        {"", false},
-    };
-    const TempRoot root;
-    for (const auto& row : rows) {
-        root.Write("/usr/zaro/etc/ha.conf", row.text);
-        char mac[18] = "";
-        EXPECT_EQ(ZAROHAIsRunning() != 0, row.running) << row.text;
-        EXPECT_EQ(ZAROHAGetMacDL(0, mac, sizeof mac) >= 0, *row.mac != '\0') << row.text;
-        EXPECT_STREQ(mac, row.mac) << row.text;
-    }
-}
-
 TEST(Network, Eth0StandsForTheFirstPort) {
     const struct {
         const char* name;

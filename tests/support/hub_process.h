@@ -14,8 +14,9 @@
 /// A hub over a folder of its own, on ports that it keeps when it is started again. It logs all.
 class HubProcess : NoCopy {
 public:
-    /// `hold`: seconds that it holds a wait command.
-    explicit HubProcess(int hold = 50) : hold_(hold) {
+    /// `hold`: seconds that it holds a wait command; `more`: further options.
+    explicit HubProcess(int hold = 50, std::vector<std::string> more = {})
+        : hold_(hold), more_(std::move(more)) {
         ReservePorts();
         folder_ = (std::filesystem::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
@@ -38,12 +39,23 @@ public:
     void Start() {
         const std::size_t starts = Count("relay ssh://");
         const auto port = [this](int offset) { return std::to_string(first_ + offset); };
-        process_ = std::make_unique<Process>(
-            std::vector<std::string>{ZARO_HUB, "--data", folder_ + "/data", "--http-port", port(0),
-                                     "--https-port", port(1), "--relay-port", port(2), "--ports",
-                                     port(10) + "-" + port(99), "--hold", std::to_string(hold_),
-                                     "--log-level", "7"},
-            folder_ + "/log");
+        std::vector<std::string> line = {ZARO_HUB,
+                                         "--data",
+                                         folder_ + "/data",
+                                         "--http-port",
+                                         port(0),
+                                         "--https-port",
+                                         port(1),
+                                         "--relay-port",
+                                         port(2),
+                                         "--ports",
+                                         port(10) + "-" + port(99),
+                                         "--hold",
+                                         std::to_string(hold_),
+                                         "--log-level",
+                                         "7"};
+        line.insert(line.end(), more_.begin(), more_.end());
+        process_ = std::make_unique<Process>(line, folder_ + "/log");
         if (!WaitFor([&] { return Count("relay ssh://") > starts; })) {
             throw std::runtime_error("no hub: " + Log());
         }
@@ -72,6 +84,7 @@ private:
     }
 
     const int hold_;
+    const std::vector<std::string> more_;
     int first_ = 0;
     int reservation_ = -1;
     std::string folder_;
