@@ -85,7 +85,9 @@ TEST(AliasRequest, ReadsReplies) {
         {"alias_inused:other:one", 200, true, 3, 2, 3, "other:one"},
         {"badauth:", 200, true, 8, 2, 8, ""},
         {R"({"any":"thing"})", 200, true, 1, 1, 77, "-"},
-        {"goodbye", 200, false, 77, 2, 77, "-"},
+        {"good2", 200, false, 77, 2, 77, "-"},
+        {"<html>good</html>", 200, false, 77, 2, 77, "-"},
+        {std::string(std::size_t{3} << 20, 'x'), 200, true, 12, 3, 12, "-"}, // cut off
         {"\x80good", 200, false, 77, 2, 77, "-"},
         {std::string(1500, '['), 200, false, 77, 2, 77, "-"},
         {" \r\n ", 200, false, 77, 2, 77, "-"},
@@ -102,15 +104,16 @@ TEST(AliasRequest, ReadsReplies) {
         ALIAS_RESPONSE_TYPE gotType = {};
         int gotStatus = 0;
         std::string gotExtra = "-";
-        EXPECT_EQ(alias.Send(gotRet, gotType), sent) << reply;
+        EXPECT_EQ(alias.Send(gotRet, gotType), sent) << reply.substr(0, 40);
         alias.GetResponse(gotStatus);
         const SharedRequest queued = alias.GetSharedRequest();
         queued->Send();
+        const bool none = status == 0 || reply.size() > (std::size_t{1} << 20);
         EXPECT_EQ(AliasRequest::GetResponseForDaemon(queued, gotDaemonRet, gotExtra),
                   daemonRet != 77);
         EXPECT_EQ(std::tuple(int{gotRet}, int{gotType}, int{gotDaemonRet}, gotExtra, gotStatus),
-                  std::tuple(ret, type, daemonRet, extra, status != 0 ? status : -1))
-            << reply;
+                  std::tuple(ret, type, daemonRet, extra, none ? -1 : status))
+            << reply.substr(0, 40);
     }
     ALIAS_RET ret = kUntouched;
     EXPECT_TRUE(Logs("request_alias", 3, "No valid request found!! Please call SetRequest() first",
