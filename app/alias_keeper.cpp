@@ -91,7 +91,8 @@ void AliasKeeper::TakeChange(Time now) {
     known_ = true;
     refused_ = conf_.alias.IsAliasEnabled() && !IsAliasName(conf_.alias.GetAliasName());
     if (refused_) {
-        RELAY_LOG(3, "server_alias.alias: expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
+        RELAY_LOG(3,
+                  "server_alias.alias: expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
     }
     backoff_.Reset();
     next_ = now;
@@ -114,8 +115,7 @@ void AliasKeeper::Start(ALIAS_REQUEST_CMD command, const std::string& alias, Tim
     conf_.DumpDataForAliasReq(data);
     data["alias"] = alias;
     AliasRequest request;
-    if (!request.SetRequest(command, data) ||
-        !queue_.Add(request.GetSharedRequest(), OnDone, 0)) {
+    if (!request.SetRequest(command, data) || !queue_.Add(request.GetSharedRequest(), OnDone, 0)) {
         next_ = now + backoff_.Failed(now);
         return;
     }

@@ -52,8 +52,8 @@ private:
 
     static milliseconds Random(milliseconds from, milliseconds to) {
         static std::mt19937 generator{std::random_device{}()};
-        return milliseconds(std::uniform_int_distribution<milliseconds::rep>(
-            from.count(), to.count())(generator));
+        return milliseconds(
+            std::uniform_int_distribution<milliseconds::rep>(from.count(), to.count())(generator));
     }
 
     milliseconds least_;

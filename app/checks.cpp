@@ -36,9 +36,8 @@ bool IsAddress(const std::string& host) {
 
 bool IsPassword(const std::string& password) {
     return !password.empty() && password.size() <= kLongestPassword &&
-           std::none_of(password.begin(), password.end(), [](char c) {
-               return c == '\0' || c == '\n' || c == '\r';
-           });
+           std::none_of(password.begin(), password.end(),
+                        [](char c) { return c == '\0' || c == '\n' || c == '\r'; });
 }
 
 /// Whether every member of a server that another server names is one that a URL may be made of.
@@ -178,7 +177,8 @@ bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& serv
         why = "bad relay password";
     } else {
         tunnel = Json::Value(Json::objectValue);
-        for (const char* key : {"id", "port", "relay_ip", "relay_port", "relay_user", "relay_pass"}) {
+        for (const char* key :
+             {"id", "port", "relay_ip", "relay_port", "relay_user", "relay_pass"}) {
             tunnel[key] = assigned[key];
         }
         return true;

@@ -41,8 +41,7 @@ bool HasEnded(int pidfd, milliseconds patience) {
 
 /// Time that is left until `end`, at least 0.
 milliseconds Until(Time end) {
-    return std::max(milliseconds(0),
-                    std::chrono::duration_cast<milliseconds>(end - Clock::now()));
+    return std::max(milliseconds(0), std::chrono::duration_cast<milliseconds>(end - Clock::now()));
 }
 
 using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;

@@ -7,7 +7,8 @@
 namespace ZARO::Relay::app {
 
 /// Each fault as one line that names the file and the key and says what was expected. Empty for a
-/// good file, and for a missing one when `mayBeMissing`. `unusable`: the daemon can't start with it.
+/// good file, and for a missing one when `mayBeMissing`. `unusable`: the daemon can't start with
+/// it.
 std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
                                          bool& unusable);
 

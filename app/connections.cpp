@@ -77,8 +77,8 @@ bool HasLostAddress(pid_t pid, const std::set<std::string>& addresses) {
         unsigned state = 0;
         unsigned long inode = 0;
         // sl local:port remote:port state queues timer retransmits uid timeout inode
-        if (sscanf(line.c_str(), " %*d: %8x:%*x %*x:%*x %2x %*s %*s %*s %*s %*s %lu", &local, &state,
-                   &inode) != 3 ||
+        if (sscanf(line.c_str(), " %*d: %8x:%*x %*x:%*x %2x %*s %*s %*s %*s %*s %lu", &local,
+                   &state, &inode) != 3 ||
             state != kEstablished || sockets.count(inode) == 0) {
             continue;
         }

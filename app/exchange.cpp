@@ -22,15 +22,15 @@ constexpr seconds kHoldSlack{15};
 constexpr int kKeepAliveSeconds = 30;
 /// While a request is young, libcurl connects, and has timers that no descriptor tells of.
 constexpr milliseconds kYoung{500};
-/// A server that answers long polls at once, again and again, is slowed down to this pace; before that
-/// it has a number free, for the changes while many tunnels come up.
+/// A server that answers long polls at once, again and again, is slowed down to this pace; before
+/// that it has a number free, for the changes while many tunnels come up.
 constexpr milliseconds kPollPace{500};
 constexpr int kPollsFree = 40;
 
 Exchange* gExchange = nullptr;
 
-/// The "name=value" of a cookie line in Netscape form; empty for a line that is none, and for one that
-/// must not go over an open connection when `open`.
+/// The "name=value" of a cookie line in Netscape form; empty for a line that is none, and for one
+/// that must not go over an open connection when `open`.
 std::string CookieOf(const std::string& line, bool open) {
     std::string fields[7];
     std::size_t at = 0;
@@ -215,8 +215,7 @@ void Exchange::BatchDone(Request& request, Time now) {
     Succeeded(batch_, now);
 }
 
-RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& refused,
-                                    Time now) {
+RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& refused, Time now) {
     bool goodServer = true;
     if (!CleanBatchReply(reply, goodServer)) {
         RELAY_LOG(3, "refused an id or a mode from the control server");

@@ -95,7 +95,7 @@ private:
     int revision_ = 0;
     Time pace_{}; ///< when the next long poll would go out at the steady pace
 
-    std::string session_;         ///< "name=value; ..." of the session, for hosts of another name
+    std::string session_;          ///< "name=value; ..." of the session, for hosts of another name
     bool storeHasSession_ = false; ///< the shared cookie store sends it by itself
 
     unsigned long batches_ = 0;

@@ -80,8 +80,8 @@ void EndLoginsOnStopSignals() {
     (void)sigaction(SIGALRM, &onAlarm, nullptr);
     for (const int signal : {SIGTERM, SIGINT, SIGQUIT}) {
         if (sigaction(signal, nullptr, &gFormer[signal]) != 0 ||
-            (gFormer[signal].sa_flags & SA_SIGINFO) != 0 ||
-            gFormer[signal].sa_handler == SIG_DFL || gFormer[signal].sa_handler == SIG_IGN) {
+            (gFormer[signal].sa_flags & SA_SIGINFO) != 0 || gFormer[signal].sa_handler == SIG_DFL ||
+            gFormer[signal].sa_handler == SIG_IGN) {
             continue; // nothing was routed: the signal does what it does
         }
         struct sigaction action = gFormer[signal];

@@ -67,9 +67,9 @@ void FillStandardDescriptors() {
 /// What a daemon of this kind needs from the kernel, and what it must not leave behind.
 void PrepareProcess() {
     const rlimit noCore = {0, 0};
-    (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds tokens and passwords
+    (void)setrlimit(RLIMIT_CORE, &noCore);  // memory holds tokens and passwords
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1); // ended background ssh processes become our children
-    (void)signal(SIGPIPE, SIG_IGN); // the write that fails tells enough
+    (void)signal(SIGPIPE, SIG_IGN);         // the write that fails tells enough
     umask(077);
     const char* path = getenv("PATH");
     const std::string others = path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin";

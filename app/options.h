@@ -6,7 +6,7 @@
 namespace ZARO::Relay::app {
 
 struct Options {
-    std::string root;  ///< empty: the appliance's own
+    std::string root; ///< empty: the appliance's own
     bool foreground = false;
     bool check = false;
     std::string checkFile; ///< empty: the device's own configuration

@@ -76,8 +76,8 @@ void RelayDaemon::Pass() {
     ++passes_;
     const Time now = Clock::now();
     Tick(now);
-    // New requests get their descriptors; what has arrived, also during a log-in, is taken in before
-    // the wait, which would not see it any more.
+    // New requests get their descriptors; what has arrived, also during a log-in, is taken in
+    // before the wait, which would not see it any more.
     queue_.CheckSchedule();
     queue_.CheckDoneJobs();
     WriteStatus();

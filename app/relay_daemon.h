@@ -26,8 +26,8 @@ class RelayDaemon {
 public:
     explicit RelayDaemon(const RelaydConf& conf);
 
-    /// Runs until a stop signal. The orderly stop is done when it returns; false when want of memory,
-    /// not a signal, ended it.
+    /// Runs until a stop signal. The orderly stop is done when it returns; false when want of
+    /// memory, not a signal, ended it.
     bool Run();
 
 private:

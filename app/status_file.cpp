@@ -52,7 +52,8 @@ bool Replace(const std::string& path, const std::string& text) {
 
 } // namespace
 
-StatusFile::StatusFile() : path_(paths::StatusFile()), owner_(getpid()) {}
+StatusFile::StatusFile() : path_(paths::StatusFile()), owner_(getpid()) {
+}
 
 StatusFile::~StatusFile() {
     if (getpid() == owner_) {

@@ -19,8 +19,8 @@ public:
     /// Replaces the file if the status differs from what it holds.
     void Write(const Json::Value& status);
 
-    /// Keeps the file alive: the next Write replaces it when a cleaner of the folder, or anybody else,
-    /// has taken it away.
+    /// Keeps the file alive: the next Write replaces it when a cleaner of the folder, or anybody
+    /// else, has taken it away.
     void Refresh();
 
 private:

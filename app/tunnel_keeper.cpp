@@ -14,8 +14,8 @@ namespace ZARO::Relay::app {
 
 namespace {
 
-/// A tunnel that stood this long is rebuilt without a wait, unless that was done not long ago: then it
-/// is a flapping one.
+/// A tunnel that stood this long is rebuilt without a wait, unless that was done not long ago: then
+/// it is a flapping one.
 constexpr seconds kSteady{5};
 constexpr seconds kFlapping{60};
 /// A log-in that fails after this long failed by a time-out.
@@ -139,7 +139,7 @@ void TunnelKeeper::NoticeEnded(Time now) {
         upkeep.nextStart = atOnce ? now : now + wait;
         upkeep.rebuiltAtOnce = atOnce ? now : upkeep.rebuiltAtOnce;
         upkeep.since = time(nullptr);
-            RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
+        RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
     }
 }
 
@@ -200,8 +200,8 @@ void TunnelKeeper::Failed(Upkeep& upkeep, const std::string& id, Time now) {
     upkeep.failing = true;
 }
 
-/// A relay that does not even refuse holds the loop for a whole log-in: the other tunnels to it wait
-/// as well, each its own time, instead of trying it one after the other.
+/// A relay that does not even refuse holds the loop for a whole log-in: the other tunnels to it
+/// wait as well, each its own time, instead of trying it one after the other.
 void TunnelKeeper::SpareSilentRelay(const Tunnel& silent) {
     const std::string host = RelayOf(silent);
     for (const Tunnel& tunnel : tunnels_) {

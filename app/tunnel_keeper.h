@@ -91,5 +91,4 @@ private:
 /// The ssh process of a tunnel, -1 when none is known.
 pid_t PidOf(const Tunnel& tunnel);
 
-
 } // namespace ZARO::Relay::app

@@ -223,7 +223,8 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
 
 // --- CmprServiceId
 
-CmprServiceId::CmprServiceId(std::string id) : id_(std::move(id)) {}
+CmprServiceId::CmprServiceId(std::string id) : id_(std::move(id)) {
+}
 
 bool CmprServiceId::operator()(const ServiceConf& service) const {
     return service.id == id_;

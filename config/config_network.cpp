@@ -90,11 +90,13 @@ void ReadDdns(std::string& ddns) {
 InterfaceConf::InterfaceConf() = default;
 
 InterfaceConf::InterfaceConf(const _tag_TLIB_NETIF& nic)
-    : name(nic.szName), ip(nic.szIp), mask(nic.szMask) {}
+    : name(nic.szName), ip(nic.szIp), mask(nic.szMask) {
+}
 
 InterfaceConf::InterfaceConf(const std::string& interfaceName, const std::string& address,
                              const std::string& netmask)
-    : name(interfaceName), ip(address), mask(netmask) {}
+    : name(interfaceName), ip(address), mask(netmask) {
+}
 
 InterfaceConf::~InterfaceConf() = default;
 

@@ -103,8 +103,8 @@ Json::Value& Object(Json::Value& value) {
 
 Reading ReadText(const std::string& path, FileText& out, bool ownOnly) {
     out = FileText();
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY |
-                                          (ownOnly ? O_NOFOLLOW : 0));
+    const int fd = open(path.c_str(),
+                        O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (ownOnly ? O_NOFOLLOW : 0));
     if (fd < 0) {
         const bool missing = errno == ENOENT || errno == ENOTDIR || (ownOnly && errno == ELOOP);
         return missing ? Reading::Missing : Reading::Unreadable;

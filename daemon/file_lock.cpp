@@ -47,8 +47,8 @@ bool FileLock::Lock(int operation) {
             continue;
         }
         // The files lie where anybody may plant a link, so none is followed.
-        const int opened = open(file->c_str(),
-                                O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0644);
+        const int opened =
+            open(file->c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0644);
         if (opened < 0) {
             Unlock();
             return false;

@@ -43,7 +43,8 @@ const Json::Value& ArrayMember(const Json::Value& object, const char* key) {
 
 } // namespace
 
-Register::Register() : registered_(false), previous_(nullptr) {}
+Register::Register() : registered_(false), previous_(nullptr) {
+}
 
 Register::~Register() = default;
 
@@ -215,8 +216,7 @@ bool Register::ParseNetworkResponse(RelaydConf& conf, const Json::Value& cmd,
     return true;
 }
 
-bool Register::ParseServiceResponse(const RelaydConf&, const Json::Value& cmd,
-                                    const Json::Value&) {
+bool Register::ParseServiceResponse(const RelaydConf&, const Json::Value& cmd, const Json::Value&) {
     RELAY_LOG(7, "update_service success");
     for (const Json::Value& entry : ArrayMember(cmd, "service_rm")) {
         std::string id;

@@ -38,7 +38,8 @@ struct Command {
 };
 
 const Command* FindCommand(ALIAS_REQUEST_CMD cmd) {
-    static const Command kMap = {"alias_update.php", "map_alias", {"alias", "serial", "token", "id"}};
+    static const Command kMap = {
+        "alias_update.php", "map_alias", {"alias", "serial", "token", "id"}};
     static const Command kDelete = {
         "alias_update.php", "delete_alias", {"alias", "serial", "token", "id"}};
     static const Command kKeepAlive = {
@@ -76,7 +77,8 @@ bool IsFilledText(const Json::Value& data, const char* key) {
 
 } // namespace
 
-AliasRequest::AliasRequest() : httpStatus_(-1), request_(nullptr, nullptr, true) {}
+AliasRequest::AliasRequest() : httpStatus_(-1), request_(nullptr, nullptr, true) {
+}
 
 AliasRequest::~AliasRequest() = default;
 

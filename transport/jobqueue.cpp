@@ -28,7 +28,8 @@ bool ReadClock(long& now) {
 // --- Job
 
 Job::Job(boost::shared_ptr<Request> what, JobCallback done, long when)
-    : request(std::move(what)), callback(done), schedule(when) {}
+    : request(std::move(what)), callback(done), schedule(when) {
+}
 
 bool Job::IsValid() const {
     return request != nullptr && callback != nullptr;
@@ -188,7 +189,7 @@ bool JobQueue::Finish(CURLMsg& message) {
     const JobCallback callback = job->callback;
     (void)request->JobDone(message.data.result); // true in every case
     (void)request->JobRemove(multi_);            // logged; the job has ended all the same
-    jobs_.erase(job); // before the callback, which may add jobs
+    jobs_.erase(job);                            // before the callback, which may add jobs
     if (callback != nullptr && !callback(request)) {
         RELAY_LOG(7, "callback execute failed");
     }

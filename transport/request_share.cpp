@@ -28,9 +28,10 @@ std::vector<CURLSH*>& RetiredShares() {
 
 void CleanRetiredShares() {
     auto& shares = RetiredShares();
-    shares.erase(std::remove_if(shares.begin(), shares.end(),
-                                [](CURLSH* share) { return curl_share_cleanup(share) == CURLSHE_OK; }),
-                 shares.end());
+    shares.erase(
+        std::remove_if(shares.begin(), shares.end(),
+                       [](CURLSH* share) { return curl_share_cleanup(share) == CURLSHE_OK; }),
+        shares.end());
 }
 
 bool ShareData(CURLSH* share, curl_lock_data data, const char* name) {

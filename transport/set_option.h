@@ -5,6 +5,6 @@
 
 #include "daemon/log.h"
 
-#define SET_OPTION(handle, option, value)               \
-    (curl_easy_setopt(handle, option, value) == CURLE_OK || \
+#define SET_OPTION(handle, option, value)                                                          \
+    (curl_easy_setopt(handle, option, value) == CURLE_OK ||                                        \
      (RELAY_LOG(3, "set " #option "to curl handle failed"), false))

@@ -97,7 +97,8 @@ bool WriteAll(int fd, const std::string& text) {
 
 } // namespace
 
-Tunnel::Tunnel() : pid_(-1), relay_port_(-1), service_(nullptr), status_(TUNNEL_STATUS_NONE) {}
+Tunnel::Tunnel() : pid_(-1), relay_port_(-1), service_(nullptr), status_(TUNNEL_STATUS_NONE) {
+}
 
 Tunnel::Tunnel(const Json::Value& v) : Tunnel() {
     Tunnel::Overwrite(v);

@@ -58,8 +58,8 @@ public:
     /// Starts the SSH client and blocks until it has logged in and gone to the background, or has
     /// failed (its own time-outs bound this). The password is in a file only meanwhile. True with
     /// status READY; false with FAILED, or NONE when nothing was started. Does not stop a process
-    /// of an earlier call. WARNING: when the client can't be executed it returns false in the forked
-    /// child too, which the caller must end at once with _exit.
+    /// of an earlier call. WARNING: when the client can't be executed it returns false in the
+    /// forked child too, which the caller must end at once with _exit.
     bool Create();
 
     /// Writes the password, and nothing else, into a file of mode 0600. False, logged and the file

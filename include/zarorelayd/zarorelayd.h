@@ -29,7 +29,7 @@ extern "C" {
  * Returns 1 when there is an id (and the service is published), 0 when there is none or the
  * service is not published, -1 when the configuration can't be read or is not a JSON object.
  */
-ZARORELAYD_API int TLIBRelaydGetServerId(const char *serviceId, char *buffer,
+ZARORELAYD_API int TLIBRelaydGetServerId(const char* serviceId, char* buffer,
                                          size_t size) ZARORELAYD_NOEXCEPT;
 
 /*
@@ -40,7 +40,7 @@ ZARORELAYD_API int TLIBRelaydGetServerId(const char *serviceId, char *buffer,
  * Returns 1 when it is empty or belongs to this device; else 0, also when the configuration
  * can't be read or the device has no hardware address.
  */
-ZARORELAYD_API int TLIBRelaydVerifyServerId(const char *serverId) ZARORELAYD_NOEXCEPT;
+ZARORELAYD_API int TLIBRelaydVerifyServerId(const char* serverId) ZARORELAYD_NOEXCEPT;
 
 /*
  * Turns the daemon's debug log on, into the file `logFile`, and asks a running daemon to reload.
@@ -48,7 +48,7 @@ ZARORELAYD_API int TLIBRelaydVerifyServerId(const char *serverId) ZARORELAYD_NOE
  * Returns 0, whether or not a daemon is running; -1 when `logFile` is NULL or the configuration
  * can't be read, is not a JSON object, or can't be written (it is then as it was).
  */
-ZARORELAYD_API int TLIBRelaydLogStart(const char *logFile) ZARORELAYD_NOEXCEPT;
+ZARORELAYD_API int TLIBRelaydLogStart(const char* logFile) ZARORELAYD_NOEXCEPT;
 
 /*
  * Takes level and file of the log out of the configuration, so that the defaults hold again, and
