@@ -405,15 +405,6 @@ TEST_F(Ctl, LosesNoChangeOfTwoAtATime) {
     }
 }
 
-TEST_F(Ctl, GivesUpOnALockThatIsHeld) {
-    FileLock lock(root_.Path("/usr/zaro/etc/.zarorelayd.conf.lock").c_str());
-    ASSERT_TRUE(lock.Lock(LOCK_EX));
-    const Result result = Run({"alias", "set", "nas"});
-    EXPECT_EQ(result.code, 11);
-    ExpectLine(result.err, "held by another program");
-    EXPECT_EQ(ReadConfig(), config_);
-}
-
 TEST_F(Ctl, ChangesAliasSwitchAndLog) {
     EXPECT_EQ(Run({"alias", "set", "my-nas"}).code, 0);
     EXPECT_EQ(Compact(Document({"alias", "show", "--json"})),
@@ -483,11 +474,6 @@ TEST_F(Ctl, SaysThatRightsAreMissing) {
         ExpectLine(result.err, "run this as root");
     }
     std::filesystem::permissions(root_.Path("/usr/zaro/etc"), std::filesystem::perms(0755));
-}
-
-TEST_F(Ctl, TellsWhenItsOutputIsLost) {
-    WriteStatus(R"("state":5)");
-    EXPECT_EQ(Start({"status", "--json"}, "/dev/full")->Wait(seconds(10)), 2);
 }
 
 TEST_F(Ctl, StartEndsWithTheDaemonsCode) {

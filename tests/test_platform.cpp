@@ -402,35 +402,6 @@ TEST(Network, Eth0StandsForTheFirstPort) {
     }
 }
 
-TEST(Network, GatewayIsThatOfTheBestDefaultRoute) {
-    const string header = "Iface\tDestination\tGateway \tFlags\tRefCnt\tUse\tMetric\tMask\n";
-    const string far = "a\t00000000\t010200C0\t0003\t0\t0\t200\t00000000\t0\t0\t0\n";
-    const struct {
-        const char* name;
-        string text;
-        const char* gateway; // empty: failure
-    } rows[] = {
-        {"only one", header + far, "192.0.2.1"},
-        {"lower metric", far + "b\t00000000\t020200C0\t0003\t0\t0\t100\t00000000\n", "192.0.2.2"},
-        {"not up", "a\t00000000\t010200C0\t0002\t0\t0\t0\t00000000\n", ""},
-        {"not default", "a\t00000000\t010200C0\t0003\t0\t0\t0\t000000FF\n", ""},
-        {"no gateway", "ppp0\t00000000\t00000000\t0001\t0\t0\t0\t00000000\n", ""},
-        {"reject", "*\t00000000\t010200C0\t0203\t0\t0\t0\t00000000\n", ""},
-        {"short line", "a\t00000000\t010200C0\t0003\t0\t0\t0\n", ""},
-        {"junk", string("\0\xff\t\t\n", 5) + "a b c d e f g h\n", ""},
-    };
-    const TempRoot root;
-    char text[20] = "";
-    EXPECT_LT(ZARONetDefaultGatewayGet(text, sizeof text), 0) << "no table: not the machine's own";
-    for (const auto& row : rows) {
-        root.Write("/proc/net/route", row.text);
-        char gateway[20] = "";
-        const int result = ZARONetDefaultGatewayGet(gateway, sizeof gateway);
-        EXPECT_EQ(result >= 0, *row.gateway != '\0') << row.name;
-        EXPECT_STREQ(gateway, row.gateway) << row.name;
-    }
-}
-
 TEST(Network, ListsInterfacesWithTheRootsHardwareAddresses) {
     const TempRoot root;
     struct _tag_TLIB_NETIF records[32] = {};
