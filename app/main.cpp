@@ -24,6 +24,7 @@
 #include "app/login_guard.h"
 #include "app/options.h"
 #include "app/pid_file.h"
+#include "app/privileges.h"
 #include "app/relay_daemon.h"
 #include "daemon/log.h"
 #include "platform/paths.h"
@@ -100,6 +101,7 @@ int RunDaemon(bool foreground) {
         app::ApplyLogSettings(conf);
     }
     PrepareProcess();
+    app::DropPrivileges();
     app::EndLoginsOnStopSignals();
     app::EndStrays([](const std::string&) { return true; });
     gblRun = 1;

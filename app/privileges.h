@@ -1,0 +1,10 @@
+/// What a daemon that runs as root keeps of root's power.
+#pragma once
+
+namespace ZARO::Relay::app {
+
+/// Gives up every capability that neither the daemon nor the programs it runs need, for good: what
+/// is executed later can't get them back either. Without privilege only the latter takes effect.
+void DropPrivileges();
+
+} // namespace ZARO::Relay::app
