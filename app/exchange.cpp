@@ -8,6 +8,7 @@
 #include <zarorelayd/tunnel.h>
 
 #include "app/checks.h"
+#include "app/config_lock.h"
 #include "app/json_io.h"
 #include "daemon/log.h"
 
@@ -26,6 +27,8 @@ constexpr milliseconds kYoung{500};
 /// that it has a number free, for the changes while many tunnels come up.
 constexpr milliseconds kPollPace{500};
 constexpr int kPollsFree = 40;
+/// How long the loop may wait for a command line that changes the configuration file.
+constexpr milliseconds kFilePatience{300};
 
 Exchange* gExchange = nullptr;
 
@@ -220,7 +223,15 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
     if (!CleanBatchReply(reply, goodServer)) {
         RELAY_LOG(3, "refused an id or a mode from the control server");
     }
-    register_.ParseResponse(conf_, commands_, reply);
+    {
+        // A new id is written into the file that a command line may be changing. One that holds it
+        // too long loses to the id, without which there is no registration.
+        ConfigLock lock;
+        const bool writes =
+            reply.isArray() && !reply.empty() && !TextMember(reply[0U], "serverID").empty();
+        (void)(writes && lock.Take(kFilePatience));
+        register_.ParseResponse(conf_, commands_, reply);
+    }
     if (!goodServer) {
         RELAY_LOG(3, "refused the wait-command server that the control server named");
         RegisterAnew();

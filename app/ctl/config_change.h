@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include <zarorelayd/file_lock.h>
+#include "app/config_lock.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -29,7 +29,7 @@ public:
 
 private:
     std::string path_;
-    FileLock lock_;
+    app::ConfigLock lock_;
 };
 
 /// Says that the file could not be written and gives the code.
