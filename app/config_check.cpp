@@ -160,22 +160,30 @@ std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMiss
     Report report(path);
     unusable = false;
     struct stat info = {};
-    if (stat(path.c_str(), &info) != 0 && errno == ENOENT && mayBeMissing) {
+    const bool there = stat(path.c_str(), &info) == 0;
+    if (!there && errno == ENOENT && mayBeMissing) {
         return {};
     }
-    std::ifstream file(path);
-    if (!file || !S_ISREG(info.st_mode) || info.st_size > kLargestFile) {
-        const char* odd = S_ISREG(info.st_mode) ? "larger than 1 MiB" : "not a file";
-        report.Add("", std::string("can't be read: ") + (file ? odd : strerror(errno)));
+    const char* fault = !there                        ? strerror(errno)
+                        : !S_ISREG(info.st_mode)      ? "not a file" // a FIFO would block
+                        : info.st_size > kLargestFile ? "larger than 1 MiB"
+                                                      : nullptr;
+    std::ifstream file;
+    if (fault == nullptr) {
+        file.open(path);
+        fault = file ? nullptr : strerror(errno);
+    }
+    if (fault != nullptr) {
+        report.Add("", std::string("can't be read: ") + fault);
         unusable = true;
         return report.Lines();
     }
     std::ostringstream text;
     text << file.rdbuf();
     Json::Value config;
-    std::string fault;
-    if (!ParseJson(text.str(), config, &fault) || !config.isObject()) {
-        report.Add("", fault.empty() ? "expected a JSON object" : "expected JSON: " + fault);
+    std::string reason;
+    if (!ParseJson(text.str(), config, &reason) || !config.isObject()) {
+        report.Add("", reason.empty() ? "expected a JSON object" : "expected JSON: " + reason);
         unusable = true;
         return report.Lines();
     }

@@ -33,6 +33,9 @@ bool ParseJson(const std::string& text, Json::Value& out, std::string* fault) {
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false;
     builder["failIfExtra"] = true;
+    // What the library's reader refuses must not pass here: it moves such a file aside.
+    builder["allowTrailingCommas"] = false;
+    builder["skipBom"] = false;
     const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     std::string errors;
     try {

@@ -1,8 +1,6 @@
 #include "app/ctl/config_change.h"
 
 #include <fcntl.h>
-#include <poll.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,7 +12,6 @@
 
 #include <zarorelayd/config.h>
 
-#include "app/backoff.h"
 #include "app/config_check.h"
 #include "app/ctl/report.h"
 #include "app/json_io.h"
@@ -25,24 +22,9 @@ namespace ZARO::Relay::ctl {
 namespace {
 
 constexpr app::seconds kLockPatience{5};
-constexpr int kLockPause = 5; // milliseconds
 
 std::string FolderOf(const std::string& path) {
     return path.substr(0, path.rfind('/') + 1);
-}
-
-/// The file exists beside the configuration and is never removed: a lock on a removed file excludes
-/// nobody.
-std::string LockFile(const std::string& path) {
-    return FolderOf(path) + ".zarorelayd.conf.lock";
-}
-
-/// Other users must not be able to hold the lock, so they must not be able to open the file.
-bool LockForOwnerOnly(FileLock& lock) {
-    const mode_t before = umask(077);
-    const bool locked = lock.Lock(LOCK_EX);
-    umask(before);
-    return locked;
 }
 
 } // namespace
@@ -51,12 +33,17 @@ bool LookAtConfig(Json::Value& config, std::string& fault) {
     const std::string path = paths::ConfigFile();
     config = Json::Value(Json::objectValue);
     struct stat info = {};
-    if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
+    const bool there = stat(path.c_str(), &info) == 0;
+    if (!there && errno == ENOENT) {
         return true;
     }
-    std::ifstream file(path);
-    if (!file || !S_ISREG(info.st_mode)) {
-        fault = path + ": can't be read: " + (file ? "not a file" : strerror(errno));
+    std::ifstream file;
+    if (there && S_ISREG(info.st_mode)) { // opening a FIFO would block
+        file.open(path);
+    }
+    if (!there || !file.is_open()) {
+        const bool odd = there && !S_ISREG(info.st_mode);
+        fault = path + ": can't be read: " + (odd ? "not a file" : strerror(errno));
         return false;
     }
     std::ostringstream text;
@@ -70,7 +57,7 @@ bool LookAtConfig(Json::Value& config, std::string& fault) {
     return false;
 }
 
-ConfigChange::ConfigChange() : path_(paths::ConfigFile()), lock_(LockFile(path_).c_str()) {
+ConfigChange::ConfigChange() : path_(paths::ConfigFile()) {
 }
 
 int ConfigChange::Begin() {
@@ -79,13 +66,9 @@ int ConfigChange::Begin() {
         return Fail(kNoAnswer, folder + " can't be written to: " + strerror(errno),
                     RootOr("see whether it is there and can be written"));
     }
-    const auto deadline = app::Clock::now() + kLockPatience;
-    while (!LockForOwnerOnly(lock_)) {
-        if (app::Clock::now() >= deadline) {
-            return Fail(kLocked, LockFile(path_) + " is held by another program",
-                        "try again when that has ended");
-        }
-        (void)poll(nullptr, 0, kLockPause);
+    if (!lock_.Take(kLockPatience)) {
+        return Fail(kLocked, app::ConfigLock::Path() + " is held by another program",
+                    "try again when that has ended");
     }
     bool unusable = false;
     const std::vector<std::string> faults = app::CheckConfigFile(path_, true, unusable);
