@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -10,6 +11,7 @@
 #include <zarorelayd/daemon.h>
 
 #include "daemon/log.h"
+#include "platform/paths.h"
 
 namespace ZARO::Relay::app {
 
@@ -43,6 +45,27 @@ long ReadPid() {
     return 0;
 }
 
+/// Whether a process was told another root than ours. One whose root can't be told, because it was
+/// given from another folder or belongs to another user, may be ours.
+bool HasOtherRoot(const std::string& process) {
+    std::ifstream file("/proc/" + process + "/cmdline");
+    const std::string option = "--root";
+    std::string root;
+    for (std::string word; std::getline(file, word, '\0');) {
+        if (word == option) {
+            std::getline(file, root, '\0');
+        } else if (word.compare(0, option.size() + 1, option + "=") == 0) {
+            root = word.substr(option.size() + 1);
+        }
+    }
+    struct stat theirs = {};
+    struct stat ours = {};
+    const std::string own = paths::Root().empty() ? "/" : paths::Root();
+    return !root.empty() && root[0] == '/' && stat(root.c_str(), &theirs) == 0 &&
+           stat(own.c_str(), &ours) == 0 &&
+           (theirs.st_ino != ours.st_ino || theirs.st_dev != ours.st_dev);
+}
+
 } // namespace
 
 std::string ProgramOf(const std::string& process) {
@@ -70,8 +93,9 @@ void RemoveStalePidFile() {
     if (pid > 0 && access(("/proc/" + process).c_str(), F_OK) == 0) {
         // Another user's program can't be read, but its short name can.
         const std::string program = ProgramOf(process);
-        if (program.empty() ? ShortName(process) == ShortName("self")
-                            : program == ProgramOf("self")) {
+        const bool ours = program.empty() ? ShortName(process) == ShortName("self")
+                                          : program == ProgramOf("self");
+        if (ours && !HasOtherRoot(process)) {
             return; // Daemon::Init tells of it
         }
     }

@@ -9,8 +9,8 @@ namespace ZARO::Relay::app {
 /// was replaced since; empty when it can't be told.
 std::string ProgramOf(const std::string& process);
 
-/// Removes a PID file that is empty or names a process which is no instance of this program: after
-/// a power cut the daemon must start again by itself.
+/// Removes a PID file that is empty or names a process which is no instance of this program, or
+/// one of another root: after a power cut the daemon must start again by itself.
 void RemoveStalePidFile();
 
 } // namespace ZARO::Relay::app
