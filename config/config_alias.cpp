@@ -123,7 +123,14 @@ AliasStatus::AliasStatus() {
 AliasStatus::~AliasStatus() = default;
 
 bool AliasStatus::Reload() {
-    return RelaydConf::ReadJsonFile(paths::AliasStatusFile(), status_);
+    // Anybody can make a file of this name where it lies; a stranger's is none.
+    const std::string path = paths::AliasStatusFile();
+    json::FileText file;
+    if (json::ReadText(path, file, true) == json::Reading::Missing) {
+        status_ = Json::Value();
+        return true;
+    }
+    return RelaydConf::ReadJsonFile(path, status_);
 }
 
 bool AliasStatus::IsValid() const {
