@@ -9,6 +9,7 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_VISIBILITY_PRESET hidden)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 check_pie_supported()
 
@@ -19,7 +20,15 @@ target_compile_options(zaro_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
     -fstack-protector-strong
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
-target_link_options(zaro_flags INTERFACE -Wl,-z,relro,-z,now -Wl,--no-undefined)
+foreach(flag -fstack-clash-protection -fcf-protection) # not every processor has them
+    string(MAKE_C_IDENTIFIER "ZARO_HAS${flag}" has)
+    check_cxx_compiler_flag(${flag} ${has})
+    if(${has})
+        target_compile_options(zaro_flags INTERFACE ${flag})
+    endif()
+endforeach()
+target_link_options(zaro_flags INTERFACE
+    -Wl,-z,relro,-z,now -Wl,-z,noexecstack -Wl,--no-undefined)
 
 if(ZARO_SANITIZE)
     # The run-time of the sanitizers is resolved at load time, so --no-undefined can't hold.
@@ -28,5 +37,5 @@ if(ZARO_SANITIZE)
     target_link_options(zaro_flags INTERFACE
         -fsanitize=${ZARO_SANITIZE} -Wl,--warn-unresolved-symbols)
 else()
-    target_compile_definitions(zaro_flags INTERFACE _FORTIFY_SOURCE=2)
+    target_compile_definitions(zaro_flags INTERFACE _FORTIFY_SOURCE=2 _GLIBCXX_ASSERTIONS)
 endif()

@@ -138,6 +138,8 @@ int Run(const CommandLine& line) {
     }
     (void)pthread_sigmask(SIG_BLOCK, &ending, nullptr);
     umask(077);
+    const rlimit noCore{0, 0};
+    (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds keys and passwords
     RaiseDescriptorLimit();
     ZARO::RelayHub::SetLogLevel(line.logLevel);
 
