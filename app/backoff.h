@@ -42,6 +42,9 @@ public:
         return Random(most_ / 2, most_);
     }
 
+    /// Whether it has grown to its longest.
+    bool IsSlow() const { return window_ >= most_; }
+
     void Reset() {
         window_ = least_;
         healthySince_ = Time();

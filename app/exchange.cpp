@@ -27,6 +27,8 @@ constexpr milliseconds kYoung{500};
 /// that it has a number free, for the changes while many tunnels come up.
 constexpr milliseconds kPollPace{500};
 constexpr int kPollsFree = 40;
+/// As much as any server takes in one header.
+constexpr std::size_t kLongestSession = 4096;
 /// How long the loop may wait for a command line that changes the configuration file.
 constexpr milliseconds kFilePatience{300};
 
@@ -180,7 +182,8 @@ void Exchange::StartBatch(Time now) {
     }
     register_.GetChanges(conf_, keeper_.Tunnels(), commands_);
     batchDue_ = false;
-    if (commands_.empty()) {
+    if (commands_.empty()) { // also when what could not be sent is as it was before
+        Succeeded(batch_, now);
         return;
     }
     if (commands_[0U]["command"] == "register") {
@@ -223,6 +226,7 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
     if (!CleanBatchReply(reply, goodServer)) {
         RELAY_LOG(3, "refused an id or a mode from the control server");
     }
+    const ServerConf formerWait = conf_.waitcmd;
     {
         // A new id is written into the file that a command line may be changing. One that holds it
         // too long loses to the id, without which there is no registration.
@@ -231,6 +235,10 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
             reply.isArray() && !reply.empty() && !TextMember(reply[0U], "serverID").empty();
         (void)(writes && lock.Take(kFilePatience));
         register_.ParseResponse(conf_, commands_, reply);
+    }
+    if (!conf_.waitcmd.IsValid()) { // a server of which only part was named
+        conf_.waitcmd = formerWait;
+        goodServer = false;
     }
     if (!goodServer) {
         RELAY_LOG(3, "refused the wait-command server that the control server named");
@@ -273,7 +281,7 @@ void Exchange::TakeSession(Request& request) {
     if (request.GetCookies(lines)) {
         for (const std::string& line : lines) {
             const std::string cookie = CookieOf(line, conf_.waitcmd.protocol != "https");
-            if (!cookie.empty()) {
+            if (!cookie.empty() && session_.size() + cookie.size() < kLongestSession) {
                 session_ += (session_.empty() ? "" : "; ") + cookie;
             }
         }
@@ -397,11 +405,6 @@ void Exchange::Failed(Line& line, RELAYD_RET result, bool refused, Time now) {
         waitStands_ = false;
     }
     switch (result) {
-    case RELAYD_RET_RESOLV:
-    case RELAYD_RET_NETWORK:
-    case RELAYD_RET_SERVER_BUSY:
-        DropNames();
-        break;
     case RELAYD_RET_AUTH:
         RegisterAnew();
         break;
@@ -416,9 +419,14 @@ void Exchange::Failed(Line& line, RELAYD_RET result, bool refused, Time now) {
         RegisterAnew();
         break;
     default:
+        // The path, or something on it that poses as the server: the resolved name may be why.
+        DropNames();
         break;
     }
     line.next = now + (refused ? line.backoff.Refused() : line.backoff.Failed(now));
+    if (&line == &wait_ && line.backoff.IsSlow()) {
+        RegisterAnew(); // the wait-command server may have moved, which only a registration tells
+    }
     if (batchDue_ && &line == &wait_) {
         batch_.next = std::max(batch_.next, line.next); // registering anew waits as long
     }
