@@ -9,10 +9,17 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <iterator>
 #include <memory>
-#include <sstream>
+#include <set>
+#include <string>
+
+#include "app/checks.h"
 
 namespace ZARO::Relay::app {
 
@@ -45,6 +52,34 @@ std::set<unsigned long> SocketsOf(pid_t pid) {
     return inodes;
 }
 
+/// Whether an address, in the form of the kernel's tables, is one of this machine; also when that
+/// can't be told. The kernel alone knows: an interface may have any number of them.
+bool IsOwnAddress(const std::string& hex) {
+    constexpr std::size_t kWord = 8; // digits, the word in the machine's byte order
+    uint32_t words[4] = {};
+    const std::size_t count = hex.size() / kWord;
+    for (std::size_t i = 0; i < count && i < std::size(words); ++i) {
+        words[i] =
+            static_cast<uint32_t>(strtoul(hex.substr(i * kWord, kWord).c_str(), nullptr, 16));
+    }
+    sockaddr_in v4 = {};
+    v4.sin_family = AF_INET;
+    v4.sin_addr.s_addr = words[0];
+    sockaddr_in6 v6 = {};
+    v6.sin6_family = AF_INET6;
+    memcpy(&v6.sin6_addr, words, sizeof words);
+    const bool isV4 = count == 1;
+    const auto* address =
+        isV4 ? reinterpret_cast<const sockaddr*>(&v4) : reinterpret_cast<const sockaddr*>(&v6);
+    const socklen_t length = isV4 ? sizeof v4 : sizeof v6;
+    const int fd = socket(address->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const bool lost = fd >= 0 && bind(fd, address, length) != 0 && errno == EADDRNOTAVAIL;
+    if (fd >= 0) {
+        close(fd);
+    }
+    return !lost;
+}
+
 /// Connects to a loopback address; such a connection is accepted or refused almost at once.
 Reachable Probe(int family, const sockaddr* address, socklen_t length) {
     const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
@@ -68,31 +103,31 @@ Reachable Probe(int family, const sockaddr* address, socklen_t length) {
 
 } // namespace
 
-bool HasLostAddress(pid_t pid, const std::set<std::string>& addresses) {
+bool HasLostAddress(pid_t pid) {
     const std::set<unsigned long> sockets = SocketsOf(pid);
-    std::ifstream table("/proc/" + std::to_string(pid) + "/net/tcp");
-    std::string line;
-    while (std::getline(table, line)) {
-        unsigned local = 0;
-        unsigned state = 0;
-        unsigned long inode = 0;
-        // sl local:port remote:port state queues timer retransmits uid timeout inode
-        if (sscanf(line.c_str(), " %*d: %8x:%*x %*x:%*x %2x %*s %*s %*s %*s %*s %lu", &local,
-                   &state, &inode) != 3 ||
-            state != kEstablished || sockets.count(inode) == 0) {
-            continue;
-        }
-        char text[INET_ADDRSTRLEN] = "";
-        const in_addr address = {local};
-        (void)inet_ntop(AF_INET, &address, text, sizeof text);
-        if ((ntohl(local) >> 24) != 127 && addresses.count(text) == 0) {
-            return true;
+    for (const char* name : {"tcp", "tcp6"}) {
+        std::ifstream table("/proc/" + std::to_string(pid) + "/net/" + name);
+        std::string line;
+        while (std::getline(table, line)) {
+            char local[33] = "";
+            unsigned state = 0;
+            unsigned long inode = 0;
+            // sl local:port remote:port state queues timer retransmits uid timeout inode
+            if (sscanf(line.c_str(),
+                       " %*d: %32[0-9A-F]:%*x %*32[0-9A-F]:%*x %2x %*s %*s %*s %*s %*s %lu", local,
+                       &state, &inode) == 3 &&
+                state == kEstablished && sockets.count(inode) != 0 && !IsOwnAddress(local)) {
+                return true;
+            }
         }
     }
     return false;
 }
 
 Reachable ProbeLocalPort(int port) {
+    if (!IsPort(port)) {
+        return Reachable::Unknown;
+    }
     sockaddr_in v4 = {};
     v4.sin_family = AF_INET;
     v4.sin_port = htons(static_cast<uint16_t>(port));

@@ -133,7 +133,7 @@ void RelayDaemon::Wait(Time now) {
     queue_.GetFdSet(&read, &write, &except, &maxfd);
     const int signals = daemon_signal_fd();
     for (const int fd : {signals, network_.Descriptor()}) {
-        if (fd >= 0) {
+        if (fd >= 0 && fd < FD_SETSIZE) {
             FD_SET(fd, &read);
             maxfd = std::max(maxfd, fd);
         }
@@ -205,12 +205,17 @@ bool RelayDaemon::Reload() {
         RELAY_LOG(unusable ? 3 : 4, "%s", fault.c_str());
     }
     const bool wasEnabled = conf_.enable;
+    const NetworkConf network = conf_.network;
     if (unusable || !conf_.Reload()) {
         return false; // what was in force stays
     }
     hasFile_ = access(path.c_str(), F_OK) == 0;
+    // The reload has looked at the network as well; a change is dealt with where all changes are.
+    conf_.network = network;
+    networkCheck_ = Clock::now();
     ApplyLogSettings(conf_);
     RELAY_LOG(6, "configuration reloaded");
+    keeper_.DropWithdrawn(conf_.services, Clock::now());
     if (wasEnabled && !conf_.enable) {
         RELAY_LOG(5, "the relay service is switched off");
         exchange_.Stop();
@@ -238,7 +243,7 @@ void RelayDaemon::CheckNetwork(Time now) {
     conf_.network = current;
     if (conf_.enable) {
         exchange_.NetworkChanged(now);
-        keeper_.DropLostAddresses(current, now);
+        keeper_.DropLostAddresses(now);
         alias_.RetryNow(now);
     }
 }

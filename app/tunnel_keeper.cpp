@@ -231,14 +231,26 @@ void TunnelKeeper::RetryNow(Time now) {
     }
 }
 
-void TunnelKeeper::DropLostAddresses(const NetworkConf& network, Time now) {
-    std::set<std::string> addresses;
-    for (const InterfaceConf& entry : network.interfaces) {
-        addresses.insert(entry.ip);
-    }
+/// Nothing may lead to a service that the device does not publish any more, also while no server
+/// can be told.
+void TunnelKeeper::DropWithdrawn(const std::list<ServiceConf>& services, Time now) {
+    tunnels_.remove_if([&](Tunnel& tunnel) {
+        const std::string& id = tunnel.GetServiceId();
+        const auto service = std::find_if(services.begin(), services.end(), CmprServiceId(id));
+        if (service != services.end() && service->port == tunnel.GetServiceConf().port) {
+            return false;
+        }
+        RELAY_LOG(6, "closing the tunnel of %s: not published any more", id.c_str());
+        tunnel.Destroy();
+        return true;
+    });
+    EndDropped(now);
+}
+
+void TunnelKeeper::DropLostAddresses(Time now) {
     for (Tunnel& tunnel : tunnels_) {
         const pid_t pid = PidOf(tunnel);
-        if (pid > 0 && HasLostAddress(pid, addresses)) {
+        if (pid > 0 && HasLostAddress(pid)) {
             RELAY_LOG(5, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
             tunnel.Destroy();
         }

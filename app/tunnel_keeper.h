@@ -42,7 +42,10 @@ public:
     void RetryNow(Time now);
 
     /// Rebuilds the tunnels whose connection has a local address that the device lost.
-    void DropLostAddresses(const NetworkConf& network, Time now);
+    void DropLostAddresses(Time now);
+
+    /// Ends the tunnels of services that are not published, or on another port.
+    void DropWithdrawn(const std::list<ServiceConf>& services, Time now);
 
     /// Closes all tunnels and forgets what was assigned; for a service that is switched off.
     void CloseAll();
