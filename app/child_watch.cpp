@@ -106,8 +106,11 @@ bool ChildWatch::Add(pid_t pid) {
         close(pidfd);
         return false;
     }
-    children_[pid] = Child{pidfd, Time::max(), Time::max()};
-    return true;
+    const bool fresh = children_.emplace(pid, Child{pidfd, Time::max(), Time::max()}).second;
+    if (!fresh) {
+        close(pidfd);
+    }
+    return fresh;
 }
 
 void ChildWatch::AddTo(fd_set& read, int& maxfd) const {
@@ -120,6 +123,15 @@ void ChildWatch::AddTo(fd_set& read, int& maxfd) const {
 }
 
 void ChildWatch::Reap(Time now) {
+    // A client that ended before it was watched was left to us all the same. Nothing else is ever
+    // waited for here: the library collects its own children before it returns.
+    for (pid_t pid = waitpid(-1, nullptr, WNOHANG); pid > 0; pid = waitpid(-1, nullptr, WNOHANG)) {
+        const auto child = children_.find(pid);
+        if (child != children_.end()) {
+            close(child->second.pidfd);
+            children_.erase(child);
+        }
+    }
     for (auto child = children_.begin(); child != children_.end();) {
         const auto [pid, entry] = *child;
         if (!HasEnded(entry.pidfd, milliseconds(0))) {
