@@ -104,9 +104,9 @@ bool IsRelayHost(const std::string& host) {
 }
 
 bool IsRelayUser(const std::string& user) {
+    // What the device's ssh takes: its configuration may put the name into a command.
     return !user.empty() && user.size() <= kLongestUser && user[0] != '-' &&
-           std::all_of(user.begin(), user.end(),
-                       [](char c) { return c > ' ' && c < 0x7f && c != '@'; });
+           ConsistsOf(user, "._-+=");
 }
 
 bool IsPort(int port) {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include <libdaemon/dfork.h>
 #include <libdaemon/dpid.h>
 #include <libdaemon/dsignal.h>
 
@@ -78,6 +79,7 @@ void PrepareProcess() {
 }
 
 int RunDaemon(bool foreground) {
+    (void)daemon_close_all(-1); // what was inherited would be held for years
     const std::string path = paths::ConfigFile();
     bool unusable = false;
     const auto faults = app::CheckConfigFile(path, true, unusable);
@@ -87,7 +89,7 @@ int RunDaemon(bool foreground) {
     }
     Daemon::SetName(kName);
     app::RemoveStalePidFile();
-    RelaydConf conf(path.c_str());
+    RelaydConf conf(path.c_str()); // before Init, which logs where the configuration says
     // In the background the fork opens the log file; in the foreground whoever typed the command
     // still sees why it does not start.
     Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
