@@ -19,6 +19,7 @@ constexpr long kConnectTimeoutSeconds = 60;
 constexpr long kTransferTimeoutSeconds = 20;
 constexpr long kForever = -1;
 constexpr std::size_t kHostText = 128; // bytes
+constexpr std::size_t kMostCookies = 64;
 /// No server of ours sends as much, and a hostile one must not fill the memory of the appliance:
 /// parsed JSON takes some fifty times its text.
 constexpr std::size_t kLargestResponse = std::size_t{1} << 20;
@@ -188,7 +189,8 @@ bool Request::SetTransferOptions() {
 
 bool Request::SetReplyOptions() {
     memset(error_, 0, sizeof error_);
-    return SET_OPTION(handle_, CURLOPT_ERRORBUFFER, error_);
+    return SET_OPTION(handle_, CURLOPT_WRITEFUNCTION, &Request::OnData) &&
+           SET_OPTION(handle_, CURLOPT_ERRORBUFFER, error_);
 }
 
 bool Request::SetTlsOptions() {
@@ -342,7 +344,14 @@ bool Request::SaveCookies() {
         return false;
     }
     const std::string host = HostOf(url_);
+    std::size_t count = 0;
     for (const curl_slist* line = lines; line != nullptr; line = line->next) {
+        if (++count > kMostCookies) {
+            // A server that sends ever new ones would fill the memory of every request.
+            RELAY_LOG(4, "more than %zu cookies, forgetting all", kMostCookies);
+            (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, "ALL");
+            break;
+        }
         if (strncmp(line->data, host.c_str(), host.size()) == 0) {
             cookies_.emplace_back(line->data);
         }
