@@ -123,7 +123,7 @@ RELAYD_RET RespErrMap(RELAYSERVER_ERR err) {
     case RELAYSERVER_ERR_NO_SUCH_API:
     case RELAYSERVER_ERR_NO_SUCH_SERV:
     case RELAYSERVER_ERR_NOT_SUPPORTED_VERSION:
-    case RELAYSERVER_ERR_INPUT:
+    case RELAYSERVER_ERR_INPUT: // a server that takes our input for wrong won't take it later
         break;
     }
     return RELAYD_RET_NOT_SUPPORT; // also for every number that this version does not know

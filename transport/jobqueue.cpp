@@ -49,6 +49,7 @@ bool Job::Write(Json::Value& out) const {
 // --- JobQueue
 
 JobQueue::JobQueue() : multi_(nullptr), running_(0) {
+    // These two texts end their own line, and so leave an empty one: it is how they are known.
     if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
         RELAY_LOG(3, "curl_global_init() failed\n");
     }
@@ -59,7 +60,7 @@ JobQueue::JobQueue() : multi_(nullptr), running_(0) {
 }
 
 JobQueue::~JobQueue() {
-    curl_global_cleanup();
+    curl_global_cleanup(); // first, on purpose; libcurl takes it
     if (multi_ != nullptr) {
         curl_multi_cleanup(multi_);
     }
@@ -107,8 +108,9 @@ bool JobQueue::CheckStart(Job& job) {
         return true;
     }
     if (Daemon::IsLogEnable(7)) {
-        std::cerr << "\033[34madd request\033[0m: " << job.request->GetUrl() << " "
-                  << job.request->GetData() << std::endl;
+        const std::string data = job.request->GetData(); // JSON ends its line by itself
+        std::cerr << "\033[34madd request\033[0m: " << job.request->GetUrl() << " " << data
+                  << (!data.empty() && data.back() == '\n' ? "" : "\n") << std::flush;
     }
     if (!job.request->JobAdd(multi_)) {
         RELAY_LOG(7, "add %s failed", job.request->GetData().c_str());

@@ -1,4 +1,5 @@
-/// Sets an option of a libcurl easy handle; true when it was taken, else it is logged.
+/// Sets an option of a libcurl easy handle; true when it was taken, else it is logged, in a text
+/// that has no blank before its "to".
 #pragma once
 
 #include <curl/curl.h>

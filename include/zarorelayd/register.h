@@ -33,6 +33,7 @@ public:
     bool ParseResponse(RelaydConf& conf, const Json::Value& request, const Json::Value& response);
 
     // The steps of the above.
+    /// (So spelled for all who link it.)
     bool GetReigsterCommand(const RelaydConf& conf, Json::Value& out);
     /// False when nothing changed.
     bool GetNetworkChanges(const RelaydConf& old, const RelaydConf& cur, Json::Value& out);

@@ -82,7 +82,7 @@ public:
     bool IsDataValid(const Json::Value& data) const;
 
     /// Appends "name=value" pairs joined by "&" to `out`, in the order of the names. Nothing is
-    /// escaped; members that are no strings go out empty.
+    /// escaped; objects and arrays go out empty.
     static void ToPostRequest(const Json::Value& fields, std::string& out);
 
     /// What is to be sent, and where. False when no request has been set.

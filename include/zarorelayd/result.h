@@ -36,7 +36,7 @@ enum RELAYD_STATE : int {
     RELAYD_STATE_CONNECTED = 5,
     RELAYD_STATE_CONNECTED_ALT = 6,
     RELAYD_STATE_LOGOUT = 7,
-    RELAYD_STATE_STOPED = 8,
+    RELAYD_STATE_STOPED = 8, ///< as its text, so spelled for all who read it
 };
 
 /// Error numbers of the control server. A server may send others; 12 is a gap.

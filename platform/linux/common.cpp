@@ -12,12 +12,12 @@
 namespace ZARO::Platform {
 namespace {
 
-thread_local int lastError = 0;
+thread_local int gLastError = 0;
 
 } // namespace
 
 int Fail(int error) noexcept {
-    lastError = error;
+    gLastError = error;
     return -1;
 }
 
@@ -123,5 +123,5 @@ bool IsYes(std::string_view value) {
 } // namespace ZARO::Platform
 
 unsigned int TLIBCErrGet(void) {
-    return static_cast<unsigned int>(ZARO::Platform::lastError);
+    return static_cast<unsigned int>(ZARO::Platform::gLastError);
 }
