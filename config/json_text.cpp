@@ -109,6 +109,7 @@ Reading ReadText(const std::string& path, FileText& out, bool ownOnly) {
         const bool missing = errno == ENOENT || errno == ENOTDIR || (ownOnly && errno == ELOOP);
         return missing ? Reading::Missing : Reading::Unreadable;
     }
+    out.opened = true;
     struct stat info = {};
     Reading result = Reading::Unreadable;
     int error = 0;

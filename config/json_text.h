@@ -41,6 +41,7 @@ enum class Reading {
 /// A file's text, and which file it was.
 struct FileText {
     std::string text;
+    bool opened = false; ///< so far it went at least
     dev_t device = 0;
     ino_t inode = 0;
 };

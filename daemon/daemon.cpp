@@ -302,7 +302,7 @@ bool Daemon::Init(bool doFork) {
     if (daemon_signal_init(SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGHUP, SIGUSR1, 0) < 0) {
         RELAY_LOG(3, "Could not register signal handlers (%s).", strerror(errno));
         (void)daemon_retval_send(kStartFailed);
-        (void)daemon_pid_file_remove();
+        (void)daemon_pid_file_remove(); // nobody runs who could be meant by it
         return false;
     }
     CloseSignalPipeOnExec();

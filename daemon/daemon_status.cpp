@@ -93,8 +93,7 @@ int Daemon::GetStatus(Json::Value& out) {
     LibInit();
     json::FileText file;
     const json::Reading reading = json::ReadText(paths::StatusFile(), file, true);
-    if (reading == json::Reading::Missing ||
-        (reading == json::Reading::Unreadable && errno == EACCES)) {
+    if (reading == json::Reading::Missing || !file.opened) {
         return kNotRunning;
     }
     if (reading != json::Reading::Done || !json::Parse(file.text, out)) {
@@ -153,6 +152,7 @@ int Daemon::DebugStatus(Json::Value& out) {
     }
     if (!EmptyDumpFile(path)) {
         syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", __FILE_NAME__, __LINE__);
+        unlink(path.c_str()); // what somebody planted must not be in the way for ever
         return RELAYD_RET_UNKNOWN;
     }
     if (daemon_pid_file_kill(SIGUSR1) < 0) {
@@ -181,7 +181,7 @@ int Daemon::Status(bool debug) {
         std::cout << "get status failed" << std::endl;
         return kNoStatus;
     }
-    std::replace_if(
+    std::replace_if( // it is printed on somebody's terminal
         serverId.begin(), serverId.end(), [](char c) { return c < ' ' || c == 0x7f; }, '?');
     std::cout << "serverID: " << serverId << std::endl << "state: " << state << std::endl;
     if (error != "success") {
