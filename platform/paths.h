@@ -35,6 +35,7 @@ inline std::string Below(const char* path) {
     return Root() + path;
 }
 
+// clang-format off
 // The library's files.
 inline std::string ConfigFile() { return Below("/usr/zaro/etc/zarorelayd.conf"); }
 inline std::string InfoFile() { return Below("/etc/zaroinfo.conf"); }
@@ -45,6 +46,7 @@ inline std::string ProgramDir() { return Below("/usr/zaro/bin"); }
 inline std::string SshProgram() { return Below("/usr/zaro/bin/ssh"); }
 inline std::string NotifyProgram() { return Below("/usr/zaro/bin/zarowosnotify"); }
 inline std::string MacFile() { return Below("/proc/sys/kernel/zaro_mac_address1"); }
+// clang-format on
 
 /// Where the daemon with that process id writes its dump.
 inline std::string DebugFile(pid_t daemon) {
@@ -61,6 +63,7 @@ inline std::string PasswordFile(pid_t daemon, const std::string& service) {
     return path;
 }
 
+// clang-format off
 // The stock-Linux platform's files.
 inline std::string ServicesDir() { return Below("/usr/zaro/etc/services.d"); }
 inline std::string PortForwardFile() { return Below("/usr/zaro/etc/portforward.conf"); }
@@ -70,5 +73,6 @@ inline std::string ClusterFile() { return Below("/usr/zaro/etc/ha.conf"); }
 inline std::string SshDir() { return Below("/usr/zaro/etc/ssh"); }
 inline std::string NetClassDir() { return Below("/sys/class/net"); }
 inline std::string RouteFile() { return Below("/proc/net/route"); }
+// clang-format on
 
 } // namespace ZARO::Relay::paths
