@@ -45,7 +45,7 @@ TEST(DaemonControl, TellsTheWholeTruthWhileItIsBusy) {
 }
 
 TEST(DaemonControl, KeepsItsAliasUntilItRunsOut) {
-    const HubProcess hub(50, {"--alias-ttl", "2"});
+    const HubProcess hub(50, "--alias-ttl 2");
     Device owner(hub, "01");
     Device rival(hub, "02");
     const auto set = [&](const Device& device, const std::string& name) {

@@ -6,11 +6,10 @@ namespace {
 
 class HubAlias : public ::testing::Test {
 protected:
-    void Start() {
-        ASSERT_TRUE(hub_.Start());
+    explicit HubAlias(const char* options = "") : hub_(1, options) {
         for (int number : {1, 2}) {
-            devices_.emplace_back(hub_.hub->HttpsPort(), number);
-            ASSERT_EQ(Errnos(devices_.back().Publish("web")), "0 0");
+            devices_.emplace_back(hub_, number);
+            EXPECT_EQ(Errnos(devices_.back().Publish("web")), "0 0");
         }
     }
     std::string Ask(const std::string& form, const std::string& page = "/alias_update.php") {
@@ -27,18 +26,12 @@ protected:
         return Ask("action=query_alias&alias=" + name, "/alias_query.php");
     }
 
-    TestHub hub_;
+    const HubProcess hub_;
     std::vector<TestDevice> devices_;
 };
 
 TEST_F(HubAlias, AnswersWithItsWords) {
-    Start();
-    const struct {
-        int device;
-        const char* action;
-        const char* name;
-        const char* word;
-    } kSteps[] = {
+    const std::tuple<int, const char*, const char*, const char*> kSteps[] = {
         {1, "keep_alive_alias", "home", "alias_not_found"},
         {1, "delete_alias", "home", "alias_not_found"},
         {1, "map_alias", "home", "good"},
@@ -60,9 +53,8 @@ TEST_F(HubAlias, AnswersWithItsWords) {
         {1, "steal_alias", "home", "badparam"},
         {1, "query_alias", "home", "badparam"},
     };
-    for (const auto& step : kSteps) {
-        EXPECT_EQ(Update(step.device, step.action, step.name), step.word)
-            << step.device << " " << step.action << " " << step.name;
+    for (const auto& [device, action, name, word] : kSteps) {
+        EXPECT_EQ(Update(device, action, name), word) << device << " " << action << " " << name;
     }
     EXPECT_EQ(Update(1, "map_alias", std::string(63, 'a')), "good");
     EXPECT_EQ(Update(1, "map_alias", std::string(64, 'a')), "badparam");
@@ -72,12 +64,8 @@ TEST_F(HubAlias, AnswersWithItsWords) {
 }
 
 TEST_F(HubAlias, ChecksCredentials) {
-    Start();
     const std::string good = "action=map_alias&alias=x&id=" + devices_[0].id + "&serial=SERIAL-1";
-    const struct {
-        std::string form;
-        const char* word;
-    } kRows[] = {
+    const std::pair<std::string, const char*> kRows[] = {
         {good + "&token=token1", "good"},
         {good + "&token=token2", "badauth"},
         {good + "&token=", "badparam"},
@@ -88,13 +76,12 @@ TEST_F(HubAlias, ChecksCredentials) {
         {"action=map_alias&alias=x&id=1&serial=NOBODY&token=token1", "badauth"},
         {"&&=&&&%%%=%&" + good + "&token=token1", "good"},
     };
-    for (const auto& row : kRows) {
-        EXPECT_EQ(Ask(row.form), row.word) << row.form;
+    for (const auto& [form, word] : kRows) {
+        EXPECT_EQ(Ask(form), word) << form;
     }
 }
 
 TEST_F(HubAlias, ShowsTheServicesToAnybody) {
-    Start();
     EXPECT_EQ(Query("home"), "alias_not_found");
     ASSERT_EQ(Update(1, "map_alias", "home"), "good");
     const Json::Value reply = Parse(Query("home"));
@@ -105,16 +92,18 @@ TEST_F(HubAlias, ShowsTheServicesToAnybody) {
     EXPECT_EQ(web["id"], "web");
     EXPECT_FALSE(web["relay_up"].asBool());
     EXPECT_EQ(Query("home").find("pass"), std::string::npos);
-    httplib::Client plain("127.0.0.1", hub_.hub->HttpPort());
+    httplib::Client plain("127.0.0.1", hub_.HttpPort());
     const httplib::Result result = plain.Post("/alias_query.php", "action=query_alias", "text");
     EXPECT_TRUE(result && result->status == 404) << "tokens never travel in the clear";
 }
 
-TEST_F(HubAlias, FreesWhatIsNotKeptAlive) {
-    hub_.options.aliasTtl = std::chrono::seconds(1);
-    Start();
+struct HubAliasOfOneSecond : HubAlias {
+    HubAliasOfOneSecond() : HubAlias("--alias-ttl 1") {}
+};
+
+TEST_F(HubAliasOfOneSecond, FreesWhatIsNotKeptAlive) {
     ASSERT_EQ(Update(1, "map_alias", "home"), "good");
-    EXPECT_TRUE(Eventually([&] { return Query("home") == "alias_not_found"; }));
+    EXPECT_TRUE(WaitFor([&] { return Query("home") == "alias_not_found"; }));
     EXPECT_EQ(Update(2, "map_alias", "home"), "good");
 }
 

@@ -1,65 +1,22 @@
-/// What the hub's tests share: a whole hub in this process, a device that speaks its protocol over
-/// HTTPS, the device's side of an SSH tunnel, and its visitors.
+/// What the hub's tests share: a device that speaks its protocol over HTTPS, and the device's side
+/// of an SSH tunnel.
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <json/json.h>
 #include <libssh/libssh.h>
-#include <poll.h>
-#include <stdlib.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "hub/fd.h"
 #include "hub/forms.h"
-#include "hub/hub.h"
+#include "tests/support/hub_process.h"
+#include "tests/support/json_text.h"
+#include "tests/support/web_service.h"
 
 namespace ZARO::RelayHub {
-
-constexpr auto kDeadline = std::chrono::seconds(20);
-
-/// Asks until `holds` does or the deadline is over; whether it did.
-template <typename Condition> bool Eventually(Condition holds) {
-    const auto end = std::chrono::steady_clock::now() + kDeadline;
-    while (!holds()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
-
-/// A folder that goes with the test.
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        char name[] = "/tmp/hubtestXXXXXX";
-        path_ = mkdtemp(name);
-    }
-    ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-inline Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::string problem;
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &problem)) << text;
-    return value;
-}
 
 /// The errno of each reply, e.g. "0 0 9".
 inline std::string Errnos(const Json::Value& replies) {
@@ -70,33 +27,10 @@ inline std::string Errnos(const Json::Value& replies) {
     return all;
 }
 
-class TestHub {
-public:
-    TestHub() {
-        options.data = folder.Path() + "/data";
-        options.httpPort = options.httpsPort = options.relayPort = 0;
-        // Beside each other: every process has its own part, away from the default range.
-        options.firstPort = 30000 + getpid() % 138 * 20;
-        options.lastPort = options.firstPort + 19;
-        options.hold = std::chrono::milliseconds(300);
-    }
-    bool Start() {
-        hub = std::make_unique<Hub>(options);
-        std::string error;
-        const bool started = hub->Start(&error);
-        EXPECT_TRUE(started) << error;
-        return started;
-    }
-
-    TemporaryFolder folder;
-    HubOptions options;
-    std::unique_ptr<Hub> hub;
-};
-
 /// A registered or still unknown device. Its identity follows from `number`.
 class TestDevice {
 public:
-    explicit TestDevice(int httpsPort, int number = 1) : port_(httpsPort) {
+    explicit TestDevice(const HubProcess& hub, int number = 1) : port_(hub.HttpsPort()) {
         char text[32];
         snprintf(text, sizeof text, "02:00:4c:00:%02x:%02x", number / 256, number % 256);
         mac = text;
@@ -108,13 +42,9 @@ public:
     httplib::Result PostRaw(const std::string& body, const std::string& page = "/Serv.php") {
         httplib::SSLClient client("127.0.0.1", port_);
         client.enable_server_certificate_verification(false);
-        client.set_read_timeout(kDeadline);
-        httplib::Headers headers;
-        if (!cookie.empty()) {
-            headers.emplace("Cookie", "other=1; " + cookie);
-        }
-        httplib::Result result =
-            client.Post(page, headers, body, "application/x-www-form-urlencoded");
+        client.set_read_timeout(20);
+        httplib::Result result = client.Post(page, {{"Cookie", "other=1; " + cookie}}, body,
+                                             "application/x-www-form-urlencoded");
         if (result && result->has_header("Set-Cookie")) {
             const std::string line = result->get_header_value("Set-Cookie");
             cookie = line.substr(0, line.find(';'));
@@ -135,13 +65,12 @@ public:
         return Post("[" + RegisterCommand() + "," + Services("service_add", services) + "]");
     }
     static std::string Services(const std::string& kind, const std::string& services) {
+        std::istringstream ids(services);
         std::string list;
         int port = 1000;
-        for (size_t from = 0; from < services.size(); ++port) {
-            const size_t to = std::min(services.find(',', from), services.size());
-            list += (list.empty() ? R"({"id":")" : R"(,{"id":")") +
-                    services.substr(from, to - from) + R"(","port":)" + std::to_string(port) + "}";
-            from = to + 1;
+        for (std::string id; std::getline(ids, id, ','); ++port) {
+            list += std::string(list.empty() ? "" : ",") + R"({"id":")" + id + R"(","port":)" +
+                    std::to_string(port) + "}";
         }
         return R"({"version":1,"command":"update_service",")" + kind + "\":[" + list + "]}";
     }
@@ -151,6 +80,8 @@ public:
     }
     /// The reply to a lone wait command.
     Json::Value Wait(int revision) { return Post("[" + WaitCommand(revision) + "]")[0]; }
+    /// The revision now.
+    int Revision() { return Wait(0)["revision"].asInt(); }
     /// The tunnels that the device should have now, by service id.
     Json::Value Tunnels() {
         Json::Value byId(Json::objectValue);
@@ -167,11 +98,11 @@ private:
     int port_;
 };
 
-/// The device's end of an SSH connection to the relay, blocking.
-class TestTunnel {
+/// The device's end of an SSH connection to the relay, blocking. Its channels go with it.
+class TestTunnel : NoCopy {
 public:
-    explicit TestTunnel(int relayPort) : session_(ssh_new()) {
-        const unsigned port = static_cast<unsigned>(relayPort);
+    explicit TestTunnel(const HubProcess& hub) : session_(ssh_new()) {
+        const unsigned port = static_cast<unsigned>(hub.RelayPort());
         const bool noFiles = false;
         ssh_options_set(session_, SSH_OPTIONS_HOST, "127.0.0.1");
         ssh_options_set(session_, SSH_OPTIONS_PORT, &port);
@@ -182,8 +113,10 @@ public:
         ssh_disconnect(session_);
         ssh_free(session_);
     }
-    TestTunnel(const TestTunnel&) = delete;
-    TestTunnel& operator=(const TestTunnel&) = delete;
+    /// One that forwards.
+    TestTunnel(const HubProcess& hub, const Json::Value& tunnel) : TestTunnel(hub) {
+        EXPECT_TRUE(LogIn(tunnel) && Forward(tunnel["relay_port"].asInt()));
+    }
 
     bool LogIn(const Json::Value& tunnel) {
         return LogIn(tunnel["relay_user"].asString(), tunnel["relay_pass"].asString());
@@ -196,26 +129,21 @@ public:
     bool Forward(int port) {
         return ssh_channel_listen_forward(session_, "localhost", port, nullptr) == SSH_OK;
     }
-    bool Open(const Json::Value& tunnel) {
-        return LogIn(tunnel) && Forward(tunnel["relay_port"].asInt());
-    }
-    /// The channel of the next visitor; null when none comes.
+    /// The channel of the next visitor.
     ssh_channel Accept() {
         int port = 0;
-        return ssh_channel_open_forward_port(session_, 10000, &port, nullptr, nullptr);
+        ssh_channel channel =
+            ssh_channel_open_forward_port(session_, 10000, &port, nullptr, nullptr);
+        return channel != nullptr ? channel : throw std::runtime_error("no visitor came");
     }
     /// Everything the visitor sends until it ends its side.
     static std::string ReadAll(ssh_channel channel) {
         std::string all;
-        std::vector<char> buffer(65536);
-        for (;;) {
-            const int got =
-                ssh_channel_read(channel, buffer.data(), static_cast<uint32_t>(buffer.size()), 0);
-            if (got <= 0) {
-                return all;
-            }
-            all.append(buffer.data(), static_cast<size_t>(got));
+        char block[65536];
+        for (int got = 0; (got = ssh_channel_read(channel, block, sizeof block, 0)) > 0;) {
+            all.append(block, static_cast<size_t>(got));
         }
+        return all;
     }
     static bool Write(ssh_channel channel, const std::string& data) {
         return ssh_channel_write(channel, data.data(), static_cast<uint32_t>(data.size())) ==
@@ -230,52 +158,6 @@ public:
 
 private:
     const ssh_session session_;
-};
-
-/// A visitor, or any other plain TCP client.
-class TestVisitor {
-public:
-    explicit TestVisitor(int port) : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(static_cast<uint16_t>(port));
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        const timeval limit{kDeadline.count(), 0};
-        (void)setsockopt(fd_.Get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        connected_ = connect(fd_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    bool IsConnected() const { return connected_; }
-    bool Send(const std::string& data) {
-        size_t done = 0;
-        while (done < data.size()) {
-            const ssize_t sent =
-                send(fd_.Get(), data.data() + done, data.size() - done, MSG_NOSIGNAL);
-            if (sent <= 0) {
-                return false;
-            }
-            done += static_cast<size_t>(sent);
-        }
-        return true;
-    }
-    void EndSending() { shutdown(fd_.Get(), SHUT_WR); }
-    /// What comes until the other side ends, or `size` bytes.
-    std::string Read(size_t size = SIZE_MAX) {
-        std::string all;
-        char buffer[65536];
-        while (all.size() < size) {
-            const ssize_t got =
-                recv(fd_.Get(), buffer, std::min(sizeof buffer, size - all.size()), 0);
-            if (got <= 0) {
-                break;
-            }
-            all.append(buffer, static_cast<size_t>(got));
-        }
-        return all;
-    }
-
-private:
-    const Fd fd_;
-    bool connected_ = false;
 };
 
 /// Bytes that show it when some are lost, doubled or moved.

@@ -15,8 +15,8 @@
 class HubProcess : NoCopy {
 public:
     /// `hold`: seconds that it holds a wait command; `more`: further options.
-    explicit HubProcess(int hold = 50, std::vector<std::string> more = {})
-        : hold_(hold), more_(std::move(more)) {
+    explicit HubProcess(int hold = 50, const std::string& more = "")
+        : options_(" --log-level 7 --hold " + std::to_string(hold) + " " + more) {
         ReservePorts();
         folder_ = (std::filesystem::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
@@ -25,7 +25,7 @@ public:
         Start();
     }
     ~HubProcess() {
-        process_.reset();
+        End();
         std::error_code ignored; // what can't be removed stays in the temporary folder
         std::filesystem::remove_all(folder_, ignored);
         close(reservation_);
@@ -39,30 +39,27 @@ public:
     void Start() {
         const std::size_t starts = Count("relay ssh://");
         const auto port = [this](int offset) { return std::to_string(first_ + offset); };
-        std::vector<std::string> line = {ZARO_HUB,
-                                         "--data",
-                                         folder_ + "/data",
-                                         "--http-port",
-                                         port(0),
-                                         "--https-port",
-                                         port(1),
-                                         "--relay-port",
-                                         port(2),
-                                         "--ports",
-                                         port(10) + "-" + port(99),
-                                         "--hold",
-                                         std::to_string(hold_),
-                                         "--log-level",
-                                         "7"};
-        line.insert(line.end(), more_.begin(), more_.end());
-        process_ = std::make_unique<Process>(line, folder_ + "/log");
+        process_ = std::make_unique<Process>(Words(ZARO_HUB " --data " + Data() + " --http-port " +
+                                                   port(0) + " --https-port " + port(1) +
+                                                   " --relay-port " + port(2) + " --ports " +
+                                                   port(10) + "-" + port(99) + options_),
+                                             folder_ + "/log");
         if (!WaitFor([&] { return Count("relay ssh://") > starts; })) {
             throw std::runtime_error("no hub: " + Log());
         }
     }
 
     void Kill() { process_.reset(); }
+    /// In order, as it always can.
+    void End() const {
+        if (process_ != nullptr) {
+            process_->Signal(SIGTERM);
+            EXPECT_EQ(process_->Wait(seconds(10)), 0) << Log();
+        }
+    }
 
+    Process& Program() const { return *process_; }
+    std::string Data() const { return folder_ + "/data"; }
     std::string Log() const { return ReadFile(folder_ + "/log"); }
     std::size_t Count(const std::string& text) const { return ::Count(Log(), text); }
     std::size_t Registrations() const { return Count(" registered as "); }
@@ -83,8 +80,7 @@ private:
         throw std::runtime_error("no ports left");
     }
 
-    const int hold_;
-    const std::vector<std::string> more_;
+    const std::string options_;
     int first_ = 0;
     int reservation_ = -1;
     std::string folder_;

@@ -9,6 +9,15 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <vector>
+
+inline std::vector<std::string> Words(const std::string& text) {
+    std::istringstream in(text);
+    return {std::istream_iterator<std::string>(in), {}};
+}
 
 /// Waits for a condition; false when it does not come true within 10 s.
 template <class Done> bool WaitFor(Done done) {

@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -20,8 +19,3 @@
 struct RootTest : testing::Test {
     TempRoot root_;
 };
-
-inline std::vector<std::string> Words(const std::string& text) {
-    std::istringstream in(text);
-    return {std::istream_iterator<std::string>(in), {}};
-}

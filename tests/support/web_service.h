@@ -79,7 +79,7 @@ private:
     std::thread thread_;
 };
 
-/// A visitor of a port of 127.0.0.1.
+/// A visitor of a port of 127.0.0.1, or any other plain TCP client.
 class Visitor : NoCopy {
 public:
     explicit Visitor(int port) {
@@ -89,6 +89,31 @@ public:
     ~Visitor() { close(fd_); }
 
     bool IsRefused() const { return refused_; }
+
+    /// Whether the other side still takes all of it.
+    bool Send(const std::string& text) const {
+        ssize_t sent = 0;
+        for (std::size_t done = 0; done < text.size(); done += static_cast<std::size_t>(sent)) {
+            sent = send(fd_, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+            if (sent <= 0) {
+                return false;
+            }
+        }
+        return true;
+    }
+    void EndSending() const { shutdown(fd_, SHUT_WR); }
+
+    /// What comes until the other side ends, or `size` bytes, or nothing for 20 s.
+    std::string Read(std::size_t size = SIZE_MAX) const {
+        std::string all;
+        char block[65536];
+        pollfd ready = {fd_, POLLIN, 0};
+        for (ssize_t got = 1; got > 0 && all.size() < size && poll(&ready, 1, 20000) == 1;) {
+            got = recv(fd_, block, std::min(sizeof block, size - all.size()), 0);
+            all.append(block, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+        }
+        return all;
+    }
 
     /// The next line, without its end; what there is of it when nothing comes for a second.
     std::string Line() const {
@@ -102,10 +127,7 @@ public:
     }
 
     /// What comes back for a line.
-    std::string Ask(const std::string& line) const {
-        (void)send(fd_, (line + "\n").data(), line.size() + 1, MSG_NOSIGNAL);
-        return Line();
-    }
+    std::string Ask(const std::string& line) const { return Send(line + "\n") ? Line() : ""; }
 
 private:
     const int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
