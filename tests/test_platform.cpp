@@ -1,26 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <signal.h>
 #include <string.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <functional>
 #include <random>
 #include <set>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
+#include "tests/support/process.h"
 #include "tests/support/temp_root.h"
 #include "zaro/platform.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using std::string;
 
 const string kInfo = "/etc/zaroinfo.conf";
@@ -28,7 +23,7 @@ const string kKey = "/usr/zaro/etc/device.key";
 const string kServices = "/usr/zaro/etc/services.d/";
 
 /// Runs `body` in a process of its own. Its end is the caller's to wait for.
-pid_t Fork(const std::function<void()>& body) {
+template <class Body> pid_t Fork(Body body) {
     const pid_t pid = fork();
     if (pid == 0) {
         body();
@@ -37,10 +32,25 @@ pid_t Fork(const std::function<void()>& body) {
     return pid;
 }
 
-int WaitFor(pid_t pid) {
-    int status = -1;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    return status;
+/// Runs `body` with each word in a process of its own, all at once, and waits for their ends.
+template <class Body> void AtOnce(std::initializer_list<const char*> words, Body body) {
+    int start[2];
+    ASSERT_EQ(pipe(start), 0);
+    for (const char* word : words) {
+        Fork([&] {
+            char none;
+            close(start[1]);
+            (void)!read(start[0], &none, 1); // returns when the parent lets all go
+            body(word);
+        });
+    }
+    close(start[0]);
+    close(start[1]);
+    for (size_t i = 0; i < words.size(); ++i) {
+        int status = -1;
+        EXPECT_GT(wait(&status), 0);
+        EXPECT_EQ(status, 0);
+    }
 }
 
 struct stat Stat(const string& file) {
@@ -57,33 +67,28 @@ string GetKey(const string& file, const char* key, int size = 64) {
 }
 
 TEST(Settings, ReadsKeyOfFile) {
-    const struct {
-        const char* name;
-        string text;
-        const char* value;
-        int size = 64;
-    } rows[] = {
-        {"quoted", "k=\"a b\"\n", "a b"},
-        {"plain", "k=a b \n", "a b"},
-        {"blanks around", "\t k \t= \"a\" \r\n", "a"},
-        {"no line end at the end of the file", "x=1\nk=a", "a"},
-        {"comments after values", "k=\"a#b\" # \"c\"\n", "a#b"},
-        {"number sign within a plain value", "k=a#b #c\n", "a#b"},
-        {"last one wins", "k=\"a\"\nk=b\n", "b"},
-        {"comment", "#k=a\n # k=b\n", ""},
-        {"longer key", "kk=a\nxk=b\n", ""},
-        {"unclosed quote says nothing", "k=a\nk=\"b\n", "a"},
-        {"text after the quote says nothing", "k=a\nk=\"b\"c\n", "a"},
-        {"zero byte says nothing", string("k=a\0b\n\xff\xfe=\n=\n", 13), ""},
-        {"empty", "k=\nx=1\n", ""},
+    const std::tuple<const char*, string, const char*, int> rows[] = {
+        {"quoted", "k=\"a b\"\n", "a b", 64},
+        {"plain", "k=a b \n", "a b", 64},
+        {"blanks around", "\t k \t= \"a\" \r\n", "a", 64},
+        {"no line end at the end of the file", "x=1\nk=a", "a", 64},
+        {"comments after values", "k=\"a#b\" # \"c\"\n", "a#b", 64},
+        {"number sign within a plain value", "k=a#b #c\n", "a#b", 64},
+        {"last one wins", "k=\"a\"\nk=b\n", "b", 64},
+        {"comment", "#k=a\n # k=b\n", "", 64},
+        {"longer key", "kk=a\nxk=b\n", "", 64},
+        {"unclosed quote says nothing", "k=a\nk=\"b\n", "a", 64},
+        {"text after the quote says nothing", "k=a\nk=\"b\"c\n", "a", 64},
+        {"zero byte says nothing", string("k=a\0b\n\xff\xfe=\n=\n", 13), "", 64},
+        {"empty", "k=\nx=1\n", "", 64},
         {"cut to the buffer", "k=abcdefgh\n", "abcdefg", 8},
         {"never cut within a character", "k=abcdef\xc3\xa4\n", "abcdef", 8},
         {"no room for a character", "k=a\n", "", 1},
     };
     const TempRoot root;
-    for (const auto& row : rows) {
-        root.Write(kInfo, row.text);
-        EXPECT_EQ(GetKey(root.Path(kInfo), "k", row.size), row.value) << row.name;
+    for (const auto& [name, text, value, size] : rows) {
+        root.Write(kInfo, text);
+        EXPECT_EQ(GetKey(root.Path(kInfo), "k", size), value) << name;
     }
 }
 
@@ -101,28 +106,19 @@ TEST(Settings, RefusesWhatIsNoSmallRegularFile) {
 }
 
 TEST(Settings, WritesKeyAndKeepsTheRest) {
-    const struct {
-        const char* name;
-        const char* before;
-        const char* value;
-        const char* after;
-    } rows[] = {
-        {"added", "# c\nx=1\n", "v", "# c\nx=1\nk=\"v\"\n"},
-        {"added after an unfinished line", "x=1", "v", "x=1\nk=\"v\"\n"},
-        {"replaced in its place", "a=1\n k = old # why\n#k=2\nz=\n", "v",
-         "a=1\n k = \"v\" # why\n#k=2\nz=\n"},
-        {"every one", "k=1\nk=\"2\"\r\n", "v", "k=\"v\"\nk=\"v\"\r\n"},
-        {"was empty", "k=# none\n", "v", "k=\"v\"# none\n"},
+    const char* const rows[][4] = {
+        {"added after an unfinished line", "# c\nx=1", "v", "# c\nx=1\nk=\"v\"\n"},
+        {"in its place, every one", "z=\n k = old # why\n#k=2\nk=\"2\"\r\nk=# none\nx=1\n", "v",
+         "z=\n k = \"v\" # why\n#k=2\nk=\"v\"\r\nk=\"v\"# none\nx=1\n"},
         {"beside a broken line", "k=\"1\n", "v", "k=\"1\nk=\"v\"\n"},
         {"with odd characters", "k=1\n", "a=b #c\\", "k=\"a=b #c\\\"\n"},
         {"emptied", "k=1\n", "", "k=\"\"\n"},
     };
     const TempRoot root;
-    for (const auto& row : rows) {
-        root.Write(kInfo, row.before);
-        EXPECT_GE(TLIBCINFOSetKeyValue("k", row.value), 0) << row.name;
-        EXPECT_EQ(root.Read(kInfo), row.after) << row.name;
-        EXPECT_EQ(GetKey(root.Path(kInfo), "k"), row.value) << row.name;
+    for (const auto& [name, before, value, after] : rows) {
+        root.Write(kInfo, before);
+        EXPECT_GE(TLIBCINFOSetKeyValue("k", value), 0) << name;
+        EXPECT_EQ(root.Read(kInfo), after) << name;
     }
 }
 
@@ -176,10 +172,7 @@ TEST(Settings, PlantedLockOrRemainsDoNoHarm) {
 
 TEST(Settings, ReaderSeesWholeFilesWhileWritersAreKilled) {
     const TempRoot root;
-    string filler;
-    for (int i = 0; i < 2000; ++i) {
-        filler += "# line " + std::to_string(i) + "\n";
-    }
+    const string filler = string(20000, '#') + "\n";
     const string even = filler + "k=\"even\"\nlast=yes\n";
     const string odd = filler + "k=\"odd\"\nlast=yes\n";
     root.Write(kInfo, even);
@@ -197,7 +190,7 @@ TEST(Settings, ReaderSeesWholeFilesWhileWritersAreKilled) {
             seen.insert(root.Read(kInfo));
         } while (Clock::now() < end);
         kill(writer, SIGKILL);
-        WaitFor(writer);
+        waitpid(writer, nullptr, 0);
     }
     EXPECT_TRUE(seen == std::set<string>({even, odd})) << seen.size() << " states seen, not 2";
     const auto begin = std::filesystem::directory_iterator(root.Path("/etc"));
@@ -206,17 +199,11 @@ TEST(Settings, ReaderSeesWholeFilesWhileWritersAreKilled) {
 
 TEST(Settings, WritersDoNotLoseEachOthersKeys) {
     const TempRoot root;
-    std::vector<pid_t> writers;
-    for (const char* key : {"a", "b", "c", "d"}) {
-        writers.push_back(Fork([key] {
-            for (int i = 1; i <= 25; ++i) {
-                TLIBCINFOSetKeyValue(key, std::to_string(i).c_str());
-            }
-        }));
-    }
-    for (const pid_t writer : writers) {
-        EXPECT_EQ(WaitFor(writer), 0);
-    }
+    AtOnce({"a", "b", "c", "d"}, [](const char* key) {
+        for (int i = 1; i <= 25; ++i) {
+            TLIBCINFOSetKeyValue(key, std::to_string(i).c_str());
+        }
+    });
     for (const char* key : {"a", "b", "c", "d"}) {
         EXPECT_EQ(GetKey(root.Path(kInfo), key), "25") << key;
     }
@@ -229,18 +216,15 @@ TEST(Sections, FindsByValueAndByName) {
                "service=photo\nr_port=90\nr_port=99999999\nvery_long_key=x\n[broken\nservice=lost\n"
                "[toolong8]\nservice=far\n[]\nservice=none\n");
     const string file = TLIBServiceRouterBasepathGet();
-    const std::pair<const char*, string> byValue[] = {{"web", "1 service"}, {"photo", "2 service"},
-                                                      {"x", "2 very_lo"},   {"we", ""},
-                                                      {"early", ""},        {"off", ""},
-                                                      {"lost", ""},         {"far", ""},
-                                                      {"none", ""}};
-    for (const auto& [value, expected] : byValue) {
-        char section[8];
-        char key[8];
-        const bool found = TLIBCFileGetSectionByValue(file.c_str(), value, section, sizeof section,
-                                                      key, sizeof key) >= 0;
-        EXPECT_EQ(found ? string(section) + " " + key : "", expected) << value;
+    string found; // where each value stands
+    for (const char* value :
+         {"web", "photo", "x", "we", "early", "off", "lost", "far", "none", "8080"}) {
+        char at[2][8] = {};
+        TLIBCFileGetSectionByValue(file.c_str(), value, at[0], 8, at[1], 8);
+        found += string(value) + ":" + at[0] + " " + at[1] + ";";
     }
+    EXPECT_EQ(found, "web:1 service;photo:2 service;x:2 very_lo;we: ;early: ;off: ;lost: ;far: ;"
+                     "none: ;8080:1 r_port;");
     const char* const byName[][3] = {{"1", "r_port", "8080"}, {"2", "r_port", "9999999"},
                                      {"1", "none", ""},       {"3", "r_port", ""},
                                      {"", "service", ""},     {"broken", "service", ""}};
@@ -252,18 +236,15 @@ TEST(Sections, FindsByValueAndByName) {
 }
 
 TEST(Services, ReadsEveryWholeDefinitionAndSkipsTheOthers) {
-    const struct {
-        const char* name;
-        const char* text;
-        const char* expected; // title, section, key; TCP and UDP ports; the list
-    } rows[] = {
+    // Name, file, what is read: title, section, key; TCP and UDP ports; the list.
+    const char* const rows[][3] = {
         {"web", "title=\"My web\"\nsection=s\nkey=k\ntcp=80\n", "My web s k 1 0 80"},
         {"many", "tcp=\"80, 81\t80\"\nudp=\"0053,81,\"\n", "   2 2 80 81 53"},
         {"none", "title=x\n", "x   0 0"},
     };
     const TempRoot root;
-    for (const auto& row : rows) {
-        root.Write(kServices + row.name + ".conf", row.text);
+    for (const auto& [name, text, expected] : rows) {
+        root.Write(kServices + name + ".conf", text);
     }
     int broken = 0;
     for (const char* ports : {"0", "65536", "99999999999", "-1", "80x", "80;81", "0x50", "80 -"}) {
@@ -277,16 +258,16 @@ TEST(Services, ReadsEveryWholeDefinitionAndSkipsTheOthers) {
     std::filesystem::create_directory(root.Path(kServices + "folder.conf"));
     ZARO_FW_SERVICE_LIST* list = nullptr;
     ASSERT_EQ(ZAROFwServiceEnum(&list), static_cast<int>(std::size(rows)));
-    for (const auto& row : rows) {
-        const ZARO_FW_SERVICE* found = ZAROFWServiceFind(list, row.name);
-        ASSERT_NE(found, nullptr) << row.name;
-        std::ostringstream text;
-        text << found->szTitle << ' ' << found->szSection << ' ' << found->szKey << ' '
+    for (const auto& [name, text, expected] : rows) {
+        const ZARO_FW_SERVICE* found = ZAROFWServiceFind(list, name);
+        ASSERT_NE(found, nullptr) << name;
+        std::ostringstream read;
+        read << found->szTitle << ' ' << found->szSection << ' ' << found->szKey << ' '
              << found->nTcp << ' ' << found->nUdp;
         for (int i = 0; const char* port = TLIBCSzListGet(found->pPorts, i); ++i) {
-            text << ' ' << port;
+            read << ' ' << port;
         }
-        EXPECT_EQ(text.str(), row.expected) << row.name;
+        EXPECT_EQ(read.str(), expected) << name;
     }
     EXPECT_EQ(ZAROFWServiceFind(list, "folder"), nullptr);
     ZAROFwServiceFree(list);
@@ -340,23 +321,11 @@ TEST(Token, ProcessesAtOnceEndWithOneIdentity) {
     std::set<string> serials;
     for (size_t round = 1; round <= 10; ++round) {
         std::filesystem::remove(root.Path(kKey));
-        int start[2];
-        ASSERT_EQ(pipe(start), 0);
-        std::vector<pid_t> children;
-        for (const char* answer : {"/a", "/b", "/c", "/d", "/e", "/f"}) {
-            children.push_back(Fork([&root, &start, answer] {
-                char text[2][36] = {};
-                close(start[1]);
-                (void)!read(start[0], text, 1); // returns when the parent lets all go
-                ZAROWstokenGetToken(text[0], 36, text[1], 36);
-                root.Write(answer, text[0]);
-            }));
-        }
-        close(start[0]);
-        close(start[1]);
-        for (const pid_t child : children) {
-            EXPECT_EQ(WaitFor(child), 0);
-        }
+        AtOnce({"/a", "/b", "/c", "/d", "/e", "/f"}, [&](const char* answer) {
+            char text[2][36] = {};
+            ZAROWstokenGetToken(text[0], 36, text[1], 36);
+            root.Write(answer, text[0]);
+        });
         for (const char* answer : {"/a", "/b", "/c", "/d", "/e", "/f"}) {
             serials.insert(root.Read(answer));
         }
@@ -369,12 +338,8 @@ TEST(Token, ProcessesAtOnceEndWithOneIdentity) {
 }
 
 TEST(Network, Eth0StandsForTheFirstPort) {
-    const struct {
-        const char* name;
-        std::vector<const char*> ports; // a '*' in front: a real device
-        const char* info;
-        const char* expected;
-    } rows[] = {
+    // Name, ports ('*' in front: a real device), settings, what stands for eth0.
+    const std::tuple<const char*, std::vector<const char*>, const char*, string> rows[] = {
         {"eth0 itself", {"*eth0", "*ena"}, "nic=ena\n", "eth0"},
         {"named", {"*ena", "br0"}, "nic=br0\n", "br0"},
         {"named but gone: nothing else", {"*ena"}, "nic=enb\n", ""},
@@ -383,22 +348,19 @@ TEST(Network, Eth0StandsForTheFirstPort) {
         {"default route where none is real", {"aaa", "route0"}, "", "route0"},
         {"none", {"aaa"}, "", ""},
     };
-    for (const auto& row : rows) {
+    for (const auto& [name, ports, info, expected] : rows) {
         const TempRoot root;
-        root.Write(kInfo, row.info);
-        root.Write("/proc/net/route",
-                   "Iface\nroute0\t00000000\t010200C0\t0003\t0\t0\t0\t00000000\n");
-        for (const char* port : row.ports) {
+        root.Write(kInfo, info);
+        root.Write("/proc/net/route", "\nroute0 00000000 010200C0 0003 0 0 0 00000000\n");
+        for (const char* port : ports) {
             const string folder = "/sys/class/net/" + string(port + (*port == '*'));
             root.Write(folder + "/address", "02:00:00:00:00:01\n");
-            if (*port == '*') {
-                root.Write(folder + "/device", "");
-            }
+            *port == '*' ? root.Write(folder + "/device", "") : void();
         }
         struct _tag_TLIB_NETIF record {};
-        EXPECT_EQ(ZARONetIFGetInfo("eth0", &record, 0) >= 0, *row.expected != '\0') << row.name;
-        EXPECT_STREQ(record.szName, row.expected) << row.name;
-        EXPECT_EQ(record.rgMac[5], *row.expected != '\0' ? 1 : 0) << row.name;
+        EXPECT_EQ(ZARONetIFGetInfo("eth0", &record, 0) >= 0, !expected.empty()) << name;
+        EXPECT_EQ(record.szName, expected) << name;
+        EXPECT_EQ(record.rgMac[5], expected.empty() ? 0 : 1) << name;
     }
 }
 
@@ -409,13 +371,11 @@ TEST(Network, ListsInterfacesWithTheRootsHardwareAddresses) {
     if (count < 0) {
         GTEST_SKIP() << "this machine has no address beside the loopback";
     }
-    const auto mac = [&records] {
-        return string(std::begin(records[0].rgMac), std::end(records[0].rgMac));
-    };
-    EXPECT_EQ(mac(), string(6, '\0')) << "the machine's own, not the root's";
+    const auto& mac = records[0].rgMac;
+    EXPECT_EQ(std::count(mac, mac + 6, 0), 6) << "the machine's own, not the root's";
     root.Write("/sys/class/net/" + string(records[0].szName) + "/address", "02:00:00:00:00:07\n");
     ASSERT_EQ(TLIBNetGetInterfaceInfo(records, 32, 2), count);
-    EXPECT_EQ(mac(), string("\2\0\0\0\0\7", 6));
+    EXPECT_EQ(string(mac, mac + 6), string("\2\0\0\0\0\7", 6));
     std::set<string> names;
     for (int i = 0; i < count; ++i) {
         in_addr address{};
@@ -429,12 +389,7 @@ TEST(Network, ListsInterfacesWithTheRootsHardwareAddresses) {
 }
 
 TEST(Exec, TellsStatusFromFailure) {
-    const struct {
-        const char* name;
-        const char* program;
-        const char* script;
-        int result;
-    } rows[] = {
+    const std::tuple<const char*, const char*, const char*, int> rows[] = {
         {"success", "/bin/sh", "test \"$1 $2\" = 'a b c'", 0},
         {"status", "/bin/sh", "exit 127", 127},
         {"missing", "/nowhere/sh", "", -1},
@@ -448,9 +403,8 @@ TEST(Exec, TellsStatusFromFailure) {
     sigaddset(&set, SIGUSR1);
     sigprocmask(SIG_BLOCK, &set, &before);
     const auto handler = signal(SIGTERM, SIG_IGN);
-    for (const auto& row : rows) {
-        EXPECT_EQ(TLIBCExec(row.program, "-c", row.script, "sh", "a b", "c", nullptr), row.result)
-            << row.name;
+    for (const auto& [name, program, script, result] : rows) {
+        EXPECT_EQ(TLIBCExec(program, "-c", script, "sh", "a b", "c", nullptr), result) << name;
     }
     signal(SIGTERM, handler);
     sigprocmask(SIG_SETMASK, &before, nullptr);
