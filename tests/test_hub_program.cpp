@@ -12,12 +12,9 @@
 namespace ZARO::RelayHub {
 namespace {
 
-/// The exit code, a blank and the output of the program with these options.
-std::string Outcome(const std::string& options) {
+std::string OutcomeOf(const std::string& options) {
     const TempRoot root;
-    Process program(Words(ZARO_HUB " " + options), root.Path("/output"), root.Dir());
-    const std::string code = std::to_string(program.Wait(seconds(10)));
-    return code + " " + root.Read("/output");
+    return Outcome(Words(ZARO_HUB " " + options), root.Dir());
 }
 
 TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {
@@ -35,17 +32,17 @@ TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {
         {"--version", "0 zarorelay-hub "},
     };
     for (const auto& [options, pattern] : kRows) {
-        const std::string outcome = Outcome(options);
+        const std::string outcome = OutcomeOf(options);
         EXPECT_THAT(outcome, testing::ContainsRegex(std::string("^") + pattern));
         EXPECT_EQ(outcome.find('\n'), outcome.size() - 1) << outcome;
     }
-    EXPECT_THAT(Outcome("--help"), testing::ContainsRegex("^0 .*\n.*--alias-ttl"));
+    EXPECT_THAT(OutcomeOf("--help"), testing::ContainsRegex("^0 .*\n.*--alias-ttl"));
 }
 
 TEST(HubProgram, RefusesASecondHub) {
     const HubProcess hub;
-    EXPECT_THAT(Outcome("--data " + hub.Data()), testing::ContainsRegex("^1 .*another hub"));
-    EXPECT_THAT(Outcome("--data x --relay-port " + std::to_string(hub.RelayPort())),
+    EXPECT_THAT(OutcomeOf("--data " + hub.Data()), testing::ContainsRegex("^1 .*another hub"));
+    EXPECT_THAT(OutcomeOf("--data x --relay-port " + std::to_string(hub.RelayPort())),
                 testing::ContainsRegex("^1 .*Address already in use"));
 }
 

@@ -189,3 +189,12 @@ private:
 
     std::unique_ptr<Process> daemon_;
 };
+
+/// A device that publishes one service, and its hub.
+struct DeviceTest : testing::Test {
+    DeviceTest() { device.Publish(web); }
+
+    HubProcess hub{600}; // no wait command ends by itself
+    const WebService web{"web"};
+    Device device{hub};
+};

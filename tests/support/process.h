@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -138,3 +139,14 @@ private:
     pid_t pid_ = -1;
     int code_ = kRuns;
 };
+
+/// Runs a program to its end: its exit code, a blank, and its output.
+inline std::string Outcome(const std::vector<std::string>& arguments,
+                           const std::string& folder = "/") {
+    const int file = memfd_create("output", MFD_CLOEXEC);
+    const std::string path = "/proc/self/fd/" + std::to_string(file);
+    const int code = Process(arguments, path, folder).Wait(seconds(10) * kSlow);
+    const std::string output = ReadFile(path);
+    close(file);
+    return std::to_string(code) + " " + output;
+}
