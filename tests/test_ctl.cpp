@@ -439,11 +439,9 @@ TEST_F(Ctl, CheckWaitsForNoServerForLong) {
     EXPECT_EQ(FirstBroken(document), "control server TLS");
 }
 
-TEST(CtlProgram, WorksWithARealDaemonAndHub) {
-    const HubProcess hub;
-    const WebService web("web");
-    Device device(hub);
-    device.Publish(web);
+using CtlProgram = DeviceTest;
+
+TEST_F(CtlProgram, WorksWithARealDaemonAndHub) {
     device.root.Write(kConfig, Compact(device.config));
     const auto run = [&](const std::string& words) {
         const auto program = Start(device.root, words, "env ZARO_TEST_DEVICE=" + device.root.Dir());

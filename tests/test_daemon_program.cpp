@@ -13,10 +13,12 @@ using testing::StartsWith;
 
 namespace {
 
+using DaemonProgram = DeviceTest;
+
 /// The exit code, a blank and the output of the program with these options.
-std::string Outcome(const Device& device, const std::vector<std::string>& options) {
+std::string Outcome(const Device& device, const std::string& options) {
     std::filesystem::remove(device.root.Path("/output"));
-    const int code = device.Run(options, "/output")->Wait(seconds(10));
+    const int code = device.Run(Words(options), "/output")->Wait(seconds(10));
     return std::to_string(code) + " " + device.root.Read("/output");
 }
 
@@ -29,11 +31,7 @@ std::string Fingerprint(const std::string& path) {
            ReadFile(path);
 }
 
-TEST(DaemonProgram, ServesSoonAfterItsStart) {
-    const HubProcess hub;
-    const WebService web("web");
-    Device device(hub);
-    device.Publish(web);
+TEST_F(DaemonProgram, ServesSoonAfterItsStart) {
     device.Start();
     EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
         << device.Log();
@@ -42,21 +40,17 @@ TEST(DaemonProgram, ServesSoonAfterItsStart) {
     EXPECT_EQ(device.root.Read(Device::kPidFile), std::to_string(device.Daemon().Pid()) + "\n");
 }
 
-TEST(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
-    const HubProcess hub;
-    const WebService kept("kept");
+TEST_F(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
     const WebService moved("moved");
     const WebService elsewhere("elsewhere");
-    Device device(hub);
-    device.Publish(kept);
     device.Publish(moved);
     device.Start();
-    ASSERT_TRUE(WaitFor([&] { return device.Serves(kept) && device.Serves(moved); }));
-    const pid_t keptSsh = device.Ssh("kept");
+    ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.Serves(moved); }));
+    const pid_t kept = device.Ssh("web");
     const pid_t movedSsh = device.Ssh("moved");
     const int port = device.RelayPort("moved");
-    const Visitor visitor(device.RelayPort("kept"));
-    EXPECT_EQ(visitor.Line(), "kept");
+    const Visitor visitor(device.RelayPort("web"));
+    EXPECT_EQ(visitor.Line(), "web");
 
     device.Define("moved", elsewhere.Port());
     device.Reload([](Json::Value&) {});
@@ -67,16 +61,14 @@ TEST(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
     device.Reload([](Json::Value& now) { now["service"].resize(1); });
     EXPECT_TRUE(Takes("withdrawal", seconds(2),
                       [&] { return Visitor(port).IsRefused() && device.Ssh("moved") < 0; }));
-    EXPECT_EQ(device.Ssh("kept"), keptSsh);
+    EXPECT_EQ(device.Ssh("web"), kept);
     EXPECT_EQ(visitor.Ask("still there?"), "still there?");
     EXPECT_EQ(hub.Registrations(), 1U);
 }
 
-TEST(DaemonProgram, StopLeavesNothing) {
-    const HubProcess hub;
+TEST_F(DaemonProgram, StopLeavesNothing) {
     std::list<WebService> services;
-    Device device(hub);
-    for (const char* name : {"a", "b", "c", "d", "e"}) {
+    for (const char* name : {"a", "b", "c", "d"}) {
         device.Publish(services.emplace_back(name));
     }
     device.Start();
@@ -91,11 +83,7 @@ TEST(DaemonProgram, StopLeavesNothing) {
     EXPECT_TRUE(device.Status().isNull());
 }
 
-TEST(DaemonProgram, GoesIntoTheBackgroundOnce) {
-    const HubProcess hub;
-    const WebService web("web");
-    Device device(hub);
-    device.Publish(web);
+TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
     device.config["log_file"] = device.root.Path(Device::kLog);
     device.Start({});
     EXPECT_EQ(device.Daemon().Wait(seconds(10)), 0);
@@ -103,9 +91,9 @@ TEST(DaemonProgram, GoesIntoTheBackgroundOnce) {
     const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
     const pid_t pid = atoi(device.root.Read(Device::kPidFile).c_str());
     EXPECT_NE(getsid(pid), getsid(0));
-    EXPECT_THAT(Outcome(device, {}), ContainsRegex("^1 .* Daemon already running on PID file " +
+    EXPECT_THAT(Outcome(device, ""), ContainsRegex("^1 .* Daemon already running on PID file " +
                                                    std::to_string(pid) + "\n$"));
-    EXPECT_THAT(Outcome(device, {"--foreground"}), StartsWith("1 ")); // told in the log
+    EXPECT_THAT(Outcome(device, "--foreground"), StartsWith("1 ")); // told in the log
     EXPECT_EQ(Fingerprint(device.root.Path(Device::kPidFile)), pidFile);
     EXPECT_TRUE(device.Serves(web));
     kill(pid, SIGTERM);
@@ -115,48 +103,38 @@ TEST(DaemonProgram, GoesIntoTheBackgroundOnce) {
     EXPECT_EQ(device.Processes().size(), 0U);
 }
 
-TEST(DaemonProgram, StartsOverAStalePidFile) {
-    const HubProcess hub;
+TEST_F(DaemonProgram, StartsOverAStalePidFile) {
     Process ended({"/bin/true"});
     ended.Wait(seconds(10));
     const std::string kernelThread = "2\n"; // has no program that could be looked at
     for (const std::string& text : {std::to_string(ended.Pid()), std::to_string(getpid()),
                                     kernelThread, std::string(), std::string("nonsense")}) {
-        Device device(hub);
-        device.root.Write(Device::kPidFile, text);
-        device.Start();
-        EXPECT_TRUE(WaitFor([&] { return device.Status()["pid"] == device.Daemon().Pid(); }))
-            << "[" << text << "] " << device.Log();
+        Device fresh(hub);
+        fresh.root.Write(Device::kPidFile, text);
+        fresh.Start();
+        EXPECT_TRUE(WaitFor([&] { return fresh.Status()["pid"] == fresh.Daemon().Pid(); }))
+            << "[" << text << "] " << fresh.Log();
     }
 }
 
-TEST(DaemonProgram, AnswersTheCommandLine) {
-    const struct {
-        std::vector<std::string> options;
-        const char* outcome; // a pattern
-    } rows[] = {
-        {{"--version"}, "^0 zarorelayd [0-9.]+\n$"},
-        {{"--help"}, "^0 .*--foreground.*--check"},
-        {{"--frobnicate"}, "^2 zarorelayd: [^\n]*--frobnicate[^\n]*\n$"},
-        {{"stray"}, "^2 zarorelayd: [^\n]*stray[^\n]*\n$"},
-        {{"--root"}, "^2 zarorelayd: [^\n]*--root[^\n]*\n$"},
-        {{"--check", "/no/such/file"}, "^2 zarorelayd: /no/such/file: can't be read: [^\n]*\n$"},
+TEST_F(DaemonProgram, AnswersTheCommandLine) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"--version", "^0 zarorelayd [0-9.]+\n$"},
+        {"--help", "^0 .*--foreground.*--check"},
+        {"--frobnicate", "^2 zarorelayd: [^\n]*--frobnicate[^\n]*\n$"},
+        {"stray", "^2 zarorelayd: [^\n]*stray[^\n]*\n$"},
+        {"--root", "^2 zarorelayd: [^\n]*--root[^\n]*\n$"},
+        {"--check /no/such/file", "^2 zarorelayd: /no/such/file: can't be read: [^\n]*\n$"},
     };
-    const HubProcess hub;
-    const Device device(hub);
-    for (const auto& row : rows) {
-        EXPECT_THAT(Outcome(device, row.options), ContainsRegex(row.outcome));
+    for (const auto& [options, pattern] : rows) {
+        EXPECT_THAT(Outcome(device, options), ContainsRegex(pattern));
     }
-    Process missing({ZARO_DAEMON, "--root", "/no/such/folder"}, device.root.Path("/missing"));
-    EXPECT_EQ(missing.Wait(seconds(10)), 2);
-    EXPECT_THAT(device.root.Read("/missing"), ContainsRegex("^zarorelayd: --root: [^\n]*\n$"));
+    EXPECT_THAT(::Outcome(Words(ZARO_DAEMON " --root /no/such/folder")),
+                ContainsRegex("^2 zarorelayd: --root: [^\n]*\n$"));
 }
 
-TEST(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
-    const struct {
-        std::string file;
-        const char* fault; // empty for a good file
-    } rows[] = {
+TEST_F(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
+    const std::pair<std::string, const char*> rows[] = {
         {"{}", ""},
         {R"({"log_level":7,"service":[{"id":"web"},{"id":"b","port":80}],"unknown":[]})", ""},
         {"", "expected JSON"},
@@ -174,28 +152,23 @@ TEST(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
         {R"({"server_alias":{"poll_seconds":0}})", "\"server_alias.poll_seconds\": expected"},
         {R"({"serverID":"123456789"})", "\"serverID\": belongs to another device"},
     };
-    const HubProcess hub;
-    const Device device(hub);
-    device.Define("web", 80);
     const std::string path = device.root.Path(Device::kConfig);
-    for (const auto& row : rows) {
-        device.root.Write(Device::kConfig, row.file, 0640);
+    for (const auto& [file, fault] : rows) {
+        device.root.Write(Device::kConfig, file, 0640);
         const std::string before = Fingerprint(path);
-        const std::string outcome = Outcome(device, {"--check"});
-        EXPECT_THAT(outcome, StartsWith(*row.fault == '\0' ? "0 " + path + ": good\n"
-                                                           : "2 zarorelayd: " + path + ": "));
-        EXPECT_THAT(outcome, testing::HasSubstr(row.fault));
+        const std::string outcome = Outcome(device, "--check");
+        EXPECT_THAT(outcome, StartsWith(*fault == '\0' ? "0 " + path + ": good\n"
+                                                       : "2 zarorelayd: " + path + ": "));
+        EXPECT_THAT(outcome, testing::HasSubstr(fault));
         EXPECT_EQ(Count(outcome, "\n"), 1U) << outcome;
-        EXPECT_EQ(Outcome(device, {"--check", path}), outcome);
+        EXPECT_EQ(Outcome(device, "--check " + path), outcome);
         EXPECT_EQ(Fingerprint(path), before);
     }
 }
 
-TEST(DaemonProgram, ServesManyAndThenRests) {
-    const HubProcess hub(600); // no wait command ends while we look
+TEST_F(DaemonProgram, ServesManyAndThenRests) {
     std::list<WebService> services;
-    Device device(hub);
-    for (int i = 0; i < 50; ++i) {
+    for (int i = 1; i < 50; ++i) {
         device.Publish(services.emplace_back("s" + std::to_string(i)));
     }
     device.Start();
@@ -215,6 +188,7 @@ TEST(DaemonProgram, ServesManyAndThenRests) {
     }));
     const auto slow = std::chrono::duration_cast<milliseconds>(slowest);
     EXPECT_LE(slow, milliseconds(500) * kSlow); // a log-in, with everything busy
+    EXPECT_TRUE(device.Serves(web));
     for (const WebService& service : services) {
         EXPECT_TRUE(device.Serves(service)) << service.Name();
     }
@@ -234,7 +208,7 @@ TEST(DaemonProgram, ServesManyAndThenRests) {
     std::cout << "[ measured ] slowest dump: " << slow.count() << " ms; at rest: " << memory
               << " KiB, " << device.WakeUps() - before << " wake-ups in 11 s" << std::endl;
     EXPECT_LT(memory, kSlow == 1 ? 16 * 1024 : 1024 * 1024); // a sanitizer holds freed memory back
-    EXPECT_TRUE(device.Serves(services.front()));
+    EXPECT_TRUE(device.Serves(web));
 }
 
 } // namespace
