@@ -10,37 +10,21 @@
 
 #include "app/json_io.h"
 #include "daemon/log.h"
+#include "platform/new_file.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::app {
 
 namespace {
 
-bool WriteWhole(int fd, const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t count = write(fd, text.data() + written, text.size() - written);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        written += static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
 /// Replaces a file that everybody may read, in a folder that everybody may write to.
 bool Replace(const std::string& path, const std::string& text) {
-    const std::string temporary = path + ".tmp." + std::to_string(getpid());
-    (void)unlink(temporary.c_str()); // planted, or left by a predecessor with our process id
-    const int fd =
-        open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    const std::string temporary = NewFileOf(path);
+    const int fd = OpenNewFile(path);
     if (fd < 0) {
         return false;
     }
-    const bool good = WriteWhole(fd, text) && fchmod(fd, 0644) == 0;
+    const bool good = WriteAll(fd, text) && fchmod(fd, 0644) == 0;
     if (close(fd) == 0 && good && rename(temporary.c_str(), path.c_str()) == 0) {
         return true;
     }
@@ -108,7 +92,7 @@ void WriteDump(const Json::Value& dump) {
     struct stat info;
     const bool askers = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink <= 1 &&
                         (info.st_uid == 0 || info.st_uid == geteuid());
-    if (!askers || ftruncate(fd, 0) != 0 || !WriteWhole(fd, CompactJson(dump) + "\n")) {
+    if (!askers || ftruncate(fd, 0) != 0 || !WriteAll(fd, CompactJson(dump) + "\n")) {
         RELAY_LOG(4, "dump not written to [%s]", path.c_str());
     }
     close(fd);

@@ -11,31 +11,15 @@
 
 #include "config/json_text.h"
 #include "daemon/log.h"
+#include "platform/new_file.h"
 
 namespace ZARO::Relay {
 
 namespace {
 
-bool WriteText(int fd, const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t count = write(fd, text.data() + written, text.size() - written);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        written += static_cast<std::size_t>(count);
-    }
-    return true;
-}
-
 /// Makes the rename survive a power cut. Where the file system can't, the rename still holds.
 void SyncFolderOf(const std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const int fd = open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd >= 0) {
         (void)fsync(fd);
         close(fd);
@@ -65,13 +49,20 @@ bool Sync(int fd) {
 } // namespace
 
 bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out) {
+    bool readable = false;
+    return ReadJsonFile(path, out, readable);
+}
+
+bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out, bool& readable) {
     out = Json::Value();
+    readable = true;
     if (path.empty()) {
         return true;
     }
     json::FileText file;
     const json::Reading reading = json::ReadText(path, file);
     if (reading == json::Reading::Unreadable) {
+        readable = false;
         RELAY_LOG(3, "can not read [%s], %m", path.c_str());
     }
     if (reading == json::Reading::Done && !json::Parse(file.text, out)) {
@@ -87,23 +78,21 @@ bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value
         std::cout << text << std::flush;
         return true;
     }
-    const std::string temporary = path + ".tmp." + std::to_string(getpid());
-    int fd = -1;
-    if (!path.empty()) {
-        // A leftover of an earlier process with our id, or a link planted in a folder that anybody
-        // may write to, is replaced, never written through.
-        (void)unlink(temporary.c_str());
-        fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    }
+    const std::string temporary = NewFileOf(path);
+    const int fd = path.empty() ? -1 : OpenNewFile(path);
     if (fd < 0) {
         RELAY_LOG(3, "open failed [%s]", temporary.c_str());
         return false;
     }
     (void)fchmod(fd, 0644); // some file systems have no modes
-    const bool good = WriteText(fd, text) && Sync(fd);
+    bool good = WriteAll(fd, text) && Sync(fd);
     const int error = errno;
-    if (close(fd) != 0 || !good) {
+    if (close(fd) != 0 && good) {
+        good = false;
+    } else {
         errno = error;
+    }
+    if (!good) {
         RELAY_LOG(3, "write failed [%s], %m", temporary.c_str());
         unlink(temporary.c_str());
         return false;

@@ -34,13 +34,6 @@ void ReadServices(const Json::Value& list, std::list<ServiceConf>& services) {
     }
 }
 
-/// Whether a file can be rewritten without losing what it holds: one that is there but can't be
-/// read looks like a missing one to ReadJsonFile, which has logged it.
-bool IsRewritable(const std::string& file) {
-    json::FileText text;
-    return json::ReadText(file, text) != json::Reading::Unreadable;
-}
-
 bool HaveSameSettings(const AliasConf& a, const AliasConf& b) {
     Json::Value settingsOfA;
     Json::Value settingsOfB;
@@ -166,11 +159,12 @@ bool RelaydConf::WriteConfigFile(const std::string& file) {
         return false;
     }
     Json::Value old;
-    if (!ReadJsonFile(file, old)) {
+    bool readable = false;
+    if (!ReadJsonFile(file, old, readable)) {
         RELAY_LOG(4, "drop crrupted config: [%s]", file.c_str());
         old = Json::Value(Json::objectValue);
     }
-    if (!IsRewritable(file)) {
+    if (!readable) {
         return false;
     }
     Json::Value fresh;
@@ -233,15 +227,19 @@ std::list<ServiceConf>::const_iterator RelaydConf::GetServiceById(const std::str
     return std::find_if(services.begin(), services.end(), CmprServiceId(id));
 }
 
-bool RelaydConf::WriteServerId(const std::string& file) {
+bool RelaydConf::ReadForRewrite(const std::string& file, Json::Value& v) const {
     if (!IsValid()) {
         RELAY_LOG(3, "invalid relayd config");
         return false;
     }
+    bool readable = false;
+    return ReadJsonFile(file, v, readable) && readable;
+}
+
+bool RelaydConf::WriteServerId(const std::string& file) {
     const std::string target = file.empty() ? path : file;
     Json::Value v;
-    ReadJsonFile(target, v);
-    if (!IsRewritable(target)) {
+    if (!ReadForRewrite(target, v)) {
         return false;
     }
     json::Object(v)["serverID"] = serverID;
@@ -249,14 +247,9 @@ bool RelaydConf::WriteServerId(const std::string& file) {
 }
 
 bool RelaydConf::WriteAliasName(const std::string& file, const std::string& aliasName) {
-    if (!IsValid()) {
-        RELAY_LOG(3, "invalid relayd config");
-        return false;
-    }
     const std::string target = file.empty() ? path : file;
     Json::Value v;
-    ReadJsonFile(target, v);
-    if (!IsRewritable(target)) {
+    if (!ReadForRewrite(target, v)) {
         return false;
     }
     alias.SetAliasName(aliasName);

@@ -15,6 +15,7 @@
 
 #include "config/json_text.h"
 #include "daemon/log.h"
+#include "platform/new_file.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay {
@@ -78,21 +79,6 @@ void KeepDescriptors() {
     for (int fd = STDERR_FILENO + 1; fd < most; ++fd) {
         (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
-}
-
-bool WriteAll(int fd, const std::string& text) {
-    std::size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t count = write(fd, text.data() + written, text.size() - written);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        written += static_cast<std::size_t>(count);
-    }
-    return true;
 }
 
 } // namespace

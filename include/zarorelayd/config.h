@@ -264,6 +264,14 @@ public:
     bool debug;
     std::string path;     ///< the file that this record was read from
     bool serverIdCleared; ///< the next rewrite of the file sends a notification
+
+private:
+    /// As the other one; not `readable`: the file is there and what it holds is not known, so that
+    /// nobody may replace it.
+    static bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable);
+
+    /// What a rewrite of some keys begins with. False, logged, when there must be none.
+    bool ReadForRewrite(const std::string& file, Json::Value& v) const;
 };
 
 } // namespace ZARO::Relay

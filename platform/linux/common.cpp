@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <memory>
 
+#include "platform/new_file.h"
+
 namespace ZARO::Platform {
 namespace {
 
@@ -73,15 +75,7 @@ int ListFolder(const std::string& path, std::vector<std::string>& names) {
 }
 
 int WriteAll(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = write(fd, text.data(), text.size());
-        if (count >= 0) {
-            text.remove_prefix(static_cast<size_t>(count));
-        } else if (errno != EINTR) {
-            return errno;
-        }
-    }
-    return 0;
+    return ZARO::Relay::WriteAll(fd, text) ? 0 : errno;
 }
 
 void SyncFolder(const std::string& folder) {
