@@ -12,11 +12,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "config/json_text.h"
 #include "daemon/log.h"
 #include "platform/new_file.h"
 #include "platform/paths.h"
+#include "tunnel/ssh_command.h"
 
 namespace ZARO::Relay {
 
@@ -25,49 +27,6 @@ namespace {
 /// The one service whose local port is fixed.
 constexpr const char* kFixedPortService = "syncbay";
 constexpr int kFixedPort = 6691;
-
-/// A service id as part of a file name: it must not lead to another folder or break a line.
-std::string AsFileName(const std::string& id) {
-    std::string name;
-    for (const char c : id) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (c == '/' || byte < 0x20 || byte == 0x7f) {
-            char escaped[4];
-            (void)snprintf(escaped, sizeof escaped, "%%%02X", byte);
-            name += escaped;
-        } else {
-            name += c;
-        }
-    }
-    return name;
-}
-
-/// A path inside the double quotes of a shell command, as a pattern for grep. Paths without
-/// characters that either gives a meaning come out as they are; "." does, and only matches more.
-std::string AsQuotedPattern(const std::string& path) {
-    std::string quoted;
-    for (const char c : path) {
-        switch (c) {
-        case '"':
-        case '`':
-            quoted += '\\';
-            break;
-        case '$':
-        case '\\':
-            quoted += "\\\\\\"; // the shell leaves one backslash and the character
-            break;
-        case '[':
-        case '*':
-        case '^':
-            quoted += "\\\\";
-            break;
-        default:
-            break;
-        }
-        quoted += c;
-    }
-    return quoted;
-}
 
 /// Keeps every descriptor but the standard ones from the program that is about to be executed;
 /// libraries open some without asking.
@@ -222,7 +181,7 @@ bool Tunnel::WritePassFile(const std::string& path) const {
 bool Tunnel::Create() {
     status_ = TUNNEL_STATUS_NONE;
     pid_ = -1;
-    const std::string passFile = paths::PasswordFile(getpid(), AsFileName(service_.id));
+    const std::string passFile = paths::PasswordFile(getpid(), ssh::AsFileName(service_.id));
     if (!IsValid() || !WritePassFile(passFile)) {
         return false;
     }
@@ -263,8 +222,7 @@ bool Tunnel::WaitForLogin(pid_t child) const {
 
 /// The background process still shows the password file on its command line.
 bool Tunnel::FindBackgroundPid(const std::string& passFile) {
-    const std::string command = "ps w | grep \"ssh -d " + AsQuotedPattern(passFile) + "\"";
-    FILE* output = popen(command.c_str(), "re");
+    FILE* output = popen(ssh::PidSearch(passFile).c_str(), "re");
     if (output == nullptr) {
         pid_ = -1;
         RELAY_LOG(3, "get ssh info failed");
@@ -300,14 +258,17 @@ bool Tunnel::RunSSHTunnel(const char* passFile) const {
         return false;
     }
     const int port = service_.id == kFixedPortService ? kFixedPort : service_.port;
-    const std::string forward =
-        "-NfR" + std::to_string(relay_port_) + ":localhost:" + std::to_string(port);
-    const std::string destination = relay_user_ + "@" + relay_ip_;
-    RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", passFile, forward.c_str(), destination.c_str());
+    const auto arguments = ssh::Arguments(passFile, {relay_user_, relay_ip_, relay_port_, port});
+    RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", passFile, arguments[6].c_str(),
+              arguments[7].c_str());
     const std::string program = paths::SshProgram();
+    std::vector<const char*> argv = {program.c_str()};
+    for (const std::string& argument : arguments) {
+        argv.push_back(argument.c_str());
+    }
+    argv.push_back(nullptr);
     KeepDescriptors();
-    execl(program.c_str(), program.c_str(), "-d", passFile, "-o", "NoneEnabled=yes", "-o",
-          "NoneSwitch=yes", forward.c_str(), destination.c_str(), nullptr);
+    execv(program.c_str(), const_cast<char* const*>(argv.data()));
     RELAY_LOG(3, "execl SSH failed, %s", strerror(errno));
     return false;
 }
