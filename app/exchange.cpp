@@ -10,6 +10,7 @@
 #include "app/checks.h"
 #include "app/config_lock.h"
 #include "app/json_io.h"
+#include "app/session.h"
 #include "daemon/log.h"
 
 namespace ZARO::Relay::app {
@@ -27,31 +28,10 @@ constexpr milliseconds kYoung{500};
 /// that it has a number free, for the changes while many tunnels come up.
 constexpr milliseconds kPollPace{500};
 constexpr int kPollsFree = 40;
-/// As much as any server takes in one header.
-constexpr std::size_t kLongestSession = 4096;
 /// How long the loop may wait for a command line that changes the configuration file.
 constexpr milliseconds kFilePatience{300};
 
 Exchange* gExchange = nullptr;
-
-/// The "name=value" of a cookie line in Netscape form; empty for a line that is none, and for one
-/// that must not go over an open connection when `open`.
-std::string CookieOf(const std::string& line, bool open) {
-    std::string fields[7];
-    std::size_t at = 0;
-    for (std::string& field : fields) {
-        const std::size_t end = std::min(line.find('\t', at), line.size());
-        field = line.substr(std::min(at, line.size()), end - std::min(at, line.size()));
-        at = end + 1;
-    }
-    const std::string cookie = fields[5] + "=" + fields[6];
-    const bool clean = std::none_of(cookie.begin(), cookie.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return byte <= ' ' || byte == ';' || byte == ',' || byte >= 0x7f;
-    });
-    const bool secret = fields[3] == "TRUE";
-    return fields[5].empty() || !clean || (secret && open) ? "" : cookie;
-}
 
 const std::string& HostOf(const ServerConf& server) {
     return server.host.empty() ? server.ip : server.host;
@@ -277,15 +257,8 @@ RELAYD_RET Exchange::BatchResult(const Json::Value& reply, bool& refused) const 
 /// shared store was dropped together with the resolved names.
 void Exchange::TakeSession(Request& request) {
     std::list<std::string> lines;
-    session_.clear();
-    if (request.GetCookies(lines)) {
-        for (const std::string& line : lines) {
-            const std::string cookie = CookieOf(line, conf_.waitcmd.protocol != "https");
-            if (!cookie.empty() && session_.size() + cookie.size() < kLongestSession) {
-                session_ += (session_.empty() ? "" : "; ") + cookie;
-            }
-        }
-    }
+    (void)request.GetCookies(lines); // none: no session
+    session_ = SessionOf(lines, conf_.waitcmd.protocol != "https");
     storeHasSession_ = true;
 }
 

@@ -44,6 +44,9 @@ public:
     RELAYD_STATE State() const;
     RELAYD_RET Error() const;
 
+    /// Takes in a reply to the long poll: the tunnels become the ones that it lists.
+    RELAYD_RET TakeWaitReply(const Json::Value& reply, Time now);
+
     Json::Value Dump() const;
 
 private:
@@ -67,7 +70,6 @@ private:
     void StartWait(Time now);
     void RestartWait(Time now);
     void WaitDone(Request& request, Time now);
-    RELAYD_RET TakeWaitReply(const Json::Value& reply, Time now);
 
     void Succeeded(Line& line, Time now);
     void Failed(Line& line, RELAYD_RET result, bool refused, Time now);
