@@ -75,6 +75,11 @@ bool IsFilledText(const Json::Value& data, const char* key) {
     return json::Get(data, key, text) && !text.empty();
 }
 
+HTTPResponse Finished(Request& request) {
+    return {static_cast<int>(request.GetHttpStatus()), request.GetResponse(),
+            request.GetCurlResult()};
+}
+
 } // namespace
 
 AliasRequest::AliasRequest() : httpStatus_(-1), request_(nullptr, nullptr, true) {
@@ -175,7 +180,9 @@ bool AliasRequest::GetRequest(std::string& postData, std::string& url) const {
 }
 
 boost::shared_ptr<Request> AliasRequest::GetSharedRequest() const {
-    return boost::shared_ptr<Request>(new Request(url_.c_str(), postData_.c_str(), true));
+    const boost::shared_ptr<Request> request(new Request(nullptr, nullptr, true));
+    (void)request->Set(url_, postData_, true); // the queue refuses one that could not be set up
+    return request;
 }
 
 bool AliasRequest::Send(ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type) {
@@ -184,10 +191,15 @@ bool AliasRequest::Send(ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type) {
         return false;
     }
     (void)request_.Send(); // the outcome is read from the request below
+    HTTPResponse reply = Finished(request_);
+    return TakeReply(reply, ret, type);
+}
+
+bool AliasRequest::TakeReply(HTTPResponse& r, ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type) {
     type = ALIAS_RESPONSE_NONE;
     std::string body;
     int httpStatus = -1;
-    const bool good = ParseCURLHttp(ret, body, httpStatus);
+    const bool good = ParseCURLHttp(r, ret, body, httpStatus);
     httpStatus_ = httpStatus;
     if (!good) {
         return true;
@@ -223,9 +235,15 @@ void AliasRequest::GetResponse(Json::Value& json) const {
 
 bool AliasRequest::GetResponseForDaemon(boost::shared_ptr<Request> req, ALIAS_RET& ret,
                                         std::string& extra) {
+    HTTPResponse reply = Finished(*req);
+    return GetResponseForDaemon(reply, ret, extra);
+}
+
+bool AliasRequest::GetResponseForDaemon(HTTPResponse& r, ALIAS_RET& ret, std::string& extra) {
     ALIAS_RET outcome = ALIAS_RET_SUCCESS;
     std::string body;
-    if (!ParseCURLHttp(req, outcome, body)) {
+    int httpStatus = -1;
+    if (!ParseCURLHttp(r, outcome, body, httpStatus)) {
         ret = outcome;
         return true;
     }
@@ -287,15 +305,13 @@ bool AliasRequest::ParseCURLHttp(HTTPResponse& r, ALIAS_RET& ret, std::string& b
 }
 
 bool AliasRequest::ParseCURLHttp(ALIAS_RET& ret, std::string& body, int& httpStatus) {
-    HTTPResponse r = {static_cast<int>(request_.GetHttpStatus()), request_.GetResponse(),
-                      request_.GetCurlResult()};
+    HTTPResponse r = Finished(request_);
     return ParseCURLHttp(r, ret, body, httpStatus);
 }
 
 bool AliasRequest::ParseCURLHttp(boost::shared_ptr<Request> req, ALIAS_RET& ret,
                                  std::string& body) {
-    HTTPResponse r = {static_cast<int>(req->GetHttpStatus()), req->GetResponse(),
-                      req->GetCurlResult()};
+    HTTPResponse r = Finished(*req);
     int httpStatus = -1;
     return ParseCURLHttp(r, ret, body, httpStatus);
 }

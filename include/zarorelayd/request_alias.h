@@ -98,6 +98,9 @@ public:
     bool Send(ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type);
     bool Send(ALIAS_RET& ret);
 
+    /// What Send does with a finished exchange.
+    bool TakeReply(HTTPResponse& r, ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type);
+
     /// Results of the last Send: HTTP status (-1: none), body, and the JSON object if it was one.
     void GetResponse(int& httpStatus) const;
     void GetResponse(std::string& text) const;
@@ -108,6 +111,7 @@ public:
     /// pointer is asserted against.
     static bool GetResponseForDaemon(boost::shared_ptr<Request> req, ALIAS_RET& ret,
                                      std::string& extra);
+    static bool GetResponseForDaemon(HTTPResponse& r, ALIAS_RET& ret, std::string& extra);
     /// The alias that a request was about. False, logged, when it has none.
     static bool GetAliasName(boost::shared_ptr<Request> req, std::string& alias);
 
