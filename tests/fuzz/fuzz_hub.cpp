@@ -1,0 +1,33 @@
+/// The hub, as a series of requests behind a host: each line is taken as a batch and as a form.
+#include "tests/fuzz/fuzz.h"
+
+#include "hub/alias.h"
+#include "hub/control.h"
+
+using namespace ZARO::RelayHub;
+
+void Fuzz(const std::string& input) {
+    Store store;
+    std::string line, session;
+    // Beside SQLite's name for no file an empty one is made.
+    assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, &line));
+    Waiters waiters(store, std::chrono::milliseconds(0));
+    const auto isUp = [](int) { return true; };
+    Control control(store, waiters, {isUp, [](const auto&) {}}, "");
+    Alias alias(store, std::chrono::hours(1), isUp, "");
+    std::istringstream lines(input);
+    std::getline(lines, line);
+    const Origin origin = ParseHost("https", line).value_or(Origin{"http", "localhost", 80});
+    while (std::getline(lines, line)) {
+        assert(alias.Update(line) != "911" && alias.Query(line, origin) != "911");
+        session = line[0] == ';' ? CookieValue(line, "session") : session;
+        Json::Value replies, tunnel;
+        assert(json::Parse(control.Answer(line, origin, &session), replies) && replies.isArray());
+        for (const Json::Value& reply : replies) {
+            assert(reply["errno"] == 0 || (reply.size() == 1 && reply["errno"] != 1));
+            for (const Json::Value& given : reply["tunnels"]) { // what it gives, a device takes
+                assert(app::CheckTunnel(given, {ServiceConf(given, false)}, tunnel, line));
+            }
+        }
+    }
+}
