@@ -1,0 +1,250 @@
+/// A path between a device and a hub that fails as told, while it is in use.
+#pragma once
+
+#include <netinet/tcp.h>
+#include <sys/eventfd.h>
+
+#include <list>
+#include <mutex>
+#include <stdexcept>
+
+#include "tests/support/web_service.h"
+
+/// What becomes of the bytes of one direction. Held ones come later, as when a path fails for a
+/// while. A connection that has lost some stays dead, as when a router has forgotten it, and its
+/// ends are not told. Garbled ones are no protocol's any more.
+enum class Way { Pass, Hold, Lose, Garble };
+
+/// How a path fails; by default it doesn't.
+struct PathFaults {
+    Way up = Way::Pass;        ///< to the target
+    Way down = Way::Pass;      ///< from the target
+    bool refuse = false;       ///< nothing listens; what is connected goes on
+    milliseconds delay{0};     ///< before each chunk of a direction
+    std::size_t chunk = 65536; ///< how many bytes go on at once, at most
+    long limit = -1;           ///< a connection ends after so many bytes from the target
+};
+constexpr PathFaults kRefuses = {Way::Pass, Way::Pass, true};
+constexpr PathFaults kHolds = {Way::Hold, Way::Hold};
+/// New connections are accepted and never answered; the target does not see them.
+constexpr PathFaults kLoses = {Way::Lose, Way::Lose};
+constexpr PathFaults kLosesUp = {Way::Lose, Way::Pass};
+constexpr PathFaults kLosesDown = {Way::Pass, Way::Lose};
+constexpr PathFaults kGarbles = {Way::Pass, Way::Garble};
+constexpr PathFaults Delays(milliseconds by, std::size_t chunk = 65536) {
+    return {Way::Pass, Way::Pass, false, by, chunk};
+}
+constexpr PathFaults EndsAfter(long bytes) {
+    return {Way::Pass, Way::Pass, false, milliseconds(0), 65536, bytes};
+}
+
+/// A TCP proxy on a port of its own in front of a port of 127.0.0.1. Its methods may be called from
+/// any thread; what they ask for holds when they return.
+class FaultProxy : NoCopy {
+public:
+    explicit FaultProxy(int target) : target_(target) {
+        // A port that was asked for by its number stays ours while nothing listens on it.
+        const int on = 1; // connections that have just ended don't keep it from listening again
+        (void)setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+        for (int tries = 0; port_ == 0 && tries < 100; ++tries) {
+            const sockaddr_in address = Loopback(Listener().port);
+            const bool bound = bind(listener_, Generic(address), sizeof address) == 0;
+            port_ = bound ? ntohs(address.sin_port) : 0;
+        }
+        if (port_ == 0) {
+            throw std::runtime_error("no port for a proxy");
+        }
+        Set();
+        thread_ = std::thread([this] { Run(); });
+    }
+    ~FaultProxy() {
+        Change([this] { stop_ = true; });
+        thread_.join();
+        close(listener_);
+        close(wake_);
+    }
+
+    int Port() const { return port_; }
+
+    /// The faults from now on; none by default. `alsoNew`: false for a fault of the connections
+    /// that stand, while new ones pass.
+    void Set(const PathFaults& faults = PathFaults(), bool alsoNew = true) {
+        Change([&] {
+            faults_ = alsoNew ? faults : PathFaults();
+            for (Connection& connection : connections_) {
+                connection.faults = faults;
+            }
+            // Only the former answers with a reset, also to those that wait for an accept.
+            (void)(faults_.refuse ? shutdown(listener_, SHUT_RD) : listen(listener_, 64));
+        });
+    }
+
+    /// Ends all connections; both ends see a reset, or an orderly end.
+    void Cut(bool reset = true) {
+        Change([&] {
+            for (const Connection& connection : connections_) {
+                for (const int fd : connection.fds) {
+                    const linger none = {1, 0};
+                    reset ? setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none)
+                          : shutdown(fd, SHUT_RDWR);
+                }
+            }
+            connections_.clear();
+        });
+    }
+
+    /// How many connections it has accepted so far.
+    std::size_t Accepted() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return accepted_;
+    }
+
+private:
+    struct Stream {
+        std::string chunk;       ///< what goes on next
+        Clock::time_point due{}; ///< when it does
+        long count = 0;
+        bool lost = false;
+        bool ended = false; ///< its source has said all
+    };
+    struct Connection : NoCopy {
+        ~Connection() {
+            close(fds[0]);
+            close(fds[1]);
+        }
+        int fds[2] = {-1, -1}; ///< client and target; a stream comes from that of its index
+        Stream streams[2];
+        PathFaults faults;
+    };
+
+    static const sockaddr* Generic(const sockaddr_in& address) {
+        return reinterpret_cast<const sockaddr*>(&address);
+    }
+
+    template <class Act> void Change(Act act) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        act();
+        ++changes_;
+        (void)eventfd_write(wake_, 1); // can't overflow
+    }
+
+    static Way WayOf(const Connection& connection, int stream) {
+        return stream == 0 ? connection.faults.up : connection.faults.down;
+    }
+
+    void Run() {
+        for (std::unique_lock<std::mutex> lock(mutex_); !stop_;) {
+            std::vector<pollfd> fds = {{wake_, POLLIN, 0}};
+            fds.push_back({faults_.refuse ? -1 : listener_, POLLIN, 0});
+            auto until = Clock::time_point::max();
+            for (const Connection& connection : connections_) {
+                AddTo(fds, connection, until);
+            }
+            const bool endless = until == Clock::time_point::max();
+            const auto wait = std::chrono::ceil<milliseconds>(until - Clock::now()).count();
+            const unsigned long seen = changes_;
+            lock.unlock();
+            poll(fds.data(), fds.size(), endless ? -1 : std::max(0, static_cast<int>(wait)));
+            lock.lock();
+            eventfd_t count = 0;
+            (void)(fds[0].revents != 0 ? eventfd_read(wake_, &count) : 0);
+            if (seen == changes_) {
+                auto fd = fds.cbegin() + 2;
+                connections_.remove_if([&](Connection& connection) { // from first to last
+                    fd += 2;
+                    return Moves(connection, &fd[-2]);
+                });
+                fds[1].revents != 0 ? Accept() : void();
+            }
+        }
+    }
+
+    static void AddTo(std::vector<pollfd>& fds, const Connection& connection,
+                      Clock::time_point& until) {
+        for (int i = 0; i < 2; ++i) {
+            const Stream& in = connection.streams[i];
+            const Stream& out = connection.streams[1 - i];
+            const bool reads = in.chunk.empty() && !in.ended && WayOf(connection, i) != Way::Hold;
+            const bool writes = !out.chunk.empty() && WayOf(connection, 1 - i) != Way::Hold;
+            const bool now = writes && out.due <= Clock::now();
+            until = writes && !now ? std::min(until, out.due) : until;
+            const int events = (reads ? POLLIN : 0) | (now ? POLLOUT : 0);
+            // One that waits for nothing is left out: poll would tell of its end all the time.
+            fds.push_back({events != 0 ? connection.fds[i] : -1, static_cast<short>(events), 0});
+        }
+    }
+
+    /// Moves what can be moved; true when the connection has come to its end.
+    static bool Moves(Connection& connection, const pollfd* fds) {
+        bool ends = false;
+        for (int i = 0; i < 2; ++i) {
+            Stream& stream = connection.streams[i];
+            const pollfd& to = fds[1 - i];
+            if ((to.events & POLLOUT) != 0 && to.revents != 0) {
+                const ssize_t sent =
+                    send(to.fd, stream.chunk.data(), stream.chunk.size(), MSG_NOSIGNAL);
+                stream.chunk.erase(0, static_cast<std::size_t>(std::max<ssize_t>(sent, 0)));
+                ends = ends || (sent < 0 && errno != EAGAIN);
+            }
+            if ((fds[i].events & POLLIN) != 0 && (fds[i].revents & ~POLLOUT) != 0) {
+                Read(stream, fds[i].fd, WayOf(connection, i), connection.faults, i == 1);
+            }
+            ends = ends || (stream.ended && stream.chunk.empty() && !stream.lost);
+        }
+        return ends;
+    }
+
+    static void Read(Stream& stream, int fd, Way way, const PathFaults& faults, bool limited) {
+        char block[65536];
+        const ssize_t size = recv(fd, block, std::min(faults.chunk, sizeof block), 0);
+        stream.ended = size == 0 || (size < 0 && errno != EAGAIN);
+        stream.lost = stream.lost || way == Way::Lose;
+        stream.due = Clock::now() + faults.delay;
+        const bool passes = size > 0 && !stream.lost;
+        stream.chunk.assign(block, passes ? static_cast<std::size_t>(size) : 0);
+        for (char& c : stream.chunk) {
+            c = static_cast<char>(way == Way::Garble ? ~c : c);
+        }
+        stream.count += size;
+        if (limited && faults.limit >= 0 && stream.count >= faults.limit) {
+            const auto excess = static_cast<std::size_t>(stream.count - faults.limit);
+            stream.chunk.erase(stream.chunk.size() - std::min(stream.chunk.size(), excess));
+            stream.ended = true;
+        }
+    }
+
+    void Accept() {
+        constexpr int kFlags = SOCK_CLOEXEC | SOCK_NONBLOCK;
+        const int client = accept4(listener_, nullptr, nullptr, kFlags);
+        if (client < 0) {
+            return; // the visitor has gone
+        }
+        ++accepted_;
+        Connection& connection = connections_.emplace_back();
+        connection.fds[0] = client;
+        connection.faults = faults_;
+        connection.streams[0].lost = faults_.up == Way::Lose && faults_.down == Way::Lose;
+        if (!connection.streams[0].lost) {
+            const sockaddr_in target = Loopback(target_);
+            connection.fds[1] = socket(AF_INET, SOCK_STREAM | kFlags, 0);
+            // What comes of it shows when it is read from.
+            (void)connect(connection.fds[1], Generic(target), sizeof target);
+        }
+        for (const int fd : connection.fds) {
+            const int on = 1;
+            (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+        }
+    }
+
+    const int target_;
+    const int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    int port_ = 0;
+    std::mutex mutex_;
+    bool stop_ = false;
+    unsigned long changes_ = 0;
+    std::size_t accepted_ = 0;
+    PathFaults faults_;
+    std::list<Connection> connections_;
+    std::thread thread_;
+};
