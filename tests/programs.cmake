@@ -5,7 +5,7 @@ endif()
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 
 foreach(source test_daemon_program.cpp test_daemon_faults.cpp test_daemon_hostile.cpp
-        test_daemon_secrets.cpp test_daemon_control.cpp)
+        test_daemon_secrets.cpp test_daemon_control.cpp test_takeover.cpp)
     cmake_path(GET source STEM name)
     zaro_test(${name} SOURCES ${source} TIMEOUT 180
         LIBRARIES zaro::relayd PkgConfig::HTTPLIB PkgConfig::OPENSSL Threads::Threads

@@ -151,6 +151,9 @@ public:
         return found.size() == 1 ? found[0] : -1;
     }
 
+    /// What the environment of everything that belongs to it holds.
+    std::string Mark() const { return "ZARO_TEST_DEVICE=" + root.Dir(); }
+
     /// Everything alive that was started in this root, by us or by what we started.
     std::vector<pid_t> Processes() const { return ProcessesWith("environ", Mark()); }
 
@@ -185,8 +188,6 @@ public:
     Json::Value config;
 
 private:
-    std::string Mark() const { return "ZARO_TEST_DEVICE=" + root.Dir(); }
-
     std::unique_ptr<Process> daemon_;
 };
 

@@ -14,10 +14,15 @@
 /// A hub over a folder of its own, on ports that it keeps when it is started again. It logs all.
 class HubProcess : NoCopy {
 public:
-    /// `hold`: seconds that it holds a wait command; `more`: further options.
-    explicit HubProcess(int hold = 50, const std::string& more = "")
-        : options_(" --log-level 7 --hold " + std::to_string(hold) + " " + more) {
+    /// `hold`: seconds that it holds a wait command; `more`: further options; `ports`: those of
+    /// the tunnels, where the ninety that are its own do not do.
+    explicit HubProcess(int hold = 50, const std::string& more = "", std::string ports = "")
+        : options_(" --log-level 7 --hold " + std::to_string(hold) + " " + more),
+          ports_(std::move(ports)) {
         ReservePorts();
+        if (ports_.empty()) {
+            ports_ = std::to_string(first_ + 10) + "-" + std::to_string(first_ + 99);
+        }
         folder_ = (std::filesystem::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
             throw std::runtime_error("can't make " + folder_);
@@ -39,11 +44,10 @@ public:
     void Start() {
         const std::size_t starts = Count("relay ssh://");
         const auto port = [this](int offset) { return std::to_string(first_ + offset); };
-        process_ = std::make_unique<Process>(Words(ZARO_HUB " --data " + Data() + " --http-port " +
-                                                   port(0) + " --https-port " + port(1) +
-                                                   " --relay-port " + port(2) + " --ports " +
-                                                   port(10) + "-" + port(99) + options_),
-                                             folder_ + "/log");
+        process_ = std::make_unique<Process>(
+            Words(ZARO_HUB " --data " + Data() + " --http-port " + port(0) + " --https-port " +
+                  port(1) + " --relay-port " + port(2) + " --ports " + ports_ + options_),
+            LogFile());
         if (!WaitFor([&] { return Count("relay ssh://") > starts; })) {
             throw std::runtime_error("no hub: " + Log());
         }
@@ -59,8 +63,10 @@ public:
     }
 
     Process& Program() const { return *process_; }
+    pid_t Pid() const { return process_->Pid(); }
     std::string Data() const { return folder_ + "/data"; }
-    std::string Log() const { return ReadFile(folder_ + "/log"); }
+    std::string LogFile() const { return folder_ + "/log"; }
+    std::string Log() const { return ReadFile(LogFile()); }
     std::size_t Count(const std::string& text) const { return ::Count(Log(), text); }
     std::size_t Registrations() const { return Count(" registered as "); }
 
@@ -81,6 +87,7 @@ private:
     }
 
     const std::string options_;
+    std::string ports_;
     int first_ = 0;
     int reservation_ = -1;
     std::string folder_;
