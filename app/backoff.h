@@ -25,13 +25,13 @@ public:
         }
     }
 
-    /// The wait before the next attempt.
-    milliseconds Failed(Time now) {
+    /// The wait before the next attempt; drawn from a window that is at least this wide.
+    milliseconds Failed(Time now, milliseconds atLeast = milliseconds(0)) {
         if (healthySince_ != Time() && now - healthySince_ >= kHealth) {
             window_ = least_;
         }
         healthySince_ = Time();
-        const milliseconds wait = Random(milliseconds(0), window_);
+        const milliseconds wait = Random(milliseconds(0), std::max(window_, atLeast));
         window_ = std::min(window_ * 2, most_);
         return wait;
     }
@@ -50,14 +50,14 @@ public:
         healthySince_ = Time();
     }
 
-private:
-    static constexpr seconds kHealth{60};
-
     static milliseconds Random(milliseconds from, milliseconds to) {
         static std::mt19937 generator{std::random_device{}()};
         return milliseconds(
             std::uniform_int_distribution<milliseconds::rep>(from.count(), to.count())(generator));
     }
+
+private:
+    static constexpr seconds kHealth{60};
 
     milliseconds least_;
     milliseconds most_;

@@ -330,7 +330,7 @@ void Exchange::WaitDone(Request& request, Time now) {
         return;
     }
     if (!waitStands_) {
-        keeper_.RetryNow(now); // the servers are there: so is the relay, most likely
+        keeper_.RetrySoon(now); // the servers are there: so is the relay, most likely
     }
     waitStands_ = true;
     Succeeded(wait_, now);

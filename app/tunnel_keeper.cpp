@@ -18,6 +18,13 @@ namespace {
 /// it is a flapping one.
 constexpr seconds kSteady{5};
 constexpr seconds kFlapping{60};
+/// A relay that is lost is lost to all its devices: within this time they come back one by one, so
+/// that it is not overrun when it has just started.
+constexpr milliseconds kSpread{2000};
+/// Tunnels that are lost so soon after each other have lost their relay; the first of them waits
+/// so long for the others to show.
+constexpr milliseconds kTogether{1000};
+constexpr milliseconds kShows{100};
 /// A log-in that fails after this long failed by a time-out.
 constexpr seconds kSlowLogin{3};
 /// More than any device publishes.
@@ -136,11 +143,24 @@ void TunnelKeeper::NoticeEnded(Time now) {
             now - upkeep.readySince >= kSteady &&
             (upkeep.rebuiltAtOnce == Time() || now - upkeep.rebuiltAtOnce >= kFlapping);
         const milliseconds wait = upkeep.backoff.Failed(now);
-        upkeep.nextStart = atOnce ? now : now + wait;
+        upkeep.nextStart = atOnce ? RebuildTime(id, now) : now + wait;
         upkeep.rebuiltAtOnce = atOnce ? now : upkeep.rebuiltAtOnce;
         upkeep.since = time(nullptr);
         RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
     }
+}
+
+/// When a tunnel that had stood is rebuilt: at once, unless the relay itself seems to be gone.
+Time TunnelKeeper::RebuildTime(const std::string& id, Time now) {
+    const bool together = lost_ != id && now - lostAt_ <= kTogether;
+    const auto former = upkeep_.find(lost_);
+    if (together && former != upkeep_.end()) {
+        former->second.nextStart = now + Backoff::Random(milliseconds(0), kSpread);
+    }
+    lost_ = id;
+    lostAt_ = now;
+    const milliseconds wait = tunnels_.size() > 1 ? kShows : milliseconds(0);
+    return now + (together ? Backoff::Random(milliseconds(0), kSpread) : wait);
 }
 
 /// What is not assigned any more loses its process and its history.
@@ -192,7 +212,7 @@ void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
 }
 
 void TunnelKeeper::Failed(Upkeep& upkeep, const std::string& id, Time now) {
-    const milliseconds wait = upkeep.backoff.Failed(now);
+    const milliseconds wait = upkeep.backoff.Failed(now, kSpread);
     upkeep.nextStart = Clock::now() + wait;
     if (!upkeep.failing) {
         RELAY_LOG(4, "tunnel of %s could not be built, trying on", id.c_str());
@@ -228,6 +248,14 @@ void TunnelKeeper::RetryNow(Time now) {
     for (auto& [id, upkeep] : upkeep_) {
         upkeep.backoff.Reset();
         upkeep.nextStart = std::min(upkeep.nextStart, now);
+    }
+}
+
+void TunnelKeeper::RetrySoon(Time now) {
+    for (auto& [id, upkeep] : upkeep_) {
+        const milliseconds wait = Backoff::Random(milliseconds(0), kSpread);
+        upkeep.backoff.Reset();
+        upkeep.nextStart = std::min(upkeep.nextStart, now + wait);
     }
 }
 

@@ -41,6 +41,10 @@ public:
     /// The path to the servers is back: waiting tunnels are tried at once.
     void RetryNow(Time now);
 
+    /// The servers are back, for all their devices: waiting tunnels are tried soon, each at a time
+    /// of its own.
+    void RetrySoon(Time now);
+
     /// Rebuilds the tunnels whose connection has a local address that the device lost.
     void DropLostAddresses(Time now);
 
@@ -79,6 +83,7 @@ private:
     std::map<std::string, Json::Value> TakeAssigned(const Json::Value& assigned,
                                                     const std::list<ServiceConf>& services);
     void NoticeEnded(Time now);
+    Time RebuildTime(const std::string& id, Time now);
     void EndDropped(Time now);
     void Start(Tunnel& tunnel, Time now);
     void SpareSilentRelay(const Tunnel& silent);
@@ -88,6 +93,8 @@ private:
     std::list<Tunnel> tunnels_;
     std::map<std::string, Upkeep> upkeep_;
     ChildWatch children_;
+    std::string lost_; ///< whose tunnel was lost last
+    Time lostAt_{};
     std::set<std::string> refused_; ///< what the last reply was refused for, to log it once
 };
 
