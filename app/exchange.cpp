@@ -270,7 +270,7 @@ boost::shared_ptr<Request> Exchange::MakeRequest(const std::string& url, const J
                                                  bool sameHost) {
     // The process-wide cookie would go to every server, so it is set for this request alone.
     Request::SetCookie(sameHost && storeHasSession_ ? "" : session_);
-    const boost::shared_ptr<Request> request(new Request(url, body, true));
+    boost::shared_ptr<Request> request(new Request(url, body, true));
     Request::SetCookie("");
     return request;
 }

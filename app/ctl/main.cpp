@@ -39,7 +39,7 @@ int Run(int argc, char** argv) {
 } // namespace
 
 int main(int argc, char** argv) {
-    setlocale(LC_CTYPE, ""); // decides which foreign texts a terminal can show
+    (void)setlocale(LC_CTYPE, ""); // decides which foreign texts a terminal can show
     try {
         return Run(argc, argv);
     } catch (const std::exception& fault) {
