@@ -1,6 +1,7 @@
 #include "app/log_target.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,15 +13,32 @@
 
 namespace ZARO::Relay::app {
 
+bool IsStrangersFile(const std::string& path) {
+    struct stat info = {};
+    return lstat(path.c_str(), &info) == 0 &&
+           (S_ISLNK(info.st_mode) ||
+            (S_ISREG(info.st_mode) && (info.st_uid != geteuid() || info.st_nlink != 1)));
+}
+
 std::string UsableLogFile(const RelaydConf& conf) {
     if (conf.log_file.empty()) {
         return "";
     }
-    const int fd = open(conf.log_file.c_str(),
-                        O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, 0600);
+    // Whoever planted the file could read what a trace holds, or have another one written over.
+    if (IsStrangersFile(conf.log_file)) {
+        RELAY_LOG(3, "log file [%s] is a link or another user's", conf.log_file.c_str());
+        return "";
+    }
+    const int fd =
+        open(conf.log_file.c_str(),
+             O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         RELAY_LOG(3, "log file [%s] can't be opened, %s", conf.log_file.c_str(), strerror(errno));
         return "";
+    }
+    struct stat info = {};
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        (void)fchmod(fd, info.st_mode & 0700); // it may have been made under a lax umask
     }
     close(fd);
     return conf.log_file;

@@ -7,8 +7,12 @@
 
 namespace ZARO::Relay::app {
 
-/// The log file of a configuration; empty, and logged, when it can't be opened: a daemon in the
-/// background then logs to the system log rather than to nowhere.
+/// Whether a file is there that no log may go into: a link, another user's, or one of several
+/// names.
+bool IsStrangersFile(const std::string& path);
+
+/// The log file of a configuration, closed to others; empty, and logged, when it can't be used: a
+/// daemon in the background then logs to the system log rather than to nowhere.
 std::string UsableLogFile(const RelaydConf& conf);
 
 /// Puts a configuration's log settings in force. In the foreground, where the library leaves

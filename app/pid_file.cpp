@@ -19,6 +19,7 @@ namespace {
 
 constexpr int kAttempts = 10;
 constexpr int kBetweenAttemptsMs = 10;
+constexpr std::size_t kShortName = 15; // bytes
 
 /// The first 15 bytes of a process's name.
 std::string ShortName(const std::string& process) {
@@ -84,6 +85,11 @@ std::string ProgramOf(const std::string& process) {
     return path.substr(path.rfind('/') + 1);
 }
 
+bool RunsProgram(const std::string& process, const std::string& program) {
+    const std::string path = ProgramOf(process);
+    return path.empty() ? ShortName(process) == program.substr(0, kShortName) : path == program;
+}
+
 void RemoveStalePidFile() {
     const long pid = ReadPid();
     if (pid < 0) {
@@ -91,11 +97,7 @@ void RemoveStalePidFile() {
     }
     const std::string process = std::to_string(pid);
     if (pid > 0 && access(("/proc/" + process).c_str(), F_OK) == 0) {
-        // Another user's program can't be read, but its short name can.
-        const std::string program = ProgramOf(process);
-        const bool ours = program.empty() ? ShortName(process) == ShortName("self")
-                                          : program == ProgramOf("self");
-        if (ours && !HasOtherRoot(process)) {
+        if (RunsProgram(process, ProgramOf("self")) && !HasOtherRoot(process)) {
             return; // Daemon::Init tells of it
         }
     }

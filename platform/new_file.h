@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -40,8 +41,12 @@ inline std::string NewFileOf(const std::string& path, pid_t process = getpid()) 
 }
 
 /// Removes the new files of writers that were killed: each would stay for ever, since no other
-/// process looks for that name.
+/// process looks for that name. Once a process and path: the folder may be large.
 inline void RemoveLeftNewFiles(const std::string& path) {
+    static std::set<std::string> swept;
+    if (!swept.insert(path).second) {
+        return;
+    }
     DIR* folder = opendir(FolderOf(path).c_str());
     if (folder == nullptr) {
         return;

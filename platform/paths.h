@@ -7,6 +7,7 @@
 
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <string>
@@ -20,7 +21,7 @@ inline std::string Root() {
 }
 
 /// Makes `dir` the root of this process and of the programs it starts. False, with nothing
-/// changed, when `dir` is not an existing path. "/" is the appliance's own, empty root.
+/// changed, when `dir` is not an existing folder. "/" is the appliance's own, empty root.
 inline bool SetRoot(const std::string& dir) {
     char* real = realpath(dir.c_str(), nullptr);
     if (real == nullptr) {
@@ -28,7 +29,9 @@ inline bool SetRoot(const std::string& dir) {
     }
     const std::string root = real;
     free(real);
-    return setenv("ZARO_ROOT", root == "/" ? "" : root.c_str(), 1) == 0;
+    struct stat info = {};
+    return stat(root.c_str(), &info) == 0 && S_ISDIR(info.st_mode) &&
+           setenv("ZARO_ROOT", root == "/" ? "" : root.c_str(), 1) == 0;
 }
 
 inline std::string Below(const char* path) {

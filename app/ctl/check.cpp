@@ -296,6 +296,8 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
 int Check(bool json) {
     const Device device = Look();
     Chain chain;
+    // First, since another device's server id counts as a fault of the file too, where the remedy
+    // would be less plain.
     CheckIdentity(chain, device);
     CheckConfiguration(chain, device);
     CheckCredentials(chain);

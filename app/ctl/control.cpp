@@ -59,8 +59,7 @@ Presence FindDaemon() {
     if (!permitted && errno != EPERM) {
         return Presence::None;
     }
-    const std::string program = app::ProgramOf(std::to_string(pid));
-    if (!program.empty() && program != kDaemon) {
+    if (!app::RunsProgram(std::to_string(pid), kDaemon)) {
         return Presence::Foreign;
     }
     return permitted ? Presence::Running : Presence::NotPermitted;

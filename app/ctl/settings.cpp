@@ -14,6 +14,7 @@
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "app/json_io.h"
+#include "app/log_target.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {
@@ -132,6 +133,10 @@ int StartLog(const std::string& file) {
         std::filesystem::is_directory(path, fault)) {
         return Fail(kNoAnswer, "\"" + Clean(file) + "\" can't be a log file",
                     "expected a file in an existing folder");
+    }
+    if (app::IsStrangersFile(path)) {
+        return Fail(kNoAnswer, "\"" + Clean(file) + "\" is a link or another user's file",
+                    "expected a new file or one of your own");
     }
     return SwitchLog([&] { return TLIBRelaydLogStart(path.c_str()); },
                      "debug log goes to " + Clean(path.string(), 300));

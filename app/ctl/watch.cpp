@@ -92,7 +92,8 @@ public:
         while (signals_ >= 0) {
             const auto left =
                 std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
-            if (poll(entries, 2, static_cast<int>(std::max<long>(left, 0))) == 0) {
+            // Notices of other files, however many, must not put the redraw off.
+            if (poll(entries, 2, static_cast<int>(std::max<long>(left, 0))) == 0 || left <= 0) {
                 return Event::Redraw;
             }
             signalfd_siginfo signal{};
