@@ -30,8 +30,15 @@ bool ConsistsOf(const std::string& text, const char* extra) {
 
 bool IsAddress(const std::string& host) {
     in6_addr address;
-    return inet_pton(AF_INET, host.c_str(), &address) == 1 ||
-           inet_pton(AF_INET6, host.c_str(), &address) == 1;
+    return host.find('\0') == std::string::npos && // what is behind one would go unchecked
+           (inet_pton(AF_INET, host.c_str(), &address) == 1 ||
+            inet_pton(AF_INET6, host.c_str(), &address) == 1);
+}
+
+/// A host as it stands in a URL, where an IPv6 address is in brackets.
+bool IsUrlHost(const std::string& host) {
+    const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
+    return bracketed ? IsAddress(host.substr(1, host.size() - 2)) : IsRelayHost(host);
 }
 
 bool IsPassword(const std::string& password) {
@@ -47,7 +54,7 @@ bool IsServer(const Json::Value& server) {
         return member == nullptr || isGood(*member);
     };
     const auto isHost = [](const Json::Value& host) {
-        return host.isString() && (host.asString().empty() || IsRelayHost(host.asString()));
+        return host.isString() && (host.asString().empty() || IsUrlHost(host.asString()));
     };
     const auto isPage = [](const Json::Value& page) {
         return page.isString() && page.asString().size() <= kLongestHost &&
@@ -99,8 +106,8 @@ bool IsRelayHost(const std::string& host) {
     if (IsAddress(host)) {
         return true;
     }
-    return !host.empty() && host.size() <= kLongestHost && IsLetterOrDigit(host[0]) &&
-           ConsistsOf(host, "-.");
+    return !host.empty() && host.size() <= kLongestHost && host[0] != '-' && host[0] != '.' &&
+           ConsistsOf(host, "_-.");
 }
 
 bool IsRelayUser(const std::string& user) {

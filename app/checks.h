@@ -14,7 +14,7 @@ namespace ZARO::Relay::app {
 /// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
 bool IsServiceId(const std::string& id);
 
-/// A host name or an IPv4 or IPv6 address.
+/// A host name, "_" allowed as in local networks, or an IPv4 or IPv6 address.
 bool IsRelayHost(const std::string& host);
 
 /// Not empty, at most 255 bytes, no leading "-", no blank, control character or "@".

@@ -101,8 +101,9 @@ bool IsShortText(const std::string& text, size_t longest) {
 
 bool IsAddress(const std::string& text) {
     unsigned char bytes[sizeof(in6_addr)];
-    return inet_pton(AF_INET, text.c_str(), bytes) == 1 ||
-           inet_pton(AF_INET6, text.c_str(), bytes) == 1;
+    return text.find('\0') == std::string::npos && // what is behind one would go unchecked
+           (inet_pton(AF_INET, text.c_str(), bytes) == 1 ||
+            inet_pton(AF_INET6, text.c_str(), bytes) == 1);
 }
 
 bool IsHost(const std::string& text, bool bracketed) {

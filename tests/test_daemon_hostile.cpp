@@ -71,6 +71,7 @@ std::vector<Row> Rows() {
         {"port 22", wait, Tunnel("port", 22), "not the service's port"},
         {"host", wait, Tunnel("relay_ip", "a b"), "bad relay host"},
         {"option host", wait, Tunnel("relay_ip", "-oProxyCommand=touch\tOWNED"), "bad relay host"},
+        {"cut host", wait, Tunnel("relay_ip", std::string("::1\0 -x", 7)), "bad relay host"},
         {"password", wait, Tunnel("relay_pass", "x\ny"), "bad relay password"},
     };
     for (const auto& [command, line] : {std::pair("register", "registration failed: "),

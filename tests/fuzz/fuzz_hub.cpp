@@ -8,7 +8,7 @@ using namespace ZARO::RelayHub;
 
 void Fuzz(const std::string& input) {
     Store store;
-    std::string line, session;
+    std::string line, session = CookieValue(input, "session");
     // Beside SQLite's name for no file an empty one is made.
     assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, &line));
     Waiters waiters(store, std::chrono::milliseconds(0));
@@ -20,9 +20,9 @@ void Fuzz(const std::string& input) {
     const Origin origin = ParseHost("https", line).value_or(Origin{"http", "localhost", 80});
     while (std::getline(lines, line)) {
         assert(alias.Update(line) != "911" && alias.Query(line, origin) != "911");
-        session = line[0] == ';' ? CookieValue(line, "session") : session;
         Json::Value replies, tunnel;
-        assert(json::Parse(control.Answer(line, origin, &session), replies) && replies.isArray());
+        bool isTaken = json::Parse(control.Answer(line, origin, &session), replies);
+        assert(isTaken && app::CleanBatchReply(replies, isTaken) && isTaken);
         for (const Json::Value& reply : replies) {
             assert(reply["errno"] == 0 || (reply.size() == 1 && reply["errno"] != 1));
             for (const Json::Value& given : reply["tunnels"]) { // what it gives, a device takes
