@@ -21,9 +21,8 @@ void Fuzz(const std::string& input) {
     conf.serverIdCleared = false; // its notification would be a process
     assert(conf.WriteConfigFile(paths::ConfigFile()) && conf.ReadConfigFile(paths::ConfigFile()));
     // The first writing drops what is not kept; from then on nothing changes any more.
-    for (const bool full : {false, true}) {
-        const std::string first = Again(input, full), second = Again(first, full);
-        const bool kept = full && first.find("\\u") == std::string::npos; // bad UTF-8 is not
-        assert(kept ? second == first : Again(second, full) == second);
-    }
+    const bool full = input.size() % 2 == 0; // one form a run, for the pace
+    const std::string first = Again(input, full), second = Again(first, full);
+    const bool kept = full && first.find("\\u") == std::string::npos; // bad UTF-8 is not
+    assert(kept ? second == first : Again(second, full) == second);
 }
