@@ -44,7 +44,8 @@ inline std::vector<std::string> LogTexts(const std::string& unit, const std::str
         int start = 0;
         const char* rest = strptime(line.c_str(), "%a %b %e %T %Y ", &stamp);
         sscanf(rest != nullptr ? rest : "", "%63[a-z_].cpp:%*u %n", source, &start);
-        if (start > 0 && (source == unit || std::string(source).rfind(unit + "_", 0) == 0)) {
+        if (start > 0 &&
+            (unit.empty() || source == unit || std::string(source).rfind(unit + "_", 0) == 0)) {
             texts.push_back(rest + start);
         }
     }

@@ -1,0 +1,406 @@
+// Every call that can fail fails once, at its first, second, ... use within an operation: what the
+// operation then returns and logs, that it leaves the old files or the new ones and nothing else,
+// keeps no descriptor and no handle, and works when it is repeated.
+#include <zarorelayd/file_lock.h>
+#include <zarorelayd/jobqueue.h>
+#include <zarorelayd/tunnel.h>
+#include <zarorelayd/zarorelayd.h>
+
+#include <sys/file.h>
+
+#include <map>
+#include <regex>
+
+#include <zaro/platform.h>
+
+#include "app/status_file.h"
+#include "tests/support/http_server.h"
+#include "tests/support/scripted_ssh.h"
+#include "tests/support/unit.h"
+
+using namespace ZARO::Relay;
+
+namespace {
+
+/// Which call is to fail. The web server's threads have their own, which is never set.
+struct Fault {
+    std::string seam;
+    int at = 0;
+    int error = 0;
+    int calls = 0;
+};
+thread_local Fault gFault;
+int gHandles = 0; ///< of libcurl, made and not yet given back
+
+template <class Works, class Fails> long Call(const char* seam, Works works, Fails fails) {
+    if (gFault.seam != seam || ++gFault.calls != gFault.at) {
+        return works();
+    }
+    const long result = fails();
+    errno = gFault.error;
+    return result;
+}
+
+long Counted(long handle) {
+    gHandles += handle != 0;
+    return handle;
+}
+
+} // namespace
+
+// The linker leads the library's own calls here, for the test is linked with its objects. What was
+// passed goes on as it is in the registers, which on a 64-bit Linux is the same for all functions
+// of up to six integers and pointers.
+// clang-format off
+#define WRAP(name, works, fails)                                                                   \
+    long __real_##name(long, long, long, long, long, long);                                        \
+    long __wrap_##name(long a, long b, long c, long d, long e, long f) {                           \
+        (void)(a | b | c | d | e | f); /* not all are for all */                                   \
+        return Call(#name, [=]() -> long { return works; }, [=]() -> long { return fails; });      \
+    }
+#define REAL(name) __real_##name(a, b, c, d, e, f)
+#define MINUS(name) WRAP(name, REAL(name), -1)
+#define ZERO(name) WRAP(name, REAL(name), 0)
+#define LATE(name, result) WRAP(name, REAL(name), gFault.error == EINTR ? -1 : (REAL(name), result))
+#define CURL(name) WRAP(name, REAL(name), CURLE_OUT_OF_MEMORY)
+#define MADE(name) WRAP(name, Counted(REAL(name)), 0)
+#define GONE(name, failed) WRAP(name, (gHandles -= a != 0, REAL(name)), failed)
+extern "C" {
+MINUS(fstat) MINUS(stat) MINUS(lstat) MINUS(fchmod) MINUS(rename) MINUS(unlink) MINUS(link)
+MINUS(mkostemp) MINUS(flock) MINUS(dup2) MINUS(read) MINUS(time) MINUS(fork) MINUS(open)
+ZERO(realpath) ZERO(opendir) ZERO(popen) LATE(close, -1) LATE(pclose, -1) LATE(waitpid, -1)
+WRAP(write, REAL(write), gFault.error != 0 ? -1 : __real_write(a, b, (c + 1) / 2, d, e, f))
+MINUS(TLIBCFileGetKeyValue) MINUS(TLIBCINFOSetKeyValue) MINUS(TLIBCFileGetSectionByValue)
+MINUS(TLIBCFileGetSectionValue) MINUS(ZARONetIFGetInfo) MINUS(ZARONetDefaultGatewayGet)
+MINUS(ZARODDNSConfigGet) MINUS(ZAROWstokenGetToken) MINUS(ZAROWstokenGenerateToken)
+MINUS(TLIBCExec) ZERO(TLIBCSupportGet) ZERO(TLIBCSzListGet) ZERO(ZAROFWServiceFind)
+LATE(ZAROFwServiceEnum, 0)
+CURL(curl_global_init) CURL(curl_easy_perform) CURL(curl_easy_setopt) CURL(curl_easy_getinfo)
+CURL(curl_share_setopt) CURL(curl_multi_add_handle) CURL(curl_multi_remove_handle)
+CURL(curl_multi_fdset) MADE(curl_easy_init) MADE(curl_easy_duphandle) MADE(curl_multi_init)
+MADE(curl_share_init) GONE(curl_easy_cleanup, 0) GONE(curl_multi_cleanup, 0)
+GONE(curl_share_cleanup, CURLSHE_IN_USE)
+// What differs from machine to machine or from time to time, or takes time, is fixed.
+WRAP(fsync, 0, -1)
+WRAP(getentropy, (memset(reinterpret_cast<void*>(a), 7, static_cast<std::size_t>(b)), 0), -1)
+WRAP(TLIBCErrGet, 0x1234, 0) WRAP(ZAROPPPoECheckStatusEx, 1, -1) WRAP(ZAROPPPoeNetInfoGet, 0, -1)
+WRAP(TLIBNetGetInterfaceInfo, (*reinterpret_cast<_tag_TLIB_NETIF*>(a) = {"eth0", "", "", 2, {}}, 1),
+     0)
+int __wrap___open_2(const char* path, int flags) { // what a fortified build makes of some
+    return static_cast<int>(__wrap_open(reinterpret_cast<long>(path), flags, 0, 0, 0, 0));
+}
+} // extern "C"
+
+namespace {
+
+const std::string kConf = "/usr/zaro/etc/zarorelayd.conf";
+
+/// What the operations work on; made before each, so that making it is not part of it.
+struct Scene {
+    explicit Scene(const HttpServer& web) : url(web.Url()) {
+        const std::pair<const std::string, const char*> files[] = {
+            {kConf, "{\"log_level\":5,\"x\":1}"},
+            {"/etc/x", "old"}, {"/tmp/a", ""},
+            {"/etc/zaroinfo.conf", "supportddns=yes\nddns_update=yes\nddns_select=dyn\n"},
+            {"/proc/net/route", "head\neth0 00000000 0100000A 0003 0 0 0 00000000 0 0 0\n"},
+            {"/sys/class/net/eth0/address", "02:00:00:aa:bb:01\n"},
+            {"/usr/zaro/etc/ddns.conf", "[dyn]\nhostname=me\n"},
+            {"/usr/zaro/etc/services.d/web.conf", "title=T\ntcp=80\n"},
+            {"/usr/zaro/etc/portforward.conf", "[r1]\nservice=web\nr_port=8000\n"}};
+        for (const auto& [name, text] : files) {
+            root.Write(name, text, 0640);
+        }
+        conf = std::make_unique<RelaydConf>(root.Path(kConf).c_str());
+        conf->serverID = "9";
+        EXPECT_TRUE(conf->SetEnableConf(false)); // its lock file stays
+        status->Write("old");
+        Request::SetCookie("a=b");
+        Renew();
+    }
+
+    /// A request with a share and a connection of its own.
+    Request& Renew() {
+        request.reset();
+        Request::GetCurlShare(true);
+        request = std::make_unique<Request>(url.c_str(), "body", true);
+        return *request;
+    }
+
+    const TempRoot root;
+    const std::string url, x = root.Path("/etc/x"), a = root.Path("/tmp/a");
+    std::unique_ptr<app::StatusFile> status = std::make_unique<app::StatusFile>();
+    std::unique_ptr<RelaydConf> conf;
+    std::unique_ptr<Request> request;
+};
+
+/// Each good step a plus.
+std::string Signs(const std::vector<bool>& steps) {
+    std::string signs;
+    for (const bool good : steps) {
+        signs += good ? '+' : '-';
+    }
+    return signs;
+}
+
+std::string Sent(Request&& request) {
+    return Signs({request.IsValid(), request.Send()});
+}
+
+std::string Interfaces(const NetworkConf& conf) {
+    std::string names;
+    for (const InterfaceConf& interface : conf.interfaces) {
+        names += interface.name + ' ';
+    }
+    return names + conf.gateway + ' ' + conf.ddns;
+}
+
+std::string OpenTunnel(Scene& scene) {
+    const ScriptedSsh ssh(scene.root);
+    Tunnel tunnel(Parse(R"({"id":"web","port":80,"relay_ip":"r","relay_port":9,"relay_user":"u",
+                            "relay_pass":"p"})"));
+    const bool good = tunnel.Create();
+    gFault.seam.clear();
+    return Signs({good}) + tunnel.GetStatusStr(tunnel.GetStatus());
+}
+
+int gDone = 0;
+
+bool Note(boost::shared_ptr<Request>) {
+    return ++gDone > 0;
+}
+
+/// One job to its end, one that is removed, one that is swept away.
+std::string RunJobs(Scene& scene) {
+    JobQueue queue;
+    fd_set none = {};
+    int max = gDone = 0;
+    const auto add = [&] {
+        const boost::shared_ptr<Request> request(new Request(scene.url.c_str(), "", true));
+        return queue.Add(request, Note, 0);
+    };
+    const auto ends = [&] { return queue.CheckDoneJobs() && gDone > 0; };
+    return Signs({queue.IsValid(), add() && WaitFor(ends),
+                  add() && queue.GetFdSet(&none, &none, &none, &max), queue.Remove(Note),
+                  add() && queue.RemoveAll()});
+}
+
+// clang-format off
+#define OPERATION(name, healthy, ...) \
+    {name, {healthy, []([[maybe_unused]] Scene& s) -> std::string { return __VA_ARGS__; }}}
+const std::map<std::string, std::pair<const char*, std::string (*)(Scene&)>> kOperations = {
+    OPERATION("json", "+ new", Signs({RelaydConf::WriteJsonFile(s.x, 1)})),
+    OPERATION("id", "++ new", (s.conf->serverIdCleared = true,
+                              Signs({s.conf->WriteServerId(""), !s.conf->serverIdCleared}))),
+    OPERATION("alias", "+ new", Signs({s.conf->WriteAliasName("", "n")})),
+    OPERATION("whole", "+ new", Signs({s.conf->WriteConfigFile()})),
+    OPERATION("log", "+ new", Signs({TLIBRelaydLogStart("/log") == 0})),
+    OPERATION("enable", "+ new", Signs({s.conf->SetEnableConf(true)})),
+    OPERATION("status", " new", (s.status->Write("new"), "")),
+    OPERATION("token", "+ new", Signs({AuthConf(false).Overwrite(Parse(R"({"serial":"s"})"))})),
+    OPERATION("pass", "+ new",
+              Signs({Tunnel(Parse(R"({"relay_pass":"pp"})")).WritePassFile(s.x + "p")})),
+    OPERATION("tunnel", "+TUNNEL_STATUS_READY", OpenTunnel(s)),
+    OPERATION("lock", "+", Signs({FileLock(s.a.c_str()).Lock(LOCK_EX)})),
+    OPERATION("logfile", "++", Signs({Daemon::OpenLogFile(s.a, 99, O_APPEND), close(99) == 0})),
+    OPERATION("network", "eth0 pppoe 10.0.0.1 me", Interfaces(NetworkConf(true))),
+    OPERATION("service", R"({"ext_port":8000,"id":"web","name":"T","port":80})",
+              Written(ServiceConf("web"), true)),
+    OPERATION("auth", "+ new", Signs({AuthConf(true).IsValid()})),
+    OPERATION("send", "++", Sent(std::move(s.Renew()))),
+    OPERATION("copy", "++", Sent(Request(*s.request))),
+    OPERATION("poll", "+", Signs({s.request->SetTcpKeepAlive(9)})),
+    OPERATION("jobs", "+++++", RunJobs(s))};
+
+/// Operations | the call, and how it fails if not with EIO | the outcome when it fails at its
+/// first | second | ... use: result, files, log. At later uses all is as it would be without.
+const char kRows[] = R"(
+json|open|- old: open failed [/etc/x.tmp.PID]
+json|write fsync close|- old: write failed [/etc/x.tmp.PID], EIO
+json|fsync=EINVAL opendir unlink
+json|fchmod|+ odd
+json|rename|+ old: rename to /etc/x failed EIO
+json enable status pass token|write=EINTR write=SHORT
+id|open|-- old: can not read [CONF], EIO|-- old: open failed [CONF.tmp.PID]
+alias whole log|open|- old: can not read [CONF], EIO|- old: open failed [CONF.tmp.PID]
+alias whole log|fstat|- old: can not read [CONF], EIO
+alias whole log|read|- old: can not read [CONF], EIO|- old: can not read [CONF], EIO
+alias enable|read=EINTR
+id|TLIBCExec
+status|open write fchmod close rename| old: status file [STATUS] can't be written, EIO
+status|opendir unlink lstat
+enable|lstat realpath flock stat write rename unlink fsync TLIBCINFOSetKeyValue|- old: OFF
+enable|fstat fchmod read|- old: OFF|- old: OFF
+enable|open|- old: OFF|- old: OFF|- old: OFF
+token|mkostemp link write fsync|+ old: gen token failed
+token|getentropy|+ old: gen token failed|+ old: gen token failed
+token|open|+ new|+ old: gen token failed|+ new|+ new: gen token failed
+token|ZAROWstokenGenerateToken|+ old: gen token failed
+pass|open|- old: open [/etc/xp] failed, EIO
+pass|fchmod|- old: chmod [/etc/xp] failed, EIO
+pass|write|- old: write pass failed, EIO
+pass|close
+tunnel|fork|-TUNNEL_STATUS_FAILED: fork failed EIO
+tunnel|popen|-TUNNEL_STATUS_FAILED: get ssh info failed
+tunnel|pclose|+TUNNEL_STATUS_READY: pclose failed
+tunnel|waitpid|-TUNNEL_STATUS_FAILED
+tunnel|waitpid=EINTR
+tunnel|unlink|+TUNNEL_STATUS_READY|+TUNNEL_STATUS_READY odd
+lock|open fstat stat flock|-
+logfile|open|--: open log file [/tmp/a] failed
+logfile|dup2|--: dup fd failed
+network|TLIBNetGetInterfaceInfo|pppoe 10.0.0.1 me: TLIBNetGetInterfaceInfo failed: [0x1234]
+network|ZAROPPPoECheckStatusEx|eth0 10.0.0.1 me
+network|ZAROPPPoeNetInfoGet|eth0 10.0.0.1 me: ZAROPPPoeNetInfoGet failed: [0x1234]
+network|ZARONetDefaultGatewayGet|eth0 pppoe  me: ZARONetDefaultGatewayGet failed: [0x1234]
+network|ZARODDNSConfigGet|eth0 pppoe 10.0.0.1 : ZARODDNSConfigGet failed: [0x1234]
+network|TLIBCSupportGet|eth0 pppoe 10.0.0.1 
+network|TLIBCFileGetKeyValue|eth0 pppoe 10.0.0.1 |eth0 pppoe 10.0.0.1 : get ddns provider failed
+service|ZAROFwServiceEnum|{"id":"web","name":""}: enum fw service failed [0x1234]
+service|ZAROFWServiceFind|{"id":"web","name":""}
+service|TLIBCSzListGet|{"ext_port":8000,"id":"web","name":"T"}
+service|TLIBCFileGetSectionByValue TLIBCFileGetSectionValue|{"id":"web","name":"T","port":80}
+auth|ZAROWstokenGetToken|- old: ZAROWstokenGetToken failed: [0x1234]
+auth|ZARONetIFGetInfo|- new: invalid mac address; invalid mac address
+send|curl_easy_setopt|--: @SHARE|--: @COOKIEFILE|--: @WRITEDATA; init send failed
++|--: @WRITEFUNCTION; init send failed|--: @URL|++: @URL|++: @POSTFIELDS|--: @USERAGENT
++|--: @CONNECTTIMEOUT|--: @TIMEOUT|--: @DNS_CACHE_TIMEOUT|--: @OPENSOCKETFUNCTION|--: @QUICK_EXIT
++|--: @HTTP_VERSION|--: @FORBID_REUSE|--: @ERRORBUFFER|--: @SSL_CTX_FUNCTION|--: @SSL_VERIFYPEER
++|--: @COOKIE|+-: @WRITEDATA|+-: @WRITEFUNCTION
+send|curl_easy_init|--
+send|curl_easy_perform|+-: curl_easy_perform failed (27): [URL]
+send|curl_easy_getinfo|+-: Fail to get curl http info: Out of memory
++|++: curl_easy_getinfo failed: 27
+send|curl_share_cleanup|++: curl_share_cleanup failed. [Share currently in use]
+send|curl_share_init|++: curl_share_init failed
+send|curl_share_setopt|++: set CURL_LOCK_DATA_COOKIE failed|++: set CURL_LOCK_DATA_DNS failed
+copy|curl_easy_duphandle|--
+copy|curl_easy_setopt|--: @WRITEDATA|--: @WRITEFUNCTION|--: @SHARE|--: @COOKIEFILE|--: @ERRORBUFFER
++|--: @POSTFIELDS|+-: @WRITEDATA|+-: @WRITEFUNCTION
+poll|curl_easy_setopt|+: @TCP_KEEPALIVE|+: @TCP_KEEPIDLE|+: @TCP_KEEPINTVL|+: @TIMEOUT
+jobs|curl_global_init|+++++: curl_global_init() failed
+jobs|curl_multi_init|-----: LINE: curl_multi_init() failed
+jobs|curl_multi_add_handle|+-+++: ADD failed|++-++: ADD failed|++++-: ADD failed
+jobs|curl_multi_fdset|++-++: curl_multi_fdset() error
+jobs|curl_multi_remove_handle|+++++: REMOVE failed|+++-+: REMOVE failed; remove job[URL] failed
++|+++++: REMOVE failed; remove job[URL] failed
+jobs|time|+-+++: get time now failed EIO|++-++: get time now failed EIO
++|++++-: get time now failed EIO
+)";
+// clang-format on
+
+/// As the rows have it.
+std::string Shortened(std::string text, const Scene& scene) {
+    const std::pair<std::string, const char*> words[] = {
+        {"set CURLOPT_(\\w+)to curl handle failed", "@$1"},
+        {"\\b\\d+: curl", "LINE: curl"},
+        {"curl_multi_add_handle\\(\\)", "ADD"},
+        {"curl_multi_remove_handle\\(\\)", "REMOVE"},
+        {"Input/output error", "EIO"},
+        {"write zaroinfo \\[runrelayd=yes\\] failed", "OFF"},
+        {scene.url, "URL"},
+        {scene.root.Path(kConf), "CONF"},
+        {scene.root.Dir(), ""},
+        {"/tmp/.zarorelayd.status", "STATUS"},
+        {"\\b" + std::to_string(getpid()) + "\\b", "PID"}};
+    for (const auto& [pattern, word] : words) {
+        text = std::regex_replace(text, std::regex(pattern), word);
+    }
+    return text;
+}
+
+using Files = std::map<std::string, std::string>;
+
+/// The permissions and contents of all files that an operation may touch.
+Files FilesOf(const TempRoot& root) {
+    Files files;
+    for (const char* folder : {"/etc", "/tmp", "/usr/zaro/etc"}) {
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(root.Path(folder))) {
+            const std::string name = entry.path().string().substr(root.Dir().size());
+            const auto mode = static_cast<unsigned>(entry.status().permissions());
+            files[name] = std::to_string(mode) + (entry.is_regular_file() ? root.Read(name) : "");
+        }
+    }
+    return files;
+}
+
+/// How many descriptors are open, but for the web server's.
+long Descriptors() {
+    long count = 0;
+    struct stat info = {};
+    for (int fd = 0; fd < 100; fd++) {
+        count += fstat(fd, &info) == 0 && !S_ISSOCK(info.st_mode);
+    }
+    return count;
+}
+
+struct TortureTest : testing::Test {
+    void Use(const std::string& name) {
+        Scene scene(web_);
+        name_ = name;
+        before_ = FilesOf(scene.root);
+        Run(scene);
+        after_ = FilesOf(scene.root);
+    }
+
+    /// Runs the operation and tells its result, which files are there afterwards, and its log.
+    std::string Run(Scene& scene, const Fault& fault = {}) {
+        std::string text;
+        const auto log = LogOf("", name_ == "network" ? 7 : 3, [&] {
+            gFault = fault;
+            text = kOperations.at(name_).second(scene);
+            gFault.seam.clear();
+        });
+        const Files now = FilesOf(scene.root);
+        const bool changes = after_ != before_;
+        text += now == after_               ? (changes ? " new" : "")
+                : changes && now == before_ ? " old"
+                                            : " odd";
+        for (const std::string& line : log) {
+            text += (&line == &log[0] ? ": " : "; ") + line;
+        }
+        return Shortened(text, scene);
+    }
+
+    /// Fails each call of `seam` in turn.
+    void Torture(const std::string& seam, int error, const std::vector<std::string>& row) {
+        const std::string healthy = kOperations.at(name_).first;
+        std::size_t n = 0;
+        for (bool reached = true; reached;) {
+            Scene scene(web_);
+            const long descriptors = Descriptors(), handles = gHandles;
+            const std::string outcome = Run(scene, {seam, static_cast<int>(++n), error, 0});
+            reached = gFault.calls >= gFault.at;
+            const std::string when = name_ + ", " + seam + " " + std::to_string(n);
+            EXPECT_EQ(outcome, n + 1 < row.size() ? row[n + 1] : healthy) << when;
+            EXPECT_EQ(Run(scene), healthy) << when;
+            EXPECT_TRUE(Descriptors() == descriptors && gHandles == handles) << when;
+        }
+        EXPECT_TRUE(n > 1 && n + 1 >= row.size()) << name_ << " calls " << seam << " " << n - 1;
+    }
+
+    const HttpServer web_{"ok", 200, "127.0.0.1"};
+    std::string name_;
+    Files before_, after_;
+};
+
+} // namespace
+
+TEST_F(TortureTest, EveryCallFailsOnce) {
+    const std::map<std::string, int> errors = {{"EINTR", EINTR}, {"EINVAL", EINVAL}, {"SHORT", 0}};
+    std::istringstream rows(std::regex_replace(std::string(kRows), std::regex("\n\\+"), ""));
+    for (std::string line; std::getline(rows, line);) {
+        std::istringstream fields(line);
+        std::vector<std::string> row;
+        for (std::string field; std::getline(fields, field, '|');) {
+            row.push_back(field);
+        }
+        for (const std::string& name : Words(row.empty() ? "" : row[0])) {
+            Use(name);
+            for (const std::string& call : Words(row[1])) {
+                const std::string error = call.substr(std::min(call.find('=') + 1, call.size()));
+                Torture(call.substr(0, call.find('=')),
+                        errors.count(error) != 0 ? errors.at(error) : EIO, row);
+            }
+        }
+    }
+}
