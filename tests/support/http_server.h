@@ -71,6 +71,7 @@ public:
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
+    int Port() const { return port_; }
     std::string Url(const std::string& path = "/Serv.php") const {
         return scheme_ + "127.0.0.1:" + std::to_string(port_) + path;
     }

@@ -16,6 +16,8 @@
 
 #include <zarorelayd/daemon.h>
 
+#include "tests/support/processes.h"
+
 /// What `code`, and the processes it starts, write to descriptor `fd`.
 template <class Code> std::string Captured(int fd, Code code) {
     const int file = memfd_create("captured", MFD_CLOEXEC);
@@ -26,9 +28,7 @@ template <class Code> std::string Captured(int fd, Code code) {
     fflush(nullptr);
     dup2(saved, fd);
     close(saved);
-    std::string text(static_cast<std::size_t>(lseek(file, 0, SEEK_END)), '\0');
-    text.resize(
-        static_cast<std::size_t>(std::max<ssize_t>(pread(file, text.data(), text.size(), 0), 0)));
+    const std::string text = ReadFile("/proc/self/fd/" + std::to_string(file));
     close(file);
     return text;
 }

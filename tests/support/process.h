@@ -36,16 +36,6 @@ struct NoCopy {
     NoCopy& operator=(const NoCopy&) = delete;
 };
 
-/// Waits for a condition up to `limit` from now.
-template <class Done> bool Within(milliseconds limit, Done done) {
-    const auto deadline = Clock::now() + limit;
-    bool met = done();
-    for (; !met && Clock::now() < deadline; met = done()) {
-        poll(nullptr, 0, 1);
-    }
-    return met;
-}
-
 /// Whether a condition comes true within `bound` of now, in a plain build; prints when it does.
 template <class Done>
 testing::AssertionResult Takes(const std::string& what, milliseconds bound, Done done) {
@@ -55,13 +45,6 @@ testing::AssertionResult Takes(const std::string& what, milliseconds bound, Done
     std::cout << "[ measured ] " << what << ": " << took.count() << " ms" << std::endl;
     return came && took <= bound * kSlow ? testing::AssertionSuccess()
                                          : testing::AssertionFailure() << took.count() << " ms";
-}
-
-/// What can be read of a file; of a process's that ends meanwhile, nothing.
-inline std::string ReadFile(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
 }
 
 /// How often `part` stands in `text`.

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
@@ -19,14 +20,26 @@ inline std::vector<std::string> Words(const std::string& text) {
     return {std::istream_iterator<std::string>(in), {}};
 }
 
-/// Waits for a condition; false when it does not come true within 10 s.
-template <class Done> bool WaitFor(Done done) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+/// Waits for a condition up to `limit` from now.
+template <class Done> bool Within(std::chrono::milliseconds limit, Done done) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
     bool met = done();
     for (; !met && std::chrono::steady_clock::now() < deadline; met = done()) {
         poll(nullptr, 0, 1);
     }
     return met;
+}
+
+/// Waits for a condition; false when it does not come true within 10 s.
+template <class Done> bool WaitFor(Done done) {
+    return Within(std::chrono::seconds(10), done);
+}
+
+/// What can be read of a file; of a process's that ends meanwhile, nothing.
+inline std::string ReadFile(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
 }
 
 /// Runs `code` in a child and gives its exit code, or 128 + the signal that ended it. Orphans

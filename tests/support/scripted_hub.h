@@ -1,13 +1,11 @@
 /// A hub between a device and the real one: passes everything on and lets a test spoil the replies.
 #pragma once
 
-#include <httplib.h>
-
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 
+#include "tests/support/http_server.h"
 #include "tests/support/hub_process.h"
 #include "tests/support/json_text.h"
 
@@ -18,28 +16,16 @@ public:
     using Spoil = std::function<void(const std::string& command, httplib::Response& reply)>;
 
     explicit ScriptedHub(const HubProcess& hub, Spoil spoil = nullptr)
-        : hub_(hub), spoil_(std::move(spoil)) {
-        server_.Post(".*", [this](const auto& request, auto& reply) { Answer(request, reply); });
-        port_ = server_.bind_to_any_port("127.0.0.1");
-        thread_ = std::thread([this] { server_.listen_after_bind(); });
-        WaitFor([this] { return server_.is_running(); });
-    }
-    ~ScriptedHub() {
-        server_.stop();
-        thread_.join();
-    }
+        : hub_(hub), spoil_(std::move(spoil)),
+          server_([this](const auto& request, auto& reply) { Answer(request, reply); }) {}
 
-    int Port() const { return port_; }
+    int Port() const { return server_.Port(); }
+    std::size_t Requests() const { return server_.Requests().size(); }
 
     /// From now on it only passes on.
     void TurnGood() {
         const std::lock_guard<std::mutex> guard(lock_);
         spoil_ = nullptr;
-    }
-
-    std::size_t Requests() const {
-        const std::lock_guard<std::mutex> guard(lock_);
-        return requests_;
     }
 
     /// Everything that devices sent and the real hub replied.
@@ -50,10 +36,6 @@ public:
 
 private:
     void Answer(const httplib::Request& q, httplib::Response& r) {
-        {
-            const std::lock_guard<std::mutex> guard(lock_);
-            ++requests_;
-        }
         httplib::Client hub("127.0.0.1", hub_.HttpPort());
         hub.set_read_timeout(60);
         const httplib::Headers headers = {{"Host", q.get_header_value("Host")},
@@ -78,9 +60,6 @@ private:
     const HubProcess& hub_;
     mutable std::mutex lock_;
     Spoil spoil_;
-    std::size_t requests_ = 0;
     std::string talk_;
-    httplib::Server server_;
-    int port_ = -1;
-    std::thread thread_;
+    HttpServer server_; // the first to go: it uses the others
 };
