@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <list>
 #include <string>
 #include <thread>
 
@@ -11,13 +10,10 @@
 
 namespace {
 
-TEST(DaemonControl, TellsTheWholeTruthWhileItIsBusy) {
-    const HubProcess hub;
-    std::list<WebService> services;
-    Device device(hub);
-    for (int i = 0; i < 50; ++i) {
-        device.Publish(services.emplace_back("s" + std::to_string(i)));
-    }
+using DaemonControl = DeviceTest;
+
+TEST_F(DaemonControl, TellsTheWholeTruthWhileItIsBusy) {
+    PublishMore(49);
     device.Start();
     ASSERT_TRUE(WaitFor([&] { return device.Status().isObject(); }));
     std::atomic<bool> over{false};
@@ -44,7 +40,7 @@ TEST(DaemonControl, TellsTheWholeTruthWhileItIsBusy) {
     EXPECT_FALSE(std::filesystem::exists(device.root.Path("/tmp/.zarorelayd." + pid + ".debug")));
 }
 
-TEST(DaemonControl, KeepsItsAliasUntilItRunsOut) {
+TEST(DaemonAlias, IsKeptUntilItRunsOut) {
     const HubProcess hub(50, "--alias-ttl 2");
     Device owner(hub, "01");
     Device rival(hub, "02");

@@ -3,7 +3,6 @@
 #include <sys/inotify.h>
 
 #include <atomic>
-#include <list>
 #include <set>
 #include <sstream>
 #include <string>
@@ -101,15 +100,12 @@ std::string WithoutRequestTrace(const std::string& log) {
     return rest;
 }
 
-TEST(DaemonSecrets, StayWithTheirOwner) {
-    const HubProcess hub;
+using DaemonSecrets = DeviceTest;
+
+TEST_F(DaemonSecrets, StayWithTheirOwner) {
     const ScriptedHub server(hub);
-    std::list<WebService> services;
-    Device device(hub);
     device.UseServer("http", server.Port());
-    for (const char* name : {"a", "b", "c", "d", "e", "f", "g", "h", "i", "j"}) {
-        device.Publish(services.emplace_back(name));
-    }
+    PublishMore(9);
     Onlooker onlooker(device);
     device.Start({"--foreground"}, 0);
     ASSERT_TRUE(WaitFor([&] { return device.IsAllUp(); })) << device.Log();
@@ -145,17 +141,12 @@ TEST(DaemonSecrets, StayWithTheirOwner) {
     EXPECT_GE(onlooker.lines.size(), 20U);
 }
 
-TEST(DaemonSecrets, NoDescriptorReachesTheSshClient) {
-    const HubProcess hub;
-    const WebService first("first");
-    const WebService second("second");
-    Device device(hub);
-    device.Publish(first);
-    device.Publish(second);
+TEST_F(DaemonSecrets, NoDescriptorReachesTheSshClient) {
+    PublishMore(1);
     device.config["log_file"] = device.root.Path(Device::kLog);
     device.WrapSsh("echo $(ls /proc/self/fd) >> \"$ZARO_ROOT/descriptors\"");
     device.Start({});
-    ASSERT_TRUE(WaitFor([&] { return device.Serves(first) && device.Serves(second); }))
+    ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.Serves(more.front()); }))
         << device.Log();
     // The fourth is the listing's own; the second client starts beside the first one's watch.
     EXPECT_EQ(device.root.Read("/descriptors"), "0 1 2 3\n0 1 2 3\n");

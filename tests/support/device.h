@@ -1,6 +1,7 @@
 /// A device: a root directory and the daemon that runs in it.
 #pragma once
 
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -191,11 +192,19 @@ private:
     std::unique_ptr<Process> daemon_;
 };
 
-/// A device that publishes one service, and its hub.
+/// A device that publishes one service, and more if told so, and its hub.
 struct DeviceTest : testing::Test {
     DeviceTest() { device.Publish(web); }
 
+    /// Publishes s1, s2, ...
+    void PublishMore(int count) {
+        for (int i = 1; i <= count; ++i) {
+            device.Publish(more.emplace_back("s" + std::to_string(i)));
+        }
+    }
+
     HubProcess hub{600}; // no wait command ends by itself
     const WebService web{"web"};
+    std::list<WebService> more;
     Device device{hub};
 };
