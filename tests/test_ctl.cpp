@@ -38,19 +38,14 @@ std::unique_ptr<Process> Start(const TempRoot& root, const std::string& words,
     return std::make_unique<Process>(shell, "/dev/null", root.Dir());
 }
 
-/// A device with one local service that answers and a control server that takes connections.
-class Ctl : public testing::Test {
+class Ctl : public DeviceTest {
 protected:
     Ctl() {
-        std::filesystem::copy(ZARO_DEVICE_BIN, root_.Path("/usr/zaro/bin"));
         root_.Write("/sys/class/net/eth0/address", "00:11:22:aa:bb:cc\n");
-        root_.Write("/etc/zaroinfo.conf", "runrelayd=\"yes\"\n");
-        root_.Write("/usr/zaro/etc/services.d/web.conf", "tcp=" + std::to_string(web_.Port()));
-        root_.Write("/usr/zaro/etc/services.d/photos.conf", "tcp=81\n");
+        device.Define("photos", 81);
         root_.Write("/usr/zaro/etc/services.d/ftp.conf", "tcp=\"20,21\"\n");
-        config_ = Parse(R"({"other":{"kept":[1,2]},"log_level":6,"serverID":"044756784",
-            "server_control":{"protocol":"http","host":"127.0.0.1"},"service":[{"id":"web"}]})");
-        config_["server_control"]["port"] = server_.port;
+        config_["serverID"] = "044756784";
+        config_["other"] = Parse(R"({"kept":[1,2]})");
         WriteConfig();
     }
 
@@ -68,10 +63,8 @@ protected:
         std::filesystem::rename(root_.Path("/tmp/new"), root_.Path(kStatusFile));
     }
 
-    const TempRoot root_;
-    const WebService web_{"web"};
-    const Listener server_;
-    Json::Value config_;
+    const TempRoot& root_ = device.root;
+    Json::Value& config_ = device.config;
 };
 
 /// One line that begins with the program's name and holds `text`.
@@ -101,8 +94,7 @@ TEST_F(Ctl, RefusesOddCommandLinesInOneLine) {
         {"alias set " + std::string(64, 'a'), "1 to 63 of a-z"},
         {"log start /no/such/folder/file", "existing folder"},
         {"log start /tmp", "existing folder"},
-        {"status --root /no/such/folder", "--root"},
-    };
+        {"status --root /no/such/folder", "--root"}};
     for (const auto& [words, text] : kCases) {
         SCOPED_TRACE(words);
         const Result result = Run(words);
@@ -164,8 +156,7 @@ TEST_F(Ctl, StatusFollowsTheStatusFile) {
          "", "1 false not_running", "not running"},
         {alive + R"("state":5,"service":[1,null,[],{"tunnel":5},{"tunnel":{"relay_port":"x"},
             "up":"yes","port":1e99,"name":{}}]})",
-         "", "0 true connected", ""},
-    };
+         "", "0 true connected", ""}};
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.file.substr(0, 100));
         c.file.empty() ? void() : root_.Write(kStatusFile, c.file);
@@ -268,8 +259,7 @@ TEST_F(Ctl, ServiceChangesNothingElse) {
         {"add photos", R"([{"id":"web"},{"id":"photos"}])"},
         {"remove web", R"([{"id":"photos"}])"},
         {"add web", R"([{"id":"photos"},{"id":"web"}])"},
-        {"remove ftp", R"([{"id":"photos"},{"id":"web"}])"},
-    };
+        {"remove ftp", R"([{"id":"photos"},{"id":"web"}])"}};
     const auto changes = [this](const std::string& words, const char* services) {
         EXPECT_EQ(Run("service " + words).code, 0) << words;
         config_["service"] = Parse(services);
@@ -323,11 +313,10 @@ TEST_F(Ctl, LosesNoChangeOfTwoAtATime) {
 
 TEST_F(Ctl, ChangesAliasSwitchAndLog) {
     EXPECT_EQ(Run("alias set my-nas").code, 0);
-    EXPECT_EQ(Parse(Run("alias show --json").out),
-              Parse(R"({"extra":"","name":"my-nas","status":""})"));
     root_.Write("/tmp/farlink_alias.status",
                 R"({"alias_name":"my-nas","status":"success","extra":"more"})");
-    EXPECT_EQ(Run("alias show").out, "my-nas: success, more\n");
+    EXPECT_EQ(Parse(Run("alias show --json").out),
+              Parse(R"({"extra":"more","name":"my-nas","status":"success"})"));
     EXPECT_EQ(Run("alias clear").code, 0);
     EXPECT_EQ(Run("alias show").out, "no alias\n");
 
@@ -415,8 +404,7 @@ TEST_F(Ctl, CheckNamesTheFirstBrokenLink) {
         {"credentials", "/usr/zaro/etc/device.key", "damaged"},
         {"switch", "/etc/zaroinfo.conf", ""},
         {"configuration", kConfig, "{"},
-        {"hardware address", kConfig, R"({"serverID":"123456789"})"},
-    };
+        {"hardware address", kConfig, R"({"serverID":"123456789"})"}};
     for (const auto& c : kCases) {
         SCOPED_TRACE(c.link);
         root_.Write(c.file, c.text);
@@ -429,7 +417,8 @@ TEST_F(Ctl, CheckNamesTheFirstBrokenLink) {
 }
 
 TEST_F(Ctl, CheckWaitsForNoServerForLong) {
-    config_["server_control"]["protocol"] = "https"; // the listener never says a word
+    const Listener silent;
+    device.UseServer("https", silent.port);
     WriteConfig();
     Json::Value document;
     EXPECT_TRUE(Takes("silent server", seconds(8), [&] {
@@ -439,19 +428,16 @@ TEST_F(Ctl, CheckWaitsForNoServerForLong) {
     EXPECT_EQ(FirstBroken(document), "control server TLS");
 }
 
-using CtlProgram = DeviceTest;
-
-TEST_F(CtlProgram, WorksWithARealDaemonAndHub) {
-    device.root.Write(kConfig, Compact(device.config));
+TEST_F(Ctl, WorksWithARealDaemonAndHub) {
     const auto run = [&](const std::string& words) {
-        const auto program = Start(device.root, words, "env ZARO_TEST_DEVICE=" + device.root.Dir());
+        const auto program = Start(root_, words, "env ZARO_TEST_DEVICE=" + root_.Dir());
         // A daemon without a parent is our child; while it is a zombie it looks alive.
-        const pid_t daemon = atoi(device.root.Read(kPidFile).c_str());
+        const pid_t daemon = atoi(root_.Read(kPidFile).c_str());
         EXPECT_TRUE(Within(seconds(60), [&] {
             daemon > 0 ? waitpid(daemon, nullptr, WNOHANG) : 0;
             return program->Wait(milliseconds(0)) != Process::kRuns;
         }));
-        return Result{program->Wait(milliseconds(0)), device.root.Read("/ctl.out"), ""};
+        return Result{program->Wait(milliseconds(0)), root_.Read("/ctl.out"), ""};
     };
     ASSERT_EQ(run("start").code, 0);
     ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.IsAllUp(); })) << device.Status();
@@ -474,9 +460,9 @@ TEST_F(CtlProgram, WorksWithARealDaemonAndHub) {
     EXPECT_TRUE(WaitFor([&] { return device.Status()["service"].empty(); }));
     EXPECT_EQ(run("service add web").code, 0);
     EXPECT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Status();
-    const pid_t before = atoi(device.root.Read(kPidFile).c_str());
+    const pid_t before = atoi(root_.Read(kPidFile).c_str());
     EXPECT_EQ(run("restart").code, 0);
-    EXPECT_NE(atoi(device.root.Read(kPidFile).c_str()), before);
+    EXPECT_NE(atoi(root_.Read(kPidFile).c_str()), before);
     EXPECT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Status();
     EXPECT_EQ(run("stop").code, 0);
     EXPECT_EQ(run("status").code, 1);
