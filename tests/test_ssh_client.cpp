@@ -35,8 +35,7 @@ TEST(SshClient, RefusesOddCommandLines) {
         {7, {"-NfR0:localhost:8080", "-NfR40123:localhost:65536", "-NfR40123:evil:80", "-NfR1:2"}},
         {7, {"-NfR1:localhost:8080 x", "-NfL1:localhost:8080", "1:localhost:8080", "-NfR"}},
         {8, {"127.0.0.1", "-oProxyCommand=true@h", "dev@-oProxyCommand=true", "@h", "dev@"}},
-        {8, {"de v@h", "dev@h\n", "$(id)@h", "ssh://dev@h", "dev@%h", "dev@h/x", "dev@h;x"}},
-    };
+        {8, {"de v@h", "dev@h\n", "$(id)@h", "ssh://dev@h", "dev@%h", "dev@h/x", "dev@h;x"}}};
     const string reached = "ProxyCommand touch " + root.Path("/reached") + "\n";
     root.Write("/usr/zaro/etc/ssh/config", reached);
     std::vector<Arguments> lines = {{kSsh}, SshLine(root)};
@@ -81,8 +80,7 @@ TEST(SshClient, AnswersOnlyTheLoginsOwnQuestion) {
         {"missing", question, kPassword, 0600, "/tmp/none"},
         {"empty", question, ""},
         {"too long", question, string(4097, 'x')},
-        {"two lines", question, "a\nb"},
-    };
+        {"two lines", question, "a\nb"}};
     const TempRoot root;
     ASSERT_EQ(symlink("pass", root.Path("/tmp/link").c_str()), 0);
     for (const auto& row : rows) {
