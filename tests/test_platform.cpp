@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <string.h>
 
-#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -166,33 +165,6 @@ TEST(Settings, PlantedLockOrRemainsDoNoHarm) {
     EXPECT_LT(TLIBCINFOSetKeyValue("k", "3"), 0);
     EXPECT_EQ(root.Read("/victim"), "k=1\n");
     EXPECT_EQ(root.Read(kInfo), "k=\"2\"\n");
-}
-
-TEST(Settings, ReaderSeesWholeFilesWhileWritersAreKilled) {
-    const TempRoot root;
-    const string filler = string(20000, '#') + "\n";
-    const string even = filler + "k=\"even\"\nlast=yes\n";
-    const string odd = filler + "k=\"odd\"\nlast=yes\n";
-    root.Write(kInfo, even);
-    std::minstd_rand random(7);
-    std::set<string> seen;
-    for (int round = 0; round < 60; ++round) {
-        const pid_t writer = Fork([] {
-            for (;;) {
-                TLIBCINFOSetKeyValue("k", "odd");
-                TLIBCINFOSetKeyValue("k", "even");
-            }
-        });
-        const auto end = Clock::now() + std::chrono::microseconds(random() % 8000);
-        do {
-            seen.insert(root.Read(kInfo));
-        } while (Clock::now() < end);
-        kill(writer, SIGKILL);
-        waitpid(writer, nullptr, 0);
-    }
-    EXPECT_TRUE(seen == std::set<string>({even, odd})) << seen.size() << " states seen, not 2";
-    const auto begin = std::filesystem::directory_iterator(root.Path("/etc"));
-    EXPECT_LE(std::distance(begin, {}), 3) << "killed writers leave ever more files";
 }
 
 TEST(Settings, WritersDoNotLoseEachOthersKeys) {

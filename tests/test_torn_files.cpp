@@ -1,0 +1,153 @@
+// What becomes of files when their writers are killed, the disk is full or nothing can be written.
+#include <zarorelayd/config.h>
+
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <functional>
+#include <random>
+#include <set>
+
+#include <zaro/platform.h>
+
+#include "app/status_file.h"
+#include "tests/support/device.h"
+
+using namespace ZARO::Relay;
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr char kInfo[] = "/etc/zaroinfo.conf", kStatus[] = "/tmp/.zarorelayd.status";
+
+/// A small disk of which all temporary files are part: a mount that this process and its children
+/// see alone.
+struct SmallDisk : testing::Test {
+    void SetUp() override {
+        const std::string user = "0 " + std::to_string(geteuid()) + " 1";
+        const std::string group = "0 " + std::to_string(getegid()) + " 1";
+        const bool plain = geteuid() != 0;
+        const bool apart = unshare(CLONE_NEWNS | (plain ? CLONE_NEWUSER : 0)) == 0;
+        if (apart && plain) {
+            std::ofstream("/proc/self/setgroups") << "deny";
+            std::ofstream("/proc/self/uid_map") << user;
+            std::ofstream("/proc/self/gid_map") << group;
+        }
+        if (!apart || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("none", "/mnt", "tmpfs", 0, "size=24m") != 0) {
+            GTEST_SKIP() << "no mounts are allowed here: " << strerror(errno);
+        }
+        setenv("TMPDIR", "/mnt", 1);
+    }
+
+    /// A device gets a new service while `hinder` is in force: it says once that it can't tell its
+    /// status and goes on with what it has; after `mend` it does the rest.
+    static void Outlasts(const char* cause, const std::function<void(const TempRoot&)>& hinder,
+                         const std::function<void(const TempRoot&)>& mend) {
+        const WebService web("web"), more("more");
+        const HubProcess hub;
+        Device device(hub);
+        const TempRoot& root = device.root;
+        mount("none", root.Path("/var").c_str(), "tmpfs", 0, nullptr); // a log that is never full
+        fs::create_directory(root.Path("/var/run"));
+        fs::create_symlink("var/log", root.Path(Device::kLog));
+        device.Publish(web);
+        device.Start();
+        ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); }));
+        const pid_t ssh = device.Ssh("web");
+        device.Publish(more);
+        Json::Value config = Parse(root.Read(Device::kConfig));
+        config["service"] = device.config["service"];
+        root.Write(Device::kConfig, Compact(config), 0600);
+        hinder(root);
+        const Json::Value before = device.Status();
+        device.Daemon().Signal(SIGHUP);
+        const std::string line = "] can't be written, " + std::string(cause);
+        EXPECT_TRUE(WaitFor([&] { return device.Logs(line); })) << device.Log();
+        device.ComesToRest();
+        EXPECT_TRUE(device.Serves(web) && device.Ssh("web") == ssh && device.Status() == before);
+        EXPECT_EQ(device.Daemon().Wait(milliseconds(0)), Process::kRuns);
+        mend(root);
+        EXPECT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(more); }))
+            << device.Log();
+        EXPECT_TRUE(device.Logs("can be written again") && device.Ssh("web") == ssh);
+        EXPECT_EQ(Count(device.Log(), "can't be written"), 1U);
+    }
+};
+
+} // namespace
+
+TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
+    // In memory, where a writer is killed while it writes and not while the disk does.
+    setenv("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp", 1);
+    const TempRoot root;
+    const std::string filler(20000, 'x');
+    root.Write(Device::kConfig, "{\"other\":\"" + filler + "\"}");
+    root.Write(kInfo, "#" + filler + "\n");
+    RelaydConf conf(root.Path(Device::kConfig).c_str());
+    const std::string name = conf.path;
+    const std::pair<const char*, std::function<void(bool)>> writers[] = {
+        {Device::kConfig, [&](bool odd) { RelaydConf::WriteJsonFile(name, filler + "01"[odd]); }},
+        {Device::kConfig, [&](bool odd) { conf.serverID = "01"[odd], conf.WriteServerId(name); }},
+        {Device::kConfig, [&](bool odd) { conf.WriteAliasName(name, odd ? "a" : "b"); }},
+        {kInfo, [&](bool odd) { TLIBCINFOSetKeyValue("k", odd ? "a" : "b"); }},
+        {kStatus, [&](bool odd) {
+             static app::StatusFile status;
+             status.Write(filler + "01"[odd]);
+         }}};
+    const auto seed = std::random_device()();
+    std::cout << "[ measured ] seed " << seed << std::endl;
+    std::minstd_rand random(seed);
+    for (int round = 0; round < 500; round++) {
+        const auto& [file, write] = writers[round % 5];
+        const std::string path = root.Path(file);
+        std::set<std::string> states;
+        const auto settle = [&, work = write] {
+            for (const bool odd : {false, true}) {
+                work(odd);
+                states.insert(ReadFile(path));
+            }
+            return std::distance(fs::directory_iterator(fs::path(path).parent_path()), {});
+        };
+        const auto files = settle();
+        const pid_t writer = fork();
+        for (bool odd = false; writer == 0; odd = !odd) {
+            write(odd);
+        }
+        const auto end = Clock::now() + std::chrono::microseconds(random() % 4000);
+        while (Clock::now() < end) {
+            states.insert(ReadFile(path));
+        }
+        kill(writer, SIGKILL);
+        waitpid(writer, nullptr, 0);
+        states.insert(ReadFile(path));
+        ASSERT_EQ(settle(), files) << round << " " << file;
+        ASSERT_EQ(states.size(), 2U) << round << " " << file;
+    }
+}
+
+TEST_F(SmallDisk, DaemonAndHubOutlastAFullOne) {
+    Outlasts(
+        "No space left on device",
+        [](const TempRoot&) {
+            std::ofstream ballast("/mnt/ballast");
+            while (ballast << std::string(4096, 'x') << std::flush) {
+            }
+        },
+        [](const TempRoot&) { fs::remove("/mnt/ballast"); });
+}
+
+TEST_F(SmallDisk, DaemonOutlastsOneThatCanNotBeWritten) {
+    static const auto each = [](const TempRoot& root, const std::function<int(const char*)>& work) {
+        for (const char* folder : {"/tmp", "/etc", "/usr/zaro/etc"}) {
+            EXPECT_EQ(work(root.Path(folder).c_str()), 0) << folder << ": " << strerror(errno);
+        }
+    };
+    const auto seal = [](const char* path) {
+        return mount(path, path, nullptr, MS_BIND, nullptr) |
+               mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
+    };
+    Outlasts(
+        "Read-only file system", [&](const TempRoot& root) { each(root, seal); },
+        [](const TempRoot& root) { each(root, umount); });
+}
