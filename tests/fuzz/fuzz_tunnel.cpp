@@ -5,11 +5,11 @@
 #include "tunnel/ssh_command.h"
 
 void Fuzz(const std::string& input) {
-    Json::Value object, all, checked;
+    Json::Value object, all, again, checked;
     std::string user, host, why;
     (void)json::Parse(input, object);
     const Tunnel tunnel(object);
-    assert(tunnel.Write(all, true) && Tunnel(all) == tunnel);
+    assert(tunnel.Write(all, true) && Tunnel(all).Write(again, true) && again == all);
     const std::string name = ssh::AsFileName(tunnel.GetServiceId());
     assert(name.find_first_of(std::string("/\n\0", 3)) == std::string::npos);
     for (const std::string& file :
