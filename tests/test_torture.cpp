@@ -9,7 +9,8 @@
 #include <sys/file.h>
 
 #include <map>
-#include <regex>
+
+#include <boost/algorithm/string/replace.hpp>
 
 #include <zaro/platform.h>
 
@@ -261,11 +262,11 @@ service|TLIBCSzListGet|{"ext_port":8000,"id":"web","name":"T"}
 service|TLIBCFileGetSectionByValue TLIBCFileGetSectionValue|{"id":"web","name":"T","port":80}
 auth|ZAROWstokenGetToken|- old: ZAROWstokenGetToken failed: [0x1234]
 auth|ZARONetIFGetInfo|- new: invalid mac address; invalid mac address
-send|curl_easy_setopt|--: @SHARE|--: @COOKIEFILE|--: @WRITEDATA; init send failed
-+|--: @WRITEFUNCTION; init send failed|--: @URL|++: @URL|++: @POSTFIELDS|--: @USERAGENT
-+|--: @CONNECTTIMEOUT|--: @TIMEOUT|--: @DNS_CACHE_TIMEOUT|--: @OPENSOCKETFUNCTION|--: @QUICK_EXIT
-+|--: @HTTP_VERSION|--: @FORBID_REUSE|--: @ERRORBUFFER|--: @SSL_CTX_FUNCTION|--: @SSL_VERIFYPEER
-+|--: @COOKIE|+-: @WRITEDATA|+-: @WRITEFUNCTION
+send|curl_easy_setopt|--: @SHARE~|--: @COOKIEFILE~|--: @WRITEDATA~; init send failed
++|--: @WRITEFUNCTION~; init send failed|--: @URL~|++: @URL~|++: @POSTFIELDS~|--: @USERAGENT~
++|--: @CONNECTTIMEOUT~|--: @TIMEOUT~|--: @DNS_CACHE_TIMEOUT~|--: @OPENSOCKETFUNCTION~|--: @QUICK_EXIT~
++|--: @HTTP_VERSION~|--: @FORBID_REUSE~|--: @ERRORBUFFER~|--: @SSL_CTX_FUNCTION~|--: @SSL_VERIFYPEER~
++|--: @COOKIE~|+-: @WRITEDATA~|+-: @WRITEFUNCTION~
 send|curl_easy_init|--
 send|curl_easy_perform|+-: curl_easy_perform failed (27): [URL]
 send|curl_easy_getinfo|+-: Fail to get curl http info: Out of memory
@@ -274,11 +275,11 @@ send|curl_share_cleanup|++: curl_share_cleanup failed. [Share currently in use]
 send|curl_share_init|++: curl_share_init failed
 send|curl_share_setopt|++: set CURL_LOCK_DATA_COOKIE failed|++: set CURL_LOCK_DATA_DNS failed
 copy|curl_easy_duphandle|--
-copy|curl_easy_setopt|--: @WRITEDATA|--: @WRITEFUNCTION|--: @SHARE|--: @COOKIEFILE|--: @ERRORBUFFER
-+|--: @POSTFIELDS|+-: @WRITEDATA|+-: @WRITEFUNCTION
-poll|curl_easy_setopt|+: @TCP_KEEPALIVE|+: @TCP_KEEPIDLE|+: @TCP_KEEPINTVL|+: @TIMEOUT
+copy|curl_easy_setopt|--: @WRITEDATA~|--: @WRITEFUNCTION~|--: @SHARE~|--: @COOKIEFILE~|--: @ERRORBUFFER~
++|--: @POSTFIELDS~|+-: @WRITEDATA~|+-: @WRITEFUNCTION~
+poll|curl_easy_setopt|+: @TCP_KEEPALIVE~|+: @TCP_KEEPIDLE~|+: @TCP_KEEPINTVL~|+: @TIMEOUT~
 jobs|curl_global_init|+++++: curl_global_init() failed
-jobs|curl_multi_init|-----: LINE: curl_multi_init() failed
+jobs|curl_multi_init|-----: : curl_multi_init() failed
 jobs|curl_multi_add_handle|+-+++: ADD failed|++-++: ADD failed|++++-: ADD failed
 jobs|curl_multi_fdset|++-++: curl_multi_fdset() error
 jobs|curl_multi_remove_handle|+++++: REMOVE failed|+++-+: REMOVE failed; remove job[URL] failed
@@ -291,19 +292,19 @@ jobs|time|+-+++: get time now failed EIO|++-++: get time now failed EIO
 /// As the rows have it.
 std::string Shortened(std::string text, const Scene& scene) {
     const std::pair<std::string, const char*> words[] = {
-        {"set CURLOPT_(\\w+)to curl handle failed", "@$1"},
-        {"\\b\\d+: curl", "LINE: curl"},
-        {"curl_multi_add_handle\\(\\)", "ADD"},
-        {"curl_multi_remove_handle\\(\\)", "REMOVE"},
+        {"set CURLOPT_", "@"},
+        {"to curl handle failed", "~"},
+        {"curl_multi_add_handle()", "ADD"},
+        {"curl_multi_remove_handle()", "REMOVE"},
         {"Input/output error", "EIO"},
-        {"write zaroinfo \\[runrelayd=yes\\] failed", "OFF"},
+        {"write zaroinfo [runrelayd=yes] failed", "OFF"},
         {scene.url, "URL"},
         {scene.root.Path(kConf), "CONF"},
         {scene.root.Dir(), ""},
         {"/tmp/.zarorelayd.status", "STATUS"},
-        {"\\b" + std::to_string(getpid()) + "\\b", "PID"}};
-    for (const auto& [pattern, word] : words) {
-        text = std::regex_replace(text, std::regex(pattern), word);
+        {".tmp." + std::to_string(getpid()), ".tmp.PID"}};
+    for (const auto& [from, to] : words) {
+        boost::replace_all(text, from, to);
     }
     return text;
 }
@@ -356,7 +357,9 @@ struct TortureTest : testing::Test {
                 : changes && now == before_ ? " old"
                                             : " odd";
         for (const std::string& line : log) {
-            text += (&line == &log[0] ? ": " : "; ") + line;
+            // One text begins with a line number.
+            text += (&line == &log[0] ? ": " : "; ") +
+                    line.substr(line.find_first_not_of("0123456789"));
         }
         return Shortened(text, scene);
     }
@@ -387,7 +390,7 @@ struct TortureTest : testing::Test {
 
 TEST_F(TortureTest, EveryCallFailsOnce) {
     const std::map<std::string, int> errors = {{"EINTR", EINTR}, {"EINVAL", EINVAL}, {"SHORT", 0}};
-    std::istringstream rows(std::regex_replace(std::string(kRows), std::regex("\n\\+"), ""));
+    std::istringstream rows(boost::replace_all_copy(std::string(kRows), "\n+", ""));
     for (std::string line; std::getline(rows, line);) {
         std::istringstream fields(line);
         std::vector<std::string> row;
