@@ -41,8 +41,9 @@ struct SmallDisk : testing::Test {
     }
 
     /// A device gets a new service while `hinder` is in force: it says once that it can't tell its
-    /// status and goes on with what it has; after `mend` it does the rest.
-    static void Outlasts(const char* cause, const std::function<void(const TempRoot&)>& hinder,
+    /// status, and `loss`, and goes on with what it has; after `mend` it does the rest.
+    static void Outlasts(const char* cause, const char* loss,
+                         const std::function<void(const TempRoot&)>& hinder,
                          const std::function<void(const TempRoot&)>& mend) {
         const WebService web("web"), more("more");
         const HubProcess hub;
@@ -63,8 +64,8 @@ struct SmallDisk : testing::Test {
         const Json::Value before = device.Status();
         device.Daemon().Signal(SIGHUP);
         const std::string line = "] can't be written, " + std::string(cause);
-        EXPECT_TRUE(WaitFor([&] { return device.Logs(line); })) << device.Log();
-        device.ComesToRest();
+        EXPECT_TRUE(WaitFor([&] { return device.Logs(line) && device.Logs(loss); }))
+            << device.Log();
         EXPECT_TRUE(device.Serves(web) && device.Ssh("web") == ssh && device.Status() == before);
         EXPECT_EQ(device.Daemon().Wait(milliseconds(0)), Process::kRuns);
         mend(root);
@@ -111,8 +112,9 @@ TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
         };
         const auto files = settle();
         const pid_t writer = fork();
-        for (bool odd = false; writer == 0; odd = !odd) {
-            write(odd);
+        while (writer == 0) {
+            write(false);
+            write(true);
         }
         const auto end = Clock::now() + std::chrono::microseconds(random() % 4000);
         while (Clock::now() < end) {
@@ -128,7 +130,7 @@ TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
 
 TEST_F(SmallDisk, DaemonAndHubOutlastAFullOne) {
     Outlasts(
-        "No space left on device",
+        "No space left on device", "update_service failed: 1", // the hub could not keep it
         [](const TempRoot&) {
             std::ofstream ballast("/mnt/ballast");
             while (ballast << std::string(4096, 'x') << std::flush) {
@@ -148,6 +150,7 @@ TEST_F(SmallDisk, DaemonOutlastsOneThatCanNotBeWritten) {
                mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
     };
     Outlasts(
-        "Read-only file system", [&](const TempRoot& root) { each(root, seal); },
+        "Read-only file system", ".more] failed, Read-only file system",
+        [&](const TempRoot& root) { each(root, seal); },
         [](const TempRoot& root) { each(root, umount); });
 }
