@@ -7,7 +7,8 @@ namespace ZARO::RelayHub {
 
 namespace {
 
-constexpr size_t kMaxBody = 1 << 20;
+/// Registering 256 services with the longest names, all of them escaped, takes 230 KB.
+constexpr size_t kMaxBody = 256 << 10;
 constexpr auto kIdleTime = std::chrono::seconds(10); // between two requests of a connection
 constexpr auto kStopTime = std::chrono::seconds(1);  // for the replies under way
 
@@ -21,6 +22,12 @@ public:
             Add(path, handler);
         }
         set_payload_max_length(kMaxBody);
+        // Before a byte of the body is read.
+        set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& reply) {
+            const int refusal = Refusal(request);
+            reply.status = refusal == 0 ? reply.status : refusal;
+            return refusal == 0 ? HandlerResponse::Unhandled : HandlerResponse::Handled;
+        });
         set_keep_alive_timeout(kIdleTime.count());
         set_exception_handler([](const auto&, httplib::Response& response, const auto&) {
             Log(Level::kError, "web", "a request failed");
@@ -34,16 +41,26 @@ public:
         bool clear = false; // whether it is clear where the next request begins
         const bool done = process_request(stream, false, closed, [&](httplib::Request& request) {
             stream.AllowBody();
-            clear = !request.has_header("Transfer-Encoding") &&
+            request.ranges.clear(); // a thousand of them would make a reply a thousandfold
+            clear = Refusal(request) == 0 && !request.has_header("Transfer-Encoding") &&
                     request.get_header_value_count("Content-Length") == 1 &&
-                    request.get_header_value<uint64_t>("Content-Length") <= kMaxBody &&
-                    !request.is_multipart_form_data();
+                    request.get_header_value<uint64_t>("Content-Length") <= kMaxBody;
         });
         return done && !closed && clear;
     }
 
 private:
+    /// The status of a request that is refused for its head alone, else 0.
+    int Refusal(const httplib::Request& request) const {
+        if (request.method != "POST" || pages_.count(request.path) == 0) {
+            return 404;
+        }
+        // The library would take the first apart and inflate the second, to any size.
+        return request.is_multipart_form_data() || request.has_header("Content-Encoding") ? 415 : 0;
+    }
+
     void Add(const std::string& path, const WebHandler& handler) {
+        pages_.insert(path);
         std::string pattern;
         for (const char c : path) {
             pattern += c == '.' ? std::string("\\.") : std::string(1, c);
@@ -57,10 +74,6 @@ private:
     void Answer(const WebHandler& handler, const httplib::Request& request,
                 httplib::Response& response, const httplib::ContentReader& content) const {
         WebRequest question;
-        if (request.is_multipart_form_data()) { // the library would take it apart first
-            response.status = 415;
-            return;
-        }
         const bool whole = content([&question](const char* data, size_t size) {
             if (question.body.size() + size > kMaxBody) {
                 return false;
@@ -83,6 +96,7 @@ private:
     }
 
     const std::string scheme_;
+    std::set<std::string> pages_;
 };
 
 class Web::Connection {

@@ -20,7 +20,7 @@
 namespace ZARO::RelayHub {
 
 struct WebRequest {
-    std::string body;    // at most 1 MiB
+    std::string body;    // at most 256 KiB
     std::string cookies; // the Cookie header
     Origin origin;
 };

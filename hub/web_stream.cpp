@@ -22,7 +22,7 @@ constexpr auto kLingerTime = seconds(2);
 
 constexpr size_t kHeadBytes = 32 << 10;
 
-/// Room for a body of 1 MiB in small chunks; one that is refused for its size is read off up to
+/// Room for a body of 256 KiB in small chunks; one that is refused for its size is read off up to
 /// here, so that the peer sees the refusal.
 constexpr size_t kBodyBytes = 4 << 20;
 
