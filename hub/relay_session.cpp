@@ -20,10 +20,11 @@ constexpr auto kForwardTime = seconds(10); // from the log-in to the forward req
 constexpr int kMaxTries = 3;               // wrong passwords
 constexpr int kRefusalDelay = 1000;        // ms before a wrong password is refused
 
-// A device that is asked twice within this and stays silent is gone.
+// A device that says nothing for this long, though it was asked in between, is gone. A second probe
+// goes out only when the first is answered; a lost packet is TCP's to repeat.
 constexpr auto kSilence = seconds(14);
 constexpr auto kFirstProbe = seconds(6); // the device's own probes come sooner, as a rule
-constexpr auto kNextProbe = seconds(4);
+constexpr auto kNextProbe = seconds(4);  // if the first could not be sent
 
 constexpr size_t kMaxVisitors = 1024;
 constexpr size_t kAcceptedAtOnce = 16;
@@ -109,8 +110,7 @@ void RelaySession::WaitForEvents() {
     }
     for (RelayVisitor& visitor : visitors_) {
         // Nothing more is read while the line is full, so that the queue on it stays short.
-        const short events = visitor.Events(!writing);
-        polled_.push_back({events == 0 ? -1 : visitor.Get(), events, 0});
+        polled_.push_back(visitor.Wanted(!writing));
     }
     if (poll(polled_.data(), polled_.size(), TimeOut()) <= 0) {
         for (pollfd& entry : polled_) {
@@ -158,6 +158,7 @@ void RelaySession::HandleSsh() {
 }
 
 void RelaySession::HandleVisitors(bool heard) {
+    bool overrun = false;
     size_t place = 3;
     for (auto visitor = visitors_.begin(); visitor != visitors_.end();) {
         if (heard) {
@@ -168,9 +169,12 @@ void RelaySession::HandleVisitors(bool heard) {
             events = static_cast<short>(events & ~POLLIN);
         }
         visitor->Move(events, buffer_.data());
+        overrun = overrun || visitor->IsOverrun();
         visitor = visitor->IsDone() ? visitors_.erase(visitor) : std::next(visitor);
     }
-    if (ssh_is_connected(session_.get()) == 0) {
+    if (overrun) {
+        Over("it sends more than its windows allow");
+    } else if (ssh_is_connected(session_.get()) == 0) {
         Over("connection lost");
     }
 }
@@ -251,12 +255,13 @@ void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self)
     }
     auto* session = static_cast<RelaySession*>(self);
     try {
-        if (ssh_message_subtype(message) == SSH_GLOBAL_REQUEST_TCPIP_FORWARD) {
-            session->Forward(message);
-        } else if (ssh_message_subtype(message) == SSH_GLOBAL_REQUEST_KEEPALIVE) {
+        if (ssh_message_subtype(message) == SSH_GLOBAL_REQUEST_KEEPALIVE) {
             (void)ssh_message_global_request_reply_success(message, 0);
-        } else {
+        } else if (ssh_message_subtype(message) != SSH_GLOBAL_REQUEST_TCPIP_FORWARD ||
+                   !session->Forward(message)) {
+            // The library loses the address of every such request, so none may follow.
             (void)ssh_message_reply_default(message);
+            session->ended_ = true;
         }
     } catch (const std::exception& fault) {
         Log(Level::kError, "relay", "a request failed: %s", fault.what());
@@ -264,18 +269,16 @@ void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self)
     }
 }
 
-void RelaySession::Forward(ssh_message message) {
+bool RelaySession::Forward(ssh_message message) {
     const char* address = ssh_message_global_request_address(message);
     const int port = ssh_message_global_request_port(message);
     if (state_ != State::kLoggedIn || address == nullptr ||
         std::string(address).size() > kMaxBindAddress) {
-        (void)ssh_message_reply_default(message);
-        return;
+        return false;
     }
     port_ = desk_.OpenPort(this, port);
     if (port_ == nullptr) {
-        (void)ssh_message_reply_default(message);
-        return;
+        return false;
     }
     bindAddress_ = address;
     portNumber_ = port;
@@ -283,6 +286,7 @@ void RelaySession::Forward(ssh_message message) {
     probe_ = Clock::now() + kFirstProbe;
     (void)ssh_message_global_request_reply_success(message, static_cast<uint16_t>(port));
     Log(Level::kInfo, "relay", "port %d is up", port);
+    return true;
 }
 
 } // namespace ZARO::RelayHub

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "hub/fd.h"
+#include "hub/net.h"
 #include "hub/relay_port.h"
 #include "hub/relay_visitor.h"
 #include "hub/store.h"
@@ -54,6 +55,11 @@ public:
         waker_.Wake();
     }
     bool IsEnded() const { return ended_; }
+    /// The device's address.
+    std::string Peer() const {
+        int port = 0;
+        return PeerOf(fd_, &port);
+    }
 
 private:
     enum class State { kKeyExchange, kLogIn, kLoggedIn, kServing, kOver };
@@ -71,7 +77,8 @@ private:
     void KeepAlive();
     void Over(const char* why);
     bool CheckPassword(const char* user, const char* password);
-    void Forward(ssh_message message);
+    /// Opens the device's port. False when it must not have it: not that one, or a second time.
+    bool Forward(ssh_message message);
 
     RelayDesk& desk_;
     const std::unique_ptr<ssh_session_struct, void (*)(ssh_session)> session_;

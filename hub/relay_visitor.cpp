@@ -10,6 +10,13 @@
 
 namespace ZARO::RelayHub {
 
+namespace {
+
+/// More than any window that the library grants, so that only a device that ignores it gets here.
+constexpr size_t kMaxUntaken = 4 << 20;
+
+} // namespace
+
 RelayVisitor::RelayVisitor(ssh_session session, Fd fd)
     : channel_(ssh_channel_new(session)), fd_(std::move(fd)) {
     SetNoDelay(fd_.Get());
@@ -56,19 +63,38 @@ void RelayVisitor::AwaitOpening() {
     }
 }
 
-short RelayVisitor::Events(bool sending) {
-    if (state_ != State::kOpen) {
-        return 0;
-    }
-    const bool read = sending && !visitorEnded_ && unsent_.empty() && !deviceClosed_ &&
-                      ssh_channel_window_size(channel_) > 0;
-    return static_cast<short>((read ? POLLIN : 0) | (IsDrained() ? 0 : POLLOUT));
+pollfd RelayVisitor::Wanted(bool sending) {
+    const bool open = state_ == State::kOpen;
+    reading_ = open && sending && !visitorEnded_ && unsent_.empty() && !deviceClosed_ &&
+               ssh_channel_window_size(channel_) > 0;
+    const auto events = static_cast<short>((reading_ ? POLLIN : 0) |
+                                           (open && !IsDrained() ? POLLOUT : 0));
+    // Without events it still tells of a lost connection. Once this side is shut, though, it would
+    // take the visitor's orderly end for one, whose last bytes may be unread yet.
+    return {events == 0 && toldVisitor_ ? -1 : fd_.Get(), events, 0};
 }
 
 void RelayVisitor::Move(short events, char* buffer) {
-    if (state_ != State::kOpen) {
-        return;
+    const bool lost = !reading_ && (events & (POLLHUP | POLLERR)) != 0;
+    broken_ = broken_ || lost;
+    if (state_ == State::kOpen && !broken_) {
+        MoveOpen(events, buffer);
     }
+    const bool ended =
+        broken_ || (IsDrained() && (deviceClosed_ || (toldVisitor_ && visitorEnded_)));
+    if (ended) {
+        fd_.Reset();
+    }
+    if (ended && state_ == State::kOpen) {
+        state_ = State::kLeaving;
+        (void)ssh_channel_close(channel_); // fails only with the whole session
+    }
+    if (state_ == State::kLeaving && deviceClosed_) {
+        state_ = State::kDone;
+    }
+}
+
+void RelayVisitor::MoveOpen(short events, char* buffer) {
     if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 || !unsent_.empty()) {
         ToDevice(buffer);
     }
@@ -78,9 +104,6 @@ void RelayVisitor::Move(short events, char* buffer) {
     if (IsDrained() && deviceEnded_ && !toldVisitor_) {
         toldVisitor_ = true;
         (void)shutdown(fd_.Get(), SHUT_WR);
-    }
-    if (broken_ || (IsDrained() && (deviceClosed_ || (toldVisitor_ && visitorEnded_)))) {
-        state_ = State::kDone;
     }
 }
 
@@ -150,8 +173,9 @@ size_t RelayVisitor::Send(const char* data, size_t size) {
 int RelayVisitor::OnData(ssh_session, ssh_channel, void* data, uint32_t size, int isError,
                          void* self) {
     auto* visitor = static_cast<RelayVisitor*>(self);
-    if (isError != 0) {
-        return static_cast<int>(size); // such data has no place in a forwarded connection
+    visitor->overrun_ = visitor->overrun_ || size > kMaxUntaken;
+    if (isError != 0 || visitor->broken_ || visitor->state_ == State::kLeaving) {
+        return static_cast<int>(size); // the first has no place in a forwarded connection
     }
     if (!visitor->IsDrained()) {
         visitor->backlog_ = true; // what is not taken here stays in the channel, in order

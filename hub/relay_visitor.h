@@ -12,7 +12,8 @@ namespace ZARO::RelayHub {
 
 /// Owns the connection and the channel. For its session's thread only. Memory is bounded: what the
 /// visitor sends is read only while the device's window has room, and what the device sends waits
-/// in the channel, whose window closes then.
+/// in the channel, whose window closes then. A channel that ended here stays until the device has
+/// ended it too: the library would go on to gather what comes for it.
 class RelayVisitor {
 public:
     /// How much is read from a visitor at once, so that it doesn't keep the others waiting.
@@ -27,23 +28,25 @@ public:
     void Open(const std::string& address, int port);
     /// Looks whether it did; to be called when something came from the device.
     void AwaitOpening();
-    /// The poll events to wait for on Get(), 0 = none; `sending` tells whether the session takes
-    /// data for the device at the moment.
-    short Events(bool sending);
-    int Get() const { return fd_.Get(); }
+    /// What to poll() for; `sending` tells whether the session takes data for the device at the
+    /// moment.
+    pollfd Wanted(bool sending);
     /// Moves what can be moved; `events` are those that poll() gave. `buffer` has kChunk bytes.
     void Move(short events, char* buffer);
     /// Whether both sides are through with it.
     bool IsDone() const { return state_ == State::kDone; }
+    /// Whether the device sent more than it was allowed to.
+    bool IsOverrun() const { return overrun_; }
 
 private:
-    enum class State { kOpening, kOpen, kDone };
+    enum class State { kOpening, kOpen, kLeaving, kDone };
 
     static int OnData(ssh_session session, ssh_channel channel, void* data, uint32_t size,
                       int isError, void* self);
     static void OnEof(ssh_session session, ssh_channel channel, void* self);
     static void OnClose(ssh_session session, ssh_channel channel, void* self);
 
+    void MoveOpen(short events, char* buffer);
     void ToDevice(char* buffer);
     void ToVisitor(char* buffer);
     /// Sends to the visitor at once; how much it took. A broken connection takes everything.
@@ -52,7 +55,7 @@ private:
 
     ssh_channel channel_;
     ssh_channel_callbacks_struct callbacks_{};
-    const Fd fd_;
+    Fd fd_; // gone as soon as the visitor is
     State state_ = State::kOpening;
     std::string forwardAddress_; // as the device asked for it
     int forwardPort_ = 0;
@@ -65,7 +68,9 @@ private:
     bool deviceEnded_ = false;  // the device sends no more
     bool deviceClosed_ = false;
     bool toldVisitor_ = false; // the visitor knows that the device sends no more
+    bool reading_ = false;     // the last poll() was to tell of data from the visitor
     bool broken_ = false;      // the visitor is gone
+    bool overrun_ = false;
 };
 
 } // namespace ZARO::RelayHub

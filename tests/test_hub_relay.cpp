@@ -128,7 +128,6 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
         EXPECT_FALSE(IsUp());
     }
     const auto tunnel = Open();
-    EXPECT_FALSE(tunnel->Forward(port_)) << "once is enough";
     const ssh_channel shell = ssh_channel_new(tunnel->Session());
     EXPECT_EQ(ssh_channel_open_session(shell), SSH_ERROR);
     const ssh_channel direct = ssh_channel_new(tunnel->Session());
@@ -136,6 +135,8 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
     const Visitor visitor(port_); // the refusals left the session whole
     EXPECT_TRUE(TestTunnel::Write(tunnel->Accept(), "good"));
     EXPECT_EQ(visitor.Read(4), "good");
+    EXPECT_FALSE(tunnel->Forward(port_)) << "once is enough";
+    EXPECT_TRUE(WaitFor([&] { return tunnel->IsEnded(); }));
 }
 
 TEST_F(HubRelay, ClosesAfterThreeWrongPasswords) {
