@@ -7,6 +7,7 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <memory>
 
@@ -33,10 +34,23 @@ bool WriteAll(int fd, const std::string& content) {
     return true;
 }
 
-/// Whether nothing is in the folder, or a hub has been at work there.
+bool IsKnown(const std::string& name) {
+    for (const char* known : {".", "..", "lock", "hub.db", "hub.db-wal", "hub.db-shm",
+                              "hub.db-journal", "https.pem", "https.pem.new", "relay.key",
+                              "relay.key.new"}) {
+        if (name == known) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Whether the folder is empty, or a hub of ours has been at work there and nobody else.
 bool IsOurs(int folder) {
-    if (faccessat(folder, "lock", F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
-        return true;
+    struct stat lock {};
+    const bool hasLock = fstatat(folder, "lock", &lock, AT_SYMLINK_NOFOLLOW) == 0;
+    if (hasLock && (!S_ISREG(lock.st_mode) || lock.st_uid != geteuid())) {
+        return false;
     }
     Fd copy(openat(folder, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     const std::unique_ptr<DIR, int (*)(DIR*)> list(fdopendir(copy.Get()), closedir);
@@ -44,26 +58,43 @@ bool IsOurs(int folder) {
         return false;
     }
     (void)copy.Release(); // closed with the list
+    size_t entries = 0;
     while (const dirent* entry = readdir(list.get())) {
-        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0) {
+        ++entries;
+        if (!IsKnown(entry->d_name)) {
             return false;
         }
     }
-    return true;
+    return hasLock || entries <= 2;
 }
 
-/// Makes the folder its owner's alone.
+/// Makes the folder its owner's alone. One that is somebody else's is left as it is.
 bool MakePrivate(int folder, const std::string& name, std::string* error) {
     struct stat status {};
     if (fstat(folder, &status) != 0) {
         return Fail("can't use " + name, error);
     }
-    const bool isOpen = (status.st_mode & 077) != 0;
-    if (isOpen && !IsOurs(folder)) {
-        *error = "can't use " + name + ": others may enter it and it holds other files";
+    if (status.st_uid != geteuid()) {
+        *error = "can't use " + name + ": it belongs to another user";
         return false;
     }
-    return !isOpen || fchmod(folder, 0700) == 0 || Fail("can't use " + name, error);
+    if ((status.st_mode & 077) == 0) {
+        return true;
+    }
+    // Where all may write, what looks like a hub's may have been planted.
+    if ((status.st_mode & (S_ISVTX | S_IWOTH)) != 0 || !IsOurs(folder)) {
+        *error = "can't use " + name + ": others may enter it and it is no hub's alone";
+        return false;
+    }
+    return fchmod(folder, 0700) == 0 || Fail("can't use " + name, error);
+}
+
+/// A file that was renamed in the folder of `file` keeps its new name through a loss of power.
+bool SyncFolderOf(const std::string& file) {
+    const size_t slash = file.rfind('/');
+    const std::string name = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+    const Fd folder(open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return folder && fsync(folder.Get()) == 0;
 }
 
 } // namespace
@@ -100,7 +131,7 @@ bool WritePrivateFile(const std::string& file, const std::string& content, std::
     const Fd fd(
         open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!fd || !WriteAll(fd.Get(), content) || fsync(fd.Get()) != 0 ||
-        rename(temporary.c_str(), file.c_str()) != 0) {
+        rename(temporary.c_str(), file.c_str()) != 0 || !SyncFolderOf(file)) {
         const bool failed = Fail("can't write " + file, error);
         (void)unlink(temporary.c_str());
         return failed;
@@ -108,9 +139,13 @@ bool WritePrivateFile(const std::string& file, const std::string& content, std::
     return true;
 }
 
-bool ReadSmallFile(const std::string& file, std::string* content, std::string* error) {
+bool ReadSmallFile(const std::string& file, std::string* content, std::string* error,
+                   bool* isThere) {
     content->clear();
     const Fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (isThere != nullptr) {
+        *isThere = fd || errno != ENOENT;
+    }
     if (!fd) {
         return errno == ENOENT || Fail("can't read " + file, error);
     }

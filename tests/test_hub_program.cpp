@@ -14,6 +14,7 @@ namespace {
 
 std::string OutcomeOf(const std::string& options) {
     const TempRoot root;
+    std::filesystem::create_directories(root.Dir() + "/foreign/lock");
     return Outcome(Words(ZARO_HUB " " + options), root.Dir());
 }
 
@@ -28,7 +29,8 @@ TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {
         {"--data x --host a,DNS:b", "2 .*--host: expected a host name"},
         {"--data x --log-level 9", "2 .*--log-level: expected a number from 3 to 7"},
         {"--data /proc/none", "1 .*can't make /proc/none"},
-        {"--data usr", "1 .*holds other files"},
+        {"--data usr", "1 .*no hub's alone"},
+        {"--data foreign", "1 .*no hub's alone"},
         {"--version", "0 zarorelay-hub "}};
     for (const auto& [options, pattern] : kRows) {
         const std::string outcome = OutcomeOf(options);
