@@ -33,7 +33,10 @@ sqlite3_stmt* Database::Prepare(const char* sql) {
 }
 
 void Database::Fail(const char* doing) const {
-    throw DatabaseFault(std::string(doing) + ": " + sqlite3_errmsg(handle_));
+    const std::string what(doing);
+    throw DatabaseFault(what.substr(0, what.find_first_of(";(\n")) + ": " +
+                            sqlite3_errmsg(handle_),
+                        sqlite3_errcode(handle_));
 }
 
 Query::~Query() {

@@ -12,7 +12,16 @@ namespace ZARO::RelayHub {
 
 /// What SQLite said. Never leaves the store.
 struct DatabaseFault : std::runtime_error {
-    using std::runtime_error::runtime_error;
+    /// `code` is SQLite's own result; 0 = the fault is not SQLite's.
+    explicit DatabaseFault(const std::string& what, int code = 0)
+        : std::runtime_error(what), code_(code & 0xff) {}
+    /// The file is broken, or no database at all.
+    bool IsDamage() const { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
+    /// Nothing can be written at the moment, as on a full disk.
+    bool IsUnwritable() const { return code_ == SQLITE_FULL || code_ == SQLITE_IOERR; }
+
+private:
+    int code_;
 };
 
 /// One connection with its prepared statements. For one thread at a time.

@@ -110,6 +110,12 @@ bool Store::Open(const std::string& file, PortPool pool, std::string* error) {
         database_.Open(file);
         Prepare();
         return true;
+    } catch (const DatabaseFault& fault) {
+        *error = "can't use " + file + ": " + fault.what();
+        if (fault.IsDamage()) {
+            *error += "; put a copy back, or move it away, which makes every device register anew";
+        }
+        return false;
     } catch (const std::exception& fault) {
         *error = "can't use " + file + ": " + fault.what();
         return false;
@@ -117,25 +123,47 @@ bool Store::Open(const std::string& file, PortPool pool, std::string* error) {
 }
 
 void Store::Prepare() {
-    // NORMAL syncs at checkpoints only: what a power loss may take devices bring again, while a
-    // herd of registering devices would wait for the disk at every step.
-    database_.Execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
-                      "PRAGMA foreign_keys = ON; PRAGMA journal_size_limit = 4194304");
-    Transaction transaction(database_);
     int schema = 0;
-    {
-        Query version(database_, "PRAGMA user_version");
-        schema = version.Next() ? version.Int(0) : 0;
+    try {
+        // NORMAL syncs at checkpoints only: what a power loss may take devices bring again, while a
+        // herd of registering devices would wait for the disk at every step.
+        database_.Execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
+                          "PRAGMA foreign_keys = ON; PRAGMA journal_size_limit = 4194304");
+        schema = Schema();
+        Transaction transaction(database_);
+        if (schema == 0) {
+            database_.Execute(kTables);
+        }
+        // No tunnel is up now, while devices may have seen theirs up.
+        database_.Execute("UPDATE device SET revision = revision % 2147483647 + 1");
+        transaction.Commit();
+    } catch (const DatabaseFault& fault) {
+        if (!fault.IsUnwritable()) {
+            throw;
+        }
+        // Alone with the file SQLite needs no other one to read it.
+        database_.Execute("PRAGMA locking_mode = EXCLUSIVE");
+        if (Schema() == 0) {
+            throw;
+        }
+        Log(Level::kWarning, "store", "serves what it knows, but can't write: %s", fault.what());
     }
+}
+
+int Store::Schema() {
+    Query version(database_, "PRAGMA user_version");
+    const int schema = version.Next() ? version.Int(0) : 0;
     if (schema > kSchema) {
         throw DatabaseFault("it was written by a newer version");
     }
-    if (schema == 0) {
-        database_.Execute(kTables);
-    }
-    // No tunnel is up now, while devices may have seen theirs up.
-    database_.Execute("UPDATE device SET revision = revision % 2147483647 + 1");
-    transaction.Commit();
+    return schema;
+}
+
+bool Store::HasDevices() {
+    return Read("look for devices", [this] {
+               Query any(database_, "SELECT 1 FROM device LIMIT 1");
+               return any.Next() ? StoreResult::kDone : StoreResult::kNotFound;
+           }) == StoreResult::kDone;
 }
 
 StoreResult Store::Register(const Identity& identity, const std::string& session, Device* device) {
@@ -412,19 +440,20 @@ int Store::Bump(int64_t device) {
     return change.Next() ? change.Int(0) : 0;
 }
 
-int64_t Store::OwnerOf(const std::string& name) {
-    Query(database_, "DELETE FROM alias WHERE expires <= ?", Now()).Run();
-    Query owner(database_, "SELECT device FROM alias WHERE name = ?", name);
+int64_t Store::OwnerOf(const std::string& name, int64_t device) {
+    Query owner(database_,
+                "SELECT device FROM alias WHERE name = ? AND (expires > ? OR device = ?)", name,
+                Now(), device);
     return owner.Next() ? owner.Integer(0) : 0;
 }
 
 StoreResult Store::MapAlias(const std::string& name, int64_t device, std::chrono::seconds ttl) {
     return Write("alias mapping", [&] {
-        const int64_t owner = OwnerOf(name);
+        const int64_t owner = OwnerOf(name, device);
         if (owner != 0 && owner != device) {
             return StoreResult::kTaken;
         }
-        Query(database_, "DELETE FROM alias WHERE device = ?", device).Run();
+        Query(database_, "DELETE FROM alias WHERE device = ? OR name = ?", device, name).Run();
         Query(database_, "INSERT INTO alias(name, device, expires) VALUES(?, ?, ?)", name, device,
               Now() + ttl.count())
             .Run();
@@ -434,7 +463,7 @@ StoreResult Store::MapAlias(const std::string& name, int64_t device, std::chrono
 
 StoreResult Store::KeepAlias(const std::string& name, int64_t device, std::chrono::seconds ttl) {
     return Write("alias renewal", [&] {
-        const int64_t owner = OwnerOf(name);
+        const int64_t owner = OwnerOf(name, device);
         if (owner != device) {
             return owner == 0 ? StoreResult::kNotFound : StoreResult::kTaken;
         }
@@ -446,7 +475,7 @@ StoreResult Store::KeepAlias(const std::string& name, int64_t device, std::chron
 
 StoreResult Store::DeleteAlias(const std::string& name, int64_t device) {
     return Write("alias removal", [&] {
-        if (OwnerOf(name) != device) {
+        if (OwnerOf(name, device) != device) {
             return StoreResult::kNotFound; // another device's name is none of its business
         }
         Query(database_, "DELETE FROM alias WHERE name = ?", name).Run();

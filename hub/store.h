@@ -51,7 +51,8 @@ struct TunnelRecord {
     std::string user, password;
 };
 
-/// The ports that tunnels get, and a test whether one is usable at the moment.
+/// The ports that tunnels get, and a test whether one is usable at the moment. When it throws, the
+/// change that needed a port fails.
 struct PortPool {
     int first = 20000;
     int last = 29999;
@@ -66,6 +67,9 @@ class Store {
 public:
     /// Opens or makes the database file, mode 0600. False with the reason in `error`.
     bool Open(const std::string& file, PortPool pool, std::string* error);
+
+    /// Whether any device was ever admitted.
+    bool HasDevices();
 
     /// Admits a device: kRefused when the serial is pinned to another token or the server id is
     /// another device's. Its services become stale until it names them again. `session` is the hash
@@ -103,6 +107,8 @@ private:
     template <typename Work> StoreResult Read(const char* what, Work work);
     template <typename Work> StoreResult Write(const char* what, Work work);
     void Prepare();
+    /// The version of the tables, 0 = there are none.
+    int Schema();
 
     // The steps below run inside Read or Write.
     StoreResult Admit(const Identity& identity, Device* device);
@@ -113,8 +119,9 @@ private:
     void DropStale(int64_t device, std::vector<std::string>* gone);
     std::optional<int> NextPort();
     int Bump(int64_t device);
-    /// The owner of a name; 0 when it is free. Ends what was not kept alive.
-    int64_t OwnerOf(const std::string& name);
+    /// Whose the name is, as far as `device` is concerned; 0 = free. Once it was not kept alive,
+    /// it is still its device's until another one wants it.
+    int64_t OwnerOf(const std::string& name, int64_t device);
 
     std::mutex mutex_;
     Database database_;
