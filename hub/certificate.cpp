@@ -67,11 +67,18 @@ Certificate Make(EVP_PKEY* key, const std::set<std::string>& names) {
     return good ? std::move(certificate) : nullptr;
 }
 
-/// A new key with its certificate as PEM; "" when OpenSSL fails.
-std::string MakePem(const std::set<std::string>& names) {
-    const Key key(EVP_EC_gen("P-256"));
+/// A certificate as PEM, for the key in `former` if there is one, so that whoever pinned it is not
+/// locked out, else with a new one. "" when OpenSSL fails.
+std::string MakePem(const std::set<std::string>& names, const std::string& former) {
+    const Bio old(BIO_new_mem_buf(former.data(), static_cast<int>(former.size())));
+    Key key(old == nullptr ? nullptr
+                           : PEM_read_bio_PrivateKey(old.get(), nullptr, nullptr, nullptr));
+    if (key == nullptr) {
+        key.reset(EVP_EC_gen("P-256"));
+    }
     const Certificate certificate = key == nullptr ? nullptr : Make(key.get(), names);
     const Bio bio(BIO_new(BIO_s_mem()));
+    ERR_clear_error();
     if (certificate == nullptr || bio == nullptr ||
         PEM_write_bio_PrivateKey(bio.get(), key.get(), nullptr, nullptr, 0, nullptr, nullptr) !=
             1 ||
@@ -130,7 +137,9 @@ void AddInterfaceAddresses(std::set<std::string>* names) {
             getnameinfo(entry->ifa_addr, size, text, sizeof text, nullptr, 0, NI_NUMERICHOST) ==
                 0) {
             const std::string address = text;
-            names->insert(address.substr(0, address.find('%'))); // without the scope
+            if (address.find('%') == std::string::npos) { // link-local ones are in nobody's URL
+                names->insert(address);
+            }
         }
     }
 }
@@ -143,7 +152,6 @@ std::set<std::string> ServedNames(const std::set<std::string>& more) {
     if (gethostname(host, sizeof host - 1) == 0 && IsHost(host, false)) {
         names.insert(host);
     }
-    AddInterfaceAddresses(&names);
     for (const std::string& name : more) {
         if (!name.empty() && name != "0.0.0.0" && name != "::") {
             names.insert(name);
@@ -167,12 +175,14 @@ SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
     if (Use(pem, names, context.get())) {
         return context;
     }
-    pem = MakePem(names);
+    std::set<std::string> all = names;
+    AddInterfaceAddresses(&all);
+    pem = MakePem(all, pem);
     if (pem.empty() || !WritePrivateFile(file, pem, error)) {
         *error = error->empty() ? "can't make a certificate" : *error;
         return nullptr;
     }
-    Log(Level::kInfo, "hub", "new certificate for %zu names", names.size());
+    Log(Level::kInfo, "hub", "new certificate for %zu names", all.size());
     if (!Use(pem, names, context.get())) {
         *error = "the new certificate does not hold";
         return nullptr;

@@ -1,10 +1,12 @@
 /// zarorelay-hub: reads the command line, runs the hub until a signal ends it.
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <optional>
 
@@ -102,6 +104,18 @@ void Describe(CLI::App& app, CommandLine* line) {
     app.set_version_flag("--version", "zarorelay-hub " ZARO_VERSION);
 }
 
+/// A process started without standard descriptors must not get a socket in their place, which log
+/// lines would then be written into.
+void FillStandardDescriptors() {
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    if (fd >= 0) {
+        close(fd);
+    }
+}
+
 /// Every connection costs a descriptor or three; the usual soft limit serves few devices.
 void RaiseDescriptorLimit() {
     rlimit limit{};
@@ -179,6 +193,7 @@ std::optional<int> Parse(int argc, char** argv, CommandLine* line) {
 } // namespace
 
 int main(int argc, char** argv) {
+    FillStandardDescriptors();
     try {
         CommandLine line;
         const std::optional<int> code = Parse(argc, argv, &line);
