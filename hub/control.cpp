@@ -12,6 +12,9 @@ namespace {
 constexpr Json::ArrayIndex kMaxCommands = 16;   // an honest batch has 3
 constexpr Json::ArrayIndex kMaxElements = 1024; // of any array within a command
 constexpr size_t kMaxText = 255;
+constexpr size_t kMaxAddressText = 45;   // an IPv6 address at its longest
+constexpr size_t kMaxInterfaceName = 15; // the kernel's own limit
+constexpr Json::ArrayIndex kMaxInterfaces = 32;
 
 Errno ErrnoOf(StoreResult result) {
     switch (result) {
@@ -32,12 +35,13 @@ Errno ErrnoOf(StoreResult result) {
 
 /// Takes the text at `key`; one that is absent leaves `text` alone. False when it is no text or not
 /// a short one.
-bool TakeText(const Json::Value& object, const char* key, std::string* text) {
+bool TakeText(const Json::Value& object, const char* key, std::string* text,
+              size_t longest = kMaxText) {
     const Json::Value& value = object[key];
     if (value.isNull() && !object.isMember(key)) {
         return true;
     }
-    if (!value.isString() || !IsShortText(value.asString(), kMaxText)) {
+    if (!value.isString() || !IsShortText(value.asString(), longest)) {
         return false;
     }
     *text = value.asString();
@@ -184,8 +188,8 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* r
     std::string session = RandomText(43); // 256 bits
     const StoreResult result = store_.Register(identity, Sha256(session), &device);
     if (result != StoreResult::kDone) {
-        Log(Level::kWarning, "control", "device %s is not admitted (%d)", identity.serial.c_str(),
-            static_cast<int>(ErrnoOf(result)));
+        refusals_.Log("control", "device %s from %s is not admitted (%d)", identity.serial.c_str(),
+                      batch.origin.peer.c_str(), static_cast<int>(ErrnoOf(result)));
         return ErrnoOf(result);
     }
     Log(Level::kInfo, "control", "device %s registered as %s", identity.serial.c_str(),
@@ -205,19 +209,27 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* r
 Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value* reply) {
     Json::Value network(Json::objectValue);
     Json::Value& interfaces = network["interface"] = Json::Value(Json::arrayValue);
-    const auto take = [](const Json::Value& from, const char* key, Json::Value* to) {
+    const auto take = [](const Json::Value& from, const char* key, size_t longest,
+                         Json::Value* to) {
         std::string text;
-        const bool good = TakeText(from, key, &text);
+        const bool good = TakeText(from, key, &text, longest);
         (*to)[key] = text;
         return good;
     };
-    const bool good = take(command, "gateway", &network) && take(command, "ddns", &network) &&
-                      take(command, "mode", &network) &&
-                      TakeEach(command, "interface", [&](const Json::Value& element) {
-                          Json::Value& kept = interfaces.append(Json::Value(Json::objectValue));
-                          return take(element, "name", &kept) && take(element, "ip", &kept) &&
-                                 take(element, "mask", &kept);
-                      });
+    const auto takeInterface = [&](const Json::Value& element) {
+        Json::Value kept(Json::objectValue);
+        const bool good = take(element, "name", kMaxInterfaceName, &kept) &&
+                          take(element, "ip", kMaxAddressText, &kept) &&
+                          take(element, "mask", kMaxAddressText, &kept);
+        if (interfaces.size() < kMaxInterfaces) { // a host of containers has any number
+            interfaces.append(kept);
+        }
+        return good;
+    };
+    const bool good = take(command, "gateway", kMaxAddressText, &network) &&
+                      take(command, "ddns", kMaxText, &network) &&
+                      take(command, "mode", kMaxAddressText, &network) &&
+                      TakeEach(command, "interface", takeInterface);
     if (!good) {
         return Errno::kInput;
     }
@@ -270,16 +282,9 @@ Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value* reply
     }
     // Only the last command is held, so the replies to the others never wait for it for nothing.
     int revision = 0;
-    switch (waiters_.Wait(batch.device->key, seen, batch.isLast, &revision)) {
-    case Waiters::Result::kAnswer:
-        return ListTunnels(batch, revision, reply);
-    case Waiters::Result::kTooMany:
-        Log(Level::kWarning, "control", "too many held requests, one was refused");
-        return Errno::kLimit;
-    case Waiters::Result::kFault:
-        break;
-    }
-    return Errno::kUnknown;
+    return waiters_.Wait(batch.device->key, seen, batch.isLast, &revision)
+               ? ListTunnels(batch, revision, reply)
+               : Errno::kUnknown;
 }
 
 Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value* reply) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hub/forms.h"
+#include "hub/log.h"
 #include "hub/store.h"
 #include "hub/waiters.h"
 
@@ -69,6 +70,7 @@ private:
     Waiters& waiters_;
     const RelayControl relay_;
     const std::string relayHost_;
+    LogQuota refusals_;
 };
 
 } // namespace ZARO::RelayHub

@@ -39,6 +39,7 @@ struct Origin {
     std::string scheme; // "http" or "https"
     std::string host;   // an IPv6 address is in brackets
     int port = 0;
+    std::string peer; // address of the client
 };
 
 /// Takes a Host header apart. Nothing when it is malformed.
@@ -46,7 +47,7 @@ std::optional<Origin> ParseHost(const std::string& scheme, const std::string& he
 
 /// Parses one JSON document that is an array or an object. Unlike the parser's own default nothing
 /// but white space may follow it, comments and repeated keys are refused, and so is nesting that
-/// could exhaust the stack.
+/// could exhaust the stack, and more values than a batch can need.
 bool ParseJson(const std::string& text, Json::Value* value);
 
 /// One line of JSON.

@@ -12,6 +12,8 @@ namespace ZARO::RelayHub {
 
 namespace {
 
+constexpr int kQuota = 10; // lines a minute
+
 std::atomic<int> gLevel{static_cast<int>(Level::kInfo)};
 
 const char* NameOf(Level level) {
@@ -28,13 +30,7 @@ const char* NameOf(Level level) {
     return "?";
 }
 
-} // namespace
-
-void SetLogLevel(int level) {
-    gLevel = level;
-}
-
-void Log(Level level, const char* unit, const char* format, ...) {
+void Write(Level level, const char* unit, const char* format, va_list arguments) {
     if (static_cast<int>(level) > gLevel) {
         return;
     }
@@ -42,10 +38,7 @@ void Log(Level level, const char* unit, const char* format, ...) {
     char line[512];
     const size_t room = sizeof line - 1; // one byte stays for the line end
     const auto used = static_cast<size_t>(snprintf(line, room, "%s %s: ", NameOf(level), unit));
-    va_list arguments;
-    va_start(arguments, format);
     const int wanted = vsnprintf(line + used, room - used, format, arguments);
-    va_end(arguments);
     size_t length = used + static_cast<size_t>(std::max(wanted, 0));
     length = std::min(length, room - 1);
     line[length] = '\n';
@@ -53,6 +46,38 @@ void Log(Level level, const char* unit, const char* format, ...) {
     // failure.
     (void)!write(STDERR_FILENO, line, length + 1);
     errno = savedErrno;
+}
+
+} // namespace
+
+void SetLogLevel(int level) {
+    gLevel = level;
+}
+
+void Log(Level level, const char* unit, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    Write(level, unit, format, arguments);
+    va_end(arguments);
+}
+
+void LogQuota::Log(const char* unit, const char* format, ...) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto now = std::chrono::steady_clock::now();
+    if (lines_ == 0 || now >= begin_ + std::chrono::minutes(1)) {
+        if (lines_ > kQuota) {
+            RelayHub::Log(Level::kWarning, unit, "%d more lines like these were left out",
+                          lines_ - kQuota);
+        }
+        begin_ = now;
+        lines_ = 0;
+    }
+    if (++lines_ <= kQuota) {
+        va_list arguments;
+        va_start(arguments, format);
+        Write(Level::kWarning, unit, format, arguments);
+        va_end(arguments);
+    }
 }
 
 } // namespace ZARO::RelayHub

@@ -1,6 +1,9 @@
 /// The hub's log: one line a message on standard error, "level unit: text".
 #pragma once
 
+#include <chrono>
+#include <mutex>
+
 namespace ZARO::RelayHub {
 
 /// The numbers are the syslog priorities.
@@ -18,5 +21,17 @@ void SetLogLevel(int level);
 /// peer are checked before they are passed.
 void Log(Level level, const char* unit, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+
+/// Warnings that strangers can cause at will: ten a minute, then only their number. Any thread may
+/// call any method.
+class LogQuota {
+public:
+    void Log(const char* unit, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+private:
+    std::mutex mutex_;
+    std::chrono::steady_clock::time_point begin_; // of the present minute
+    int lines_ = 0;                               // in it, written or not
+};
 
 } // namespace ZARO::RelayHub

@@ -84,9 +84,15 @@ int PortOf(int fd) {
 }
 
 bool IsPortFree(const std::string& address, int port) {
-    Fd listener;
-    std::string error;
-    return ListenTcp(address, port, &listener, &error);
+    const AddressInfo info = ToAddress(address, port);
+    const Fd fd = info == nullptr ? Fd() : BindTcp(*info);
+    if (fd && listen(fd.Get(), 1) == 0) {
+        return true;
+    }
+    if (errno != EADDRINUSE && errno != EACCES) {
+        throw std::system_error(errno, std::generic_category(), "can't try port");
+    }
+    return false;
 }
 
 bool IsShortage(int error) {
@@ -150,6 +156,7 @@ void Acceptor::Stop() {
     if (thread_.joinable()) {
         thread_.join();
     }
+    waiting_.Reset();
     listener_.Reset();
 }
 
@@ -157,7 +164,7 @@ void Acceptor::Run() {
     const auto pause = static_cast<int>(kAcceptPause.count());
     for (;;) {
         pollfd wait[] = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
-        (void)poll(wait, 2, -1);
+        (void)poll(wait, 2, waiting_ ? 0 : -1);
         if (wait[0].revents != 0) {
             return;
         }
@@ -169,24 +176,34 @@ void Acceptor::Run() {
 }
 
 bool Acceptor::AcceptOne() {
-    Fd connection(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (connection) {
-        if (inShortage_) {
-            inShortage_ = false;
-            Log(Level::kInfo, unit_, "accepts connections again");
+    if (!waiting_) {
+        waiting_.Reset(
+            accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!waiting_ && !IsShortage(errno)) {
+            return true; // the peer is gone already, or another such fault of this one connection
         }
-        SetNoDelay(connection.Get());
-        onAccept_(std::move(connection));
-        return true;
+        if (!waiting_) {
+            SetShortage(strerror(errno));
+            return false;
+        }
+        SetNoDelay(waiting_.Get());
     }
-    if (!IsShortage(errno)) {
-        return true; // the peer is gone already, or another such fault of this one connection
+    if (!onAccept_(waiting_.Get())) {
+        SetShortage("no thread left");
+        return false;
     }
-    if (!inShortage_) {
-        inShortage_ = true;
-        Log(Level::kWarning, unit_, "connections wait: %s", strerror(errno));
+    (void)waiting_.Release();
+    SetShortage(nullptr);
+    return true;
+}
+
+void Acceptor::SetShortage(const char* reason) {
+    if (inShortage_ && reason == nullptr) {
+        Log(Level::kInfo, unit_, "accepts connections again");
+    } else if (!inShortage_ && reason != nullptr) {
+        Log(Level::kWarning, unit_, "connections wait: %s", reason);
     }
-    return false;
+    inShortage_ = reason != nullptr;
 }
 
 } // namespace ZARO::RelayHub

@@ -20,7 +20,8 @@ bool ListenTcp(const std::string& address, int port, Fd* listener, std::string* 
 /// The port a socket is bound to; 0 when it can't be told.
 int PortOf(int fd);
 
-/// Whether nobody listens on that address and port at the moment.
+/// Whether that address and port can be listened on at the moment. Throws when it can't be told, for
+/// want of descriptors or since the address is not this machine's.
 bool IsPortFree(const std::string& address, int port);
 
 /// Whether accept() failed with `error` for want of descriptors or memory, so that trying again at
@@ -42,16 +43,17 @@ std::string PeerOf(int fd, int* port);
 /// `address` as it stands in a URL: an IPv6 address in brackets.
 std::string ForUrl(const std::string& address);
 
-/// Accepts connections on a thread of its own. Running out of descriptors pauses it; nothing but
-/// Stop() ends it.
+/// Accepts connections on a thread of its own. Running out of descriptors or threads pauses it;
+/// nothing but Stop() ends it.
 class Acceptor {
 public:
     using MayAccept = std::function<bool()>;
-    using OnAccept = std::function<void(Fd)>;
+    using OnAccept = std::function<bool(int connection)>;
 
     /// `unit` names the listener in log lines. While `mayAccept` says no, connections wait in the
     /// backlog. `onAccept` gets each connection, non-blocking and close-on-exec, and must not
-    /// block.
+    /// block; it says no when no thread is left, is asked again later, and owns the connection only
+    /// when it says yes.
     Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept);
     ~Acceptor() { Stop(); }
 
@@ -64,11 +66,14 @@ private:
     void Run();
     /// Takes one connection. False when the listener should rest for a moment.
     bool AcceptOne();
+    /// Tells of a shortage when it begins and when it ends.
+    void SetShortage(const char* reason);
 
     const char* unit_;
     MayAccept mayAccept_;
     OnAccept onAccept_;
     Fd listener_;
+    Fd waiting_; // accepted, while there is no thread for it
     int port_ = 0;
     bool inShortage_ = false;
     Waker stop_;

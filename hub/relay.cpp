@@ -36,7 +36,8 @@ Relay::Relay(Store& store, std::string visitorAddress, StatusChanged statusChang
     : store_(store), visitorAddress_(std::move(visitorAddress)),
       statusChanged_(std::move(statusChanged)), bind_(ssh_bind_new(), ssh_bind_free), up_(65536),
       acceptor_(
-          "relay", [this] { return MayAdmit(); }, [this](Fd fd) { Admit(std::move(fd)); }) {
+          "relay", [this] { return MayAdmit(); },
+          [this](int connection) { return Admit(connection); }) {
 }
 
 Relay::~Relay() {
@@ -52,10 +53,15 @@ bool Relay::Start(const std::string& address, int port, const std::string& keyFi
 
 bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
     std::string text;
-    if (!ReadSmallFile(keyFile, &text, error)) {
+    bool isThere = false;
+    if (!ReadSmallFile(keyFile, &text, error, &isThere)) {
         return false;
     }
-    if (text.empty()) {
+    if (!isThere) {
+        if (store_.HasDevices()) {
+            Log(Level::kWarning, "relay", "%s is gone: devices will refuse the new host key",
+                keyFile.c_str());
+        }
         ssh_key made = nullptr;
         char* exported = nullptr;
         if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &made) == SSH_OK) {
@@ -74,7 +80,8 @@ bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
     if (key == nullptr || bind_ == nullptr ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) != SSH_OK) {
-        *error = keyFile + " does not hold a usable host key";
+        *error = keyFile + " holds no usable host key: put a copy back, or remove it for a new one, "
+                           "which every device has to be told to accept";
         return false;
     }
     (void)key.release(); // it belongs to bind_ now
@@ -107,15 +114,13 @@ bool Relay::MayAdmit() {
     return threads_.Count() < seats_.size() + 2 * kMaxStrangers;
 }
 
-void Relay::Admit(Fd fd) {
-    const int connection = fd.Get();
+bool Relay::Admit(int connection) {
     const int waker = spare_->Get();
-    if (threads_.Start([this, connection, waker] { Serve(Fd(connection), Waker(Fd(waker))); })) {
-        (void)fd.Release(); // the thread owns both
-        (void)spare_->Release();
-    } else {
-        Log(Level::kWarning, "relay", "a session was dropped: no thread left");
+    if (!threads_.Start([this, connection, waker] { Serve(Fd(connection), Waker(Fd(waker))); })) {
+        return false;
     }
+    (void)spare_->Release(); // the thread owns both
+    return true;
 }
 
 void Relay::Serve(Fd fd, Waker waker) {
@@ -164,8 +169,8 @@ bool Relay::LogIn(RelaySession* session, const std::string& user, const std::str
     // An unknown user takes as long as a wrong password.
     const bool equal = EqualSecrets(tunnel.password, password);
     if (found != StoreResult::kDone || !equal) {
-        Log(Level::kWarning, "relay", "log-in refused: %s",
-            found == StoreResult::kDone ? "wrong password" : "unknown user");
+        refusals_.Log("relay", "log-in from %s refused: %s", session->Peer().c_str(),
+                      found == StoreResult::kDone ? "wrong password" : "unknown user");
         return false;
     }
     if (session->IsEnded()) { // it would only drive the former session out

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "hub/log.h"
 #include "hub/net.h"
 #include "hub/relay_session.h"
 #include "hub/store.h"
@@ -58,7 +59,7 @@ private:
 
     bool UseHostKey(const std::string& keyFile, std::string* error);
     bool MayAdmit();
-    void Admit(Fd fd);
+    bool Admit(int connection);
     void Serve(Fd fd, Waker waker);
     void Leave(RelaySession* session);
     Seats::iterator SeatOf(const RelaySession* session);
@@ -70,6 +71,7 @@ private:
     const StatusChanged statusChanged_;
     const std::unique_ptr<ssh_bind_struct, void (*)(ssh_bind)> bind_;
     std::vector<std::atomic<bool>> up_; // by port
+    LogQuota refusals_;
 
     std::mutex mutex_; // guards the following; taken before the store's, never after
     bool stopping_ = false;

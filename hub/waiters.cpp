@@ -9,40 +9,52 @@ namespace {
 constexpr auto kGathering = std::chrono::milliseconds(200);
 
 /// Each held request has a thread and a connection; beyond this the others would starve.
-constexpr int kMaxHeld = 768;
+constexpr size_t kMaxHeld = 768;
 
 } // namespace
 
-Waiters::Result Waiters::Wait(int64_t device, int seen, bool mayHold, int* revision) {
+bool Waiters::Wait(int64_t device, int seen, bool mayHold, int* revision) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (mayHold && !stopping_) {
-        if (held_ >= kMaxHeld) {
-            return Result::kTooMany;
+        Seat& seat = seats_[device]; // seats stay for good, so the reference holds while unlocked
+        TakeSeat(seat);
+        const unsigned turn = seat.turn;
+        const bool good = Hold(lock, device, seat, seen, revision);
+        if (seat.turn == turn) {
+            held_.remove(&seat);
         }
-        ++held_;
-        const Result result = Hold(lock, device, seen, revision);
-        --held_;
-        return result;
+        return good;
     }
-    return Report(device, seats_[device], true, revision) ? Result::kAnswer : Result::kFault;
+    return Report(device, seats_[device], true, revision);
 }
 
-Waiters::Result Waiters::Hold(std::unique_lock<std::mutex>& lock, int64_t device, int seen,
-                              int* revision) {
-    Seat& seat = seats_[device]; // seats stay for good, so the reference holds while unlocked
-    const unsigned turn = ++seat.turn;
+void Waiters::TakeSeat(Seat& seat) {
+    held_.remove(&seat);
+    if (held_.size() >= kMaxHeld) {
+        // The device that has waited longest comes back at once, and is the last to go then.
+        ++held_.front()->turn;
+        held_.front()->wake.notify_all();
+        held_.pop_front();
+    }
+    held_.push_back(&seat);
+    ++seat.turn;
     seat.wake.notify_all();
+}
+
+bool Waiters::Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,
+                   int* revision) {
+    const unsigned turn = seat.turn;
     const Clock::time_point end = Clock::now() + hold_;
     for (;;) {
         const Clock::time_point now = Clock::now();
         const bool over = now >= end || stopping_ || seat.turn != turn;
         const bool due = over || (seat.unreported && now >= *seat.unreported + kGathering);
         if (!Report(device, seat, due, revision)) {
-            return Result::kFault;
+            return false;
         }
         if (over || *revision != seen) {
             // The reply shows every status as it is now, so nothing must be left to report.
-            return Report(device, seat, true, revision) ? Result::kAnswer : Result::kFault;
+            return Report(device, seat, true, revision);
         }
         seat.wake.wait_until(lock,
                              seat.unreported ? std::min(end, *seat.unreported + kGathering) : end);
@@ -53,8 +65,11 @@ bool Waiters::Report(int64_t device, Seat& seat, bool due, int* revision) {
     if (!due || !seat.unreported) {
         return store_.Revision(device, revision) == StoreResult::kDone;
     }
+    if (store_.BumpRevision(device, revision) != StoreResult::kDone) {
+        return false; // it stays to be reported
+    }
     seat.unreported.reset();
-    return store_.BumpRevision(device, revision) == StoreResult::kDone;
+    return true;
 }
 
 void Waiters::ListChanged(int64_t device) {

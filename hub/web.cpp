@@ -1,5 +1,7 @@
 #include "hub/web.h"
 
+#include <atomic>
+
 #include "hub/log.h"
 #include "hub/web_stream.h"
 
@@ -11,6 +13,17 @@ namespace {
 constexpr size_t kMaxBody = 256 << 10;
 constexpr auto kIdleTime = std::chrono::seconds(10); // between two requests of a connection
 constexpr auto kStopTime = std::chrono::seconds(1);  // for the replies under way
+
+/// Connections that were told to end take a moment; a flood must not pile up threads meanwhile.
+constexpr size_t kLeaving = 64;
+
+/// Tells when the connection that this thread serves began to be idle; 0 while a whole request is
+/// being answered.
+thread_local std::atomic<int64_t>* tIdleSince = nullptr;
+
+int64_t Now() {
+    return std::chrono::steady_clock::now().time_since_epoch().count();
+}
 
 } // namespace
 
@@ -87,6 +100,8 @@ private:
             return;
         }
         question.origin = *origin;
+        question.origin.peer = request.remote_addr;
+        *tIdleSince = 0;
         question.cookies = request.get_header_value("Cookie");
         const WebReply reply = handler(question);
         if (!reply.setCookie.empty()) {
@@ -104,6 +119,7 @@ public:
     Connection(Fd fd, SSL_CTX* tls) : stream_(std::move(fd), tls) {}
 
     void Run(Protocol& protocol) {
+        tIdleSince = &idleSince_;
         if (!stream_.Begin()) {
             return;
         }
@@ -112,19 +128,30 @@ public:
                 stream_.Linger();
                 return;
             }
+            idleSince_ = Now();
         }
     }
     void Shut(bool everything) { stream_.Shut(everything); }
+    int64_t IdleSince() const { return idleSince_; }
+    /// Ends it unless it is busy by now. It counts as busy then: nobody needs to end it again.
+    void DropIfIdle(int64_t since) {
+        if (idleSince_.compare_exchange_strong(since, 0)) {
+            Shut(true);
+        }
+    }
 
 private:
+    std::atomic<int64_t> idleSince_{Now()};
     WebStream stream_;
 };
 
 Web::Web(const std::map<std::string, WebHandler>& pages, SslContext tls)
     : tls_(std::move(tls)), protocol_(std::make_unique<Protocol>(pages, tls_ ? "https" : "http")),
       acceptor_(
-          "web", [this] { return threads_.Count() < kMaxConnections; },
-          [this](Fd fd) { Admit(std::move(fd)); }) {
+          "web", [this] { return threads_.Count() < kMaxConnections + kLeaving; },
+          [this](int connection) {
+              return threads_.Start([this, connection] { Serve(Fd(connection)); });
+          }) {
 }
 
 Web::~Web() {
@@ -137,15 +164,6 @@ bool Web::Start(const std::string& address, int port, std::string* error) {
            acceptor_.Start(std::move(listener), error);
 }
 
-void Web::Admit(Fd fd) {
-    const int connection = fd.Get();
-    if (threads_.Start([this, connection] { Serve(Fd(connection)); })) {
-        (void)fd.Release(); // the thread owns it
-    } else {
-        Log(Level::kWarning, "web", "a connection was dropped: no thread left");
-    }
-}
-
 void Web::Serve(Fd fd) {
     try {
         Connection connection(std::move(fd), tls_.get());
@@ -153,6 +171,9 @@ void Web::Serve(Fd fd) {
             const std::lock_guard<std::mutex> lock(mutex_);
             if (closing_) {
                 return;
+            }
+            if (connections_.size() >= kMaxConnections) {
+                DropIdle();
             }
             connections_.insert(&connection);
         }
@@ -164,6 +185,21 @@ void Web::Serve(Fd fd) {
         connection.Run(*protocol_);
     } catch (const std::exception& fault) {
         Log(Level::kError, "web", "a connection failed: %s", fault.what());
+    }
+}
+
+void Web::DropIdle() {
+    Connection* idlest = nullptr;
+    int64_t longest = 0;
+    for (Connection* connection : connections_) {
+        const int64_t since = connection->IdleSince();
+        if (since != 0 && (idlest == nullptr || since < longest)) {
+            idlest = connection;
+            longest = since;
+        }
+    }
+    if (idlest != nullptr) {
+        idlest->DropIfIdle(longest);
     }
 }
 
