@@ -2,11 +2,13 @@
 
 namespace ZARO::RelayHub {
 
-Database::~Database() {
+void Database::Close() {
     for (const auto& [sql, statement] : statements_) {
         sqlite3_finalize(statement);
     }
+    statements_.clear();
     sqlite3_close(handle_);
+    handle_ = nullptr;
 }
 
 void Database::Open(const std::string& file) {

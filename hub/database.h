@@ -30,9 +30,10 @@ public:
     Database() = default;
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
-    ~Database();
+    ~Database() { Close(); }
 
     void Open(const std::string& file);
+    void Close();
     /// Runs statements that give no rows.
     void Execute(const char* sql);
     /// The statement for `sql`, prepared at its first use. The text must be a literal: its address

@@ -52,6 +52,11 @@ INSERT INTO port_cursor VALUES(0);
 PRAGMA user_version = 1;
 )";
 
+/// NORMAL syncs at checkpoints only: what a power loss may take devices bring again, while a herd of
+/// registering devices would wait for the disk at every step.
+constexpr char kSettings[] = "PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;"
+                             "PRAGMA journal_size_limit = 4194304";
+
 /// The serial is part of it, so that equal tokens of two devices don't look equal on disk.
 std::string HashToken(const std::string& serial, const std::string& token) {
     return Sha256(serial + "\n" + token);
@@ -101,14 +106,14 @@ template <typename Work> StoreResult Store::Write(const char* what, Work work) {
 bool Store::Open(const std::string& file, PortPool pool, std::string* error) {
     pool_ = std::move(pool);
     // SQLite gives the files beside it the mode of this one, so it is made private first.
-    const Fd made(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    Fd made(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     if (!made) {
         *error = "can't open " + file + ": " + strerror(errno);
         return false;
     }
+    made.Reset(); // closed later it would take SQLite's locks on the file with it
     try {
-        database_.Open(file);
-        Prepare();
+        Prepare(file);
         return true;
     } catch (const DatabaseFault& fault) {
         *error = "can't use " + file + ": " + fault.what();
@@ -122,14 +127,12 @@ bool Store::Open(const std::string& file, PortPool pool, std::string* error) {
     }
 }
 
-void Store::Prepare() {
-    int schema = 0;
+void Store::Prepare(const std::string& file) {
     try {
-        // NORMAL syncs at checkpoints only: what a power loss may take devices bring again, while a
-        // herd of registering devices would wait for the disk at every step.
-        database_.Execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL;"
-                          "PRAGMA foreign_keys = ON; PRAGMA journal_size_limit = 4194304");
-        schema = Schema();
+        database_.Open(file);
+        database_.Execute("PRAGMA journal_mode = WAL");
+        database_.Execute(kSettings);
+        const int schema = Schema();
         Transaction transaction(database_);
         if (schema == 0) {
             database_.Execute(kTables);
@@ -141,8 +144,11 @@ void Store::Prepare() {
         if (!fault.IsUnwritable()) {
             throw;
         }
-        // Alone with the file SQLite needs no other one to read it.
+        // Alone with the file SQLite needs no shared memory beside it, which takes room.
+        database_.Close();
+        database_.Open(file);
         database_.Execute("PRAGMA locking_mode = EXCLUSIVE");
+        database_.Execute(kSettings);
         if (Schema() == 0) {
             throw;
         }

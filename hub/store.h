@@ -106,7 +106,7 @@ public:
 private:
     template <typename Work> StoreResult Read(const char* what, Work work);
     template <typename Work> StoreResult Write(const char* what, Work work);
-    void Prepare();
+    void Prepare(const std::string& file);
     /// The version of the tables, 0 = there are none.
     int Schema();
 
