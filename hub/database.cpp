@@ -36,8 +36,7 @@ sqlite3_stmt* Database::Prepare(const char* sql) {
 
 void Database::Fail(const char* doing) const {
     const std::string what(doing);
-    throw DatabaseFault(what.substr(0, what.find_first_of(";(\n")) + ": " +
-                            sqlite3_errmsg(handle_),
+    throw DatabaseFault(what.substr(0, what.find_first_of(";(\n")) + ": " + sqlite3_errmsg(handle_),
                         sqlite3_errcode(handle_));
 }
 

@@ -35,9 +35,9 @@ bool WriteAll(int fd, const std::string& content) {
 }
 
 bool IsKnown(const std::string& name) {
-    for (const char* known : {".", "..", "lock", "hub.db", "hub.db-wal", "hub.db-shm",
-                              "hub.db-journal", "https.pem", "https.pem.new", "relay.key",
-                              "relay.key.new"}) {
+    for (const char* known :
+         {".", "..", "lock", "hub.db", "hub.db-wal", "hub.db-shm", "hub.db-journal", "https.pem",
+          "https.pem.new", "relay.key", "relay.key.new"}) {
         if (name == known) {
             return true;
         }

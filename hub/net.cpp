@@ -177,8 +177,7 @@ void Acceptor::Run() {
 
 bool Acceptor::AcceptOne() {
     if (!waiting_) {
-        waiting_.Reset(
-            accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        waiting_.Reset(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!waiting_ && !IsShortage(errno)) {
             return true; // the peer is gone already, or another such fault of this one connection
         }

@@ -20,8 +20,8 @@ bool ListenTcp(const std::string& address, int port, Fd* listener, std::string* 
 /// The port a socket is bound to; 0 when it can't be told.
 int PortOf(int fd);
 
-/// Whether that address and port can be listened on at the moment. Throws when it can't be told, for
-/// want of descriptors or since the address is not this machine's.
+/// Whether that address and port can be listened on at the moment. Throws when it can't be told,
+/// for want of descriptors or since the address is not this machine's.
 bool IsPortFree(const std::string& address, int port);
 
 /// Whether accept() failed with `error` for want of descriptors or memory, so that trying again at

@@ -80,8 +80,9 @@ bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
     if (key == nullptr || bind_ == nullptr ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) != SSH_OK) {
-        *error = keyFile + " holds no usable host key: put a copy back, or remove it for a new one, "
-                           "which every device has to be told to accept";
+        *error = keyFile +
+                 " holds no usable host key: put a copy back, or remove it for a new one, "
+                 "which every device has to be told to accept";
         return false;
     }
     (void)key.release(); // it belongs to bind_ now

@@ -67,8 +67,8 @@ pollfd RelayVisitor::Wanted(bool sending) {
     const bool open = state_ == State::kOpen;
     reading_ = open && sending && !visitorEnded_ && unsent_.empty() && !deviceClosed_ &&
                ssh_channel_window_size(channel_) > 0;
-    const auto events = static_cast<short>((reading_ ? POLLIN : 0) |
-                                           (open && !IsDrained() ? POLLOUT : 0));
+    const auto events =
+        static_cast<short>((reading_ ? POLLIN : 0) | (open && !IsDrained() ? POLLOUT : 0));
     // Without events it still tells of a lost connection. Once this side is shut, though, it would
     // take the visitor's orderly end for one, whose last bytes may be unread yet.
     return {events == 0 && toldVisitor_ ? -1 : fd_.Get(), events, 0};

@@ -52,8 +52,8 @@ INSERT INTO port_cursor VALUES(0);
 PRAGMA user_version = 1;
 )";
 
-/// NORMAL syncs at checkpoints only: what a power loss may take devices bring again, while a herd of
-/// registering devices would wait for the disk at every step.
+/// NORMAL syncs at checkpoints only: what a power loss may take devices bring again, while a herd
+/// of registering devices would wait for the disk at every step.
 constexpr char kSettings[] = "PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;"
                              "PRAGMA journal_size_limit = 4194304";
 

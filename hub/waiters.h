@@ -18,8 +18,8 @@ public:
     Waiters(Store& store, std::chrono::milliseconds hold) : store_(store), hold_(hold) {}
 
     /// Returns when the revision of the device's list differs from `seen`, when the hold time is
-    /// over, when a later call for the same device takes over, when it is the oldest of too many, or
-    /// on Stop(); without `mayHold` at once. `revision` is the current one. False when the store
+    /// over, when a later call for the same device takes over, when it is the oldest of too many,
+    /// or on Stop(); without `mayHold` at once. `revision` is the current one. False when the store
     /// failed.
     bool Wait(int64_t device, int seen, bool mayHold, int* revision);
     /// The list changed, and its revision with it.

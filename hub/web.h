@@ -39,8 +39,9 @@ struct SslDeleter {
 };
 using SslContext = std::unique_ptr<SSL_CTX, SslDeleter>;
 
-/// Runs each connection on a thread of its own, at most kMaxConnections at a time; one more ends the
-/// one that has gone longest without a whole request. Handlers run on those threads, several at a time, and may block.
+/// Runs each connection on a thread of its own, at most kMaxConnections at a time; one more ends
+/// the one that has gone longest without a whole request. Handlers run on those threads, several at
+/// a time, and may block.
 class Web {
 public:
     static constexpr size_t kMaxConnections = 1024;
