@@ -20,9 +20,10 @@
 
 namespace {
 
-/// After the last fault everything must be reachable within this; the slowest is a tunnel whose
-/// log-ins have failed for as long as a fault lasts.
-constexpr milliseconds kRecovers{90000 * kSlow};
+/// After the last fault everything must be reachable, and the status must say so, within this: a
+/// long poll on a dead line is given up after 65 s, and after many failures the next waits up to
+/// 300 s.
+constexpr milliseconds kRecovers{(65 + 300 + 15) * 1000 * kSlow};
 /// Longer than any time-out: of a long poll 65 s, of an idle connection or a session less.
 constexpr seconds kRest{75};
 constexpr long kTolerance = 2; // per cent
