@@ -199,6 +199,11 @@ void Exchange::BatchDone(Request& request, Time now) {
         return;
     }
     Succeeded(batch_, now);
+    if (wait_.runs) {
+        // What the server makes of the change must not wait for a long poll whose path has died
+        // in silence: it is asked anew, on a path that has just worked.
+        RenewWait(now);
+    }
 }
 
 RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& refused, Time now) {
@@ -310,11 +315,16 @@ void Exchange::StartWait(Time now) {
     ++waits_;
 }
 
-/// The next long poll goes out on a fresh connection and is answered at once.
-void Exchange::RestartWait(Time now) {
+/// The next long poll goes out on a fresh connection.
+void Exchange::RenewWait(Time now) {
     queue_.Remove(OnWaitDone);
     wait_.runs = false;
     wait_.next = now;
+}
+
+/// As above, and it is answered at once.
+void Exchange::RestartWait(Time now) {
+    RenewWait(now);
     waitStands_ = false;
 }
 

@@ -68,6 +68,7 @@ private:
     void TakeSession(Request& request);
 
     void StartWait(Time now);
+    void RenewWait(Time now);
     void RestartWait(Time now);
     void WaitDone(Request& request, Time now);
 
