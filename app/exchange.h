@@ -33,6 +33,9 @@ public:
     /// Whether libcurl needs attention more often than its descriptors ask for it.
     bool IsBusy(Time now) const;
 
+    /// Whether a request is out.
+    bool HasRequest() const { return batch_.runs || wait_.runs; }
+
     /// The configuration changed: a batch is built at the next Tick, without a wait.
     void ConfigurationChanged(Time now);
     /// The network changed: as above, and the long poll is made anew.

@@ -131,6 +131,10 @@ void RelayDaemon::Wait(Time now) {
     FD_ZERO(&except);
     int maxfd = -1;
     queue_.GetFdSet(&read, &write, &except, &maxfd);
+    Time due = NextDue(now);
+    if (maxfd < 0 && exchange_.HasRequest()) {
+        due = std::min(due, now + kBusyTurn); // no descriptor will tell of what libcurl does
+    }
     const int signals = daemon_signal_fd();
     for (const int fd : {signals, network_.Descriptor()}) {
         if (fd >= 0 && fd < FD_SETSIZE) {
@@ -140,7 +144,7 @@ void RelayDaemon::Wait(Time now) {
     }
     keeper_.AddTo(read, maxfd);
     const auto wait = std::chrono::duration_cast<std::chrono::microseconds>(
-        std::max(Clock::duration::zero(), NextDue(now) - Clock::now()));
+        std::max(Clock::duration::zero(), due - Clock::now()));
     timeval timeout = {};
     timeout.tv_sec = wait.count() / 1000000;
     timeout.tv_usec = wait.count() % 1000000;
