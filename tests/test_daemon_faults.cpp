@@ -24,70 +24,16 @@ struct DaemonFaults : testing::Test {
     Device device;
 };
 
-TEST_F(DaemonFaults, RebuildsAKilledTunnel) {
-    Start();
-    const pid_t old = device.Ssh("web");
-    kill(old, SIGKILL);
-    EXPECT_TRUE(Takes("kill -9 of ssh", seconds(1), [&] {
-        const pid_t now = device.Ssh("web");
-        return now > 0 && now != old && device.Serves(web);
-    }));
-    EXPECT_EQ(hub.Registrations(), 1U);
-}
-
 TEST_F(DaemonFaults, HearsTheHubDuringALogIn) {
     device.WrapSsh("sleep 1"); // longer than the hub waits before it tells
     Start();
     ASSERT_TRUE(device.ComesToRest());
     const std::string ask = "\"command\":\"wait_command\"";
     const std::size_t asked = Count(device.Log(), ask);
-    kill(device.Ssh("web"), SIGKILL);
+    ASSERT_TRUE(device.SignalSsh("web"));
     // That the port is down comes while the new tunnel is being built.
     EXPECT_TRUE(Takes("the hub's word during a log-in", seconds(3),
                       [&] { return Count(device.Log(), ask) > asked; }));
-}
-
-TEST_F(DaemonFaults, OutlivesTheHub) {
-    Start();
-    const int port = device.RelayPort("web");
-    hub.Kill();
-    EXPECT_TRUE(Visitor(port).IsRefused());
-    hub.Start();
-    EXPECT_TRUE(Takes("new start of a killed hub", seconds(5), [&] {
-        return Greeting(port) == "web" && device.IsAllUp();
-    })) << device.Log();
-    EXPECT_EQ(device.RelayPort("web"), port);
-    EXPECT_EQ(hub.Registrations(), 1U) << hub.Log();
-}
-
-TEST_F(DaemonFaults, TakesOverFromAKilledDaemon) {
-    Start();
-    const std::string pid = std::to_string(device.Daemon().Pid());
-    const std::string mark = "ssh -d " + device.root.Path("/tmp/.tunnel.") + pid + ".";
-    device.root.Write("/tmp/.tunnel." + pid + ".lost", "x", 0600);
-    device.Daemon().Signal(SIGKILL);
-    ASSERT_EQ(device.Daemon().Wait(seconds(10)), 128 + SIGKILL);
-    EXPECT_EQ(ProcessesWith("cmdline", mark).size(), 1U);
-    device.Start();
-    EXPECT_TRUE(Takes("new start of a killed daemon", seconds(2), [&] {
-        return ProcessesWith("cmdline", mark).empty() && device.Ssh("web") > 0 &&
-               device.Serves(web);
-    })) << device.Log();
-    EXPECT_TRUE(WaitFor([&] { return device.PasswordFiles() == 0; }));
-}
-
-TEST_F(DaemonFaults, StopsInTheMiddleOfALogIn) {
-    const Listener silent; // a relay that accepts connections and says nothing
-    device.UseRelay(silent.port);
-    device.Start();
-    pollfd connection = {silent.fd, POLLIN, 0};
-    ASSERT_EQ(poll(&connection, 1, 10000), 1) << device.Log();
-    EXPECT_EQ(device.PasswordFiles(), 1U);
-    device.Daemon().Signal(SIGTERM);
-    EXPECT_TRUE(Takes("stop in the middle of a log-in", seconds(2),
-                      [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
-    EXPECT_EQ(device.Processes().size(), 0U);
-    EXPECT_EQ(device.PasswordFiles(), 0U);
 }
 
 TEST_F(DaemonFaults, DropsAnotherDevicesId) {

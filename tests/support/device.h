@@ -70,8 +70,8 @@ public:
     /// Has its ssh run this shell command first.
     void WrapSsh(const std::string& command) const {
         const std::string ssh = root.Path("/usr/zaro/bin/ssh");
-        std::filesystem::rename(ssh, ssh + ".real");
-        root.Write("/usr/zaro/bin/ssh", "#!/bin/sh\n" + command + "\nexec \"$0.real\" \"$@\"\n",
+        std::filesystem::rename(ssh, ssh + ".away");
+        root.Write("/usr/zaro/bin/ssh", "#!/bin/sh\n" + command + "\nexec \"$0.away\" \"$@\"\n",
                    0755);
     }
 
@@ -154,6 +154,12 @@ public:
 
     /// What the environment of everything that belongs to it holds.
     std::string Mark() const { return "ZARO_TEST_DEVICE=" + root.Dir(); }
+
+    /// False, and no signal, unless there is exactly one: kill(-1) would reach every process.
+    bool SignalSsh(const std::string& id, int number = SIGKILL) const {
+        const pid_t pid = Ssh(id);
+        return pid > 0 && kill(pid, number) == 0;
+    }
 
     /// Everything alive that was started in this root, by us or by what we started.
     std::vector<pid_t> Processes() const { return ProcessesWith("environ", Mark()); }

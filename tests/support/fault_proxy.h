@@ -4,6 +4,7 @@
 #include <netinet/tcp.h>
 #include <sys/eventfd.h>
 
+#include <atomic>
 #include <list>
 #include <mutex>
 #include <stdexcept>
@@ -43,16 +44,16 @@ constexpr PathFaults EndsAfter(long bytes) {
 class FaultProxy : NoCopy {
 public:
     explicit FaultProxy(int target) : target_(target) {
-        // A port that was asked for by its number stays ours while nothing listens on it.
         const int on = 1; // connections that have just ended don't keep it from listening again
         (void)setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-        for (int tries = 0; port_ == 0 && tries < 100; ++tries) {
+        // A port that was asked for by its number stays ours while nothing listens on it.
+        for (int tries = 0; port_ == 0; ++tries) {
             const sockaddr_in address = Loopback(Listener().port);
             const bool bound = bind(listener_, Generic(address), sizeof address) == 0;
             port_ = bound ? ntohs(address.sin_port) : 0;
-        }
-        if (port_ == 0) {
-            throw std::runtime_error("no port for a proxy");
+            if (tries > 100) {
+                throw std::runtime_error("no port for a proxy");
+            }
         }
         Set();
         thread_ = std::thread([this] { Run(); });
@@ -94,10 +95,7 @@ public:
     }
 
     /// How many connections it has accepted so far.
-    std::size_t Accepted() {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        return accepted_;
-    }
+    std::size_t Accepted() const { return accepted_; }
 
 private:
     struct Stream {
@@ -112,6 +110,16 @@ private:
             close(fds[0]);
             close(fds[1]);
         }
+        Way WayOf(int stream) const { return stream == 0 ? faults.up : faults.down; }
+        bool Reads(int stream) const {
+            const Stream& from = streams[stream];
+            return from.chunk.empty() && !from.ended && WayOf(stream) != Way::Hold;
+        }
+        bool Writes(int stream) const {
+            const Stream& from = streams[stream];
+            return !from.chunk.empty() && from.due <= Clock::now() && WayOf(stream) != Way::Hold;
+        }
+
         int fds[2] = {-1, -1}; ///< client and target; a stream comes from that of its index
         Stream streams[2];
         PathFaults faults;
@@ -124,91 +132,74 @@ private:
     template <class Act> void Change(Act act) {
         const std::lock_guard<std::mutex> lock(mutex_);
         act();
-        ++changes_;
         (void)eventfd_write(wake_, 1); // can't overflow
-    }
-
-    static Way WayOf(const Connection& connection, int stream) {
-        return stream == 0 ? connection.faults.up : connection.faults.down;
     }
 
     void Run() {
         for (std::unique_lock<std::mutex> lock(mutex_); !stop_;) {
             std::vector<pollfd> fds = {{wake_, POLLIN, 0}};
             fds.push_back({faults_.refuse ? -1 : listener_, POLLIN, 0});
-            auto until = Clock::time_point::max();
+            bool delays = false;
             for (const Connection& connection : connections_) {
-                AddTo(fds, connection, until);
+                for (int i = 0; i < 2; ++i) {
+                    const int events = (connection.Reads(i) ? POLLIN : 0) |
+                                       (connection.Writes(1 - i) ? POLLOUT : 0);
+                    // One that waits for nothing is left out: poll would tell of its end.
+                    fds.push_back(
+                        {events != 0 ? connection.fds[i] : -1, static_cast<short>(events), 0});
+                    delays = delays || connection.streams[i].due > Clock::now();
+                }
             }
-            const bool endless = until == Clock::time_point::max();
-            const auto wait = std::chrono::ceil<milliseconds>(until - Clock::now()).count();
-            const unsigned long seen = changes_;
             lock.unlock();
-            poll(fds.data(), fds.size(), endless ? -1 : std::max(0, static_cast<int>(wait)));
+            poll(fds.data(), fds.size(), delays ? 1 : -1);
             lock.lock();
             eventfd_t count = 0;
-            (void)(fds[0].revents != 0 ? eventfd_read(wake_, &count) : 0);
-            if (seen == changes_) {
-                auto fd = fds.cbegin() + 2;
-                connections_.remove_if([&](Connection& connection) { // from first to last
-                    fd += 2;
-                    return Moves(connection, &fd[-2]);
-                });
-                fds[1].revents != 0 ? Accept() : void();
-            }
-        }
-    }
-
-    static void AddTo(std::vector<pollfd>& fds, const Connection& connection,
-                      Clock::time_point& until) {
-        for (int i = 0; i < 2; ++i) {
-            const Stream& in = connection.streams[i];
-            const Stream& out = connection.streams[1 - i];
-            const bool reads = in.chunk.empty() && !in.ended && WayOf(connection, i) != Way::Hold;
-            const bool writes = !out.chunk.empty() && WayOf(connection, 1 - i) != Way::Hold;
-            const bool now = writes && out.due <= Clock::now();
-            until = writes && !now ? std::min(until, out.due) : until;
-            const int events = (reads ? POLLIN : 0) | (now ? POLLOUT : 0);
-            // One that waits for nothing is left out: poll would tell of its end all the time.
-            fds.push_back({events != 0 ? connection.fds[i] : -1, static_cast<short>(events), 0});
+            (void)eventfd_read(wake_, &count); // what has changed shows by itself
+            connections_.remove_if([](Connection& connection) { return Moves(connection); });
+            Accept();
         }
     }
 
     /// Moves what can be moved; true when the connection has come to its end.
-    static bool Moves(Connection& connection, const pollfd* fds) {
+    static bool Moves(Connection& connection) {
         bool ends = false;
         for (int i = 0; i < 2; ++i) {
             Stream& stream = connection.streams[i];
-            const pollfd& to = fds[1 - i];
-            if ((to.events & POLLOUT) != 0 && to.revents != 0) {
-                const ssize_t sent =
-                    send(to.fd, stream.chunk.data(), stream.chunk.size(), MSG_NOSIGNAL);
+            if (connection.Reads(i)) {
+                Read(connection, i);
+            }
+            if (connection.Writes(i)) {
+                const ssize_t sent = send(connection.fds[1 - i], stream.chunk.data(),
+                                          stream.chunk.size(), MSG_NOSIGNAL);
                 stream.chunk.erase(0, static_cast<std::size_t>(std::max<ssize_t>(sent, 0)));
                 ends = ends || (sent < 0 && errno != EAGAIN);
-            }
-            if ((fds[i].events & POLLIN) != 0 && (fds[i].revents & ~POLLOUT) != 0) {
-                Read(stream, fds[i].fd, WayOf(connection, i), connection.faults, i == 1);
             }
             ends = ends || (stream.ended && stream.chunk.empty() && !stream.lost);
         }
         return ends;
     }
 
-    static void Read(Stream& stream, int fd, Way way, const PathFaults& faults, bool limited) {
+    static void Read(Connection& connection, int from) {
+        Stream& stream = connection.streams[from];
+        const PathFaults& faults = connection.faults;
         char block[65536];
-        const ssize_t size = recv(fd, block, std::min(faults.chunk, sizeof block), 0);
-        stream.ended = size == 0 || (size < 0 && errno != EAGAIN);
-        stream.lost = stream.lost || way == Way::Lose;
+        const ssize_t size =
+            recv(connection.fds[from], block, std::min(faults.chunk, sizeof block), 0);
+        if (size < 0 && errno == EAGAIN) {
+            return;
+        }
+        stream.ended = size <= 0;
+        stream.lost = stream.lost || connection.WayOf(from) == Way::Lose;
         stream.due = Clock::now() + faults.delay;
-        const bool passes = size > 0 && !stream.lost;
-        stream.chunk.assign(block, passes ? static_cast<std::size_t>(size) : 0);
-        for (char& c : stream.chunk) {
-            c = static_cast<char>(way == Way::Garble ? ~c : c);
+        std::string& chunk = stream.chunk;
+        chunk.assign(block, stream.ended || stream.lost ? 0 : static_cast<std::size_t>(size));
+        for (char& c : chunk) {
+            c = static_cast<char>(connection.WayOf(from) == Way::Garble ? ~c : c);
         }
         stream.count += size;
-        if (limited && faults.limit >= 0 && stream.count >= faults.limit) {
+        if (from == 1 && faults.limit >= 0 && stream.count >= faults.limit) {
             const auto excess = static_cast<std::size_t>(stream.count - faults.limit);
-            stream.chunk.erase(stream.chunk.size() - std::min(stream.chunk.size(), excess));
+            chunk.erase(chunk.size() - std::min(chunk.size(), excess));
             stream.ended = true;
         }
     }
@@ -217,14 +208,17 @@ private:
         constexpr int kFlags = SOCK_CLOEXEC | SOCK_NONBLOCK;
         const int client = accept4(listener_, nullptr, nullptr, kFlags);
         if (client < 0) {
-            return; // the visitor has gone
+            return; // nobody waits
         }
         ++accepted_;
         Connection& connection = connections_.emplace_back();
         connection.fds[0] = client;
         connection.faults = faults_;
-        connection.streams[0].lost = faults_.up == Way::Lose && faults_.down == Way::Lose;
-        if (!connection.streams[0].lost) {
+        const bool unseen = faults_.up == Way::Lose && faults_.down == Way::Lose;
+        for (Stream& stream : connection.streams) {
+            stream.lost = unseen;
+        }
+        if (!unseen) {
             const sockaddr_in target = Loopback(target_);
             connection.fds[1] = socket(AF_INET, SOCK_STREAM | kFlags, 0);
             // What comes of it shows when it is read from.
@@ -242,8 +236,7 @@ private:
     int port_ = 0;
     std::mutex mutex_;
     bool stop_ = false;
-    unsigned long changes_ = 0;
-    std::size_t accepted_ = 0;
+    std::atomic<std::size_t> accepted_ = 0;
     PathFaults faults_;
     std::list<Connection> connections_;
     std::thread thread_;

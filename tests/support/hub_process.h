@@ -21,7 +21,7 @@ public:
           ports_(std::move(ports)) {
         ReservePorts();
         if (ports_.empty()) {
-            ports_ = std::to_string(first_ + 10) + "-" + std::to_string(first_ + 99);
+            UsePorts(90);
         }
         folder_ = (std::filesystem::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
@@ -39,6 +39,11 @@ public:
     int HttpPort() const { return first_; }
     int HttpsPort() const { return first_ + 1; }
     int RelayPort() const { return first_ + 2; }
+
+    /// From its next start on it gives tunnels so many of its own ports.
+    void UsePorts(int count) {
+        ports_ = std::to_string(first_ + 10) + "-" + std::to_string(first_ + 9 + count);
+    }
 
     /// Returns when it listens.
     void Start() {
@@ -69,6 +74,8 @@ public:
     std::string Log() const { return ReadFile(LogFile()); }
     std::size_t Count(const std::string& text) const { return ::Count(Log(), text); }
     std::size_t Registrations() const { return Count(" registered as "); }
+
+    int pool = 90; ///< how many ports the next start has for tunnels
 
 private:
     /// Takes a hundred ports below those that the kernel gives out; other tests run beside us.
