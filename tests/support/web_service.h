@@ -25,7 +25,7 @@ struct Listener : NoCopy {
         sockaddr_in address = Loopback(0);
         socklen_t size = sizeof address;
         auto* const generic = reinterpret_cast<sockaddr*>(&address);
-        if (bind(fd, generic, size) == 0 && listen(fd, 64) == 0) {
+        if (bind(fd, generic, size) == 0 && listen(fd, SOMAXCONN) == 0) {
             getsockname(fd, generic, &size);
             port = ntohs(address.sin_port);
         }
