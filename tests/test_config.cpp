@@ -22,13 +22,11 @@ template <class Record> Record With(Record record, const std::string& json) {
 } // namespace
 
 TEST_F(ConfigTest, RecordsIgnoreWrongTypes) {
-    KeepsItsFields(ServerConf("h", nullptr), {"protocol", "host", "ip", "page"}, {"port"});
-    KeepsItsFields(With(ServiceConf(nullptr), R"({"id":"a","name":"n","port":80,"ext_port":81})"),
-                   {"id", "name"}, {"port", "ext_port"});
-    KeepsItsFields(With(NetworkConf(false), R"({"gateway":"g","ddns":"d","mode":"m"})"),
-                   {"gateway", "ddns", "mode"}, {});
-    KeepsItsFields(With(AuthConf(false), R"({"serial":"s","token":"t","mac":"m"})"),
-                   {"serial", "token", "mac"}, {});
+    KeepsItsFields(ServerConf("", ""),
+                   R"({"protocol":"p","host":"h","ip":"i","page":"x","port":1})");
+    KeepsItsFields(ServiceConf(nullptr), R"({"id":"a","name":"n","port":80,"ext_port":81})");
+    KeepsItsFields(NetworkConf(false), R"({"gateway":"g","ddns":"d","mode":"m"})");
+    KeepsItsFields(AuthConf(false), R"({"serial":"s","token":"t","mac":"m"})");
 }
 
 TEST_F(ConfigTest, JudgesServersAndBuildsTheirUrls) {
@@ -37,7 +35,6 @@ TEST_F(ConfigTest, JudgesServersAndBuildsTheirUrls) {
         {R"({"host":"h","ip":"i","protocol":"https","port":0,"page":"p"})", "https://h:0/p"},
         {R"({"host":"h","port":-1})", ""},
         {R"({"host":"h","protocol":"HTTPS"})", ""},
-        {R"({"host":"h","protocol":"https:"})", ""},
         {"[]", ""}};
     for (const auto& [json, url] : rows) {
         EXPECT_EQ(ServerConf(Parse(json)).GetUrl(nullptr), url) << json;
@@ -47,9 +44,6 @@ TEST_F(ConfigTest, JudgesServersAndBuildsTheirUrls) {
     EXPECT_EQ(byAddress.GetUrl("/x"), "http://i:80//x");
     EXPECT_EQ(Written(byAddress, false) + Written(ServerConf("h", "p"), false),
               R"({"host":"","ip":"i"}{"host":"h"})");
-    std::ostringstream out;
-    out << byAddress;
-    EXPECT_EQ(out.str(), Written(byAddress, true) + "\n");
 }
 
 TEST_F(ConfigTest, ComparesWhatCounts) {
@@ -71,13 +65,10 @@ TEST_F(ConfigTest, ComparesWhatCounts) {
 }
 
 TEST_F(ConfigTest, ReadsServicesFromThePlatform) {
-    const std::pair<const char*, const char*> definitions[] = {
-        {"web", "title=\"T\"\ntcp=\"80\""},
-        {"music_http", "tcp=\"1\""}, // never looked up
-        {"panel", "title=\"T\"\nsection=\"app\"\nkey=\"music\"\ntcp=\"8080\""},
-        {"two", "section=\"half\"\ntcp=\"1, 2\""},
-        {"none", "title=\"None\""}};
-    for (const auto& [name, text] : definitions) {
+    for (const auto& [name, text] : {std::pair("web", "title=T\ntcp=80"),
+                                     {"music_http", "tcp=1"}, // never looked up
+                                     {"panel", "title=T\nsection=app\nkey=music\ntcp=8080"},
+                                     {"two", "section=half\ntcp=\"1, 2\""}}) {
         root_.Write(std::string("/usr/zaro/etc/services.d/") + name + ".conf", text);
     }
     root_.Write("/usr/zaro/etc/portforward.conf", "[r1]\nservice=web\nr_port=8000\n");
@@ -85,7 +76,6 @@ TEST_F(ConfigTest, ReadsServicesFromThePlatform) {
         {R"({"id":"web","port":81})", R"({"ext_port":8000,"id":"web","name":"T","port":81})"},
         {R"({"id":"music_http"})", R"({"id":"music_http","name":"app:music","port":8080})"},
         {R"({"id":"two"})", R"({"id":"two","name":""})"},
-        {R"({"id":"none"})", R"({"id":"none","name":""})"},
         {R"({"id":"absent","port":"3"})", R"({"id":"absent","name":""})"}};
     for (const auto& [json, full] : rows) {
         const ServiceConf service(Parse(json), true);

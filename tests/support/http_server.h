@@ -8,9 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/processes.h"
 
@@ -30,7 +28,7 @@ inline std::unique_ptr<httplib::Server> TlsServer(const char* name) {
     return std::make_unique<httplib::SSLServer>(own.get(), key.get());
 }
 
-class HttpServer {
+class HttpServer : NoCopy {
 public:
     using Reply = std::function<void(const httplib::Request&, httplib::Response&)>;
 
@@ -40,10 +38,9 @@ public:
         : server_(tlsName != nullptr ? TlsServer(tlsName) : std::make_unique<httplib::Server>()),
           scheme_(tlsName != nullptr ? "https://" : "http://") {
         const auto answer = [this, reply](const httplib::Request& q, httplib::Response& r) {
-            {
-                const std::lock_guard<std::mutex> guard(lock_);
-                seen_.push_back(q);
-            }
+            std::unique_lock<std::mutex> guard(lock_);
+            seen_.push_back(q);
+            guard.unlock();
             reply(q, r);
         };
         server_->Get(".*", answer);
@@ -67,9 +64,6 @@ public:
         server_->stop();
         thread_.join();
     }
-
-    HttpServer(const HttpServer&) = delete;
-    HttpServer& operator=(const HttpServer&) = delete;
 
     int Port() const { return port_; }
     std::string Url(const std::string& path = "/Serv.php") const {

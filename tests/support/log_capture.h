@@ -4,15 +4,10 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdio>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include <zarorelayd/daemon.h>
 

@@ -9,11 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/support/processes.h"
 
@@ -29,12 +25,6 @@ constexpr int kSlow = __has_feature(address_sanitizer) ? 8 : 1;
 #else
 constexpr int kSlow = 1;
 #endif
-
-struct NoCopy {
-    NoCopy() = default;
-    NoCopy(const NoCopy&) = delete;
-    NoCopy& operator=(const NoCopy&) = delete;
-};
 
 /// Whether a condition comes true within `bound` of now, in a plain build; prints when it does.
 template <class Done>

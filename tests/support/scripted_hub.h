@@ -1,10 +1,6 @@
 /// A hub between a device and the real one: passes everything on and lets a test spoil the replies.
 #pragma once
 
-#include <functional>
-#include <mutex>
-#include <string>
-
 #include "tests/support/http_server.h"
 #include "tests/support/hub_process.h"
 #include "tests/support/json_text.h"

@@ -1,18 +1,12 @@
 /// An SSH client that writes down how it was called and then does what a test tells it.
 #pragma once
 
-#include <signal.h>
-#include <stdlib.h>
-
-#include <string>
-
-#include "tests/support/processes.h"
 #include "tests/support/temp_root.h"
 
 /// Installs ssh and ps below the root and puts them in front of PATH. `then` is what the client
 /// does after it has taken notes; as it stands it logs in: a background process stays, which ps
 /// shows. That process ends with this object.
-class ScriptedSsh {
+class ScriptedSsh : NoCopy {
 public:
     explicit ScriptedSsh(const TempRoot& root, const std::string& then = "background; exit 0")
         : root_(root), path_(getenv("PATH")) {
@@ -29,9 +23,6 @@ public:
         }
         setenv("PATH", path_.c_str(), 1);
     }
-
-    ScriptedSsh(const ScriptedSsh&) = delete;
-    ScriptedSsh& operator=(const ScriptedSsh&) = delete;
 
     /// Arguments, each in angle brackets; mode, a blank and content of the password file.
     std::string Argv() const { return root_.Read("/ssh.argv"); }

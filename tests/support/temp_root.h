@@ -5,17 +5,15 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
-#include <string>
 
 #include "platform/paths.h"
+#include "tests/support/processes.h"
 
 /// Makes an empty root with a device's usual folders, makes it this process's root (and that of the
 /// programs it starts) and removes it all at the end. One at a time in a process. Throws when the
 /// disk fails: a test can't go on then.
-class TempRoot {
+class TempRoot : NoCopy {
 public:
     TempRoot() {
         std::string pattern = (std::filesystem::temp_directory_path() / "zaro.XXXXXX").string();
@@ -34,9 +32,6 @@ public:
         std::error_code ignored; // what can't be removed stays in the temporary folder
         std::filesystem::remove_all(dir_, ignored);
     }
-
-    TempRoot(const TempRoot&) = delete;
-    TempRoot& operator=(const TempRoot&) = delete;
 
     const std::string& Dir() const { return dir_; }
 
@@ -57,10 +52,7 @@ public:
     }
 
     /// The whole of the device's file `path`; empty when there is none.
-    std::string Read(const std::string& path) const {
-        std::ifstream in(Path(path), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
-    }
+    std::string Read(const std::string& path) const { return ReadFile(Path(path)); }
 
 private:
     std::string dir_;

@@ -2,13 +2,6 @@
 #pragma once
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <sstream>
-#include <string>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include "tests/support/json_text.h"
 #include "tests/support/log_capture.h"
@@ -17,5 +10,6 @@
 
 /// A test with a device of its own.
 struct RootTest : testing::Test {
+    RootTest() { ZARO::Relay::Daemon::SetName("zarorelayd"); } // its files are below the root
     TempRoot root_;
 };

@@ -5,9 +5,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/process.h"
 
@@ -39,7 +37,6 @@ struct Listener : NoCopy {
 /// A local service: says its name and a line end to each client, then sends back what comes.
 class WebService : NoCopy {
 public:
-    explicit WebService(const char* name) : WebService(std::string(name)) {}
     explicit WebService(const std::string& name) : name_(name), thread_([this] { Serve(); }) {}
     ~WebService() {
         shutdown(listener_.fd, SHUT_RDWR);
