@@ -1,7 +1,5 @@
 #include <zarorelayd/config.h>
 
-#include <sys/stat.h>
-
 #include "tests/support/platform_standin.h"
 #include "tests/support/unit.h"
 
@@ -32,7 +30,6 @@ struct ConfigFileTest : RootTest {
     std::string File() { return Compact(Parse(root_.Read(kConf))); }
 
     const std::string x_ = root_.Path("/etc/x");
-    const std::string temporary_ = ".tmp." + std::to_string(getpid());
 };
 
 } // namespace
@@ -40,8 +37,7 @@ struct ConfigFileTest : RootTest {
 TEST_F(ConfigFileTest, MovesBrokenFilesAside) {
     Json::Value out = 7;
     for (const std::string& broken :
-         {std::string("{"), std::string(), std::string("{\0}", 3), std::string(100000, '['),
-          std::string(1001, '[') + std::string(1001, ']')}) {
+         {std::string(), std::string("{\0}", 3), std::string(1001, '[') + std::string(1001, ']')}) {
         root_.Write("/etc/x", broken);
         EXPECT_EQ(LogOf("config", 3, [&] { EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out)); }),
                   std::vector<std::string>{"bad json format [" + x_ + "]"});
@@ -65,44 +61,35 @@ TEST_F(ConfigFileTest, ReplacesFilesWhole) {
     const mode_t mask = umask(077);
     EXPECT_TRUE(RelaydConf::WriteJsonFile(x_, Parse(styled)));
     umask(mask);
-    struct stat st = {};
-    EXPECT_EQ(stat(x_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777u, 0644u);
+    EXPECT_EQ(fs::status(x_).permissions(), fs::perms(0644));
     EXPECT_EQ(root_.Read("/etc/x"), styled);
     EXPECT_EQ(Captured(STDOUT_FILENO, [] { RelaydConf::WriteJsonFile("-", Parse("[]")); }), "[]\n");
-    fs::create_symlink(x_, x_ + "y" + temporary_);
+    fs::create_symlink(x_, x_ + "y.tmp." + std::to_string(getpid()));
     RelaydConf::WriteJsonFile(x_ + "y", 7);
     EXPECT_EQ(root_.Read("/etc/x"), styled); // it did not follow a planted link
-    EXPECT_TRUE(Logs("config", 3, "open failed [" + temporary_ + "]",
-                     [] { EXPECT_FALSE(RelaydConf::WriteJsonFile("", 1)); }));
 }
 
 TEST_F(ConfigFileTest, JudgesFiles) {
     const std::tuple<const char*, bool, const char*> rows[] = {
-        {R"({"service":[{"id":"web"},{"id":"web"}]})", true, nullptr},
-        {R"({"service":{"0":1},"serverID":5,"log_level":3e9,"server_control":7})", true, nullptr},
+        {R"({"service":[{"id":"web"},{"id":"web"}]})", true, ""},
+        {R"({"service":{"0":1},"serverID":5,"log_level":3e9,"server_control":7})", true, ""},
         {R"({"service":[{"id":"web"},"web"]})", true, "invalid service config: 1"},
         {R"({"server_control":{"port":-1},"server_waitcmd":{"port":-1}})", false,
          "wrong control server config"},
         {R"({"server_waitcmd":{"host":""}})", false, "wrong wait cmd server config"},
         {"{", false, "invalid relayd config: can not overwrite default"}};
     for (const auto& [text, valid, fault] : rows) {
-        bool read = false;
-        const auto log = LogOf("config", 3, [&, t = text] {
-            root_.Write(kConf, t);
+        root_.Write(kConf, text);
+        const auto log = LogOf("config", 3, [&, isValid = valid] {
             RelaydConf conf(nullptr);
-            read = conf.ReadConfigFile(root_.Path(kConf));
-            EXPECT_TRUE(conf.log_level == 4 && conf.services.size() < 2) << t;
+            EXPECT_EQ(conf.ReadConfigFile(root_.Path(kConf)), isValid);
+            EXPECT_TRUE(conf.log_level == 4 && conf.services.size() < 2);
         });
-        EXPECT_EQ(read, valid) << text;
-        EXPECT_EQ(std::count(log.begin(), log.end(), fault != nullptr ? fault : ""),
-                  fault != nullptr);
+        EXPECT_EQ(std::count(log.begin(), log.end(), fault), *fault != '\0') << text;
     }
-    RelaydConf missing(root_.Path("/etc/none").c_str());
+    const RelaydConf missing(root_.Path("/etc/none").c_str());
     EXPECT_EQ(missing.control.GetUrl(nullptr) + " " + missing.waitcmd.GetUrl(nullptr),
               "https://" + kHostA + ":443/Serv.php http://" + kHostA + ":80/Serv.php");
-    missing.services.push_back(ServiceConf(Parse(R"({"id":"x"})"), false));
-    EXPECT_TRUE(Logs("config", 3, "wrong service [x] config", [&] { missing.IsValid(); }));
 }
 
 TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
@@ -116,9 +103,7 @@ TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
          R"({"serverID":"9","server_alias":{"alias":"","url":"u"},"server_control":{"host":"c"},)"
          R"("service":[]})",
          R"({"serverID":"9","server_alias":{"url":"u","y":2},"server_control":{"host":"c"}})",
-         R"({"server_alias":{"alias":"n","url":"u","y":2},"server_control":{"host":"c"}})"},
-        {"[]", R"({"serverID":"9","server_alias":{"alias":""},"service":[]})",
-         R"({"serverID":"9"})", R"({"server_alias":{"alias":"n"}})"}};
+         R"({"server_alias":{"alias":"n","url":"u","y":2},"server_control":{"host":"c"}})"}};
     for (const auto& [file, whole, id, alias] : rows) {
         RelaydConf conf = Conf(file);
         conf.serverID = "9";
@@ -140,9 +125,6 @@ TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
 }
 
 TEST_F(ConfigFileTest, DropsAForeignServerIdAndTellsOnce) {
-    for (const char* fine : {R"({"serverID":"044756784"})", R"({"serverID":""})", "{}"}) {
-        EXPECT_FALSE(Conf(fine).serverIdCleared) << fine;
-    }
     RelaydConf conf = Conf(R"({"serverID":"044756785"})");
     EXPECT_TRUE(conf.serverIdCleared && conf.serverID.empty());
     EXPECT_FALSE(conf.WriteConfigFile("/no/folder") || fs::exists(root_.Path("/notified")));
@@ -182,33 +164,19 @@ TEST_F(ConfigFileTest, ReloadKeepsWhatTheServersGave) {
     }
 }
 
-TEST_F(ConfigFileTest, EditsServicesAndTheSwitch) {
+TEST_F(ConfigFileTest, EditsServices) {
     RelaydConf conf(nullptr);
     EXPECT_TRUE(conf.AddServiceById("web") && conf.AddServiceById("web"));
     EXPECT_TRUE(!conf.AddServiceById("absent") && !conf.RemoveServiceById("absent"));
     EXPECT_TRUE(conf.RemoveServiceById("web") && conf.GetServiceById("web") == conf.services.end());
-    root_.Write(kInfo, "runrelayd=\"yes please\"\n");
-    EXPECT_TRUE(!conf.GetEnableConf() && conf.SetEnableConf(true) && conf.GetEnableConf());
 }
 
 TEST_F(ConfigFileTest, ChoosesTheControlServerByTimeZone) {
-    const auto zonesA =
-        Words("Amman Amsterdam Athens Azores Baghdad Beirut Belgrade Brussels CAT CapeVerde "
-              "Casablanc Dublin EET Egypt Harare Helsinki Israel Kuwait Minsk Monrovia Montevideo "
-              "Moscow Nairobi Sarajevo South_Georgia Tehran WAT Windhoek "
-              "tokyo Toky Tokyoo A Zurich Yerevan2 Adelaid Europe/London"); // these are unknown
-    const auto zonesB =
-        Words("Adelaide Alaska Almaty Arizona Atlantic Auckland Baku Beijing Bogota Brasilia "
-              "Brisbane BuenosAires Calcutta Caracas Central Chihuahua Darwin Dhaka EastIndiana "
-              "Eastern Ekaterinburg Fiji Godthab Guam Guatemala Hawaii Irkutsk Jakarta Kabul "
-              "Karachi Katmandu Krasnoyarsk La_Paz Magadan Manaus Melbourne MexicoCity Midway "
-              "Mountain Muscat Newfoundland Noumea Novosibirsk Pacific Perth Rangoon Santiago "
-              "Saskatchewan Seoul Singapore Taipei Tasmania Tbilisi Tokyo Ulaanbaatar Vladivostok "
-              "Yakutsk Yerevan");
-    for (const auto& [zones, host] : {std::pair(zonesA, kHostA), std::pair(zonesB, kHostB)}) {
-        for (const std::string& zone : zones) {
-            EXPECT_EQ(RelaydConf::GetServerHost(zone.c_str()), host) << zone;
-        }
+    for (const std::string& zone : Words("Amman WAT tokyo Toky Tokyoo A Europe/London")) {
+        EXPECT_EQ(RelaydConf::GetServerHost(zone.c_str()), kHostA) << zone;
+    }
+    for (const std::string& zone : Words("Adelaide Manaus Tokyo Yerevan")) {
+        EXPECT_EQ(RelaydConf::GetServerHost(zone.c_str()), kHostB) << zone;
     }
     EXPECT_EQ(RelaydConf::GetServerHost(nullptr) + RelaydConf::GetTimeZone(), kHostA);
     root_.Write(kInfo, "timezone=\"Tokyo\"\n");
