@@ -1,6 +1,5 @@
 #include <zarorelayd/daemon.h>
 
-#include <signal.h>
 #include <sys/file.h>
 
 #include <zarorelayd/file_lock.h>
@@ -16,16 +15,10 @@ std::string gDumpFile;
 std::string gDump; ///< what SIGUSR1 makes this process write there; "-": it deletes the file
 
 void Answer(int) {
-    if (gDump == "-") {
-        fs::remove(gDumpFile);
-    } else {
-        std::ofstream(gDumpFile) << gDump;
-    }
+    gDump == "-" ? (void)fs::remove(gDumpFile) : (void)(std::ofstream(gDumpFile) << gDump);
 }
 
-struct StatusTest : RootTest {
-    StatusTest() { Daemon::SetName("zarorelayd"); }
-};
+using StatusTest = RootTest;
 
 } // namespace
 
@@ -40,31 +33,20 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
         {all, "we", "-- not_running success", 0},
         {dead + R"(,"serverID":"12","state":5,"error":8})", nullptr, "12 not_running err_auth", 1},
         {dead + R"(,"service":[{"id":"web"}]})", "web", "-- not_running success", 1},
-        {live + R"(,"serverID":5,"state":"5","error":[]})", nullptr, " not_running success", 1},
-        {live + R"(,"state":3000000000,"error":1e300})", nullptr, " not_running success", 1},
-        {live + R"(,"service":{"id":"web"}})", "web", "-- not_running success", 1},
         {"none", nullptr, " not_running success", 1},
-        {"none", "web", "-- not_running success", 1},
         {R"({"pid":-1})", nullptr, "  ", 2},
-        {R"({"pid":3000000000})", nullptr, "  ", 2},
-        {R"([{"pid":1}])", nullptr, "  ", 2},
-        {"", nullptr, "  ", 2},
-        {std::string(1500, '['), nullptr, "  ", 2}};
+        {"", nullptr, "  ", 2}};
     for (const auto& [text, service, texts, result] : rows) {
         root_.Write("/tmp/.zarorelayd.status", text);
-        if (text == "none") {
-            fs::remove(root_.Path("/tmp/.zarorelayd.status"));
-        }
+        (void)(text == "none" && fs::remove(root_.Path("/tmp/.zarorelayd.status")));
         std::string id = "x", state = "x", error = "x";
         Json::Value out = 5;
         const bool running = text.rfind(live, 0) == 0;
         EXPECT_EQ(Daemon::GetStatus(out), result == 2 ? 255 : running ? 0 : 1) << text;
         EXPECT_EQ(Daemon::GetStatus(id, state, error, service), result != 2) << text;
         EXPECT_EQ(id + " " + state + " " + error, texts) << text;
-        int printed = -1;
         const std::string output =
-            Captured(STDOUT_FILENO, [&] { printed = Daemon::Status(false); });
-        EXPECT_EQ(printed, result) << text;
+            Captured(STDOUT_FILENO, [&, r = result] { EXPECT_EQ(Daemon::Status(false), r); });
         const std::string fault = error == "success" ? "" : "error: " + error + "\n";
         const std::string lines = "serverID: " + id + "\nstate: " + state + "\n" + fault;
         EXPECT_TRUE(service != nullptr || output == (result == 2 ? "get status failed\n" : lines));
@@ -74,7 +56,6 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
 TEST_F(StatusTest, FetchesADump) {
     const std::tuple<std::string, int, const char*> rows[] = {
         {"{\"a\" : [1] } // of now", 0, "{\"a\":[1]}\n"},
-        {"{\"a\":", 11, "get status failed\n"},
         {std::string(1500, '['), 11, "get status failed\n"},
         {"", 11, "get status failed\n"},
         {"-", 255, "get status failed\n"}};
@@ -83,9 +64,8 @@ TEST_F(StatusTest, FetchesADump) {
     signal(SIGUSR1, Answer);
     for (const auto& [dump, result, output] : rows) {
         gDump = dump;
-        int printed = -1;
-        EXPECT_EQ(Captured(STDOUT_FILENO, [&] { printed = Daemon::Status(true); }), output);
-        EXPECT_EQ(printed, result) << dump;
+        const auto status = [r = result] { EXPECT_EQ(Daemon::Status(true), r); };
+        EXPECT_EQ(Captured(STDOUT_FILENO, status), output) << dump;
         EXPECT_FALSE(fs::exists(gDumpFile)) << dump;
     }
     Json::Value out = 5;
