@@ -1,7 +1,5 @@
 #include <zarorelayd/jobqueue.h>
 
-#include <condition_variable>
-
 #include "tests/support/http_server.h"
 #include "tests/support/unit.h"
 
@@ -48,24 +46,15 @@ struct JobQueueTest : testing::Test {
         });
     }
 
-    const HttpServer server_{[](const httplib::Request& q, httplib::Response& r) {
-        r.set_content(q.path, "text/plain");
-    }};
+    const HttpServer server_{[](const auto& q, auto& r) { r.body = q.path; }};
     JobQueue queue_;
 };
 
 } // namespace
 
 TEST_F(JobQueueTest, RunsJobsBesideEachOther) {
-    std::mutex lock;
-    std::condition_variable all;
-    int inside = 0;
-    const HttpServer server([&](const httplib::Request& q, httplib::Response& r) {
-        std::unique_lock<std::mutex> guard(lock);
-        inside++;
-        all.notify_all();
-        const bool met = all.wait_for(guard, std::chrono::seconds(5), [&] { return inside == 3; });
-        r.set_content(met ? q.path : "alone", "text/plain");
+    const HttpServer server([&server](const auto& q, auto& r) {
+        r.body = WaitFor([&] { return server.Requests().size() == 3; }) ? q.path : "alone";
     });
     const SharedRequest refused = Get(HttpServer("").Url()), unknown = Get("http://name.invalid/");
     EXPECT_TRUE(queue_.Add(refused, Note, -5) && queue_.Add(unknown, Note, 0) && !refused->Send());
@@ -73,9 +62,7 @@ TEST_F(JobQueueTest, RunsJobsBesideEachOther) {
         EXPECT_TRUE(queue_.Add(Get(server.Url(path)), Note, 0));
     }
     Json::Value dump;
-    EXPECT_TRUE(queue_.Write(dump));
-    EXPECT_EQ(dump["jobs"][4]["mode"].asString() + dump["jobs"][4]["schedule"].asString(),
-              "async0");
+    EXPECT_TRUE(queue_.Write(dump) && dump["jobs"][4]["mode"] == "async");
     EXPECT_TRUE(Drive(5));
     EXPECT_THAT(gDone, testing::UnorderedElementsAre("", "", "/0", "/1", "/2"));
     EXPECT_EQ(refused->GetError() * 100 + unknown->GetError(), 607);
@@ -93,12 +80,8 @@ TEST_F(JobQueueTest, StartsJobsWhenTheyAreDue) {
     EXPECT_TRUE(Drive(1) && queue_.IsJobExist(Note) && !queue_.IsJobRunning(Note));
     EXPECT_THAT(gDone, testing::ElementsAre("/1"));
     EXPECT_TRUE(queue_.GetTimeOffset() == 10 && !queue_.IsJobExist(NoteAndRepeatOnce));
-    EXPECT_FALSE(queue_.Add(spent, Note, 0));
-    for (const auto& [request, callback] : {std::pair(Get(server_.Url()), JobCallback()),
-                                            std::pair(SharedRequest(), JobCallback(Note))}) {
-        const auto add = [&, r = request, c = callback] { EXPECT_FALSE(queue_.Add(r, c, 0)); };
-        EXPECT_TRUE(Logs("jobqueue", 3, "bad job config", add));
-    }
+    EXPECT_FALSE(queue_.Add(spent, Note, 0) || queue_.Add(SharedRequest(), Note, 0) ||
+                 queue_.Add(Get(server_.Url()), JobCallback(), 0));
 }
 
 TEST_F(JobQueueTest, RemovesByCallback) {
