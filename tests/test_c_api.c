@@ -13,8 +13,6 @@ int main(void) {
     char id[16] = "old";
     EXPECT(TLIBRelaydGetServerId(NULL, id, sizeof id) == 1);
     EXPECT(strcmp(id, "044756784") == 0);
-    EXPECT(TLIBRelaydGetServerId("photos", id, 4) == 0);
-    EXPECT(strcmp(id, "044") == 0);
     EXPECT(TLIBRelaydVerifyServerId(NULL) == 1);
     EXPECT(TLIBRelaydVerifyServerId("044756785") == 0);
     EXPECT(TLIBRelaydLogStop() == 0);
