@@ -1,7 +1,6 @@
 #include <zarorelayd/file_lock.h>
 
 #include <sys/file.h>
-#include <sys/stat.h>
 
 #include "tests/support/unit.h"
 
@@ -12,10 +11,10 @@ struct FileLockTest : RootTest {
     int Open() {
         int n = 0;
         for (int fd = 3; fd < 100; fd++) {
-            char target[256] = {};
-            const std::string link = "/proc/self/fd/" + std::to_string(fd);
-            const bool open = readlink(link.c_str(), target, sizeof target - 1) > 0;
-            n += open && strstr(target, root_.Dir().c_str()) != nullptr && fcntl(fd, F_GETFD) == 1;
+            std::error_code none;
+            const auto file =
+                std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
+            n += file.string().rfind(root_.Dir(), 0) == 0 && fcntl(fd, F_GETFD) == 1;
         }
         return n;
     }
