@@ -44,7 +44,7 @@ inline std::string NewFileOf(const std::string& path, pid_t process = getpid()) 
 /// process looks for that name. Once a process and path: the folder may be large.
 inline void RemoveLeftNewFiles(const std::string& path) {
     static std::set<std::string> swept;
-    if (!swept.insert(path).second) {
+    if (!swept.insert(NewFileOf(path)).second) { // which names the process, after a fork too
         return;
     }
     DIR* folder = opendir(FolderOf(path).c_str());

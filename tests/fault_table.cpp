@@ -312,8 +312,6 @@ const Row kRows[] = {
     {"DaemonFreezes", "+web", kSame, kClean, Daemon(SIGSTOP), Daemon(SIGCONT)},
     {"StartsOffline", "err_network -web", kNew | kRegisters, kTries,
      On(kBoth, kRefuses) + kKill + kStart},
-    {"RegisterIsCutOff", "err_unknown -web", kNew | kRegisters, kTries,
-     On(kControl, EndsAfter(1700)) + kKill + kStart},
     {"DaemonIsReloadedOften", "", kSame, kClean, 200 * kReload},
     {"DaemonIsAskedOften", "", kSame, kClean, 200 * Daemon(SIGUSR1)},
     {"DescriptorsAreShort", "~web", kNew, kTries, Descriptors(3) + On(kBoth), Descriptors(1024)},

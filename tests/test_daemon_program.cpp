@@ -133,6 +133,7 @@ TEST_F(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
         {R"({"log_level":7,"service":[{"id":"web"},{"id":"b","port":80}],"unknown":[]})", ""},
         {"", "expected JSON"},
         {"{} {}", "expected JSON"},
+        {R"({"service":[],})", "expected JSON"}, // which the library would move aside
         {std::string(100000, '['), "expected JSON"},
         {"[]", "expected a JSON object"},
         {R"({"log_level":"7"})", "\"log_level\": expected a level from 0 to 7"},

@@ -47,20 +47,26 @@ TEST(AliasRequest, BuildsEachCommand) {
 }
 
 TEST(AliasRequest, ReadsReplies) {
-    // Reply, status (0: no server); result, outcome, type and status of Send; the same of the reply
-    // for the daemon, and what came behind the word. 77 and - are what was there before.
+    // Reply, status (0: no server); result, outcome/kind of retry, type and status of Send; result
+    // and outcome for the daemon, and what came behind the word. 77 and - are what was there
+    // before.
     const std::tuple<std::string, int, const char*> rows[] = {
-        {" \t\x01good\x1f\r\n", 200, "1 1 2 200; 1 1 -"},
-        {std::string("good \0bad", 9), 200, "1 1 2 200; 1 1 -"},
-        {"alias_inused:other:one", 200, "1 3 2 200; 1 3 other:one"},
-        {"badauth:", 200, "1 8 2 200; 1 8 "},
-        {R"({"any":"thing"})", 200, "1 1 1 200; 0 77 -"},
-        {"good2", 200, "0 77 2 200; 0 77 -"},
-        {"<html>good</html>", 200, "0 77 2 200; 0 77 -"},
-        {std::string(std::size_t{3} << 20, 'x'), 200, "1 12 3 -1; 1 12 -"}, // cut off
-        {"\x80good", 200, "0 77 2 200; 0 77 -"},
-        {"good", 504, "1 12 3 504; 1 12 -"},
-        {"good", 0, "1 12 3 -1; 1 12 -"}};
+        {" \t\x01good\x1f\r\n", 200, "1 1/2 2 200; 1 1 -"},
+        {std::string("good \0bad", 9), 200, "1 1/2 2 200; 1 1 -"},
+        {"alias_inused:other:one", 200, "1 3/3 2 200; 1 3 other:one"},
+        {"badsys", 200, "1 4/2 2 200; 1 4 -"},
+        {"911", 200, "1 9/2 2 200; 1 9 -"},
+        {"badip", 200, "1 11/3 2 200; 1 11 -"},
+        {"alias_not_found", 200, "1 2/2 2 200; 1 2 -"},
+        {"badparam", 200, "1 5/2 2 200; 1 5 -"},
+        {"badauth:", 200, "1 8/3 2 200; 1 8 "},
+        {R"({"any":"thing"})", 200, "1 1/2 1 200; 0 77 -"},
+        {"good2", 200, "0 77/- 2 200; 0 77 -"},
+        {"<html>good</html>", 200, "0 77/- 2 200; 0 77 -"},
+        {std::string(std::size_t{3} << 20, 'x'), 200, "1 12/2 3 -1; 1 12 -"}, // cut off
+        {"\x80good", 200, "0 77/- 2 200; 0 77 -"},
+        {"good", 504, "1 12/2 3 504; 1 12 -"},
+        {"good", 0, "1 12/2 3 -1; 1 12 -"}};
     for (const auto& [reply, status, expected] : rows) {
         auto server = std::make_unique<HttpServer>(reply, status);
         AliasRequest alias;
@@ -76,8 +82,10 @@ TEST(AliasRequest, ReadsReplies) {
         queued->Send();
         const bool known = AliasRequest::GetResponseForDaemon(queued, queuedRet, extra);
         std::ostringstream outcome;
-        outcome << sent << ' ' << ret << ' ' << type << ' ' << httpStatus << "; " << known << ' '
-                << queuedRet << ' ' << extra;
+        ALIAS_RETRY_TYPE retry = {};
+        const bool retries = AliasRequest::GetRetryType(ret, retry);
+        outcome << sent << ' ' << ret << '/' << (retries ? std::to_string(retry) : "-") << ' '
+                << type << ' ' << httpStatus << "; " << known << ' ' << queuedRet << ' ' << extra;
         EXPECT_EQ(outcome.str(), expected) << reply.substr(0, 40);
     }
     ALIAS_RET ret = kUntouched;

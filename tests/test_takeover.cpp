@@ -12,7 +12,7 @@ struct Takeover : testing::Test {
         device.Publish(web);
         device.UseRelay(proxy.Port());
         device.WrapSsh("cp -p $2 $ZARO_ROOT/kept\n"
-                       "echo \"cp -p $ZARO_ROOT/kept $2; exec $0.real $*\" > $ZARO_ROOT/again");
+                       "echo \"cp -p $ZARO_ROOT/kept $2; exec $0.away $*\" > $ZARO_ROOT/again");
         device.Start();
         ASSERT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Log();
         port = device.RelayPort("web");

@@ -59,7 +59,8 @@ Presence FindDaemon() {
     if (!permitted && errno != EPERM) {
         return Presence::None;
     }
-    if (!app::RunsProgram(std::to_string(pid), kDaemon)) {
+    const bool known = permitted || !app::ProgramOf(std::to_string(pid)).empty();
+    if (known && !app::RunsProgram(std::to_string(pid), kDaemon)) {
         return Presence::Foreign;
     }
     return permitted ? Presence::Running : Presence::NotPermitted;
