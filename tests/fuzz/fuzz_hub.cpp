@@ -17,7 +17,7 @@ void Fuzz(const std::string& input) {
     Alias alias(store, std::chrono::hours(1), isUp, "");
     std::istringstream lines(input);
     std::getline(lines, line);
-    const Origin origin = ParseHost("https", line).value_or(Origin{"http", "localhost", 80});
+    const Origin origin = ParseHost("https", line).value_or(Origin{"http", "localhost", 80, ""});
     while (std::getline(lines, line)) {
         assert(alias.Update(line) != "911" && alias.Query(line, origin) != "911");
         Json::Value replies, tunnel;
