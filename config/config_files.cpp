@@ -30,8 +30,10 @@ void SyncFolderOf(const std::string& path) {
 /// replaced it since by one that was not looked at.
 void MoveAside(const std::string& path, const json::FileText& broken) {
     struct stat now = {};
-    if (lstat(path.c_str(), &now) == 0 && !S_ISLNK(now.st_mode) &&
-        (now.st_ino != broken.inode || now.st_dev != broken.device)) {
+    if (lstat(path.c_str(), &now) != 0) {
+        return; // another reader was quicker
+    }
+    if (!S_ISLNK(now.st_mode) && (now.st_ino != broken.inode || now.st_dev != broken.device)) {
         return;
     }
     const std::string aside = path + ".bad";

@@ -114,7 +114,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
     json::Object(v);
     control.Write(v["server_control"], full);
     waitcmd.Write(v["server_waitcmd"], full);
-    alias.Write(v["server_alias"], true);
+    alias.Write(v["server_alias"], true); // compact, which is that record's own reading of the flag
     if (!serverID.empty()) {
         v["serverID"] = serverID;
     }
@@ -137,7 +137,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
 
 bool RelaydConf::ReadConfigFile(const std::string& file) {
     Json::Value v;
-    if (!ReadJsonFile(file, v)) {
+    if (!ReadJsonFile(file, v)) { // never, as it is now; whoever changes that finds it handled
         RELAY_LOG(3, "invalid config: %s", file.c_str());
         return false;
     }
@@ -189,7 +189,8 @@ bool RelaydConf::Reload() {
         RELAY_LOG(3, "reload config failed");
         return false;
     }
-    // What the running daemon got from the platform and from the control server stays.
+    // What the running daemon got from the platform and from the control server stays; sync does
+    // not, and so is off after every reload.
     fresh.auth = auth;
     fresh.debug = debug;
     fresh.waitcmd = waitcmd;
