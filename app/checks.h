@@ -17,7 +17,7 @@ bool IsServiceId(const std::string& id);
 /// A host name, "_" allowed as in local networks, or an IPv4 or IPv6 address.
 bool IsRelayHost(const std::string& host);
 
-/// Not empty, at most 255 bytes, no leading "-", no blank, control character or "@".
+/// 1 to 255 of letters, digits, ".", "_", "-", "+", "=", not beginning with "-".
 bool IsRelayUser(const std::string& user);
 
 bool IsPort(int port);

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "platform/new_file.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::app {
@@ -27,8 +28,7 @@ bool LockForOwnerOnly(FileLock& lock) {
 /// The file exists beside the configuration and is never removed: a lock on a removed file excludes
 /// nobody.
 std::string ConfigLock::Path() {
-    const std::string config = paths::ConfigFile();
-    return config.substr(0, config.rfind('/') + 1) + ".zarorelayd.conf.lock";
+    return FolderOf(paths::ConfigFile()) + ".zarorelayd.conf.lock";
 }
 
 ConfigLock::ConfigLock() : lock_(Path().c_str()) {

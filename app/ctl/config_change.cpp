@@ -15,6 +15,7 @@
 #include "app/config_check.h"
 #include "app/ctl/report.h"
 #include "app/json_io.h"
+#include "platform/new_file.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {
@@ -22,10 +23,6 @@ namespace ZARO::Relay::ctl {
 namespace {
 
 constexpr app::seconds kLockPatience{5};
-
-std::string FolderOf(const std::string& path) {
-    return path.substr(0, path.rfind('/') + 1);
-}
 
 } // namespace
 
