@@ -141,6 +141,18 @@ TEST_F(DaemonSecrets, StayWithTheirOwner) {
     EXPECT_GE(onlooker.lines.size(), 20U);
 }
 
+TEST_F(DaemonSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
+    device.Start();
+    ASSERT_TRUE(WaitFor([&] { return device.IsConnected(); })) << device.Log();
+    const std::string process = "/proc/" + std::to_string(device.Daemon().Pid());
+    EXPECT_EQ(Count(ReadFile(process + "/limits"), "Max core file size        0 "), 1U);
+    const std::string status = ReadFile(process + "/status");
+    EXPECT_EQ(Count(status, "NoNewPrivs:\t1\n"), 1U);
+    const std::string key = geteuid() == 0 ? "CapBnd:\t" : "CapEff:\t";
+    const auto kept = strtoull(status.c_str() + status.find(key) + key.size(), nullptr, 16);
+    EXPECT_EQ(kept & ~0xebULL, 0U) << std::hex << kept;
+}
+
 TEST_F(DaemonSecrets, NoDescriptorReachesTheSshClient) {
     PublishMore(1);
     device.config["log_file"] = device.root.Path(Device::kLog);
