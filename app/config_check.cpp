@@ -154,38 +154,47 @@ void CheckServices(Report& report, const Json::Value& config) {
 
 } // namespace
 
+bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& config,
+                    std::string& fault) {
+    config = Json::Value(Json::objectValue);
+    struct stat info = {};
+    const bool there = stat(path.c_str(), &info) == 0;
+    if (!there && errno == ENOENT && mayBeMissing) {
+        return true;
+    }
+    const char* reason = !there                        ? strerror(errno)
+                         : !S_ISREG(info.st_mode)      ? "not a file" // a FIFO would block
+                         : info.st_size > kLargestFile ? "larger than 1 MiB"
+                                                       : nullptr;
+    std::ifstream file;
+    if (reason == nullptr) {
+        file.open(path);
+        reason = file ? nullptr : strerror(errno);
+    }
+    if (reason != nullptr) {
+        fault = path + ": can't be read: " + reason;
+        return false;
+    }
+    std::ostringstream text;
+    text << file.rdbuf();
+    std::string wrong;
+    if (ParseJson(text.str(), config, &wrong) && config.isObject()) {
+        return true;
+    }
+    fault = path + ": " + (wrong.empty() ? "expected a JSON object" : "expected JSON: " + wrong);
+    config = Json::Value(Json::objectValue);
+    return false;
+}
+
 std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
                                          bool& unusable) {
     const Quiet quiet;
     Report report(path);
-    unusable = false;
-    struct stat info = {};
-    const bool there = stat(path.c_str(), &info) == 0;
-    if (!there && errno == ENOENT && mayBeMissing) {
-        return {};
-    }
-    const char* fault = !there                        ? strerror(errno)
-                        : !S_ISREG(info.st_mode)      ? "not a file" // a FIFO would block
-                        : info.st_size > kLargestFile ? "larger than 1 MiB"
-                                                      : nullptr;
-    std::ifstream file;
-    if (fault == nullptr) {
-        file.open(path);
-        fault = file ? nullptr : strerror(errno);
-    }
-    if (fault != nullptr) {
-        report.Add("", std::string("can't be read: ") + fault);
-        unusable = true;
-        return report.Lines();
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
     Json::Value config;
-    std::string reason;
-    if (!ParseJson(text.str(), config, &reason) || !config.isObject()) {
-        report.Add("", reason.empty() ? "expected a JSON object" : "expected JSON: " + reason);
-        unusable = true;
-        return report.Lines();
+    std::string fault;
+    unusable = !ReadConfigFile(path, mayBeMissing, config, fault);
+    if (unusable) {
+        return {fault};
     }
     report.Check(config, kTopRules, "");
     CheckServer(report, config, "server_control");

@@ -1,10 +1,18 @@
 /// Says what is wrong with a configuration file, without touching it.
 #pragma once
 
+#include <json/value.h>
+
 #include <string>
 #include <vector>
 
 namespace ZARO::Relay::app {
+
+/// Reads a configuration file without moving a broken one aside, as the library would. An empty
+/// object for a missing one when `mayBeMissing`. False, with a line that names the file in `fault`,
+/// when it can't be read or is no JSON object.
+bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& config,
+                    std::string& fault);
 
 /// Each fault as one line that names the file and the key and says what was expected. Empty for a
 /// good file, and for a missing one when `mayBeMissing`. `unusable`: the daemon can't start with

@@ -1,20 +1,16 @@
 #include "app/ctl/config_change.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <vector>
 
 #include <zarorelayd/config.h>
 
 #include "app/config_check.h"
 #include "app/ctl/report.h"
-#include "app/json_io.h"
 #include "platform/new_file.h"
 #include "platform/paths.h"
 
@@ -27,31 +23,7 @@ constexpr app::seconds kLockPatience{5};
 } // namespace
 
 bool LookAtConfig(Json::Value& config, std::string& fault) {
-    const std::string path = paths::ConfigFile();
-    config = Json::Value(Json::objectValue);
-    struct stat info = {};
-    const bool there = stat(path.c_str(), &info) == 0;
-    if (!there && errno == ENOENT) {
-        return true;
-    }
-    std::ifstream file;
-    if (there && S_ISREG(info.st_mode)) { // opening a FIFO would block
-        file.open(path);
-    }
-    if (!there || !file.is_open()) {
-        const bool odd = there && !S_ISREG(info.st_mode);
-        fault = path + ": can't be read: " + (odd ? "not a file" : strerror(errno));
-        return false;
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
-    std::string reason;
-    if (app::ParseJson(text.str(), config, &reason) && config.isObject()) {
-        return true;
-    }
-    fault = path + ": " + (reason.empty() ? "expected a JSON object" : "expected JSON: " + reason);
-    config = Json::Value(Json::objectValue);
-    return false;
+    return app::ReadConfigFile(paths::ConfigFile(), true, config, fault);
 }
 
 ConfigChange::ConfigChange() : path_(paths::ConfigFile()) {

@@ -9,8 +9,7 @@
 
 namespace ZARO::Relay::ctl {
 
-/// Reads the configuration file without moving a broken one aside, as the library would. An empty
-/// object when there is no file; false, the fault in `fault`, when it is no JSON object.
+/// The content of the device's configuration file, by app::ReadConfigFile; it may be missing.
 bool LookAtConfig(Json::Value& config, std::string& fault);
 
 /// Held while the file is changed, so that of two such programs at a time neither loses its change.
