@@ -85,11 +85,6 @@ void SyncFolder(const std::string& folder) {
     }
 }
 
-std::string FolderOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return path.substr(0, slash == 0 ? 1 : slash);
-}
-
 int CopyCut(std::string_view text, char* buf, int size) {
     size_t length = std::min(text.size(), static_cast<size_t>(size) - 1);
     if (length < text.size()) {

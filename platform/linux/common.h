@@ -78,9 +78,6 @@ int WriteAll(int fd, std::string_view text);
 /// system can: by then it has happened, so there is nothing to report.
 void SyncFolder(const std::string& folder);
 
-/// The folder part of an absolute path, without a trailing slash unless it is the root itself.
-std::string FolderOf(const std::string& path);
-
 /// Puts `text` into a caller's buffer of `size` > 0 bytes, cut to fit and never within a UTF-8
 /// character. Returns the length it has there.
 int CopyCut(std::string_view text, char* buf, int size);

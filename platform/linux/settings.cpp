@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "lines.h"
+#include "platform/new_file.h"
 
 namespace ZARO::Platform {
 namespace {
@@ -99,7 +100,7 @@ int Replace(const std::string& file, const std::string& text, const struct stat&
         (void)unlink(fresh.c_str()); // the next writer removes it, if this one can't
         return error;
     }
-    SyncFolder(FolderOf(file));
+    SyncFolder(ZARO::Relay::FolderOf(file));
     return 0;
 }
 

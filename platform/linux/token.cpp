@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
-#include <stdlib.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 
@@ -12,6 +11,7 @@
 
 #include "lines.h"
 #include "number.h"
+#include "platform/new_file.h"
 
 namespace ZARO::Platform {
 namespace {
@@ -105,23 +105,24 @@ int MakeIdentity(const std::string& path) {
     if (const int error = DrawIdentity(identity)) {
         return error;
     }
-    std::string fresh = FolderOf(path) + "/.device.key.XXXXXX";
-    const UniqueFd fd(mkostemp(fresh.data(), O_CLOEXEC));
+    const UniqueFd fd(ZARO::Relay::OpenNewFile(path));
     if (!fd.IsOpen()) {
         return errno;
     }
+    const std::string fresh = ZARO::Relay::NewFileOf(path);
     int error = WriteSynced(fd.Get(), "serial=\"" + identity.serial + "\"\nsecret=\"" +
                                           ToHex(identity.secret) + "\"\n");
     if (error == 0 && link(fresh.c_str(), path.c_str()) != 0 && errno != EEXIST) {
         error = errno;
     }
-    (void)unlink(fresh.c_str()); // what stays is a second name that only its owner can read
-    SyncFolder(FolderOf(path));
+    (void)unlink(fresh.c_str()); // what stays only its owner can read, and the next process removes
+    SyncFolder(ZARO::Relay::FolderOf(path));
     return error;
 }
 
 int LoadIdentity(Identity& identity) {
     const std::string path = paths::DeviceKeyFile();
+    ZARO::Relay::RemoveLeftNewFiles(path); // here, since there may never be another writer
     int error = ReadIdentity(path, identity);
     if (error == ENOENT) {
         error = MakeIdentity(path);
