@@ -1,7 +1,10 @@
 #include "app/net_watch.h"
 
+#include <arpa/inet.h>
+#include <ifaddrs.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
+#include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -45,6 +48,30 @@ bool NetWatch::Drain() {
             return any;
         }
     }
+}
+
+std::set<std::string> OwnAddresses() {
+    std::set<std::string> found;
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) != 0) {
+        return found;
+    }
+    for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
+        const int family = entry->ifa_addr != nullptr ? entry->ifa_addr->sa_family : AF_UNSPEC;
+        const auto* v4 = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+        const auto* v6 = reinterpret_cast<const sockaddr_in6*>(entry->ifa_addr);
+        char text[INET6_ADDRSTRLEN] = "";
+        if (family == AF_INET) {
+            (void)inet_ntop(family, &v4->sin_addr, text, sizeof text); // there is room
+        } else if (family == AF_INET6 && !IN6_IS_ADDR_LINKLOCAL(&v6->sin6_addr)) {
+            (void)inet_ntop(family, &v6->sin6_addr, text, sizeof text);
+        }
+        if (*text != '\0') {
+            found.insert(std::string(entry->ifa_name) + " " + text);
+        }
+    }
+    freeifaddrs(list);
+    return found;
 }
 
 } // namespace ZARO::Relay::app

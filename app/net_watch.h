@@ -1,6 +1,9 @@
 /// Tells when the device's addresses, links or routes change.
 #pragma once
 
+#include <set>
+#include <string>
+
 namespace ZARO::Relay::app {
 
 /// Owns a routing netlink socket. Without one (no rights, no such kernel) it never tells; the rest
@@ -21,5 +24,10 @@ public:
 private:
     int fd_;
 };
+
+/// Every address of the device's interfaces that reaches further than the next link, each with its
+/// interface. More than what is reported: also second addresses and those of IPv6. Empty when they
+/// can't be had.
+std::set<std::string> OwnAddresses();
 
 } // namespace ZARO::Relay::app

@@ -8,6 +8,7 @@
 #include <exception>
 #include <set>
 #include <string>
+#include <utility>
 
 #include <libdaemon/dsignal.h>
 
@@ -240,11 +241,13 @@ void RelayDaemon::OnNetworkEvent(Time now) {
 void RelayDaemon::CheckNetwork(Time now) {
     NetworkConf current(true);
     current.mode = conf_.network.mode;
-    if (current == conf_.network) {
+    std::set<std::string> addresses = OwnAddresses();
+    if (current == conf_.network && addresses == addresses_) {
         return;
     }
     RELAY_LOG(5, "the network changed");
     conf_.network = current;
+    addresses_ = std::move(addresses);
     if (conf_.enable) {
         exchange_.NetworkChanged(now);
         keeper_.DropLostAddresses(now);

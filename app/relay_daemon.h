@@ -6,6 +6,7 @@
 
 #include <ctime>
 #include <map>
+#include <set>
 #include <string>
 
 #include <zarorelayd/config.h>
@@ -61,6 +62,7 @@ private:
     Exchange exchange_;
     AliasKeeper alias_;
     NetWatch network_;
+    std::set<std::string> addresses_ = OwnAddresses(); ///< after network_, so that none is missed
     StatusFile status_;
     std::map<std::string, Probe> probes_;
     Time refreshDue_{};

@@ -36,14 +36,16 @@ constexpr int kMostPasses = 2000;
 constexpr long kMostKb = kSlow == 1 ? 512 : 65536;
 
 /// What is special: web's tunnel is a new one afterwards; there is a second service; the device has
-/// a network of its own; it may register.
-enum Kinds { kSame = 0, kNew = 1, kPhoto = 2, kAddress = 4, kRegisters = 8 };
+/// a network of its own, and the tunnel the second address there; it may register.
+enum Kinds { kSame = 0, kNew = 1, kPhoto = 2, kAddress = 4, kRegisters = 8, kSecond = 16 };
 
 /// A device with its hub, a path of its own to the control server and one to the relay.
 struct Site {
     explicit Site(int kind) {
         device.UseServer("https", control.Port());
-        const std::string bind = (kind & kAddress) != 0 ? "BindInterface eth0\n" : "";
+        const std::string bind = (kind & kSecond) != 0    ? "BindAddress 10.9.0.3\n"
+                                 : (kind & kAddress) != 0 ? "BindInterface eth0\n"
+                                                          : "";
         device.root.Write("/usr/zaro/etc/ssh/config",
                           "Port " + std::to_string(relay.Port()) + "\n" + bind);
         device.Publish(*web);
@@ -175,6 +177,12 @@ Act Ssh(int number, const char* service = "web") {
 }
 const auto Daemon = [](int n) -> Act { return [=](Site& s) { s.device.Daemon().Signal(n); }; };
 const Act kReload = Daemon(SIGHUP);
+const Act kWithdraw = [](Site& site) {
+    site.device.Reload([](Json::Value& now) { now["service"].resize(1); });
+};
+const Act kOffer = [](Site& site) {
+    site.device.Reload([](Json::Value& now) { now["service"].append(Parse(R"({"id":"photo"})")); });
+};
 const Act kStart = [](Site& site) { site.device.Start(); };
 const Act kKill = Daemon(SIGKILL) + [](Site& site) {
     const std::string pid = std::to_string(site.device.Daemon().Pid());
@@ -275,6 +283,8 @@ const Row kRows[] = {
     {"RelayCrawls", "+web", kNew, kClean, On(kRelay, Delays(kNow, 1))},
     {"RelayEndsInGreeting", "-web", kNew, kTries, On(kRelay, EndsAfter(10))},
     {"RelayEndsInLogIn", "-web", kNew, kTries, On(kRelay, EndsAfter(1500))},
+    {"OneOfTwoIsWithdrawnOffline", "err_network +web", kPhoto, kHub,
+     On(kControl, kRefuses) + Shows("err_network +web+photo") + kWithdraw, kOffer + kHeal},
     {"RelayRefusesOneOfTwo", "+web-photo", kPhoto, kTries,
      On(kRelay, kRefuses, kStay) + Ssh(SIGKILL, "photo")},
     // Both at once, as when the device's own line fails.
@@ -332,6 +342,9 @@ const Row kRows[] = {
      kWait},
     {"AddressIsGone", "-web", kNew | kAddress, kNetwork, Ip("del", "10.9.0.2"),
      Ip("add", "10.9.1.2")},
+    {"OtherAddressComes", "", kAddress | kSecond, kNetwork, Ip("add", "10.9.1.2"), kWait},
+    {"SecondAddressIsGone", "-web", kNew | kAddress | kSecond, kNetwork, Ip("del", "10.9.0.3"),
+     Ip("add", "10.9.0.3")},
     {"AddressBlinks", "", kAddress, kNetwork, Ip("del", "10.9.0.2") + Ip("add", "10.9.0.2"), kWait},
 };
 
@@ -344,7 +357,8 @@ void EnterNetwork() {
     std::ofstream("/proc/self/uid_map") << user;
     std::ofstream("/proc/self/gid_map") << group;
     ASSERT_EQ(system("ip link set lo up && ip link add eth0 type veth peer name eth1 && ip addr "
-                     "add 10.9.0.2/24 dev eth0 && ip link set eth0 up && ip link set eth1 up"),
+                     "add 10.9.0.2/24 dev eth0 && ip addr add 10.9.0.3/24 dev eth0 && ip link "
+                     "set eth0 up && ip link set eth1 up"),
               0);
 }
 
