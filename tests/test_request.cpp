@@ -93,6 +93,20 @@ TEST_F(RequestTest, SendsCookiesBackUntilTheyAreForgotten) {
     }
 }
 
+TEST_F(RequestTest, ForgetsCookiesThatGrowInNumber) {
+    int next = 0;
+    const HttpServer server([&](const httplib::Request&, httplib::Response& r) {
+        for (int i = 0; i < 40; ++i) {
+            r.set_header("Set-Cookie", "c" + std::to_string(next++) + "=1");
+        }
+    });
+    Request request(server.Url().c_str(), "", true);
+    EXPECT_TRUE(request.Send());
+    EXPECT_THAT(LogOf("request", 4, [&] { EXPECT_TRUE(request.Send()); }),
+                testing::ElementsAre(testing::HasSubstr("more than 64 cookies")));
+    EXPECT_TRUE(request.Send() && !server.Requests().back().has_header("Cookie"));
+}
+
 TEST_F(RequestTest, CopiesOutliveTheOriginal) {
     const std::string answer = "a long enough answer to be on the heap";
     const HttpServer server(answer);
