@@ -152,7 +152,7 @@ std::optional<std::string> ServerIdOf(const std::string& mac) {
     const auto all = static_cast<unsigned>(__builtin_parity(number));
     const auto odd = static_cast<unsigned>(__builtin_parity(number & 0xAAAAAA));
     char id[16];
-    snprintf(id, sizeof id, "%09u", number * 4 + odd * 2 + all);
+    (void)snprintf(id, sizeof id, "%09u", number * 4 + odd * 2 + all);
     return id;
 }
 

@@ -160,7 +160,7 @@ int Run(const CommandLine& line) {
     Hub hub(line.hub);
     std::string error;
     if (!hub.Start(&error)) {
-        fprintf(stderr, "zarorelay-hub: %s\n", error.c_str());
+        (void)fprintf(stderr, "zarorelay-hub: %s\n", error.c_str());
         return 1;
     }
     PrintListeners(line.hub, hub);
@@ -181,7 +181,7 @@ std::optional<int> Parse(int argc, char** argv, CommandLine* line) {
     } catch (const CLI::Success& wanted) { // --help, --version
         return app.exit(wanted);
     } catch (const CLI::Error& fault) {
-        fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
+        (void)fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
         return kUsage;
     }
     (void)ParseRange(line->ports, &line->hub.firstPort, &line->hub.lastPort);
@@ -199,7 +199,7 @@ int main(int argc, char** argv) {
         const std::optional<int> code = Parse(argc, argv, &line);
         return code ? *code : Run(line);
     } catch (const std::exception& fault) {
-        fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
+        (void)fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
         return 1;
     }
 }

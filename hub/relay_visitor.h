@@ -17,7 +17,7 @@ namespace ZARO::RelayHub {
 class RelayVisitor {
 public:
     /// How much is read from a visitor at once, so that it doesn't keep the others waiting.
-    static constexpr size_t kChunk = 32 * 1024;
+    static constexpr size_t kChunk = size_t{32} * 1024;
 
     RelayVisitor(ssh_session session, Fd fd);
     RelayVisitor(const RelayVisitor&) = delete;

@@ -12,6 +12,7 @@
 
 namespace ZARO::Relay {
 
+// NOLINTNEXTLINE(cert-err58-cpp): without memory to start with, a program ends anyway
 const RetMapper gRetMapper[13] = {
     {ALIAS_RET_SUCCESS, ALIAS_RETRY_NORMAL, "success", "good"},
     {ALIAS_RET_911, ALIAS_RETRY_NORMAL, "error_911", "911"},
@@ -180,7 +181,7 @@ bool AliasRequest::GetRequest(std::string& postData, std::string& url) const {
 }
 
 boost::shared_ptr<Request> AliasRequest::GetSharedRequest() const {
-    const boost::shared_ptr<Request> request(new Request(nullptr, nullptr, true));
+    boost::shared_ptr<Request> request(new Request(nullptr, nullptr, true));
     (void)request->Set(url_, postData_, true); // the queue refuses one that could not be set up
     return request;
 }

@@ -73,6 +73,8 @@ Request::Request(const Request& other) : Request(nullptr, nullptr, false) {
     CopyHandle(other);
 }
 
+// Assigned to itself it has a duplicate of its own handle, as with any other.
+// NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
 Request& Request::operator=(const Request& other) {
     url_ = other.url_;
     data_ = other.data_;

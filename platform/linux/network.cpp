@@ -96,10 +96,11 @@ std::string EthernetName() {
     if (!named.empty()) {
         return named;
     }
+    const std::string prefix = folder + "/";
     std::vector<std::string> names;
     if (ListFolder(folder, names) == 0) {
         for (const std::string& name : names) {
-            if (stat((folder + "/" + name + "/device").c_str(), &info) == 0 && ReadMac(name)) {
+            if (stat((prefix + name).append("/device").c_str(), &info) == 0 && ReadMac(name)) {
                 return name;
             }
         }

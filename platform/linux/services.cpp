@@ -109,7 +109,7 @@ int ZAROFwServiceEnum(ZARO_FW_SERVICE_LIST** list) {
         if (list == nullptr) {
             return Fail(EINVAL);
         }
-        const std::string folder = paths::ServicesDir();
+        const std::string folder = paths::ServicesDir() + "/";
         std::vector<std::string> files;
         if (const int error = ListFolder(folder, files)) {
             return Fail(error);
@@ -118,7 +118,7 @@ int ZAROFwServiceEnum(ZARO_FW_SERVICE_LIST** list) {
         for (const std::string& file : files) {
             const std::string name(ServiceName(file));
             std::string text;
-            if (!name.empty() && ReadFile(folder + "/" + file, text) == 0 &&
+            if (!name.empty() && ReadFile(folder + file, text) == 0 &&
                 !FillService(name, text, found->services[name])) {
                 found->services.erase(name);
             }

@@ -234,6 +234,7 @@ int Connect(int argc, char** argv) {
     }
     std::vector<std::string> arguments = ClientArguments(command, config);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         pointers.push_back(argument.data());
     }
