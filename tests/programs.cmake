@@ -24,3 +24,5 @@ target_compile_definitions(test_torn_files PRIVATE
     ZARO_DAEMON="$<TARGET_FILE:zarorelayd>"
     ZARO_HUB="$<TARGET_FILE:zarorelay-hub>"
     ZARO_DEVICE_BIN="${CMAKE_BINARY_DIR}/device-bin")
+
+zaro_test(test_children SOURCES test_children.cpp LIBRARIES zaro_app zaro::platform)

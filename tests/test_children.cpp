@@ -1,0 +1,46 @@
+/// What the daemon knows of the processes that it holds.
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "app/child_watch.h"
+#include "app/connections.h"
+#include "tests/support/process.h"
+
+namespace app = ZARO::Relay::app;
+
+TEST(Children, AreReapedWhetherWatchedOrNot) {
+    for (const bool watched : {true, false}) {
+        app::ChildWatch watch;
+        const pid_t pid = fork();
+        if (pid == 0) {
+            _exit(0);
+        }
+        ASSERT_GT(pid, 0);
+        EXPECT_TRUE(!watched || watch.Add(pid));
+        EXPECT_TRUE(WaitFor([&] {
+            watch.Reap(Clock::now());
+            return kill(pid, 0) != 0;
+        }));
+        waitpid(pid, nullptr, WNOHANG);
+    }
+}
+
+TEST(Children, OnAnIPv6AddressHaveNotLostIt) {
+    sockaddr_in6 address = {};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    const int server = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int client = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (bind(server, generic, size) != 0) {
+        GTEST_SKIP() << "no IPv6 here";
+    }
+    EXPECT_EQ(listen(server, 1) + getsockname(server, generic, &size), 0);
+    EXPECT_EQ(connect(client, generic, size), 0);
+    EXPECT_FALSE(app::HasLostAddress(getpid()));
+    close(client);
+    close(server);
+}
