@@ -1,5 +1,6 @@
 // What becomes of files when their writers are killed, the disk is full or nothing can be written.
 #include <zarorelayd/config.h>
+#include <zarorelayd/tunnel.h>
 
 #include <sched.h>
 #include <sys/mount.h>
@@ -12,6 +13,7 @@
 
 #include "app/status_file.h"
 #include "tests/support/device.h"
+#include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
 namespace fs = std::filesystem;
@@ -19,6 +21,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char kInfo[] = "/etc/zaroinfo.conf", kStatus[] = "/tmp/.zarorelayd.status";
+constexpr char kBallast[] = "/mnt/ballast";
 
 /// A small disk of which all temporary files are part: a mount that this process and its children
 /// see alone.
@@ -38,6 +41,12 @@ struct SmallDisk : testing::Test {
             GTEST_SKIP() << "no mounts are allowed here: " << strerror(errno);
         }
         setenv("TMPDIR", "/mnt", 1);
+    }
+
+    static void Fill() {
+        std::ofstream ballast(kBallast);
+        while (ballast << std::string(4096, 'x') << std::flush) {
+        }
     }
 
     /// A device gets a new service while `hinder` is in force: it says once that it can't tell its
@@ -131,12 +140,35 @@ TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
 TEST_F(SmallDisk, DaemonAndHubOutlastAFullOne) {
     Outlasts(
         "No space left on device", "update_service failed: 1", // the hub could not keep it
-        [](const TempRoot&) {
-            std::ofstream ballast("/mnt/ballast");
-            while (ballast << std::string(4096, 'x') << std::flush) {
-            }
-        },
-        [](const TempRoot&) { fs::remove("/mnt/ballast"); });
+        [](const TempRoot&) { Fill(); }, [](const TempRoot&) { fs::remove(kBallast); });
+}
+
+TEST_F(SmallDisk, WritersKeepTheOldFilesOnAFullOne) {
+    const TempRoot root;
+    root.Write(Device::kConfig, R"({"serverID":"1"})");
+    root.Write(kInfo, "runrelayd=no\n");
+    RelaydConf conf(root.Path(Device::kConfig).c_str());
+    conf.serverID = "2";
+    Tunnel tunnel(Parse(R"({"relay_pass":"p"})"));
+    const std::string pass = root.Path("/tmp/pass");
+    const std::pair<const char*, std::function<bool()>> writers[] = {
+        {"write failed [", [&] { return RelaydConf::WriteJsonFile(conf.path, "x"); }},
+        {"write failed [", [&] { return conf.WriteServerId(""); }},
+        {"write failed [", [&] { return conf.WriteAliasName("", "a"); }},
+        {"write zaroinfo [runrelayd=yes] failed", [&] { return conf.SetEnableConf(true); }},
+        {"write pass failed, ", [&] { return tunnel.WritePassFile(pass); }},
+        {"ZAROWstokenGetToken failed: [0x001C]", [] { return AuthConf(false).ReadConf(); }}};
+    Fill();
+    for (const auto& [line, write] : writers) {
+        const std::vector<std::string> log = LogOf("", 3, [&] { EXPECT_FALSE(write()) << line; });
+        EXPECT_THAT(log, testing::ElementsAre(testing::HasSubstr(line)));
+    }
+    EXPECT_EQ(root.Read(Device::kConfig), R"({"serverID":"1"})");
+    EXPECT_EQ(root.Read(kInfo), "runrelayd=no\n");
+    fs::remove(kBallast);
+    for (const auto& [line, write] : writers) {
+        EXPECT_TRUE(write()) << line;
+    }
 }
 
 TEST_F(SmallDisk, DaemonOutlastsOneThatCanNotBeWritten) {
