@@ -45,13 +45,14 @@ std::string UsableLogFile(const RelaydConf& conf) {
 }
 
 void ApplyLogSettings(const RelaydConf& conf) {
-    static const int original = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     const bool hadFile = !Daemon::_strLogFile.empty();
     const std::string file = UsableLogFile(conf);
     Daemon::SetLogFile(file, conf.log_level);
     if (Daemon::IsForked()) {
         return;
     }
+    // Only here: a background daemon would hold the log file that was rotated away.
+    static const int original = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (!file.empty()) {
         (void)Daemon::OpenLogFile(file, STDERR_FILENO, O_CREAT | O_APPEND); // it could be opened
     } else if (hadFile && original >= 0) {

@@ -86,6 +86,13 @@ TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
     const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
     const pid_t pid = atoi(device.root.Read(Device::kPidFile).c_str());
     EXPECT_NE(getsid(pid), getsid(0));
+    std::filesystem::remove(device.root.Path(Device::kLog));
+    kill(pid, SIGHUP);
+    EXPECT_TRUE(WaitFor([&] { return device.Logs("configuration reloaded"); }));
+    for (const auto& fd :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        EXPECT_EQ(Count(std::filesystem::read_symlink(fd), "(deleted)"), 0U);
+    }
     EXPECT_THAT(Outcome(device, ""), ContainsRegex("^1 .* Daemon already running on PID file " +
                                                    std::to_string(pid) + "\n$"));
     EXPECT_THAT(Outcome(device, "--foreground"), StartsWith("1 ")); // told in the log
