@@ -5,6 +5,7 @@
 #include "app/checks.h"
 #include "app/status_file.h"
 #include "daemon/log.h"
+#include "platform/new_file.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::app {
@@ -135,6 +136,7 @@ void AliasKeeper::Done(const boost::shared_ptr<Request>& request, Time now) {
     AliasRequest::ResponseToString(outcome, status_);
     extra_ = Printable(extra);
     const bool gone = running_ == ALIAS_REQUEST_DELETE && IsGone(outcome);
+    MoveFolderAway(paths::AliasStatusFile());
     AliasStatus().SetStatus(alias, gone ? "deleted" : status_, extra_, true);
     if (former != status_) {
         RELAY_LOG(outcome == ALIAS_RET_SUCCESS ? 6 : 4, "alias [%s]: %s", Printable(alias).c_str(),

@@ -24,6 +24,7 @@ bool Replace(const std::string& path, const std::string& text) {
     if (fd < 0) {
         return false;
     }
+    MoveFolderAway(path);
     const bool good = WriteAll(fd, text) && fchmod(fd, 0644) == 0;
     if (close(fd) == 0 && good && rename(temporary.c_str(), path.c_str()) == 0) {
         return true;

@@ -17,6 +17,7 @@
 #include <zarorelayd/result.h>
 
 #include "config/json_text.h"
+#include "platform/new_file.h"
 #include "platform/paths.h"
 
 // These functions run in the asking program. They report to the system log themselves: the
@@ -45,6 +46,20 @@ bool PublishesService(const Json::Value& status, const char* serviceId) {
         }
     }
     return false;
+}
+
+/// A folder, a link or a stranger's file, which he may hold locked, must not keep the next asker
+/// out, too.
+void DropPlanted(const std::string& path) {
+    struct stat info = {};
+    if (lstat(path.c_str(), &info) != 0) {
+        return;
+    }
+    if (S_ISDIR(info.st_mode)) {
+        MoveFolderAway(path);
+    } else if (!S_ISREG(info.st_mode) || (info.st_uid != 0 && info.st_uid != geteuid())) {
+        unlink(path.c_str());
+    }
 }
 
 /// Makes the locked dump file ours and empty, so that what is read from it later is what the daemon
@@ -148,6 +163,7 @@ int Daemon::DebugStatus(Json::Value& out) {
     FileLock lock(path.c_str());
     if (!lock.Lock(LOCK_EX)) {
         syslog(LOG_NOTICE, "%s:%d lock failed", __FILE_NAME__, __LINE__);
+        DropPlanted(path);
         return RELAYD_RET_LOCK;
     }
     if (!EmptyDumpFile(path)) {

@@ -63,12 +63,31 @@ inline void RemoveLeftNewFiles(const std::string& path) {
     closedir(folder);
 }
 
+/// Frees a file's name that a folder has: where anybody can make one, it would be in the way for
+/// ever. What lies in it may be anybody's, so a full one is only moved aside.
+inline void MoveFolderAway(const std::string& path) {
+    if (rmdir(path.c_str()) == 0 || (errno != ENOTEMPTY && errno != EEXIST)) {
+        return; // nor is it a folder, mostly
+    }
+    std::string aside = path + ".XXXXXX";
+    if (mkdtemp(aside.data()) != nullptr && rename(path.c_str(), aside.c_str()) != 0) {
+        (void)rmdir(aside.c_str());
+    }
+}
+
+/// Removes whatever has this name, which is to be a new file's.
+inline void FreeName(const std::string& path) {
+    if (unlink(path.c_str()) != 0 && errno == EISDIR) {
+        MoveFolderAway(path);
+    }
+}
+
 /// Opens the new file that is to replace `path`, closed to others; -1, with errno, on failure. What
 /// has its name (a leftover of an earlier process with our id, or a link planted in a folder that
 /// anybody may write to) is replaced, never written through.
 inline int OpenNewFile(const std::string& path) {
     RemoveLeftNewFiles(path);
-    (void)unlink(NewFileOf(path).c_str());
+    FreeName(NewFileOf(path));
     return open(NewFileOf(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
                 0600);
 }

@@ -214,6 +214,14 @@ Act Back(const std::string& file) {
         fs::rename(site.device.root.Path(file + ".away"), site.device.root.Path(file));
     };
 }
+/// Folders that are in the way of the status file.
+const Act kPlant = [](Site& site) {
+    const fs::path file = site.device.root.Path("/tmp/.zarorelayd.status");
+    fs::remove(file);
+    fs::create_directories(file / "x");
+    fs::create_directories(file.string() + ".tmp." + std::to_string(site.device.Daemon().Pid()) +
+                           "/x");
+};
 /// Has log-ins begin with this shell command; $2 is the password file.
 const auto Wrap = [](auto command) -> Act { return [=](Site& s) { s.device.WrapSsh(command); }; };
 
@@ -327,6 +335,7 @@ const Row kRows[] = {
     {"DescriptorsAreShort", "~web", kNew, kTries, Descriptors(3) + On(kBoth), Descriptors(1024)},
     // Files of the device.
     {"StatusFileIsGone", "not_running ", kNew, kClean, Take(kStatus), Ssh(SIGKILL)},
+    {"StatusFileIsAFolder", "", kNew, kClean, kPlant + Ssh(SIGKILL), kWait},
     {"TmpIsNoFolder", "not_running ", kNew, kTries, Take(kTmp, "") + Ssh(SIGKILL), Back(kTmp)},
     {"ConfigurationIsGone", "+web", kSame, kClean, Take(kConfig) + kReload,
      Back(kConfig) + kReload},

@@ -69,6 +69,13 @@ TEST_F(StatusTest, FetchesADump) {
         EXPECT_FALSE(fs::exists(gDumpFile)) << dump;
     }
     Json::Value out = 5;
+    gDump = "{}";
+    fs::create_directories(gDumpFile + "/in the way");
+    EXPECT_EQ(Daemon::DebugStatus(out), 11);
+    EXPECT_EQ(Daemon::DebugStatus(out), 0);
+    for (const auto& aside : fs::directory_iterator(root_.Path("/tmp"))) {
+        fs::remove_all(aside);
+    }
     FileLock asker(gDumpFile.c_str());
     EXPECT_TRUE(asker.Lock(LOCK_EX));
     EXPECT_EQ(Daemon::DebugStatus(out), 11);

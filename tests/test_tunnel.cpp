@@ -117,6 +117,8 @@ TEST_F(TunnelTest, ServiceIdsStayInTheFolderAndAreNotExecuted) {
 
 TEST_F(TunnelTest, PasswordsAreNeverOthersToRead) {
     const std::string path = PasswordFile("web");
+    fs::create_directories(path + "/in the way");
+    EXPECT_TRUE(With().WritePassFile(path) && fs::remove(path));
     // Somebody has made the file, open to all, and waits with an open descriptor.
     const int spy = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     With().WritePassFile(path);

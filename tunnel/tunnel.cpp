@@ -155,9 +155,7 @@ bool Tunnel::Destroy() {
 
 bool Tunnel::WritePassFile(const std::string& path) const {
     // Made anew and closed to others from its first instant; never written through a planted link.
-    if (unlink(path.c_str()) != 0 && errno == EISDIR) {
-        (void)rmdir(path.c_str());
-    }
+    FreeName(path);
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd < 0) {
         RELAY_LOG(3, "open [%s] failed, %s", path.c_str(), strerror(errno));
