@@ -42,7 +42,7 @@ bool ParseJson(const std::string& text, Json::Value& out, std::string* fault) {
         if (reader->parse(text.data(), text.data() + text.size(), &out, &errors)) {
             return true;
         }
-    } catch (const std::exception& tooDeep) {
+    } catch (const Json::Exception& tooDeep) {
         errors = tooDeep.what();
     }
     out = Json::Value();

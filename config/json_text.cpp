@@ -56,7 +56,7 @@ bool Parse(const std::string& text, Json::Value& out) {
         if (reader.parse(text, out, false)) {
             return true;
         }
-    } catch (const std::exception&) { // nested too deep
+    } catch (const Json::Exception&) { // nested too deep; want of memory says nothing of the text
     }
     out = Json::Value();
     return false;
