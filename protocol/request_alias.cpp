@@ -181,9 +181,7 @@ bool AliasRequest::GetRequest(std::string& postData, std::string& url) const {
 }
 
 boost::shared_ptr<Request> AliasRequest::GetSharedRequest() const {
-    boost::shared_ptr<Request> request(new Request(nullptr, nullptr, true));
-    (void)request->Set(url_, postData_, true); // the queue refuses one that could not be set up
-    return request;
+    return boost::shared_ptr<Request>(new Request(request_));
 }
 
 bool AliasRequest::Send(ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type) {

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <limits>
 #include <utility>
 
 #include "config/json_text.h"
@@ -160,7 +161,8 @@ int JobQueue::GetTimeOffset() const {
             offset = std::min(offset, job.schedule - now);
         }
     }
-    return static_cast<int>(offset);
+    // After a clock without a battery was set a job may be overdue by more than fits.
+    return static_cast<int>(std::max<long>(offset, std::numeric_limits<int>::min()));
 }
 
 bool JobQueue::CheckDoneJobs() {
