@@ -171,6 +171,7 @@ void Exchange::StartBatch(Time now) {
         session_.clear();
     }
     const auto request = MakeRequest(url, commands_, true);
+    batchShare_ = Request::_share;
     if (!request->IsValid() || !queue_.Add(request, OnBatchDone, 0)) {
         batchDue_ = true;
         Failed(batch_, RELAYD_RET_UNKNOWN, false, now);
@@ -264,7 +265,7 @@ void Exchange::TakeSession(Request& request) {
     std::list<std::string> lines;
     (void)request.GetCookies(lines); // none: no session
     session_ = SessionOf(lines, conf_.waitcmd.protocol != "https");
-    storeHasSession_ = true;
+    storeHasSession_ = Request::_share == batchShare_; // else it went into the former store
 }
 
 bool Exchange::HasSeparateWaitHost() const {

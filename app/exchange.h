@@ -102,6 +102,7 @@ private:
     Time pace_{}; ///< when the next long poll would go out at the steady pace
 
     std::string session_;          ///< "name=value; ..." of the session, for hosts of another name
+    CURLSH* batchShare_ = nullptr; ///< the cookie store of the batch that was sent last
     bool storeHasSession_ = false; ///< the shared cookie store sends it by itself
 
     unsigned long batches_ = 0;
