@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -90,6 +92,11 @@ int RunDaemon(bool foreground) {
     Daemon::SetName(kName);
     app::RemoveStalePidFile();
     RelaydConf conf(path.c_str()); // before Init, which logs where the configuration says
+    // Where the fork goes: a relative log file must not mean one here and another there.
+    if (!foreground && chdir("/") != 0) {
+        std::cerr << kName << ": /: " << strerror(errno) << std::endl;
+        return kFailure;
+    }
     // In the background the fork opens the log file; in the foreground whoever typed the command
     // still sees why it does not start.
     Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
@@ -127,7 +134,9 @@ int main(int argc, char** argv) {
         if (code >= 0) {
             return code;
         }
-        if (!options.root.empty() && !paths::SetRoot(options.root)) {
+        // From the environment as well: what is relative holds for the folder that this begins in.
+        const std::string root = options.root.empty() ? paths::Root() : options.root;
+        if (!root.empty() && !paths::SetRoot(root)) {
             std::cerr << kName << ": --root: expected an existing folder" << std::endl;
             return kUsage;
         }

@@ -96,7 +96,8 @@ void RemoveStalePidFile() {
         return;
     }
     const std::string process = std::to_string(pid);
-    if (pid > 0 && access(("/proc/" + process).c_str(), F_OK) == 0) {
+    // A process of this number may be us: in a container numbers come again.
+    if (pid > 0 && pid != getpid() && access(("/proc/" + process).c_str(), F_OK) == 0) {
         if (RunsProgram(process, ProgramOf("self")) && !HasOtherRoot(process)) {
             return; // Daemon::Init tells of it
         }

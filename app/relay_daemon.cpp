@@ -16,6 +16,7 @@
 
 #include "app/checks.h"
 #include "app/config_check.h"
+#include "app/json_io.h"
 #include "app/log_target.h"
 #include "daemon/log.h"
 #include "platform/paths.h"
@@ -209,6 +210,11 @@ bool RelayDaemon::Reload() {
     for (const std::string& fault : faults) {
         RELAY_LOG(unusable ? 3 : 4, "%s", fault.c_str());
     }
+    Json::Value config;
+    std::string unread;
+    const Json::Value* services =
+        ReadConfigFile(path, true, config, unread) ? FindMember(config, "service") : nullptr;
+    unusable = unusable || (services != nullptr && !services->isArray());
     const bool wasEnabled = conf_.enable;
     const NetworkConf network = conf_.network;
     if (unusable || !conf_.Reload()) {

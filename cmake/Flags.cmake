@@ -20,6 +20,9 @@ target_compile_options(zaro_flags INTERFACE
     -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror
     -fstack-protector-strong
     -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4) # for the files of large disks, and times after 2038
+    target_compile_definitions(zaro_flags INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
 foreach(flag -fstack-clash-protection -fcf-protection) # not every processor has them
     string(MAKE_C_IDENTIFIER "ZARO_HAS${flag}" has)
     check_cxx_compiler_flag(${flag} ${has})

@@ -173,8 +173,8 @@ int Daemon::Log(int level, const char* format, ...) {
 
 bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
     // Non-blocking, so that a FIFO given as the log file can't hang the daemon.
-    const int fd =
-        open(path.c_str(), openFlags | O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600);
+    const int fd = open(
+        path.c_str(), openFlags | O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW, 0600);
     if (fd < 0) {
         RELAY_LOG(3, "open log file [%s] failed", path.c_str());
         return false;

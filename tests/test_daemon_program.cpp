@@ -59,6 +59,9 @@ TEST_F(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
     device.Reload([](Json::Value& now) { now["service"].resize(1); });
     EXPECT_TRUE(Takes("withdrawal", seconds(2),
                       [&] { return Visitor(port).IsRefused() && device.Ssh("moved") < 0; }));
+    // A slip of the pen.
+    device.Reload([](Json::Value& now) { now["service"] = Json::Value(now["service"][0U]); });
+    EXPECT_TRUE(WaitFor([&] { return device.Logs("expected a list"); }) && device.ComesToRest());
     EXPECT_EQ(device.Ssh("web"), kept);
     EXPECT_EQ(visitor.Ask("still there?"), "still there?");
     EXPECT_EQ(hub.Registrations(), 1U);
@@ -117,6 +120,11 @@ TEST_F(DaemonProgram, StartsOverAStalePidFile) {
         EXPECT_TRUE(WaitFor([&] { return fresh.Status()["pid"] == fresh.Daemon().Pid(); }))
             << "[" << text << "] " << fresh.Log();
     }
+    const std::string own = "echo $$ >\"$0\"; exec " ZARO_DAEMON " --root \"$1\" --foreground";
+    const std::string pidFile = device.root.Path(Device::kPidFile);
+    const Process same({"/bin/sh", "-c", own, pidFile, device.root.Dir()}, "/dev/null",
+                       device.root.Dir(), device.Mark());
+    EXPECT_TRUE(WaitFor([&] { return device.Status()["pid"] == same.Pid(); }));
 }
 
 TEST_F(DaemonProgram, AnswersTheCommandLine) {

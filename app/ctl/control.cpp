@@ -138,7 +138,7 @@ int Debug() {
     case kNotRunning:
         return TellAbsent(Presence::None, code);
     case kLocked:
-        return Fail(code, "the daemon is busy, or somebody else asks", "try again in a moment");
+        return Fail(code, "the daemon is busy, or somebody else asks", "try again in a moment, as the daemon's own user");
     default:
         return Fail(code, "the dump file was taken away",
                     "see who else writes to " + paths::Root() + "/tmp");
