@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <iterator>
 #include <memory>
@@ -24,19 +25,48 @@ namespace {
 
 constexpr milliseconds kGrace{1000};
 constexpr milliseconds kBetweenReaps{100};
+constexpr milliseconds kBetweenLooks{1000};
+constexpr int kLookMs = 10;
 constexpr const char* kPasswordFiles = "/tmp/.tunnel."; // the common beginning of their names
 
 int OpenPidfd(pid_t pid) {
     return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
 }
 
-void Signal(int pidfd, int signal) {
-    (void)syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0); // one that is gone needs none
+void Signal(pid_t pid, int pidfd, int signal) {
+    if (pidfd >= 0) {
+        (void)syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0); // a gone one needs none
+    } else {
+        (void)kill(pid, signal);
+    }
 }
 
-bool HasEnded(int pidfd, milliseconds patience) {
-    pollfd entry = {pidfd, POLLIN, 0};
-    return poll(&entry, 1, static_cast<int>(patience.count())) == 1;
+/// Without a descriptor: an own child that waits to be reaped, or nobody of that number.
+bool HasEnded(pid_t pid) {
+    siginfo_t info = {};
+    const bool child =
+        waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+    return child ? info.si_pid == pid : kill(pid, 0) != 0 && errno == ESRCH;
+}
+
+bool HasEnded(pid_t pid, int pidfd, milliseconds patience) {
+    if (pidfd >= 0) {
+        pollfd entry = {pidfd, POLLIN, 0};
+        return poll(&entry, 1, static_cast<int>(patience.count())) == 1;
+    }
+    const Time end = Clock::now() + patience;
+    bool ended = HasEnded(pid);
+    while (!ended && Clock::now() < end) {
+        (void)poll(nullptr, 0, kLookMs);
+        ended = HasEnded(pid);
+    }
+    return ended;
+}
+
+void Close(int pidfd) {
+    if (pidfd >= 0) {
+        close(pidfd);
+    }
 }
 
 /// Time that is left until `end`, at least 0.
@@ -92,30 +122,32 @@ std::string FileEnding(const std::string& commandLine, const std::string& prefix
 
 ChildWatch::~ChildWatch() {
     for (const auto& [pid, child] : children_) {
-        close(child.pidfd);
+        Close(child.pidfd);
     }
 }
 
 bool ChildWatch::Add(pid_t pid) {
-    const int pidfd = pid > 0 ? OpenPidfd(pid) : -1;
-    if (pidfd < 0) {
+    if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH)) {
         return false;
     }
+    int pidfd = OpenPidfd(pid);
     if (pidfd >= FD_SETSIZE) { // the loop could not wait for it
-        RELAY_LOG(3, "too many descriptors to watch process %d", pid);
         close(pidfd);
-        return false;
+        pidfd = -1;
+    }
+    if (pidfd < 0) { // an old kernel, or too few descriptors: a tunnel is a tunnel all the same
+        RELAY_LOG(6, "process %d is looked at every second", pid);
     }
     const bool fresh = children_.emplace(pid, Child{pidfd, Time::max(), Time::max()}).second;
     if (!fresh) {
-        close(pidfd);
+        Close(pidfd);
     }
     return fresh;
 }
 
 void ChildWatch::AddTo(fd_set& read, int& maxfd) const {
     for (const auto& [pid, child] : children_) {
-        if (child.reapAt == Time::max()) {
+        if (child.reapAt == Time::max() && child.pidfd >= 0) {
             FD_SET(child.pidfd, &read);
             maxfd = std::max(maxfd, child.pidfd);
         }
@@ -128,16 +160,16 @@ void ChildWatch::Reap(Time now) {
     for (pid_t pid = waitpid(-1, nullptr, WNOHANG); pid > 0; pid = waitpid(-1, nullptr, WNOHANG)) {
         const auto child = children_.find(pid);
         if (child != children_.end()) {
-            close(child->second.pidfd);
+            Close(child->second.pidfd);
             children_.erase(child);
         }
     }
     for (auto child = children_.begin(); child != children_.end();) {
         const auto [pid, entry] = *child;
-        if (!HasEnded(entry.pidfd, milliseconds(0))) {
+        if (!HasEnded(pid, entry.pidfd, milliseconds(0))) {
             ++child;
         } else if (waitpid(pid, nullptr, WNOHANG) == pid || kill(pid, 0) != 0) {
-            close(entry.pidfd);
+            Close(entry.pidfd);
             child = children_.erase(child);
         } else { // its own parent has not reaped it yet, nor left it to us
             child->second.reapAt = now + kBetweenReaps;
@@ -152,10 +184,10 @@ void ChildWatch::EndUnowned(const std::set<pid_t>& owned, Time now) {
             continue;
         }
         if (child.killAt == Time::max()) {
-            Signal(child.pidfd, SIGTERM);
+            Signal(pid, child.pidfd, SIGTERM);
             child.killAt = now + kGrace;
         } else if (now >= child.killAt) {
-            Signal(child.pidfd, SIGKILL);
+            Signal(pid, child.pidfd, SIGKILL);
             child.killAt = now + kGrace;
         }
     }
@@ -164,20 +196,21 @@ void ChildWatch::EndUnowned(const std::set<pid_t>& owned, Time now) {
 Time ChildWatch::NextDue() const {
     Time due = Time::max();
     for (const auto& [pid, child] : children_) {
-        due = std::min({due, child.killAt, child.reapAt});
+        const Time look = child.pidfd >= 0 ? Time::max() : Clock::now() + kBetweenLooks;
+        due = std::min({due, child.killAt, child.reapAt, look});
     }
     return due;
 }
 
 void ChildWatch::EndAll(milliseconds patience) {
     for (const auto& [pid, child] : children_) {
-        Signal(child.pidfd, SIGTERM);
+        Signal(pid, child.pidfd, SIGTERM);
     }
     const Time end = Clock::now() + patience;
     for (const auto& [pid, child] : children_) {
-        if (!HasEnded(child.pidfd, Until(end))) {
-            Signal(child.pidfd, SIGKILL);
-            (void)HasEnded(child.pidfd, kGrace);
+        if (!HasEnded(pid, child.pidfd, Until(end))) {
+            Signal(pid, child.pidfd, SIGKILL);
+            (void)HasEnded(pid, child.pidfd, kGrace);
         }
     }
     Reap(Clock::now());

@@ -13,8 +13,9 @@
 
 namespace ZARO::Relay::app {
 
-/// Owns one pidfd per process. The daemon is their subreaper, so each ended one is reaped here. For
-/// the daemon's one loop; nothing blocks but EndAll.
+/// Owns one pidfd per process; one that gets none is looked at every second. The daemon is their
+/// subreaper, so each ended one is reaped here. For the daemon's one loop; nothing blocks but
+/// EndAll.
 class ChildWatch {
 public:
     ChildWatch() = default;
@@ -43,7 +44,7 @@ public:
 
 private:
     struct Child {
-        int pidfd;
+        int pidfd;   ///< -1: none was to be had
         Time killAt; ///< Time::max() while it is owned
         Time reapAt; ///< when an ended one that is not our child yet is looked at again
     };

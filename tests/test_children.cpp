@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <netinet/in.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include "app/child_watch.h"
@@ -11,8 +12,12 @@
 namespace app = ZARO::Relay::app;
 
 TEST(Children, AreReapedWhetherWatchedOrNot) {
-    for (const bool watched : {true, false}) {
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    for (const auto& [watched, most] : {std::pair(true, limit.rlim_cur), {true, 3}, {false, 3}}) {
         app::ChildWatch watch;
+        const rlimit some = {most, limit.rlim_max}; // too few for a pidfd is as a kernel without
+        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &some), 0);
         const pid_t pid = fork();
         if (pid == 0) {
             _exit(0);
@@ -25,6 +30,7 @@ TEST(Children, AreReapedWhetherWatchedOrNot) {
         }));
         waitpid(pid, nullptr, WNOHANG);
     }
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST(Children, OnAnIPv6AddressHaveNotLostIt) {
