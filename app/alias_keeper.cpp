@@ -1,6 +1,7 @@
 #include "app/alias_keeper.h"
 
 #include <exception>
+#include <utility>
 
 #include "app/checks.h"
 #include "app/status_file.h"
@@ -42,7 +43,8 @@ bool IsGone(ALIAS_RET outcome) {
 
 } // namespace
 
-AliasKeeper::AliasKeeper(RelaydConf& conf, JobQueue& queue) : conf_(conf), queue_(queue) {
+AliasKeeper::AliasKeeper(RelaydConf& conf, JobQueue& queue, std::function<void()> dropNames)
+    : conf_(conf), queue_(queue), dropNames_(std::move(dropNames)) {
     gAliasKeeper = this;
 }
 
@@ -150,6 +152,7 @@ void AliasKeeper::Schedule(ALIAS_RET outcome, const std::string& alias, Time now
     ALIAS_RETRY_TYPE retry = ALIAS_RETRY_NORMAL;
     (void)AliasRequest::GetRetryType(outcome, retry);
     if (retry == ALIAS_RETRY_PATH) {
+        dropNames_();
         next_ = now + backoff_.Failed(now);
         return;
     }

@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <functional>
 #include <string>
 
 #include <zarorelayd/config.h>
@@ -17,7 +18,8 @@ namespace ZARO::Relay::app {
 /// Runs on the job queue of the daemon's one loop; nothing blocks. One object a process.
 class AliasKeeper {
 public:
-    AliasKeeper(RelaydConf& conf, JobQueue& queue);
+    /// `dropNames` is called when the alias server can't be reached: it may have moved.
+    AliasKeeper(RelaydConf& conf, JobQueue& queue, std::function<void()> dropNames);
     AliasKeeper(const AliasKeeper&) = delete;
     AliasKeeper& operator=(const AliasKeeper&) = delete;
     ~AliasKeeper();
@@ -44,6 +46,7 @@ private:
 
     RelaydConf& conf_;
     JobQueue& queue_;
+    std::function<void()> dropNames_;
     Backoff backoff_{seconds(5), seconds(300)};
     Time next_{};
     ALIAS_REQUEST_CMD running_ = ALIAS_REQUEST_NONE;

@@ -216,4 +216,15 @@ std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMiss
     return report.Lines();
 }
 
+std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable) {
+    const std::vector<std::string> faults = CheckConfigFile(path, mayBeMissing, unusable);
+    Json::Value config;
+    std::string unread;
+    if (!unusable && ReadConfigFile(path, mayBeMissing, config, unread)) {
+        const Json::Value* services = FindMember(config, "service");
+        unusable = services != nullptr && !services->isArray();
+    }
+    return faults;
+}
+
 } // namespace ZARO::Relay::app

@@ -20,4 +20,8 @@ bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& con
 std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
                                          bool& unusable);
 
+/// The same for a running daemon, which keeps what it has when `unusable`. It then does so as well
+/// when the services are no list: for the library that means none.
+std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable);
+
 } // namespace ZARO::Relay::app

@@ -124,6 +124,10 @@ bool HasLostAddress(pid_t pid) {
     return false;
 }
 
+int LocalPort(const ServiceConf& service) {
+    return service.id == "syncbay" ? 6691 : service.port;
+}
+
 Reachable ProbeLocalPort(int port) {
     if (!IsPort(port)) {
         return Reachable::Unknown;

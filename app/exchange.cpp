@@ -3,15 +3,18 @@
 #include <algorithm>
 #include <exception>
 #include <list>
+#include <set>
 #include <utility>
 
 #include <zarorelayd/tunnel.h>
 
 #include "app/checks.h"
+#include "app/config_check.h"
 #include "app/config_lock.h"
 #include "app/json_io.h"
 #include "app/session.h"
 #include "daemon/log.h"
+#include "platform/paths.h"
 
 namespace ZARO::Relay::app {
 
@@ -30,6 +33,7 @@ constexpr milliseconds kPollPace{500};
 constexpr int kPollsFree = 40;
 /// How long the loop may wait for a command line that changes the configuration file.
 constexpr milliseconds kFilePatience{300};
+constexpr seconds kBetweenLosses{600};
 
 Exchange* gExchange = nullptr;
 
@@ -220,6 +224,15 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
         const bool writes =
             reply.isArray() && !reply.empty() && !TextMember(reply[0U], "serverID").empty();
         (void)(writes && lock.Take(kFilePatience));
+        Json::Value config;
+        std::string fault;
+        if (writes && !ReadConfigFile(paths::ConfigFile(), true, config, fault)) {
+            // The library would move the file aside: a slip of the pen would cost all services. So
+            // the id holds for this run only.
+            RELAY_LOG(4, "the server id is not written: %s", fault.c_str());
+            conf_.serverID = TextMember(reply[0U], "serverID");
+            reply[0U].removeMember("serverID");
+        }
         register_.ParseResponse(conf_, commands_, reply);
     }
     if (!conf_.waitcmd.IsValid()) { // a server of which only part was named
@@ -362,7 +375,28 @@ RELAYD_RET Exchange::TakeWaitReply(const Json::Value& reply, Time now) {
         return RELAYD_RET_UNKNOWN;
     }
     revision_ = NumberMember(answer, "revision");
+    LookForLoss(*tunnels, now);
     return RELAYD_RET_SUCCESS;
+}
+
+/// A server that was put back to an older state has lost what it acknowledged since then.
+void Exchange::LookForLoss(const Json::Value& tunnels, Time now) {
+    if (!registered_ || batchDue_ || batch_.runs || now < lossLookAt_) {
+        return;
+    }
+    std::set<std::string> listed;
+    for (const Json::Value& tunnel : tunnels) {
+        listed.insert(TextMember(tunnel, "id"));
+    }
+    for (const ServiceConf& service : conf_.services) {
+        if (listed.count(service.id) == 0) {
+            RELAY_LOG(4, "the server lists no tunnel for %s, registering anew",
+                      Printable(service.id).c_str());
+            lossLookAt_ = now + kBetweenLosses; // one that never gives us a tunnel is not stormed
+            RegisterAnew();
+            return;
+        }
+    }
 }
 
 // --- outcomes
@@ -416,7 +450,6 @@ void Exchange::Failed(Line& line, RELAYD_RET result, bool refused, Time now) {
     }
 }
 
-/// Forgets resolved names, and with them the cookies of the shared store.
 void Exchange::DropNames() {
     Request::CleanDnsCache();
     storeHasSession_ = false;

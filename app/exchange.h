@@ -40,6 +40,10 @@ public:
     void ConfigurationChanged(Time now);
     /// The network changed: as above, and the long poll is made anew.
     void NetworkChanged(Time now);
+    /// The next batch registers, whatever stands.
+    void RegisterAnew();
+    /// Forgets resolved names, and with them the cookies of the shared store.
+    void DropNames();
     /// Ends all requests; the next batch registers anew.
     void Stop();
 
@@ -75,11 +79,10 @@ private:
     void RestartWait(Time now);
     void WaitDone(Request& request, Time now);
 
+    void LookForLoss(const Json::Value& tunnels, Time now);
     void Succeeded(Line& line, Time now);
     void Failed(Line& line, RELAYD_RET result, bool refused, Time now);
     void GaveUp(Line& line, const char* why);
-    void DropNames();
-    void RegisterAnew();
     boost::shared_ptr<Request> MakeRequest(const std::string& url, const Json::Value& body,
                                            bool sameHost);
     bool HasSeparateWaitHost() const;
@@ -99,7 +102,8 @@ private:
     bool waitStands_ = false; ///< the last long poll was answered well
     Time waitStarted_{};
     int revision_ = 0;
-    Time pace_{}; ///< when the next long poll would go out at the steady pace
+    Time lossLookAt_{}; ///< until then a missing service is not asked for again
+    Time pace_{};       ///< when the next long poll would go out at the steady pace
 
     std::string session_;          ///< "name=value; ..." of the session, for hosts of another name
     CURLSH* batchShare_ = nullptr; ///< the cookie store of the batch that was sent last

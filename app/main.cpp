@@ -106,9 +106,8 @@ int RunDaemon(bool foreground) {
     if (!Daemon::Init(!foreground)) {
         return kFailure;
     }
-    if (foreground) {
-        app::ApplyLogSettings(conf);
-    }
+    app::ApplyLogSettings(
+        conf); // in the background, too: a log that is cut short goes on at its end
     PrepareProcess();
     app::DropPrivileges();
     app::EndLoginsOnStopSignals();

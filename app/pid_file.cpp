@@ -87,7 +87,8 @@ std::string ProgramOf(const std::string& process) {
 
 bool RunsProgram(const std::string& process, const std::string& program) {
     const std::string path = ProgramOf(process);
-    return path.empty() ? ShortName(process) == program.substr(0, kShortName) : path == program;
+    // An upgrade may have renamed the file; the process keeps the name that it was started with.
+    return path == program || ShortName(process) == program.substr(0, kShortName);
 }
 
 void RemoveStalePidFile() {

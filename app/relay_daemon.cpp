@@ -16,7 +16,6 @@
 
 #include "app/checks.h"
 #include "app/config_check.h"
-#include "app/json_io.h"
 #include "app/log_target.h"
 #include "daemon/log.h"
 #include "platform/paths.h"
@@ -44,17 +43,12 @@ const char* ReachableText(Reachable reachable) {
     return "unknown";
 }
 
-/// The port that a tunnel leads to: one service has a fixed one.
-int LocalPort(const ServiceConf& service) {
-    return service.id == "syncbay" ? 6691 : service.port;
-}
-
 } // namespace
 
 RelayDaemon::RelayDaemon(const RelaydConf& conf)
     : conf_(conf), exchange_(conf_, queue_, keeper_, [this] { (void)Reload(); }),
-      alias_(conf_, queue_), hasFile_(access(paths::ConfigFile().c_str(), F_OK) == 0),
-      since_(time(nullptr)) {
+      alias_(conf_, queue_, [this] { exchange_.DropNames(); }),
+      hasFile_(access(paths::ConfigFile().c_str(), F_OK) == 0) {
     conf_.network.ReadConf();
     (void)conf_.auth.ReadConf(); // logged; the exchange tries again
 }
@@ -206,34 +200,43 @@ bool RelayDaemon::Reload() {
     // pen, or an editor that is just replacing the file, must not end every tunnel.
     bool unusable = false;
     const std::string path = paths::ConfigFile();
-    const auto faults = CheckConfigFile(path, !hasFile_, unusable);
+    const auto faults = CheckReload(path, !hasFile_, unusable);
     for (const std::string& fault : faults) {
         RELAY_LOG(unusable ? 3 : 4, "%s", fault.c_str());
     }
-    Json::Value config;
-    std::string unread;
-    const Json::Value* services =
-        ReadConfigFile(path, true, config, unread) ? FindMember(config, "service") : nullptr;
-    unusable = unusable || (services != nullptr && !services->isArray());
     const bool wasEnabled = conf_.enable;
     const NetworkConf network = conf_.network;
+    const ServerConf control = conf_.control;
+    const std::string id = conf_.serverID;
     if (unusable || !conf_.Reload()) {
-        return false; // what was in force stays
+        conf_.enable = conf_.GetEnableConf(); // it is in another file; all else stays as it was
+        SwitchedFrom(wasEnabled);
+        return false;
     }
     hasFile_ = access(path.c_str(), F_OK) == 0;
+    if (conf_.control != control) { // the former one's wait-command server knows nothing of us
+        conf_.waitcmd = RelaydConf(path.c_str()).waitcmd;
+    }
+    if (conf_.serverID != id) { // an older copy of the file: the server knows the right one
+        exchange_.RegisterAnew();
+    }
     // The reload has looked at the network as well; a change is dealt with where all changes are.
     conf_.network = network;
     networkCheck_ = Clock::now();
     ApplyLogSettings(conf_);
     RELAY_LOG(6, "configuration reloaded");
     keeper_.DropWithdrawn(conf_.services, Clock::now());
+    SwitchedFrom(wasEnabled);
+    return true;
+}
+
+void RelayDaemon::SwitchedFrom(bool wasEnabled) {
     if (wasEnabled && !conf_.enable) {
         RELAY_LOG(5, "the relay service is switched off");
         exchange_.Stop();
         alias_.Stop();
         keeper_.CloseAll();
     }
-    return true;
 }
 
 // --- network
@@ -332,7 +335,7 @@ void RelayDaemon::WriteStatus() {
     const RELAYD_STATE state = State();
     if (state != shownState_) {
         shownState_ = state;
-        since_ = time(nullptr);
+        since_ = Beginning();
         RELAY_LOG(6, "state: %s", GetStateStr(state).c_str());
     }
     Json::Value status;
@@ -342,7 +345,7 @@ void RelayDaemon::WriteStatus() {
     status["serverID"] = conf_.serverID;
     status["service"] = ServiceStatus();
     status["alias"] = alias_.Describe();
-    status["since"] = static_cast<Json::Int64>(since_);
+    status["since"] = static_cast<Json::Int64>(since_.Seconds());
     status["version"] = ZARO_VERSION;
     status_.Write(status);
 }

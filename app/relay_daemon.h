@@ -4,7 +4,6 @@
 #include <json/value.h>
 #include <sys/select.h>
 
-#include <ctime>
 #include <map>
 #include <set>
 #include <string>
@@ -13,6 +12,7 @@
 #include <zarorelayd/jobqueue.h>
 
 #include "app/alias_keeper.h"
+#include "app/beginning.h"
 #include "app/connections.h"
 #include "app/exchange.h"
 #include "app/net_watch.h"
@@ -48,6 +48,7 @@ private:
     void ReloadByUser();
     bool Reload();
     void ProbeServices(Time now);
+    void SwitchedFrom(bool wasEnabled);
     void Stop();
     Time NextDue(Time now) const;
 
@@ -70,7 +71,7 @@ private:
     bool hasFile_;                    ///< the configuration in force came from a file
     bool stopping_ = false;
     RELAYD_STATE shownState_ = RELAYD_STATE_STARTING;
-    std::time_t since_;
+    Beginning since_; ///< of the state
     unsigned long passes_ = 0;
 };
 

@@ -145,7 +145,7 @@ void TunnelKeeper::NoticeEnded(Time now) {
         const milliseconds wait = upkeep.backoff.Failed(now);
         upkeep.nextStart = atOnce ? RebuildTime(id, now) : now + wait;
         upkeep.rebuiltAtOnce = atOnce ? now : upkeep.rebuiltAtOnce;
-        upkeep.since = time(nullptr);
+        upkeep.since = Beginning();
         RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
     }
 }
@@ -189,7 +189,7 @@ void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
             _exit(127); // the child whose SSH client could not be executed
         }
     }
-    upkeep.since = time(nullptr);
+    upkeep.since = Beginning();
     // The search for the process also finds that of a service whose id only begins with this one's.
     const std::string ending = std::to_string(daemon) + "." + id;
     if (!good || !ServesPasswordFile(PidOf(tunnel), ending) || !children_.Add(PidOf(tunnel))) {
@@ -318,7 +318,7 @@ Json::Value TunnelKeeper::Describe(const std::string& id) const {
     description["status"] = Tunnel::GetStatusStr(tunnel->GetStatus());
     description["relay_ip"] = short_form["relay_ip"];
     description["relay_port"] = short_form["relay_port"];
-    description["since"] = static_cast<Json::Int64>(upkeep->second.since);
+    description["since"] = static_cast<Json::Int64>(upkeep->second.since.Seconds());
     description["restarts"] = std::max(0, upkeep->second.starts - 1);
     return description;
 }
@@ -339,7 +339,7 @@ Json::Value TunnelKeeper::Dump() const {
         if (upkeep != upkeep_.end()) {
             entry["starts"] = upkeep->second.starts;
             entry["relay_up"] = upkeep->second.relayAnswers;
-            entry["since"] = static_cast<Json::Int64>(upkeep->second.since);
+            entry["since"] = static_cast<Json::Int64>(upkeep->second.since.Seconds());
         }
     }
     return list;

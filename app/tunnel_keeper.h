@@ -13,6 +13,7 @@
 #include <zarorelayd/tunnel.h>
 
 #include "app/backoff.h"
+#include "app/beginning.h"
 #include "app/child_watch.h"
 
 namespace ZARO::Relay::app {
@@ -74,7 +75,7 @@ private:
         Time nextStart{};
         Time readySince{};
         Time rebuiltAtOnce{}; ///< when a death was last answered without a wait
-        std::time_t since = 0;
+        Beginning since;      ///< of its state
         int starts = 0;
         bool failing = false;
         bool relayAnswers = true; ///< what the server said last about the relay's own port

@@ -155,8 +155,8 @@ void CheckServices(Chain& chain, const Device& device) {
     }
     for (const ServiceConf& service : device.conf.services) {
         const std::string name = "service " + service.id;
-        const std::string port = "port " + std::to_string(service.port);
-        if (app::ProbeLocalPort(service.port) == app::Reachable::Yes) {
+        const std::string port = "port " + std::to_string(app::LocalPort(service));
+        if (app::ProbeLocalPort(app::LocalPort(service)) == app::Reachable::Yes) {
             chain.Good(name, port);
         } else {
             chain.Broken(name, port + " does not answer on this device", "start that service");

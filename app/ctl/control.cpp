@@ -14,6 +14,7 @@
 #include <zarorelayd/daemon.h>
 
 #include "app/backoff.h"
+#include "app/config_check.h"
 #include "app/ctl/report.h"
 #include "app/json_io.h"
 #include "app/pid_file.h"
@@ -91,7 +92,7 @@ int Stop() {
     if (presence != Presence::Running) {
         return TellAbsent(presence, kNoAnswer);
     }
-    if (Daemon::Kill() != 0) {
+    if (Daemon::Kill() != 0 && FindDaemon() != Presence::None) { // not one that ended by itself
         return Fail(kNoAnswer, "the daemon did not end within 10 s",
                     "look at its log, or end the process in " + std::string(Daemon::GetPidFile()));
     }
@@ -111,7 +112,13 @@ int Restart() {
 
 int Reload() {
     const Presence presence = FindDaemon();
-    return presence == Presence::Running ? Daemon::Hup() : TellAbsent(presence, kNoAnswer);
+    if (presence != Presence::Running) {
+        return TellAbsent(presence, kNoAnswer);
+    }
+    const int code = Daemon::Hup();
+    bool unusable = false;
+    const auto faults = app::CheckReload(paths::ConfigFile(), true, unusable);
+    return unusable ? Fail(kUnusable, faults.front(), "the daemon keeps what it has") : code;
 }
 
 int FetchDump(Json::Value& dump) {
@@ -138,7 +145,8 @@ int Debug() {
     case kNotRunning:
         return TellAbsent(Presence::None, code);
     case kLocked:
-        return Fail(code, "the daemon is busy, or somebody else asks", "try again in a moment, as the daemon's own user");
+        return Fail(code, "the daemon is busy, or somebody else asks",
+                    "try again in a moment, as the daemon's own user");
     default:
         return Fail(code, "the dump file was taken away",
                     "see who else writes to " + paths::Root() + "/tmp");

@@ -117,7 +117,7 @@ Json::Value Describe(const Entries& entries) {
         item["name"] = entry.conf.name;
         item["port"] = IsPort(entry.conf.port) ? Json::Value(entry.conf.port) : Json::Value();
         item["published"] = entry.published;
-        item["local"] = LocalText(entry.conf.port);
+        item["local"] = LocalText(app::LocalPort(entry.conf));
     }
     return document;
 }

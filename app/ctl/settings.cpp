@@ -43,7 +43,8 @@ private:
 };
 
 /// Has the library change the log settings, which also makes a running daemon reload.
-int SwitchLog(const std::function<int()>& change, const std::string& done) {
+int SwitchLog(const std::function<int()>& change, const std::string& logFile,
+              const std::string& done) {
     const Presence presence = FindDaemon();
     if (presence == Presence::Foreign) {
         return Fail(kNoAnswer,
@@ -64,7 +65,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& done) {
     }
     {
         const Silence silence;
-        if (change() != 0) {
+        if (change() != 0 || app::TextMember(file.Read(), "log_file") != logFile) {
             return TellNotWritten();
         }
     }
@@ -138,12 +139,12 @@ int StartLog(const std::string& file) {
         return Fail(kNoAnswer, "\"" + Clean(file) + "\" is a link or another user's file",
                     "expected a new file or one of your own");
     }
-    return SwitchLog([&] { return TLIBRelaydLogStart(path.c_str()); },
+    return SwitchLog([&] { return TLIBRelaydLogStart(path.c_str()); }, path.string(),
                      "debug log goes to " + Clean(path.string(), 300));
 }
 
 int StopLog() {
-    return SwitchLog(TLIBRelaydLogStop, "debug log is off");
+    return SwitchLog(TLIBRelaydLogStop, "", "debug log is off");
 }
 
 int ShowServerId() {
