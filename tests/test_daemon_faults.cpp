@@ -54,6 +54,27 @@ TEST_F(DaemonFaults, DropsAnotherDevicesId) {
               "@administrators relayservice:relayservice_serverid_change_title "
               "relayservice:relayservice_serverid_change_msg\n");
     EXPECT_EQ(hub.Registrations(), 2U);
+    // An older copy of the file is put back.
+    device.Reload([](Json::Value& now) { now.removeMember("serverID"); });
+    EXPECT_TRUE(
+        WaitFor([&] { return Parse(device.root.Read(Device::kConfig))["serverID"] == id; }));
+}
+
+TEST_F(DaemonFaults, LeavesABrokenConfigurationToItsOwner) {
+    Start();
+    const std::string broken = "{\"service\":[{\"id\":\"web\"},]}";
+    device.root.Write(Device::kConfig, broken, 0600);
+    hub.Kill();
+    for (const char* file : {"/hub.db", "/hub.db-wal", "/hub.db-shm"}) {
+        std::filesystem::remove(hub.Data() + file);
+    }
+    hub.Start();
+    EXPECT_TRUE(WaitFor([&] { return device.Logs("the server id is not written"); }));
+    EXPECT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Log();
+    EXPECT_EQ(device.root.Read(Device::kConfig), broken);
+    device.root.Write("/etc/zaroinfo.conf", "runrelayd=\"no\"\n");
+    device.Daemon().Signal(SIGHUP);
+    EXPECT_TRUE(WaitFor([&] { return device.Ssh("web") < 0; })); // switched off all the same
 }
 
 TEST_F(DaemonFaults, IsQuietWhenItsTokenIsRefused) {
