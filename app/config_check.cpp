@@ -217,7 +217,7 @@ std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMiss
 }
 
 std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable) {
-    const std::vector<std::string> faults = CheckConfigFile(path, mayBeMissing, unusable);
+    std::vector<std::string> faults = CheckConfigFile(path, mayBeMissing, unusable);
     Json::Value config;
     std::string unread;
     if (!unusable && ReadConfigFile(path, mayBeMissing, config, unread)) {
