@@ -71,6 +71,9 @@ void StatusFile::Refresh() {
         written_.clear();
         return;
     }
+    if (failing_) {
+        return; // what it tells is not the state any more: its age shows that
+    }
     (void)utimensat(AT_FDCWD, path_.c_str(), nullptr, AT_SYMLINK_NOFOLLOW); // cleaners go by age
 }
 

@@ -170,6 +170,11 @@ TEST_F(Ctl, StatusFollowsTheStatusFile) {
         EXPECT_THAT(json.err, HasSubstr(c.err));
         EXPECT_EQ(Run(std::string("status ") + c.options).code, json.code);
     }
+    const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::minutes(5);
+    std::filesystem::last_write_time(root_.Path(kStatusFile), old);
+    const Result stale = Run("status");
+    EXPECT_EQ(stale.code, 255);
+    ExpectLine(stale.err, "is as it was on");
 }
 
 TEST_F(Ctl, TableTellsEachServicesState) {

@@ -1,6 +1,7 @@
 #include "app/ctl/status.h"
 
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <ctime>
@@ -29,7 +30,8 @@ using app::TextMember;
 constexpr Json::ArrayIndex kMostServices = 1000;
 
 /// The server tells whether the relay's port answers some time after the tunnel stands.
-constexpr std::int64_t kYoung = 15; // seconds
+constexpr std::int64_t kYoung = 15;  // seconds
+constexpr std::int64_t kStale = 150; // seconds
 
 Json::Value MemberOf(const Json::Value& object, const char* key) {
     const Json::Value* member = FindMember(object, key);
@@ -174,6 +176,17 @@ std::string AliasWords(const Json::Value& alias) {
            (extra.empty() ? "" : ", " + extra) + ")";
 }
 
+/// The daemon marks the file as fresh every minute, unless what it should hold can't be written.
+int TellAge() {
+    const std::string path = paths::StatusFile();
+    struct stat info = {};
+    if (stat(path.c_str(), &info) != 0 || time(nullptr) - info.st_mtime <= kStale) {
+        return kSuccess;
+    }
+    return Fail(kUnusable, path + " is as it was on " + DateAndTime(info.st_mtime),
+                "see whether the disk is full, or the daemon hangs");
+}
+
 int TellFault(const Status& status) {
     switch (status.code) {
     case kNotRunning:
@@ -188,7 +201,7 @@ int TellFault(const Status& status) {
         return Fail(status.code, paths::StatusFile() + " is unusable",
                     "make a new one with: zarorelayctl restart");
     default:
-        return status.code;
+        return TellAge();
     }
 }
 
