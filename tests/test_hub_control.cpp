@@ -233,6 +233,13 @@ TEST_F(HubControl, NamesItselfInItsCertificateAndHidesItsFiles) {
     EXPECT_EQ(static_cast<int>(std::filesystem::status(hub_.Data()).permissions()), 0700);
 }
 
+TEST_F(HubControl, OffersNoCostlyKeyExchange) {
+    httplib::SSLClient client("127.0.0.1", hub_.HttpsPort());
+    client.enable_server_certificate_verification(false);
+    ASSERT_EQ(SSL_CTX_set1_groups_list(client.ssl_context(), "ffdhe8192:P-521"), 1);
+    EXPECT_EQ(client.Post("/Serv.php", "[]", "text").error(), httplib::Error::SSLConnection);
+}
+
 class HubWait : public HubControl {
 protected:
     HubWait() : HubControl(4) {

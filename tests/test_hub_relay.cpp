@@ -121,6 +121,12 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
     for (const auto& [name, word] : kLogIns) {
         EXPECT_FALSE(TestTunnel(hub_).LogIn(name, word)) << name << " " << word;
     }
+    for (const char* costly : {"diffie-hellman-group16-sha512",
+                               "diffie-hellman-group-exchange-sha256", "ecdh-sha2-nistp521"}) {
+        TestTunnel tunnel(hub_);
+        ssh_options_set(tunnel.Session(), SSH_OPTIONS_KEY_EXCHANGE, costly);
+        EXPECT_FALSE(tunnel.LogIn(web_)) << costly;
+    }
     for (const int port : {other_["relay_port"].asInt(), port_ + 1000, 0, 22}) {
         TestTunnel tunnel(hub_);
         ASSERT_TRUE(tunnel.LogIn(web_));
