@@ -8,37 +8,17 @@ namespace {
 
 constexpr auto kGathering = std::chrono::milliseconds(200);
 
-/// Each held request has a thread and a connection; beyond this the others would starve.
-constexpr size_t kMaxHeld = 768;
-
 } // namespace
 
 bool Waiters::Wait(int64_t device, int seen, bool mayHold, int* revision) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (mayHold && !stopping_) {
         Seat& seat = seats_[device]; // seats stay for good, so the reference holds while unlocked
-        TakeSeat(seat);
-        const unsigned turn = seat.turn;
-        const bool good = Hold(lock, device, seat, seen, revision);
-        if (seat.turn == turn) {
-            held_.remove(&seat);
-        }
-        return good;
+        ++seat.turn;
+        seat.wake.notify_all();
+        return Hold(lock, device, seat, seen, revision);
     }
     return Report(device, seats_[device], true, revision);
-}
-
-void Waiters::TakeSeat(Seat& seat) {
-    held_.remove(&seat);
-    if (held_.size() >= kMaxHeld) {
-        // The device that has waited longest comes back at once, and is the last to go then.
-        ++held_.front()->turn;
-        held_.front()->wake.notify_all();
-        held_.pop_front();
-    }
-    held_.push_back(&seat);
-    ++seat.turn;
-    seat.wake.notify_all();
 }
 
 bool Waiters::Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,

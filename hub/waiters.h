@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <list>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -18,8 +17,7 @@ public:
     Waiters(Store& store, std::chrono::milliseconds hold) : store_(store), hold_(hold) {}
 
     /// Returns when the revision of the device's list differs from `seen`, when the hold time is
-    /// over, when a later call for the same device takes over, when it is the oldest of too many,
-    /// or on Stop(); without `mayHold` at once. `revision` is the current one. False when the store
+    /// over, when a later call for the same device takes over, or on Stop(); without `mayHold` at once. `revision` is the current one. False when the store
     /// failed.
     bool Wait(int64_t device, int seen, bool mayHold, int* revision);
     /// The list changed, and its revision with it.
@@ -41,8 +39,6 @@ private:
 
     /// Makes a status change part of the revision once it is due.
     bool Report(int64_t device, Seat& seat, bool due, int* revision);
-    /// Makes the caller the seat's holder, and the newest of all.
-    void TakeSeat(Seat& seat);
     bool Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,
               int* revision);
 
@@ -50,7 +46,6 @@ private:
     const std::chrono::milliseconds hold_;
     std::mutex mutex_;
     std::map<int64_t, Seat> seats_;
-    std::list<Seat*> held_; // oldest first
     bool stopping_ = false;
 };
 
