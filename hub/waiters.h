@@ -17,8 +17,8 @@ public:
     Waiters(Store& store, std::chrono::milliseconds hold) : store_(store), hold_(hold) {}
 
     /// Returns when the revision of the device's list differs from `seen`, when the hold time is
-    /// over, when a later call for the same device takes over, or on Stop(); without `mayHold` at once. `revision` is the current one. False when the store
-    /// failed.
+    /// over, when a later call for the same device takes over, or on Stop(); without `mayHold` at
+    /// once. `revision` is the current one. False when the store failed.
     bool Wait(int64_t device, int seen, bool mayHold, int* revision);
     /// The list changed, and its revision with it.
     void ListChanged(int64_t device);
@@ -33,12 +33,13 @@ private:
 
     struct Seat {
         std::condition_variable wake;
-        unsigned turn = 0;                           // of the call that holds the seat
-        std::optional<Clock::time_point> unreported; // when the first unreported change came
+        unsigned turn = 0;                    // of the call that holds the seat
+        std::optional<Clock::time_point> due; // when to report the status changes, if there are any
     };
 
-    /// Makes a status change part of the revision once it is due.
-    bool Report(int64_t device, Seat& seat, bool due, int* revision);
+    /// The revision, of which the status changes so far become a part. When they can't be written,
+    /// it is the stored one, and they are tried again later.
+    bool Report(int64_t device, Seat& seat, int* revision);
     bool Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,
               int* revision);
 
