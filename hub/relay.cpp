@@ -227,8 +227,7 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
             Fd listener;
             std::string error;
             if (!ListenTcp(visitorAddress_, port, &listener, &error)) {
-                Log(Level::kError, "relay", "tunnel %s: %s", seat->tunnel.id.c_str(),
-                    error.c_str());
+                closedPorts_.Log("relay", "tunnel %s: %s", seat->tunnel.id.c_str(), error.c_str());
                 return nullptr;
             }
             seat->port = std::make_shared<RelayPort>(std::move(listener));

@@ -81,6 +81,7 @@ private:
     const std::unique_ptr<ssh_bind_struct, void (*)(ssh_bind)> bind_;
     std::vector<std::atomic<bool>> up_; // by port
     LogQuota refusals_;
+    LogQuota closedPorts_{Level::kError};
 
     std::mutex mutex_; // guards the following; taken before the store's, never after
     bool stopping_ = false;

@@ -31,6 +31,7 @@ TEST_F(HubControl, AnswersEachCommandInOrder) {
         {R"([R,{"version":2,"command":"reboot"}])", "0 5"},
         {R"([R,{"version":"1","command":"register"},5,null,{},[],S])", "0 9 9 9 9 9 0"},
         {R"([{"version":1,"command":"register"},R])", "9 0"},
+        {"[R,S,R,N]", "0 0 9 0"},
         {"[R,R,R,R,R,R,R,R,R,R,R,R,R,R,R,R,R]", "9"}, // one command too many
     };
     int number = 0;
