@@ -26,7 +26,8 @@ constexpr auto kSilence = seconds(14);
 constexpr auto kFirstProbe = seconds(6); // the device's own probes come sooner, as a rule
 constexpr auto kNextProbe = seconds(4);  // if the first could not be sent
 
-constexpr size_t kMaxVisitors = 1024;
+constexpr size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
+constexpr size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
 constexpr size_t kAcceptedAtOnce = 16;
 constexpr size_t kMaxBindAddress = 255;
 
@@ -100,7 +101,8 @@ bool RelaySession::IsWriting() const {
 
 void RelaySession::WaitForEvents() {
     const bool writing = IsWriting();
-    const bool accepting = port_ != nullptr && visitors_.size() < kMaxVisitors && now_ >= rest_;
+    const bool accepting =
+        port_ != nullptr && visitors_.size() < kMaxVisitors + kMaxLeaving && now_ >= rest_;
     polled_.clear();
     polled_.push_back({waker_.Get(), POLLIN, 0});
     polled_.push_back({fd_, static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0});
@@ -168,7 +170,7 @@ void RelaySession::HandleVisitors(bool heard) {
         if (IsWriting()) {
             events = static_cast<short>(events & ~POLLIN);
         }
-        visitor->Move(events, buffer_.data());
+        visitor->Move(events, now_, buffer_.data());
         overrun = overrun || visitor->IsOverrun();
         visitor = visitor->IsDone() ? visitors_.erase(visitor) : std::next(visitor);
     }
@@ -183,7 +185,7 @@ void RelaySession::AcceptVisitors() {
     if (state_ != State::kServing || polled_[2].revents == 0) {
         return;
     }
-    for (size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors; ++i) {
+    for (size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving; ++i) {
         Fd fd = port_->Accept(this);
         if (!fd) {
             if (IsShortage(errno)) {
@@ -197,8 +199,23 @@ void RelaySession::AcceptVisitors() {
             return;
         }
         inShortage_ = false;
+        MakeRoom();
         visitors_.emplace_back(session_.get(), std::move(fd));
         visitors_.back().Open(bindAddress_, portNumber_);
+    }
+}
+
+void RelaySession::MakeRoom() {
+    size_t present = 0;
+    RelayVisitor* idlest = nullptr;
+    for (RelayVisitor& visitor : visitors_) {
+        if (!visitor.IsGone()) {
+            ++present;
+            idlest = idlest == nullptr || visitor.MovedAt() < idlest->MovedAt() ? &visitor : idlest;
+        }
+    }
+    if (present >= kMaxVisitors) {
+        idlest->End();
     }
 }
 

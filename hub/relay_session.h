@@ -74,6 +74,8 @@ private:
     bool IsWriting() const;
     void HandleVisitors(bool heard);
     void AcceptVisitors();
+    /// For one more visitor.
+    void MakeRoom();
     void KeepAlive();
     void Over(const char* why);
     bool CheckPassword(const char* user, const char* password);
