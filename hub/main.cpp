@@ -168,7 +168,6 @@ int Run(const CommandLine& line) {
     const rlimit noCore{0, 0};
     (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds keys and passwords
     ZARO::RelayHub::SetLogLevel(line.logLevel);
-    RaiseDescriptorLimit();
 
     Hub hub(line.hub);
     std::string error;
@@ -176,6 +175,7 @@ int Run(const CommandLine& line) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", error.c_str());
         return 1;
     }
+    RaiseDescriptorLimit(); // a failed start has its one line
     PrintListeners(line.hub, hub);
     int number = 0;
     (void)sigwait(&ending, &number);
