@@ -179,9 +179,8 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value* re
 }
 
 Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* reply) {
-    FinishRegistration(batch);
     Identity identity;
-    if (!TakeIdentity(command["auth"], &identity)) {
+    if (batch.hasRegistered || !TakeIdentity(command["auth"], &identity)) {
         return Errno::kInput;
     }
     Device device;
@@ -192,9 +191,10 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* r
                       batch.origin.peer.c_str(), static_cast<int>(ErrnoOf(result)));
         return ErrnoOf(result);
     }
-    Log(Level::kInfo, "control", "device %s registered as %s", identity.serial.c_str(),
-        device.serverId.c_str());
+    registrations_.Log("control", "device %s registered as %s", identity.serial.c_str(),
+                       device.serverId.c_str());
     batch.device = device;
+    batch.hasRegistered = true;
     batch.owesServices = true;
     *batch.session = std::move(session);
     (*reply)["serverID"] = device.serverId;

@@ -51,6 +51,7 @@ private:
         const Origin& origin;
         std::string* session;
         std::optional<Device> device;
+        bool hasRegistered = false;
         bool owesServices = false; // registered, and its services not named again so far
         bool isLast = false;       // the command is the batch's last one
     };
@@ -71,6 +72,7 @@ private:
     const RelayControl relay_;
     const std::string relayHost_;
     LogQuota refusals_;
+    LogQuota registrations_{Level::kInfo, 100};
 };
 
 } // namespace ZARO::RelayHub

@@ -12,8 +12,6 @@ namespace ZARO::RelayHub {
 
 namespace {
 
-constexpr int kQuota = 10; // lines a minute
-
 std::atomic<int> gLevel{static_cast<int>(Level::kInfo)};
 
 const char* NameOf(Level level) {
@@ -65,17 +63,16 @@ void LogQuota::Log(const char* unit, const char* format, ...) {
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto now = std::chrono::steady_clock::now();
     if (lines_ == 0 || now >= begin_ + std::chrono::minutes(1)) {
-        if (lines_ > kQuota) {
-            RelayHub::Log(Level::kWarning, unit, "%d more lines like these were left out",
-                          lines_ - kQuota);
+        if (lines_ > quota_) {
+            RelayHub::Log(level_, unit, "%d more lines like these were left out", lines_ - quota_);
         }
         begin_ = now;
         lines_ = 0;
     }
-    if (++lines_ <= kQuota) {
+    if (++lines_ <= quota_) {
         va_list arguments;
         va_start(arguments, format);
-        Write(Level::kWarning, unit, format, arguments);
+        Write(level_, unit, format, arguments);
         va_end(arguments);
     }
 }

@@ -22,13 +22,18 @@ void SetLogLevel(int level);
 void Log(Level level, const char* unit, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
-/// Warnings that strangers can cause at will: ten a minute, then only their number. Any thread may
+/// Lines that strangers can cause at will: so many a minute, then only their number. Any thread may
 /// call any method.
 class LogQuota {
 public:
+    explicit LogQuota(Level level = Level::kWarning, int quota = 10)
+        : level_(level), quota_(quota) {}
+
     void Log(const char* unit, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 private:
+    const Level level_;
+    const int quota_;
     std::mutex mutex_;
     std::chrono::steady_clock::time_point begin_; // of the present minute
     int lines_ = 0;                               // in it, written or not

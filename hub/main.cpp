@@ -16,6 +16,7 @@
 #include "hub/hub.h"
 #include "hub/log.h"
 #include "hub/net.h"
+#include "hub/store.h"
 
 namespace {
 
@@ -24,6 +25,9 @@ using ZARO::RelayHub::HubOptions;
 using ZARO::RelayHub::IsAddress;
 
 constexpr int kUsage = 2; // exit code for a wrong command line
+
+constexpr rlim_t kPerDevice = 4;           // descriptors: a held request, and three for a tunnel
+constexpr rlim_t kOtherDescriptors = 2048; // strangers, some visitors, and the hub's own
 
 CLI::Validator Expect(const std::string& what, std::function<bool(const std::string&)> holds) {
     return CLI::Validator(
@@ -119,10 +123,19 @@ void FillStandardDescriptors() {
 /// Every connection costs a descriptor or three; the usual soft limit serves few devices.
 void RaiseDescriptorLimit() {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        // A lower limit is workable: the listeners pause when it is reached.
-        (void)setrlimit(RLIMIT_NOFILE, &limit);
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return;
+    }
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = limit.rlim_max;
+    const rlim_t now = setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_max : before;
+    const rlim_t devices = now < kOtherDescriptors ? 0 : (now - kOtherDescriptors) / kPerDevice;
+    // A lower limit is workable: the listeners pause when it is reached.
+    if (devices < ZARO::RelayHub::kMaxDevices) {
+        ZARO::RelayHub::Log(ZARO::RelayHub::Level::kWarning, "hub",
+                            "a limit of %llu descriptors is enough for %llu devices only",
+                            static_cast<unsigned long long>(now),
+                            static_cast<unsigned long long>(devices));
     }
 }
 
@@ -154,7 +167,6 @@ int Run(const CommandLine& line) {
     umask(077);
     const rlimit noCore{0, 0};
     (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds keys and passwords
-    RaiseDescriptorLimit();
     ZARO::RelayHub::SetLogLevel(line.logLevel);
 
     Hub hub(line.hub);
@@ -163,6 +175,7 @@ int Run(const CommandLine& line) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", error.c_str());
         return 1;
     }
+    RaiseDescriptorLimit(); // a failed start has its one line
     PrintListeners(line.hub, hub);
     int number = 0;
     (void)sigwait(&ending, &number);

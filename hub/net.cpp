@@ -127,6 +127,24 @@ std::string PeerOf(int fd, int* port) {
     return host;
 }
 
+uint64_t NetworkOf(int fd) {
+    sockaddr_storage peer{};
+    socklen_t size = sizeof peer;
+    uint64_t network = 0;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) {
+        return network;
+    }
+    if (peer.ss_family == AF_INET6) {
+        const auto* bytes = reinterpret_cast<sockaddr_in6*>(&peer)->sin6_addr.s6_addr;
+        const bool mapped =
+            IN6_IS_ADDR_V4MAPPED(&reinterpret_cast<sockaddr_in6*>(&peer)->sin6_addr);
+        memcpy(&network, mapped ? bytes + 8 : bytes, sizeof network);
+    } else {
+        network = reinterpret_cast<sockaddr_in*>(&peer)->sin_addr.s_addr;
+    }
+    return network;
+}
+
 std::string ForUrl(const std::string& address) {
     return address.find(':') == std::string::npos ? address : "[" + address + "]";
 }

@@ -1,6 +1,8 @@
 /// TCP listeners and the thread that accepts their connections.
 #pragma once
 
+#include <stdint.h>
+
 #include <chrono>
 #include <functional>
 #include <string>
@@ -39,6 +41,10 @@ void SetUserTimeOut(int fd, int milliseconds);
 
 /// Address and port of the peer, "" and 0 when it can't be told.
 std::string PeerOf(int fd, int* port);
+
+/// A number for the network of the peer, whose addresses are all one's own as a rule: an IPv4
+/// address, the first half of an IPv6 one. 0 when it can't be told.
+uint64_t NetworkOf(int fd);
 
 /// `address` as it stands in a URL: an IPv6 address in brackets.
 std::string ForUrl(const std::string& address);

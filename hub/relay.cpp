@@ -13,9 +13,14 @@ namespace ZARO::RelayHub {
 
 namespace {
 
-/// Sessions that have not logged in. One more ends the oldest: whoever floods the relay is slower
-/// than an honest log-in, which takes well under a second.
-constexpr size_t kMaxStrangers = 64;
+/// Sessions that have not logged in. One more ends the oldest of the network that has most of them:
+/// whoever floods the relay drives himself out, however fast he is, and a log-in from elsewhere has
+/// all the time it needs. Many devices at one address fit in when they all come at once.
+constexpr size_t kMaxStrangers = 512;
+
+/// The cheap ones: strangers choose, and the others cost up to 0.3 s of a processor each.
+constexpr char kKeyExchanges[] =
+    "curve25519-sha256,curve25519-sha256@libssh.org,ecdh-sha2-nistp256";
 
 struct KeyFree {
     void operator()(ssh_key key) const { ssh_key_free(key); }
@@ -79,6 +84,7 @@ bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
     const bool noFiles = false; // the machine's own SSH server settings are none of ours
     if (key == nullptr || bind_ == nullptr ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
+        ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_KEY_EXCHANGE, kKeyExchanges) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) != SSH_OK) {
         *error = keyFile +
                  " holds no usable host key: put a copy back, or remove it for a new one, "
@@ -130,6 +136,7 @@ void Relay::Serve(Fd fd, Waker waker) {
         return;
     }
     const int socket = fd.Get();
+    const uint64_t network = NetworkOf(socket);
     int result = SSH_ERROR;
     {
         const std::lock_guard<std::mutex> lock(mutex_); // bind_ is for one thread at a time
@@ -146,10 +153,9 @@ void Relay::Serve(Fd fd, Waker waker) {
                 return;
             }
             if (strangers_.size() >= kMaxStrangers) {
-                strangers_.front()->End();
-                strangers_.pop_front();
+                DropStranger();
             }
-            strangers_.push_back(&session);
+            strangers_.push_back({&session, network});
             sessions_.push_back(&session);
         }
         struct Entry {
@@ -161,6 +167,23 @@ void Relay::Serve(Fd fd, Waker waker) {
     } catch (const std::exception& fault) {
         Log(Level::kError, "relay", "a session failed: %s", fault.what());
     }
+}
+
+void Relay::DropStranger() {
+    std::map<uint64_t, size_t> counts;
+    for (const Stranger& stranger : strangers_) {
+        ++counts[stranger.network];
+    }
+    const auto found = std::max_element( // the first of equals
+        strangers_.begin(), strangers_.end(), [&counts](const Stranger& a, const Stranger& b) {
+            return counts[a.network] < counts[b.network];
+        });
+    found->session->End();
+    strangers_.erase(found);
+}
+
+void Relay::ForgetStranger(const RelaySession* session) {
+    strangers_.remove_if([session](const Stranger& one) { return one.session == session; });
 }
 
 bool Relay::LogIn(RelaySession* session, const std::string& user, const std::string& password) {
@@ -186,7 +209,7 @@ bool Relay::LogIn(RelaySession* session, const std::string& user, const std::str
     if (seat.port != nullptr) {
         seat.port->GiveTo(session); // stays open for visitors, who wait in the backlog
     }
-    strangers_.remove(session);
+    ForgetStranger(session);
     return true;
 }
 
@@ -204,8 +227,7 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
             Fd listener;
             std::string error;
             if (!ListenTcp(visitorAddress_, port, &listener, &error)) {
-                Log(Level::kError, "relay", "tunnel %s: %s", seat->tunnel.id.c_str(),
-                    error.c_str());
+                closedPorts_.Log("relay", "tunnel %s: %s", seat->tunnel.id.c_str(), error.c_str());
                 return nullptr;
             }
             seat->port = std::make_shared<RelayPort>(std::move(listener));
@@ -238,7 +260,7 @@ void Relay::Leave(RelaySession* session) {
     int64_t device = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        strangers_.remove(session);
+        ForgetStranger(session);
         sessions_.remove(session);
         const auto seat = SeatOf(session);
         if (seat != seats_.end()) {

@@ -51,6 +51,12 @@ private:
         std::shared_ptr<RelayPort> port; // null until the session asked for it
     };
 
+    /// A session that has not logged in.
+    struct Stranger {
+        RelaySession* session;
+        uint64_t network; // where it comes from
+    };
+
     using Seats = std::map<std::string, Seat>; // by user
 
     bool LogIn(RelaySession* session, const std::string& user,
@@ -61,6 +67,9 @@ private:
     bool MayAdmit();
     bool Admit(int connection);
     void Serve(Fd fd, Waker waker);
+    /// Ends one of too many. Under the lock, as the next.
+    void DropStranger();
+    void ForgetStranger(const RelaySession* session);
     void Leave(RelaySession* session);
     Seats::iterator SeatOf(const RelaySession* session);
     /// Closes the seat's port. The device whose tunnel went down, or 0.
@@ -72,12 +81,13 @@ private:
     const std::unique_ptr<ssh_bind_struct, void (*)(ssh_bind)> bind_;
     std::vector<std::atomic<bool>> up_; // by port
     LogQuota refusals_;
+    LogQuota closedPorts_{Level::kError};
 
     std::mutex mutex_; // guards the following; taken before the store's, never after
     bool stopping_ = false;
     Seats seats_;
-    std::list<RelaySession*> strangers_; // not logged in yet, oldest first
-    std::list<RelaySession*> sessions_;  // all of them
+    std::list<Stranger> strangers_;     // oldest first
+    std::list<RelaySession*> sessions_; // all of them
 
     ThreadSet threads_;
     std::optional<Waker> spare_; // for the next session; the acceptor's thread alone uses it

@@ -26,7 +26,14 @@ constexpr auto kSilence = seconds(14);
 constexpr auto kFirstProbe = seconds(6); // the device's own probes come sooner, as a rule
 constexpr auto kNextProbe = seconds(4);  // if the first could not be sent
 
-constexpr size_t kMaxVisitors = 1024;
+// A device that takes no data is listened to once a second only: the library gathers the replies to
+// whatever it asks, without bound. A slow line, whose buffer is deep, frees it in time.
+constexpr auto kPatience = seconds(2);
+constexpr auto kSlowReading = seconds(1);
+constexpr auto kStuckTime = seconds(300); // ends it
+
+constexpr size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
+constexpr size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
 constexpr size_t kAcceptedAtOnce = 16;
 constexpr size_t kMaxBindAddress = 255;
 
@@ -35,7 +42,7 @@ constexpr size_t kMaxBindAddress = 255;
 RelaySession::RelaySession(RelayDesk& desk, ssh_session session, int fd, Waker waker)
     : desk_(desk), session_(session, ssh_free), event_(ssh_event_new(), ssh_event_free), fd_(fd),
       waker_(std::move(waker)), now_(Clock::now()), deadline_(now_ + kLogInTime), heard_(now_),
-      buffer_(RelayVisitor::kChunk) {
+      clear_(now_), buffer_(RelayVisitor::kChunk) {
 }
 
 RelaySession::~RelaySession() {
@@ -72,11 +79,13 @@ void RelaySession::Run() {
     }
     HandleSsh(); // sends the greeting
     while (state_ != State::kOver && !ended_) {
+        const bool waited = IsWriting();
         WaitForEvents();
         now_ = Clock::now();
         if (polled_[1].revents != 0) {
             HandleSsh();
         }
+        clear_ = waited && IsWriting() ? clear_ : now_;
         // The library reads from the socket in other calls too, so its own count is what tells.
         const bool heard = traffic_.in_bytes != seenTraffic_;
         if (heard) {
@@ -98,12 +107,19 @@ bool RelaySession::IsWriting() const {
     return (ssh_get_poll_flags(session_.get()) & SSH_WRITE_PENDING) != 0;
 }
 
+/// Whether what the device sends is read at once.
+bool RelaySession::IsListening() const {
+    return now_ < clear_ + kPatience || now_ >= heard_ + kSlowReading;
+}
+
 void RelaySession::WaitForEvents() {
     const bool writing = IsWriting();
-    const bool accepting = port_ != nullptr && visitors_.size() < kMaxVisitors && now_ >= rest_;
+    const bool accepting =
+        port_ != nullptr && visitors_.size() < kMaxVisitors + kMaxLeaving && now_ >= rest_;
     polled_.clear();
     polled_.push_back({waker_.Get(), POLLIN, 0});
-    polled_.push_back({fd_, static_cast<short>(POLLIN | (writing ? POLLOUT : 0)), 0});
+    polled_.push_back(
+        {fd_, static_cast<short>((IsListening() ? POLLIN : 0) | (writing ? POLLOUT : 0)), 0});
     polled_.push_back({accepting ? port_->Get() : -1, POLLIN, 0});
     if (!visitors_.empty()) { // everybody comes first in turn
         visitors_.splice(visitors_.end(), visitors_, visitors_.begin());
@@ -129,6 +145,7 @@ int RelaySession::TimeOut() const {
         due = std::min(probe_, heard_ + kSilence);
         due = rest_ > now_ ? std::min(due, rest_) : due;
     }
+    due = IsListening() ? due : std::min(due, heard_ + kSlowReading);
     const auto left = std::chrono::ceil<milliseconds>(due - Clock::now()).count();
     return static_cast<int>(std::max<decltype(left)>(left, 0));
 }
@@ -168,7 +185,7 @@ void RelaySession::HandleVisitors(bool heard) {
         if (IsWriting()) {
             events = static_cast<short>(events & ~POLLIN);
         }
-        visitor->Move(events, buffer_.data());
+        visitor->Move(events, now_, buffer_.data());
         overrun = overrun || visitor->IsOverrun();
         visitor = visitor->IsDone() ? visitors_.erase(visitor) : std::next(visitor);
     }
@@ -183,7 +200,7 @@ void RelaySession::AcceptVisitors() {
     if (state_ != State::kServing || polled_[2].revents == 0) {
         return;
     }
-    for (size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors; ++i) {
+    for (size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving; ++i) {
         Fd fd = port_->Accept(this);
         if (!fd) {
             if (IsShortage(errno)) {
@@ -197,14 +214,30 @@ void RelaySession::AcceptVisitors() {
             return;
         }
         inShortage_ = false;
+        MakeRoom();
         visitors_.emplace_back(session_.get(), std::move(fd));
         visitors_.back().Open(bindAddress_, portNumber_);
     }
 }
 
+void RelaySession::MakeRoom() {
+    size_t present = 0;
+    RelayVisitor* idlest = nullptr;
+    for (RelayVisitor& visitor : visitors_) {
+        if (!visitor.IsGone()) {
+            ++present;
+            idlest = idlest == nullptr || visitor.MovedAt() < idlest->MovedAt() ? &visitor : idlest;
+        }
+    }
+    if (present >= kMaxVisitors) {
+        idlest->End();
+    }
+}
+
 void RelaySession::KeepAlive() {
-    if (now_ >= heard_ + kSilence) {
-        Over("silent");
+    const bool silent = now_ >= heard_ + kSilence;
+    if (silent || now_ >= clear_ + kStuckTime) {
+        Over(silent ? "silent" : "it takes no data");
         return;
     }
     probe_ = std::max(probe_, heard_ + kFirstProbe);

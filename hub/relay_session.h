@@ -72,8 +72,11 @@ private:
     int TimeOut() const;
     void HandleSsh();
     bool IsWriting() const;
+    bool IsListening() const;
     void HandleVisitors(bool heard);
     void AcceptVisitors();
+    /// For one more visitor.
+    void MakeRoom();
     void KeepAlive();
     void Over(const char* why);
     bool CheckPassword(const char* user, const char* password);
@@ -97,6 +100,7 @@ private:
     Clock::time_point now_;      // read once a pass
     Clock::time_point deadline_; // until it is served
     Clock::time_point heard_;    // when the device last said something
+    Clock::time_point clear_;    // when no data for the device waited last
     Clock::time_point probe_;    // when to ask it whether it is there
     Clock::time_point rest_;     // no visitors before, after a shortage of descriptors
     bool inShortage_ = false;

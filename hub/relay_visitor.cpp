@@ -15,13 +15,17 @@ namespace {
 /// More than any window that the library grants, so that only a device that ignores it gets here.
 constexpr size_t kMaxUntaken = 4 << 20;
 
+/// Data may wait so long for a visitor that takes none. The socket's own time-out is no use here:
+/// it would also stand in for the keep-alive's, which is much shorter.
+constexpr auto kStuckTime = std::chrono::hours(1);
+
 } // namespace
 
 RelayVisitor::RelayVisitor(ssh_session session, Fd fd)
     : channel_(ssh_channel_new(session)), fd_(std::move(fd)) {
     SetNoDelay(fd_.Get());
     // A visitor whose machine vanished would hold its place and its channel for ever; one that only
-    // pauses, for however long, is left alone.
+    // pauses, for however long, is left alone as long as nothing waits for it.
     SetKeepAlive(fd_.Get(), 60, 15, 4);
     callbacks_.userdata = this;
     callbacks_.channel_data_function = OnData;
@@ -74,9 +78,10 @@ pollfd RelayVisitor::Wanted(bool sending) {
     return {events == 0 && toldVisitor_ ? -1 : fd_.Get(), events, 0};
 }
 
-void RelayVisitor::Move(short events, char* buffer) {
+void RelayVisitor::Move(short events, Clock::time_point now, char* buffer) {
     const bool lost = !reading_ && (events & (POLLHUP | POLLERR)) != 0;
-    broken_ = broken_ || lost;
+    const bool stuck = !IsDrained() && now >= movedAt_ + kStuckTime;
+    broken_ = broken_ || lost || stuck;
     if (state_ == State::kOpen && !broken_) {
         MoveOpen(events, buffer);
     }
@@ -92,6 +97,11 @@ void RelayVisitor::Move(short events, char* buffer) {
     if (state_ == State::kLeaving && deviceClosed_) {
         state_ = State::kDone;
     }
+}
+
+void RelayVisitor::End() {
+    broken_ = true;
+    Move(0, movedAt_, nullptr);
 }
 
 void RelayVisitor::MoveOpen(short events, char* buffer) {
@@ -120,6 +130,7 @@ void RelayVisitor::ToDevice(char* buffer) {
             broken_ = true;
             return;
         }
+        movedAt_ = Clock::now();
         if (got == 0) {
             visitorEnded_ = true;
             broken_ = ssh_channel_send_eof(channel_) == SSH_ERROR;
@@ -160,6 +171,7 @@ size_t RelayVisitor::Send(const char* data, size_t size) {
     while (done < size && !broken_) {
         const ssize_t sent = send(fd_.Get(), data + done, size - done, MSG_NOSIGNAL);
         if (sent > 0) {
+            movedAt_ = Clock::now();
             done += static_cast<size_t>(sent);
         } else if (errno == EAGAIN) {
             return done;

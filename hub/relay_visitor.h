@@ -4,6 +4,7 @@
 #include <libssh/callbacks.h>
 #include <libssh/libssh.h>
 
+#include <chrono>
 #include <string>
 
 #include "hub/fd.h"
@@ -16,6 +17,8 @@ namespace ZARO::RelayHub {
 /// ended it too: the library would go on to gather what comes for it.
 class RelayVisitor {
 public:
+    using Clock = std::chrono::steady_clock;
+
     /// How much is read from a visitor at once, so that it doesn't keep the others waiting.
     static constexpr size_t kChunk = size_t{32} * 1024;
 
@@ -32,7 +35,13 @@ public:
     /// moment.
     pollfd Wanted(bool sending);
     /// Moves what can be moved; `events` are those that poll() gave. `buffer` has kChunk bytes.
-    void Move(short events, char* buffer);
+    void Move(short events, Clock::time_point now, char* buffer);
+    /// Ends the visitor's connection at once, and the channel with it.
+    void End();
+    /// Whether the visitor's connection has ended.
+    bool IsGone() const { return !fd_; }
+    /// When a byte went to or came from the visitor last.
+    Clock::time_point MovedAt() const { return movedAt_; }
     /// Whether both sides are through with it.
     bool IsDone() const { return state_ == State::kDone; }
     /// Whether the device sent more than it was allowed to.
@@ -61,6 +70,7 @@ private:
     int forwardPort_ = 0;
     std::string peerAddress_; // of the visitor
     int peerPort_ = 0;
+    Clock::time_point movedAt_ = Clock::now();
     std::string unsent_;        // read from the visitor, not yet taken by the channel
     std::string pending_;       // read from the channel, not yet taken by the visitor
     bool backlog_ = false;      // the channel has data that waits for the visitor

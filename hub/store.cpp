@@ -118,7 +118,8 @@ bool Store::Open(const std::string& file, PortPool pool, std::string* error) {
     } catch (const DatabaseFault& fault) {
         *error = "can't use " + file + ": " + fault.what();
         if (fault.IsDamage()) {
-            *error += "; put a copy back, or move it away, which makes every device register anew";
+            *error += "; put a copy back, or move it away, which makes every device register anew;"
+                      " remove its -wal and -shm files with it";
         }
         return false;
     } catch (const std::exception& fault) {
@@ -330,7 +331,7 @@ StoreResult Store::Add(int64_t device, const ServiceRecord& service) {
     }
     const std::optional<int> port = NextPort();
     if (!port) {
-        Log(Level::kWarning, "store", "every port of %d-%d is taken", pool_.first, pool_.last);
+        shortages_.Log("store", "every port of %d-%d is taken", pool_.first, pool_.last);
         return StoreResult::kFull;
     }
     Query(database_,

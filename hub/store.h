@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hub/database.h"
+#include "hub/log.h"
 
 namespace ZARO::RelayHub {
 
@@ -126,6 +127,7 @@ private:
     std::mutex mutex_;
     Database database_;
     PortPool pool_;
+    LogQuota shortages_;
 };
 
 } // namespace ZARO::RelayHub

@@ -8,8 +8,8 @@ namespace {
 
 constexpr auto kGathering = std::chrono::milliseconds(200);
 
-/// Each held request has a thread and a connection; beyond this the others would starve.
-constexpr size_t kMaxHeld = 768;
+/// On a full disk a change is tried again so often only.
+constexpr auto kRetry = std::chrono::seconds(10);
 
 } // namespace
 
@@ -17,28 +17,11 @@ bool Waiters::Wait(int64_t device, int seen, bool mayHold, int* revision) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (mayHold && !stopping_) {
         Seat& seat = seats_[device]; // seats stay for good, so the reference holds while unlocked
-        TakeSeat(seat);
-        const unsigned turn = seat.turn;
-        const bool good = Hold(lock, device, seat, seen, revision);
-        if (seat.turn == turn) {
-            held_.remove(&seat);
-        }
-        return good;
+        ++seat.turn;
+        seat.wake.notify_all();
+        return Hold(lock, device, seat, seen, revision);
     }
-    return Report(device, seats_[device], true, revision);
-}
-
-void Waiters::TakeSeat(Seat& seat) {
-    held_.remove(&seat);
-    if (held_.size() >= kMaxHeld) {
-        // The device that has waited longest comes back at once, and is the last to go then.
-        ++held_.front()->turn;
-        held_.front()->wake.notify_all();
-        held_.pop_front();
-    }
-    held_.push_back(&seat);
-    ++seat.turn;
-    seat.wake.notify_all();
+    return Report(device, seats_[device], revision);
 }
 
 bool Waiters::Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,
@@ -48,28 +31,27 @@ bool Waiters::Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& sea
     for (;;) {
         const Clock::time_point now = Clock::now();
         const bool over = now >= end || stopping_ || seat.turn != turn;
-        const bool due = over || (seat.unreported && now >= *seat.unreported + kGathering);
-        if (!Report(device, seat, due, revision)) {
+        const bool due = over || (seat.due && now >= *seat.due);
+        if (!due && store_.Revision(device, revision) != StoreResult::kDone) {
             return false;
         }
-        if (over || *revision != seen) {
+        if (due || *revision != seen) {
             // The reply shows every status as it is now, so nothing must be left to report.
-            return Report(device, seat, true, revision);
+            return Report(device, seat, revision);
         }
-        seat.wake.wait_until(lock,
-                             seat.unreported ? std::min(end, *seat.unreported + kGathering) : end);
+        seat.wake.wait_until(lock, seat.due ? std::min(end, *seat.due) : end);
     }
 }
 
-bool Waiters::Report(int64_t device, Seat& seat, bool due, int* revision) {
-    if (!due || !seat.unreported) {
-        return store_.Revision(device, revision) == StoreResult::kDone;
+bool Waiters::Report(int64_t device, Seat& seat, int* revision) {
+    if (seat.due) {
+        if (store_.BumpRevision(device, revision) == StoreResult::kDone) {
+            seat.due.reset();
+            return true;
+        }
+        seat.due = Clock::now() + kRetry; // what can be read is told all the same
     }
-    if (store_.BumpRevision(device, revision) != StoreResult::kDone) {
-        return false; // it stays to be reported
-    }
-    seat.unreported.reset();
-    return true;
+    return store_.Revision(device, revision) == StoreResult::kDone;
 }
 
 void Waiters::ListChanged(int64_t device) {
@@ -80,8 +62,8 @@ void Waiters::ListChanged(int64_t device) {
 void Waiters::StatusChanged(int64_t device) {
     const std::lock_guard<std::mutex> lock(mutex_);
     Seat& seat = seats_[device];
-    if (!seat.unreported) {
-        seat.unreported = Clock::now();
+    if (!seat.due) {
+        seat.due = Clock::now() + kGathering;
         seat.wake.notify_all();
     }
 }

@@ -3,7 +3,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <list>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -18,9 +17,8 @@ public:
     Waiters(Store& store, std::chrono::milliseconds hold) : store_(store), hold_(hold) {}
 
     /// Returns when the revision of the device's list differs from `seen`, when the hold time is
-    /// over, when a later call for the same device takes over, when it is the oldest of too many,
-    /// or on Stop(); without `mayHold` at once. `revision` is the current one. False when the store
-    /// failed.
+    /// over, when a later call for the same device takes over, or on Stop(); without `mayHold` at
+    /// once. `revision` is the current one. False when the store failed.
     bool Wait(int64_t device, int seen, bool mayHold, int* revision);
     /// The list changed, and its revision with it.
     void ListChanged(int64_t device);
@@ -35,14 +33,13 @@ private:
 
     struct Seat {
         std::condition_variable wake;
-        unsigned turn = 0;                           // of the call that holds the seat
-        std::optional<Clock::time_point> unreported; // when the first unreported change came
+        unsigned turn = 0;                    // of the call that holds the seat
+        std::optional<Clock::time_point> due; // when to report the status changes, if there are any
     };
 
-    /// Makes a status change part of the revision once it is due.
-    bool Report(int64_t device, Seat& seat, bool due, int* revision);
-    /// Makes the caller the seat's holder, and the newest of all.
-    void TakeSeat(Seat& seat);
+    /// The revision, of which the status changes so far become a part. When they can't be written,
+    /// it is the stored one, and they are tried again later.
+    bool Report(int64_t device, Seat& seat, int* revision);
     bool Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,
               int* revision);
 
@@ -50,7 +47,6 @@ private:
     const std::chrono::milliseconds hold_;
     std::mutex mutex_;
     std::map<int64_t, Seat> seats_;
-    std::list<Seat*> held_; // oldest first
     bool stopping_ = false;
 };
 

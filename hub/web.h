@@ -15,6 +15,7 @@
 
 #include "hub/forms.h"
 #include "hub/net.h"
+#include "hub/store.h"
 #include "hub/threads.h"
 
 namespace ZARO::RelayHub {
@@ -44,7 +45,8 @@ using SslContext = std::unique_ptr<SSL_CTX, SslDeleter>;
 /// a time, and may block.
 class Web {
 public:
-    static constexpr size_t kMaxConnections = 1024;
+    /// A held request of every device, and room for the others.
+    static constexpr size_t kMaxConnections = kMaxDevices + 256;
 
     /// `pages` are the paths that take a POST. Without `tls` it speaks plain HTTP.
     Web(const std::map<std::string, WebHandler>& pages, SslContext tls);

@@ -31,6 +31,7 @@ TEST_F(HubControl, AnswersEachCommandInOrder) {
         {R"([R,{"version":2,"command":"reboot"}])", "0 5"},
         {R"([R,{"version":"1","command":"register"},5,null,{},[],S])", "0 9 9 9 9 9 0"},
         {R"([{"version":1,"command":"register"},R])", "9 0"},
+        {"[R,S,R,N]", "0 0 9 0"},
         {"[R,R,R,R,R,R,R,R,R,R,R,R,R,R,R,R,R]", "9"}, // one command too many
     };
     int number = 0;
@@ -231,6 +232,13 @@ TEST_F(HubControl, NamesItselfInItsCertificateAndHidesItsFiles) {
         EXPECT_EQ(static_cast<int>(file.status().permissions()) & 0177, 0) << file;
     }
     EXPECT_EQ(static_cast<int>(std::filesystem::status(hub_.Data()).permissions()), 0700);
+}
+
+TEST_F(HubControl, OffersNoCostlyKeyExchange) {
+    httplib::SSLClient client("127.0.0.1", hub_.HttpsPort());
+    client.enable_server_certificate_verification(false);
+    ASSERT_EQ(SSL_CTX_set1_groups_list(client.ssl_context(), "ffdhe8192:P-521"), 1);
+    EXPECT_EQ(client.Post("/Serv.php", "[]", "text").error(), httplib::Error::SSLConnection);
 }
 
 class HubWait : public HubControl {

@@ -121,6 +121,12 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
     for (const auto& [name, word] : kLogIns) {
         EXPECT_FALSE(TestTunnel(hub_).LogIn(name, word)) << name << " " << word;
     }
+    for (const char* costly : {"diffie-hellman-group16-sha512",
+                               "diffie-hellman-group-exchange-sha256", "ecdh-sha2-nistp521"}) {
+        TestTunnel tunnel(hub_);
+        ssh_options_set(tunnel.Session(), SSH_OPTIONS_KEY_EXCHANGE, costly);
+        EXPECT_FALSE(tunnel.LogIn(web_)) << costly;
+    }
     for (const int port : {other_["relay_port"].asInt(), port_ + 1000, 0, 22}) {
         TestTunnel tunnel(hub_);
         ASSERT_TRUE(tunnel.LogIn(web_));
@@ -215,12 +221,18 @@ TEST_F(HubRelay, ManyVisitorsComeAndGo) {
 }
 
 TEST_F(HubRelay, FloodOfStrangersLeavesRoomForLogIns) {
+    TestTunnel slow(hub_); // it has not logged in when they come, and is the oldest
+    ssh_options_set(slow.Session(), SSH_OPTIONS_BINDADDR, "127.0.0.2");
+    ssh_options_set(slow.Session(), SSH_OPTIONS_USER, other_["relay_user"].asCString());
+    ASSERT_EQ(ssh_connect(slow.Session()), SSH_OK);
     std::list<Visitor> strangers;
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 700; ++i) {
         ASSERT_FALSE(strangers.emplace_back(hub_.RelayPort()).IsRefused());
-        strangers.back().Send(i % 2 == 0 ? "SSH-2.0-x\r\n" : "GET / HTTP/1.1\r\n\r\n");
+        strangers.back().Send(i % 8 != 7 ? "SSH-2.0-x\r\n" : "GET / HTTP/1.1\r\n\r\n");
     }
     const auto start = Clock::now();
+    const auto password = other_["relay_pass"].asString();
+    EXPECT_EQ(ssh_userauth_password(slow.Session(), nullptr, password.c_str()), SSH_AUTH_SUCCESS);
     const auto tunnel = Open();
     strangers.front().Read(); // returns only when the relay has hung up
     EXPECT_LT(Clock::now() - start, seconds(5)) << "not by their time-out";

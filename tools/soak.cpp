@@ -26,6 +26,8 @@ namespace {
 constexpr milliseconds kRecovers{(65 + 300 + 15) * 1000 * kSlow};
 /// Longer than any time-out: of a long poll 65 s, of an idle connection or a session less.
 constexpr seconds kRest{75};
+/// Of the visitors, of whom a fault may have left some waiting for a second or two.
+constexpr seconds kServed{15 * kSlow};
 constexpr long kTolerance = 2; // per cent
 
 using Random = std::mt19937;
@@ -74,6 +76,7 @@ public:
     }
 
     void Pause(bool pause) { pause_ = pause; }
+    bool IsPaused() const { return pause_; }
 
     std::atomic<long> served{0};
     std::atomic<long> cut{0};
@@ -239,6 +242,10 @@ private:
         Say("all reachable after " + std::to_string(took.count()) + " ms; visitors: " +
             std::to_string(visitors_.served) + " served, " + std::to_string(visitors_.cut) +
             " cut short or refused; hub " + std::to_string(Measure(world_)[0].rss) + " KiB");
+        const long before = visitors_.served;
+        Expect(!well || visitors_.IsPaused() ||
+                   Within(kServed, [&] { return visitors_.served > before; }),
+               "no visitor is served, though all are reachable");
         if (!well) {
             Expect(false, "not all reachable");
             for (const auto& site : world_.sites) {
