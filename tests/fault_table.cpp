@@ -272,11 +272,9 @@ const Row kRows[] = {
     // The control server's path.
     {"ControlIsReset", "", kSame, kClean, On(kControl)},
     {"ControlEnds", "", kSame, kClean, On(kControl, {}, kEnd)},
-    {"ControlIsResetFiveTimes", "", kSame, kClean, 5 * (kUp + On(kControl))},
     {"ControlRefuses", "err_network +web", kSame, kClean, On(kControl, kRefuses)},
     {"ControlIsHeld", "+web", kSame, kClean, On(kControl, kHolds, kStay)},
     {"ControlIsGarbled", "err_network +web", kSame, kClean, On(kControl, kGarbles)},
-    {"ControlIsSlow", "+web", kSame, kClean, On(kControl, Delays(milliseconds(200)))},
     {"ControlCrawls", "+web", kSame, kClean, On(kControl, Delays(kNow, 1))},
     {"ControlEndsInHandshake", "err_network +web", kSame, kClean, On(kControl, EndsAfter(100))},
     // The relay's path.
@@ -300,11 +298,9 @@ const Row kRows[] = {
     {"BothRefuse", "err_network -web", kNew, kTries, On(kBoth, kRefuses)},
     {"BothAreHeld", "~web", kSame, kClean, On(kBoth, kHolds, kStay)},
     {"BothAreGarbled", "err_network -web", kNew, kSilent, On(kBoth, kGarbles)},
-    {"BothCrawl", "+web", kNew, kClean, On(kBoth, Delays(kNow, 1))},
     {"AllIsLost", "", kNew, kHub, Ssh(SIGKILL) + On(kBoth) + kEndHub + kStartHub},
     // The SSH client and its log-in.
     {"SshIsKilled", "", kNew, kClean, Ssh(SIGKILL)},
-    {"SshIsStopped", "", kNew, kClean, Ssh(SIGTERM)},
     {"SshFreezes", "~web", kSame, kClean, Ssh(SIGSTOP), Ssh(SIGCONT)},
     {"SshIsKilledFiveTimes", "", kNew, kTries, 5 * (kUp + Ssh(SIGKILL))},
     {"OneOfTwoIsKilled", "", kPhoto, kClean, Ssh(SIGKILL, "photo"), kWait},
