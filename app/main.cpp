@@ -106,8 +106,7 @@ int RunDaemon(bool foreground) {
     if (!Daemon::Init(!foreground)) {
         return kFailure;
     }
-    app::ApplyLogSettings(
-        conf); // in the background, too: a log that is cut short goes on at its end
+    app::ApplyLogSettings(conf); // in the background for appending: a rotation may cut the file
     PrepareProcess();
     app::DropPrivileges();
     app::EndLoginsOnStopSignals();
