@@ -160,8 +160,8 @@ TEST_F(SmallDisk, WritersKeepTheOldFilesOnAFullOne) {
         {"ZAROWstokenGetToken failed: [0x001C]", [] { return AuthConf(false).ReadConf(); }}};
     Fill();
     for (const auto& [line, write] : writers) {
-        const std::vector<std::string> log = LogOf("", 3, [&] { EXPECT_FALSE(write()) << line; });
-        EXPECT_THAT(log, testing::ElementsAre(testing::HasSubstr(line)));
+        EXPECT_THAT(LogOf("", 3, [&work = write] { EXPECT_FALSE(work()); }),
+                    testing::ElementsAre(testing::HasSubstr(line)));
     }
     EXPECT_EQ(root.Read(Device::kConfig), R"({"serverID":"1"})");
     EXPECT_EQ(root.Read(kInfo), "runrelayd=no\n");
