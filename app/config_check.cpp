@@ -186,11 +186,12 @@ bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& con
     return false;
 }
 
-std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
-                                         bool& unusable) {
+namespace {
+
+std::vector<std::string> Check(const std::string& path, bool mayBeMissing, Json::Value& config,
+                               bool& unusable) {
     const Quiet quiet;
     Report report(path);
-    Json::Value config;
     std::string fault;
     unusable = !ReadConfigFile(path, mayBeMissing, config, fault);
     if (unusable) {
@@ -216,14 +217,19 @@ std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMiss
     return report.Lines();
 }
 
-std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable) {
-    std::vector<std::string> faults = CheckConfigFile(path, mayBeMissing, unusable);
+} // namespace
+
+std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
+                                         bool& unusable) {
     Json::Value config;
-    std::string unread;
-    if (!unusable && ReadConfigFile(path, mayBeMissing, config, unread)) {
-        const Json::Value* services = FindMember(config, "service");
-        unusable = services != nullptr && !services->isArray();
-    }
+    return Check(path, mayBeMissing, config, unusable);
+}
+
+std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable) {
+    Json::Value config;
+    std::vector<std::string> faults = Check(path, mayBeMissing, config, unusable);
+    const Json::Value* services = FindMember(config, "service");
+    unusable = unusable || (services != nullptr && !services->isArray());
     return faults;
 }
 
