@@ -8,7 +8,7 @@ set(test_daemon_program_processors PROCESSORS 2)
 foreach(source test_daemon_program.cpp test_daemon_faults.cpp test_daemon_hostile.cpp
         test_daemon_secrets.cpp test_daemon_control.cpp test_takeover.cpp fault_table.cpp)
     cmake_path(GET source STEM name)
-    zaro_test(${name} SOURCES ${source} TIMEOUT 180 ${${name}_processors}
+    zaro_test(${name} SOURCES ${source} TIMEOUT 600 ${${name}_processors}
         LIBRARIES zaro::relayd PkgConfig::HTTPLIB PkgConfig::OPENSSL Threads::Threads
         DEPENDS zarorelayd zarorelay-hub zaro_ssh)
     target_compile_definitions(${name} PRIVATE

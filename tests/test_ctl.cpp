@@ -435,9 +435,9 @@ TEST_F(Ctl, CheckWaitsForNoServerForLong) {
 
 TEST_F(Ctl, WorksWithARealDaemonAndHub) {
     const auto run = [&](const std::string& words) {
-        const auto program = Start(root_, words, "env ZARO_TEST_DEVICE=" + root_.Dir());
         // A daemon without a parent is our child; while it is a zombie it looks alive.
         const pid_t daemon = atoi(root_.Read(kPidFile).c_str());
+        const auto program = Start(root_, words, "env ZARO_TEST_DEVICE=" + root_.Dir());
         EXPECT_TRUE(Within(seconds(60), [&] {
             daemon > 0 ? waitpid(daemon, nullptr, WNOHANG) : 0;
             return program->Wait(milliseconds(0)) != Process::kRuns;

@@ -41,7 +41,7 @@ TEST_F(DaemonControl, TellsTheWholeTruthWhileItIsBusy) {
 }
 
 TEST(DaemonAlias, IsKeptUntilItRunsOut) {
-    const HubProcess hub(50, "--alias-ttl 2");
+    const HubProcess hub(50, "--alias-ttl 3");
     Device owner(hub, "01");
     Device rival(hub, "02");
     const auto set = [&](const Device& device, const std::string& name) {

@@ -69,7 +69,7 @@ TEST_F(DaemonFaults, LeavesABrokenConfigurationToItsOwner) {
         std::filesystem::remove(hub.Data() + file);
     }
     hub.Start();
-    EXPECT_TRUE(WaitFor([&] { return device.Logs("the server id is not written"); }));
+    EXPECT_TRUE(Within(seconds(20), [&] { return device.Logs("the server id is not written"); }));
     EXPECT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Log();
     EXPECT_EQ(device.root.Read(Device::kConfig), broken);
     device.root.Write("/etc/zaroinfo.conf", "runrelayd=\"no\"\n");

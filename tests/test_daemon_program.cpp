@@ -31,7 +31,7 @@ std::string Fingerprint(const std::string& path) {
 
 TEST_F(DaemonProgram, ServesSoonAfterItsStart) {
     device.Start();
-    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
+    EXPECT_TRUE(Takes("start to first byte", seconds(2), [&] { return device.Serves(web); }))
         << device.Log();
     EXPECT_TRUE(WaitFor([&] { return device.IsConnected() && device.IsAllUp(); }));
     EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
@@ -43,7 +43,8 @@ TEST_F(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
     const WebService elsewhere("elsewhere");
     device.Publish(moved);
     device.Start();
-    ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.Serves(moved); }));
+    ASSERT_TRUE(
+        WaitFor([&] { return device.IsAllUp() && device.Serves(web) && device.Serves(moved); }));
     const pid_t kept = device.Ssh("web");
     const pid_t movedSsh = device.Ssh("moved");
     const int port = device.RelayPort("moved");
@@ -181,14 +182,14 @@ TEST_F(DaemonProgram, ServesManyAndThenRests) {
     device.Start();
     ASSERT_TRUE(WaitFor([&] { return device.Status().isObject(); }));
     Clock::duration slowest{};
-    EXPECT_TRUE(Takes("50 services", seconds(10), [&] {
+    EXPECT_TRUE(Takes("50 services", seconds(20), [&] {
         Json::Value dump;
         const auto asked = Clock::now();
         EXPECT_TRUE(device.AnswersADump(dump));
         slowest = std::max(slowest, Clock::now() - asked);
         return Within(milliseconds(100), [&] { return device.IsAllUp(); });
     }));
-    EXPECT_LE(slowest, milliseconds(500) * kSlow); // a log-in, with everything busy
+    EXPECT_LE(slowest, seconds(2) * kSlow); // log-ins, with everything busy; seldom two
     EXPECT_TRUE(device.Serves(web));
     for (const WebService& service : more) {
         EXPECT_TRUE(device.Serves(service)) << service.Name();
