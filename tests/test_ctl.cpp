@@ -405,7 +405,7 @@ TEST_F(Ctl, CheckNamesTheFirstBrokenLink) {
         {"ssh client", "/usr/zaro/bin/ssh", "not executable"},
         {"wait-command server", kConfig, Compact(noWaiting)},
         {"control server", kConfig, R"({"server_control":{"host":"127.0.0.1","port":1}})"},
-        {"control server name", kConfig, R"({"server_control":{"host":"no.such.host.invalid"}})"},
+        {"control server name", kConfig, R"({"server_control":{"host":"a..invalid"}})"},
         {"credentials", "/usr/zaro/etc/device.key", "damaged"},
         {"switch", "/etc/zaroinfo.conf", ""},
         {"configuration", kConfig, "{"},

@@ -56,7 +56,7 @@ TEST_F(JobQueueTest, RunsJobsBesideEachOther) {
     const HttpServer server([&server](const auto& q, auto& r) {
         r.body = WaitFor([&] { return server.Requests().size() == 3; }) ? q.path : "alone";
     });
-    const SharedRequest refused = Get(HttpServer("").Url()), unknown = Get("http://name.invalid/");
+    const SharedRequest refused = Get(HttpServer("").Url()), unknown = Get("http://a..invalid/");
     EXPECT_TRUE(queue_.Add(refused, Note, -5) && queue_.Add(unknown, Note, 0) && !refused->Send());
     for (const char* path : {"/0", "/1", "/2"}) {
         EXPECT_TRUE(queue_.Add(Get(server.Url(path)), Note, 0));

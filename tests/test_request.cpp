@@ -54,7 +54,7 @@ TEST_F(RequestTest, TellsOutcomesApart) {
     const HttpServer plain("ok"), stranger("ok", 200, "other.example");
     const std::tuple<std::string, int, const char*> faults[] = {
         {HttpServer("").Url(), RELAYD_RET_NETWORK, "7"}, // nobody is there any more
-        {"http://name.invalid/", RELAYD_RET_RESOLV, "6"},
+        {"http://a..invalid/", RELAYD_RET_RESOLV, "6"},
         {"https" + plain.Url().substr(4), RELAYD_RET_NETWORK, "35"}, // speaks no TLS
         {stranger.Url(), 2, "60"},
         {"nosuch://host/", 2, "1"}};

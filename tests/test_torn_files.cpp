@@ -78,9 +78,10 @@ struct SmallDisk : testing::Test {
         EXPECT_TRUE(device.Serves(web) && device.Ssh("web") == ssh && device.Status() == before);
         EXPECT_EQ(device.Daemon().Wait(milliseconds(0)), Process::kRuns);
         mend(root);
-        EXPECT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(more); }))
-            << device.Log();
-        EXPECT_TRUE(device.Logs("can be written again") && device.Ssh("web") == ssh);
+        EXPECT_TRUE(WaitFor([&] {
+            return device.IsAllUp() && device.Serves(more) && device.Logs("can be written again");
+        })) << device.Log();
+        EXPECT_EQ(device.Ssh("web"), ssh);
         EXPECT_EQ(Count(device.Log(), "can't be written"), 1U);
     }
 };
