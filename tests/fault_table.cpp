@@ -25,8 +25,8 @@ constexpr milliseconds kClean{1000};
 constexpr milliseconds kSilent{20000};
 constexpr milliseconds kNetwork{3000};
 constexpr milliseconds kHub{5000};
-/// Nothing tells that the relay alone is back: the wait between two log-ins, after some failures,
-/// and the random part of it.
+/// Nothing tells that the relay alone is back: the longest wait between two log-ins, after the
+/// failures that a row has time for.
 constexpr milliseconds kTries{20000};
 
 /// What a fault may cost at most until all is well: requests, log-ins and connections together;
@@ -295,7 +295,6 @@ const Row kRows[] = {
     {"RelayRefusesOneOfTwo", "+web-photo", kPhoto, kTries,
      On(kRelay, kRefuses, kStay) + Ssh(SIGKILL, "photo")},
     // Both at once, as when the device's own line fails.
-    {"BothAreReset", "", kNew, kClean, On(kBoth)},
     {"BothRefuse", "err_network -web", kNew, kTries, On(kBoth, kRefuses)},
     {"BothAreHeld", "~web", kSame, kClean, On(kBoth, kHolds, kStay)},
     {"AllIsLost", "", kNew, kHub, Ssh(SIGKILL) + On(kBoth) + kEndHub + kStartHub},

@@ -31,7 +31,7 @@ std::string Fingerprint(const std::string& path) {
 
 TEST_F(DaemonProgram, ServesSoonAfterItsStart) {
     device.Start();
-    EXPECT_TRUE(Takes("start to first byte", seconds(2), [&] { return device.Serves(web); }))
+    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
         << device.Log();
     EXPECT_TRUE(WaitFor([&] { return device.IsConnected() && device.IsAllUp(); }));
     EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
@@ -179,17 +179,19 @@ TEST_F(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
 
 TEST_F(DaemonProgram, ServesManyAndThenRests) {
     PublishMore(49);
+    const auto start = Clock::now();
     device.Start();
-    ASSERT_TRUE(WaitFor([&] { return device.Status().isObject(); }));
-    Clock::duration slowest{};
-    EXPECT_TRUE(Takes("50 services", seconds(20), [&] {
+    ASSERT_TRUE(WaitFor([&] { return Count(Compact(device.Status()), "\"up\":true") > 0; }));
+    const milliseconds alone = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+    Clock::duration slowest{}; // and on a busy machine, no longer than 50 starts of the first one
+    EXPECT_TRUE(Takes("50 services", std::max<milliseconds>(seconds(10), 50 * alone), [&] {
         Json::Value dump;
         const auto asked = Clock::now();
         EXPECT_TRUE(device.AnswersADump(dump));
         slowest = std::max(slowest, Clock::now() - asked);
         return Within(milliseconds(100), [&] { return device.IsAllUp(); });
     }));
-    EXPECT_LE(slowest, seconds(2) * kSlow); // log-ins, with everything busy; seldom two
+    EXPECT_LE(slowest, seconds(2) * kSlow); // a dump waits for a log-in, and may miss its asker
     EXPECT_TRUE(device.Serves(web));
     for (const WebService& service : more) {
         EXPECT_TRUE(device.Serves(service)) << service.Name();

@@ -76,7 +76,7 @@ TEST(HubProgram, EndsInOrderWhileHoldingRequestsAndSessions) {
     const int revision = device.Revision();
     const Visitor idle(hub.HttpsPort()); // never speaks
     auto held = std::async(std::launch::async, [&] { return device.Wait(revision); });
-    EXPECT_EQ(held.wait_for(milliseconds(1000)), std::future_status::timeout);
+    EXPECT_EQ(held.wait_for(seconds(1)), std::future_status::timeout);
     hub.Program().Signal(SIGTERM);
     EXPECT_EQ(hub.Program().Wait(seconds(10)), 0);
     EXPECT_EQ(held.get()["revision"], revision);

@@ -189,7 +189,7 @@ TEST_F(HubRelay, TellsTheDeviceWhetherItsPortIsUp) {
     ASSERT_EQ(held.wait_for(milliseconds(300)), std::future_status::timeout);
     const auto start = Clock::now();
     ASSERT_TRUE(tunnel->Forward(port_) && other.Forward(other_["relay_port"].asInt()));
-    const bool together = Clock::now() - start < milliseconds(200); // as the hub sees it
+    const bool together = Clock::now() - start < milliseconds(200); // so the hub gathers them
     const Json::Value up = held.get();
     EXPECT_EQ(up["revision"], down + 1) << "two changes in one reply";
     EXPECT_TRUE(up["tunnels"][1]["relay_up"].asBool());
@@ -230,7 +230,7 @@ TEST_F(HubRelay, FloodOfStrangersLeavesRoomForLogIns) {
     std::list<Visitor> strangers;
     for (int i = 0; i < 600; ++i) {
         ASSERT_FALSE(strangers.emplace_back(hub_.RelayPort()).IsRefused());
-        strangers.back().Read(i == 0 ? 4 : 0); // the first one is greeted when it is counted
+        strangers.back().Read(i == 0 ? 4 : 0); // greeted, the first one is the oldest to the relay
         strangers.back().Send(i % 8 != 7 ? "SSH-2.0-x\r\n" : "GET / HTTP/1.1\r\n\r\n");
     }
     const auto password = other_["relay_pass"].asString();
