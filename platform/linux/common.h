@@ -19,10 +19,12 @@
 #pragma GCC visibility pop
 
 #include "platform/paths.h"
+#include "platform/unique_fd.h"
 
 namespace ZARO::Platform {
 
 namespace paths = ZARO::Relay::paths;
+using ZARO::Relay::UniqueFd;
 
 /// The largest file that is read or written, in bytes: far above any settings file, and a bound on
 /// what a damaged or planted one can cost.
@@ -41,27 +43,6 @@ template <typename Body> int Guard(Body body) noexcept {
         return Fail(EIO);
     }
 }
-
-/// Owns one descriptor.
-class UniqueFd {
-public:
-    explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    int Get() const { return fd_; }
-    bool IsOpen() const { return fd_ >= 0; }
-
-private:
-    int fd_;
-};
 
 /// Reads a regular file from where its descriptor stands to its end; EFBIG above `limit` bytes.
 int ReadAll(int fd, size_t limit, std::string& text);
