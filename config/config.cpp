@@ -10,10 +10,9 @@
 #include <ostream>
 #include <utility>
 
-#include <zaro/platform.h>
-
 #include "config/json_text.h"
 #include "daemon/log.h"
+#include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
 

@@ -1,12 +1,12 @@
+#define RELAY_LOG_UNIT "config.cpp"
 #include <zarorelayd/config.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <sstream>
-
-#include <zaro/platform.h>
 
 #include "config/json_text.h"
 #include "daemon/log.h"
+#include "platform/include/zaro/platform.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay {
@@ -18,6 +18,7 @@ constexpr int kTokenText = 33;
 constexpr int kMacText = 18;
 constexpr std::size_t kBareMacLength = 12; // hex digits
 constexpr const char* kFirstPort = "eth0";
+constexpr const char* kBlanks = " \t\n\v\f\r";
 
 std::string ClusterMac() {
     char mac[kMacText] = "";
@@ -37,8 +38,9 @@ std::string WithoutSeparators(std::string mac) {
 std::string FactoryMac() {
     json::FileText file;
     (void)json::ReadText(paths::MacFile(), file); // no file: no word
-    std::string word;
-    std::istringstream(file.text) >> word;
+    const std::size_t begin = std::min(file.text.find_first_not_of(kBlanks), file.text.size());
+    const std::string word =
+        file.text.substr(begin, file.text.find_first_of(kBlanks, begin) - begin);
     if (word.size() == kBareMacLength) {
         return word;
     }

@@ -1,13 +1,13 @@
+#define RELAY_LOG_UNIT "config.cpp"
 #include <zarorelayd/config.h>
 
 #include <strings.h>
 
 #include <algorithm>
 
-#include <zaro/platform.h>
-
 #include "config/json_text.h"
 #include "daemon/log.h"
+#include "platform/include/zaro/platform.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay {

@@ -5,8 +5,8 @@
 #include <iterator>
 #include <string_view>
 
-#include <zaro/platform.h>
-
+#include "config/defaults.h"
+#include "platform/include/zaro/platform.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay {

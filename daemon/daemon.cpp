@@ -20,6 +20,7 @@
 
 #include "daemon/log.h"
 #include "platform/paths.h"
+#include "platform/unique_fd.h"
 
 int gblRun = 0;
 int gblShowDebug = 0;
@@ -38,7 +39,6 @@ constexpr const char* kDefaultName = "zarorelayd";
 constexpr int kStartTimeoutSeconds = 20;
 constexpr int kStopTimeoutSeconds = 10;
 constexpr int kStartFailed = 4;
-constexpr size_t kLongestLine = 4096; // bytes
 
 /// libdaemon and the system log keep pointers to the daemon's name, also while the process ends.
 std::string& Identity() {
@@ -66,25 +66,6 @@ void PrintTimeStamp() {
         stamp[length - 1] = '\0';
     }
     (void)fprintf(stderr, "%s ", stamp); // nobody is left to tell
-}
-
-/// Prints one message. Texts from servers and files are part of some: none may forge a line, steer
-/// a terminal or fill the disk.
-void PrintLine(const char* format, va_list ap) {
-    char line[kLongestLine];
-    const int length = vsnprintf(line, sizeof line, format, ap);
-    if (length < 0) {
-        return;
-    }
-    const size_t shown = strlen(line);
-    for (size_t i = 0; i < shown; ++i) {
-        const auto byte = static_cast<unsigned char>(line[i]);
-        const bool lastNewline = byte == '\n' && i + 1 == shown; // two texts end with their own
-        if ((byte < 0x20 && byte != '\t' && !lastNewline) || byte == 0x7f) {
-            line[i] = '?';
-        }
-    }
-    (void)fputs(line, stderr);
 }
 
 /// Whether the PID file names a process. An empty one, as a power cut or a daemon in the middle of
@@ -154,7 +135,7 @@ int Daemon::LogV(int level, const char* format, va_list ap) {
     if (IsLogEnable(level)) {
         PrintTimeStamp();
         errno = saved;
-        PrintLine(format, ap);
+        (void)vfprintf(stderr, format, ap);
         result = fputc('\n', stderr);
     } else if (level <= _logLevel) {
         daemon_logv(level, format, ap);
@@ -173,8 +154,9 @@ int Daemon::Log(int level, const char* format, ...) {
 
 bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
     // Non-blocking, so that a FIFO given as the log file can't hang the daemon.
-    const int fd = open(
-        path.c_str(), openFlags | O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW, 0600);
+    UniqueFd file(open(
+        path.c_str(), openFlags | O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW, 0600));
+    const int fd = file.Get();
     if (fd < 0) {
         RELAY_LOG(3, "open log file [%s] failed", path.c_str());
         return false;
@@ -185,13 +167,13 @@ bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
     }
     if (fd == targetFd) {
         (void)fcntl(fd, F_SETFD, 0); // children inherit the target, as they do after dup2
+        (void)file.Release();
         return true;
     }
     const bool moved = dup2(fd, targetFd) >= 0;
     if (!moved) {
         RELAY_LOG(3, "dup fd failed");
     }
-    close(fd);
     return moved;
 }
 

@@ -24,7 +24,7 @@ struct DaemonTest : RootTest {
 
 #pragma GCC visibility push(default)
 extern "C" void daemon_logv(int level, const char* format, va_list ap) {
-    char text[512];
+    char text[8192];
     vsnprintf(text, sizeof text, format, ap);
     gDaemonLog = std::to_string(level) + " " + text;
 }
@@ -37,8 +37,9 @@ extern "C" int daemon_retval_wait(int timeout) {
 #pragma GCC visibility pop
 
 TEST_F(DaemonTest, SendsLinesWhereTheyBelong) {
-    const std::string format = "%s:%d cause %m %d"; // no literal: %m is not ISO C++
-    const std::string text = "cause No such file or directory 7";
+    const std::string whole = "\x1b" + std::string(5000, 'x'); // it prints what it is given
+    const std::string format = "%s:%d cause %m %d" + whole;    // no literal: %m is not ISO C++
+    const std::string text = "cause No such file or directory 7" + whole;
     // Forked, log file, threshold, level; then e standard error, s system log, - nowhere.
     const std::tuple<bool, const char*, int, int, char> rows[] = {
         {false, "", 4, 4, 'e'}, {false, "", 4, 5, '-'}, {false, "x", 7, 7, 'e'},

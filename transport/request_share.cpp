@@ -1,4 +1,5 @@
 // What all requests of the process have in common: cookies and resolved names.
+#define RELAY_LOG_UNIT "request.cpp"
 #include <zarorelayd/request.h>
 
 #include <netinet/in.h>

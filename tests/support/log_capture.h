@@ -28,8 +28,7 @@ template <class Code> std::string Captured(int fd, Code code) {
     return text;
 }
 
-/// The messages of a unit in `output`: lines with a time stamp, then the unit's source file or one
-/// that it was split into.
+/// The messages of a unit in `output`: lines with a time stamp, then the unit's source file.
 inline std::vector<std::string> LogTexts(const std::string& unit, const std::string& output) {
     std::vector<std::string> texts;
     std::istringstream lines(output);
@@ -39,8 +38,7 @@ inline std::vector<std::string> LogTexts(const std::string& unit, const std::str
         int start = 0;
         const char* rest = strptime(line.c_str(), "%a %b %e %T %Y ", &stamp);
         sscanf(rest != nullptr ? rest : "", "%63[a-z_].cpp:%*u %n", source, &start);
-        if (start > 0 &&
-            (unit.empty() || source == unit || std::string(source).rfind(unit + "_", 0) == 0)) {
+        if (start > 0 && (unit.empty() || source == unit)) {
             texts.push_back(rest + start);
         }
     }

@@ -1,0 +1,13 @@
+/// The servers that hold without a configuration. A deployment sets its own: the build system's
+/// variables of the same names come here as definitions.
+#pragma once
+
+#ifndef ZARO_CONTROL_HOST_A
+#define ZARO_CONTROL_HOST_A "control-a.zaro.example"
+#endif
+#ifndef ZARO_CONTROL_HOST_B
+#define ZARO_CONTROL_HOST_B "control-b.zaro.example"
+#endif
+#ifndef ZARO_ALIAS_URL
+#define ZARO_ALIAS_URL "https://aliasinfo.zaro.example"
+#endif
