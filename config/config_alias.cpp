@@ -7,7 +7,8 @@
 
 #include <zarorelayd/config.h>
 
-#include "config/json_text.h"
+#include "config/defaults.h"
+#include "config/json_file.h"
 #include "daemon/log.h"
 #include "platform/paths.h"
 
@@ -123,14 +124,9 @@ AliasStatus::AliasStatus() {
 AliasStatus::~AliasStatus() = default;
 
 bool AliasStatus::Reload() {
-    // Anybody can make a file of this name where it lies; a stranger's is none.
-    const std::string path = paths::AliasStatusFile();
-    json::FileText file;
-    if (json::ReadText(path, file, true) == json::Reading::Missing) {
-        status_ = Json::Value();
-        return true;
-    }
-    return RelaydConf::ReadJsonFile(path, status_);
+    // Whoever set the alias wrote it, under whatever user; a link may lead to anything.
+    bool readable = false;
+    return ReadJsonFile(paths::AliasStatusFile(), status_, readable, json::Links::Refuse);
 }
 
 bool AliasStatus::IsValid() const {

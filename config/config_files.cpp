@@ -1,4 +1,5 @@
 // RelaydConf's JSON files.
+#define RELAY_LOG_UNIT "config.cpp"
 #include <zarorelayd/config.h>
 
 #include <fcntl.h>
@@ -9,9 +10,10 @@
 #include <cstdio>
 #include <iostream>
 
-#include "config/json_text.h"
+#include "config/json_file.h"
 #include "daemon/log.h"
 #include "platform/new_file.h"
+#include "platform/unique_fd.h"
 
 namespace ZARO::Relay {
 
@@ -19,10 +21,9 @@ namespace {
 
 /// Makes the rename survive a power cut. Where the file system can't, the rename still holds.
 void SyncFolderOf(const std::string& path) {
-    const int fd = open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        (void)fsync(fd);
-        close(fd);
+    const UniqueFd fd(open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.IsOpen()) {
+        (void)fsync(fd.Get());
     }
 }
 
@@ -50,19 +51,14 @@ bool Sync(int fd) {
 
 } // namespace
 
-bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out) {
-    bool readable = false;
-    return ReadJsonFile(path, out, readable);
-}
-
-bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out, bool& readable) {
+bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, json::Links links) {
     out = Json::Value();
     readable = true;
     if (path.empty()) {
         return true;
     }
     json::FileText file;
-    const json::Reading reading = json::ReadText(path, file);
+    const json::Reading reading = json::ReadText(path, file, links);
     if (reading == json::Reading::Unreadable) {
         readable = false;
         RELAY_LOG(3, "can not read [%s], %m", path.c_str());
@@ -74,6 +70,11 @@ bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out, bool& r
     return true; // also for a missing or broken file: callers look at what `out` is
 }
 
+bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out) {
+    bool readable = false;
+    return Relay::ReadJsonFile(path, out, readable);
+}
+
 bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value) {
     const std::string text = json::Styled(value);
     if (path == "-") {
@@ -81,20 +82,13 @@ bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value
         return true;
     }
     const std::string temporary = NewFileOf(path);
-    const int fd = path.empty() ? -1 : OpenNewFile(path);
-    if (fd < 0) {
+    UniqueFd fd(path.empty() ? -1 : OpenNewFile(path));
+    if (!fd.IsOpen()) {
         RELAY_LOG(3, "open failed [%s]", temporary.c_str());
         return false;
     }
-    (void)fchmod(fd, 0644); // some file systems have no modes
-    bool good = WriteAll(fd, text) && Sync(fd);
-    const int error = errno;
-    if (close(fd) != 0 && good) {
-        good = false;
-    } else {
-        errno = error;
-    }
-    if (!good) {
+    (void)fchmod(fd.Get(), 0644); // some file systems have no modes
+    if (!WriteAll(fd.Get(), text) || !Sync(fd.Get()) || !fd.Close()) {
         RELAY_LOG(3, "write failed [%s], %m", temporary.c_str());
         unlink(temporary.c_str());
         return false;

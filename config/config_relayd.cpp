@@ -1,16 +1,17 @@
+#define RELAY_LOG_UNIT "config.cpp"
 #include <zarorelayd/config.h>
 
 #include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
-
-#include <zaro/platform.h>
+#include <cerrno>
 
 #include <zarorelayd/zarorelayd.h>
 
-#include "config/json_text.h"
+#include "config/json_file.h"
 #include "daemon/log.h"
+#include "platform/include/zaro/platform.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay {
@@ -79,9 +80,9 @@ bool RelaydConf::Overwrite(const Json::Value& v) {
     if (const Json::Value* member = json::Find(v, "service")) {
         ReadServices(*member, services);
     }
-    // A zero byte would hide the rest of the id from the C function.
-    if (serverID.find('\0') != std::string::npos ||
-        TLIBRelaydVerifyServerId(serverID.c_str()) == 0) {
+    errno = 0;
+    const bool foreign = TLIBRelaydVerifyServerId(serverID.c_str()) == 0;
+    if (foreign && errno != ENOMEM) { // out of memory, the verification says nothing about the id
         serverID.clear();
         serverIdCleared = true;
     }
@@ -160,7 +161,7 @@ bool RelaydConf::WriteConfigFile(const std::string& file) {
     }
     Json::Value old;
     bool readable = false;
-    if (!ReadJsonFile(file, old, readable)) {
+    if (!Relay::ReadJsonFile(file, old, readable)) {
         RELAY_LOG(4, "drop crrupted config: [%s]", file.c_str());
         old = Json::Value(Json::objectValue);
     }
@@ -234,7 +235,7 @@ bool RelaydConf::ReadForRewrite(const std::string& file, Json::Value& v) const {
         return false;
     }
     bool readable = false;
-    return ReadJsonFile(file, v, readable) && readable;
+    return Relay::ReadJsonFile(file, v, readable) && readable;
 }
 
 bool RelaydConf::WriteServerId(const std::string& file) {

@@ -11,6 +11,8 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include "platform/unique_fd.h"
+
 namespace ZARO::Relay::json {
 
 namespace {
@@ -36,13 +38,6 @@ bool ReadAll(int fd, std::string& out) {
     }
 }
 
-bool IsStrangers(const std::string& path, uid_t owner) {
-    struct stat folder = {};
-    const std::string name = path.substr(0, path.rfind('/') + 1);
-    return owner != 0 && owner != geteuid() &&
-           (stat(name.c_str(), &folder) != 0 || folder.st_uid != owner);
-}
-
 } // namespace
 
 // Reader and the two writers are the forms whose texts the files and the servers know; jsoncpp
@@ -56,7 +51,7 @@ bool Parse(const std::string& text, Json::Value& out) {
         if (reader.parse(text, out, false)) {
             return true;
         }
-    } catch (const Json::Exception&) { // nested too deep; want of memory says nothing of the text
+    } catch (const Json::Exception&) { // nested too deep
     }
     out = Json::Value();
     return false;
@@ -101,35 +96,32 @@ Json::Value& Object(Json::Value& value) {
     return value;
 }
 
-Reading ReadText(const std::string& path, FileText& out, bool ownOnly) {
+Reading ReadText(const std::string& path, FileText& out, Links links) {
     out = FileText();
-    const int fd = open(path.c_str(),
-                        O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (ownOnly ? O_NOFOLLOW : 0));
-    if (fd < 0) {
-        const bool missing = errno == ENOENT || errno == ENOTDIR || (ownOnly && errno == ELOOP);
+    const int noLinks = links == Links::Refuse ? O_NOFOLLOW : 0;
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | noLinks));
+    if (!fd.IsOpen()) {
+        const bool missing =
+            errno == ENOENT || errno == ENOTDIR || (noLinks != 0 && errno == ELOOP);
         return missing ? Reading::Missing : Reading::Unreadable;
     }
     out.opened = true;
     struct stat info = {};
-    Reading result = Reading::Unreadable;
-    int error = 0;
-    if (fstat(fd, &info) != 0) {
-        error = errno;
-    } else if (ownOnly && IsStrangers(path, info.st_uid)) {
-        result = Reading::Missing;
-    } else if (!S_ISREG(info.st_mode)) {
-        error = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
-    } else if (ReadAll(fd, out.text)) {
-        out.device = info.st_dev;
-        out.inode = info.st_ino;
-        result = Reading::Done;
-    } else {
-        error = errno;
-        out.text.clear();
+    if (fstat(fd.Get(), &info) != 0) {
+        return Reading::Unreadable;
     }
-    close(fd);
-    errno = error;
-    return result;
+    out.device = info.st_dev;
+    out.inode = info.st_ino;
+    out.owner = info.st_uid;
+    if (!S_ISREG(info.st_mode)) {
+        errno = S_ISDIR(info.st_mode) ? EISDIR : EINVAL;
+        return Reading::Unreadable;
+    }
+    if (!ReadAll(fd.Get(), out.text)) {
+        out.text.clear();
+        return Reading::Unreadable;
+    }
+    return Reading::Done;
 }
 
 } // namespace ZARO::Relay::json

@@ -21,7 +21,7 @@ std::string OneLine(const Json::Value& value);
 /// The value indented for people.
 std::string Styled(const Json::Value& value);
 
-/// The member `key`, or null when `object` is no object or has none.
+/// The member `key`, or null when `object` is no object or lacks it.
 const Json::Value* Find(const Json::Value& object, const char* key);
 
 /// Takes the member `key` if it is there with that type; else false and `out` untouched.
@@ -34,22 +34,24 @@ Json::Value& Object(Json::Value& value);
 /// What became of reading a file.
 enum class Reading {
     Done,
-    Missing,    ///< there is none, or it can't be opened for want of a folder on the way
+    Missing,    ///< there is none, or a folder on the way to it is missing
     Unreadable, ///< it is there; errno tells why it can't be read
 };
+
+/// Whether a link is followed. Where anybody can make a file, it is not: it counts as missing.
+enum class Links { Follow, Refuse };
 
 /// A file's text, and which file it was.
 struct FileText {
     std::string text;
-    bool opened = false; ///< so far it went at least
+    bool opened = false; ///< false also for a file that is there but can't be opened
     dev_t device = 0;
     ino_t inode = 0;
+    uid_t owner = 0;
 };
 
 /// Reads a whole regular file that is not larger than anything this system writes. The text is
-/// empty unless it is done. Never blocks on a FIFO. With `ownOnly` a link, and a file that belongs
-/// to nobody but a stranger, counts as missing: for folders where anybody can make a file. Root,
-/// the own user and the folder's owner are no strangers.
-Reading ReadText(const std::string& path, FileText& out, bool ownOnly = false);
+/// empty unless it is done. Never blocks on a FIFO.
+Reading ReadText(const std::string& path, FileText& out, Links links = Links::Follow);
 
 } // namespace ZARO::Relay::json

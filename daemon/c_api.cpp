@@ -1,13 +1,16 @@
 #include <zarorelayd/zarorelayd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <string>
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 
 #include "config/json_text.h"
+#include "platform/include/zaro/platform.h"
 #include "platform/paths.h"
 
 using ZARO::Relay::AuthConf;
@@ -18,14 +21,20 @@ namespace paths = ZARO::Relay::paths;
 
 namespace {
 
-/// Runs a C entry point's body; no exception leaves it.
+/// Runs a C entry point's body; no exception leaves it. errno is ENOMEM afterwards when memory ran
+/// out, and else as it was.
 template <typename Body> int Guarded(int onException, Body body) noexcept {
+    int error = errno;
+    int result = onException;
     try {
         Daemon::LibInit();
-        return body();
+        result = body();
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
     } catch (...) {
-        return onException;
     }
+    errno = error;
+    return result;
 }
 
 bool ReadConfig(Json::Value& config) {
@@ -107,6 +116,9 @@ int VerifyServerId(const char* serverId) {
         return 1; // whatever the hardware says, so it is not asked
     }
     const std::string mac = AuthConf::RelaydGetMacAddressByIf("eth0");
+    if (mac.empty() && TLIBCErrGet() == ENOMEM) {
+        throw std::bad_alloc(); // the platform could not look for the address
+    }
     return !mac.empty() && ComputeServerId(mac) == id ? 1 : 0;
 }
 

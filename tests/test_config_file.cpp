@@ -1,5 +1,6 @@
 #include <zarorelayd/config.h>
 
+#include "tests/support/no_memory.h"
 #include "tests/support/platform_standin.h"
 #include "tests/support/unit.h"
 
@@ -122,6 +123,22 @@ TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
     conf.control.port = -1;
     EXPECT_FALSE(conf.WriteServerId("") || conf.WriteAliasName("", "a") || conf.WriteConfigFile());
     EXPECT_EQ(File(), "{}");
+}
+
+TEST_F(ConfigFileTest, DropsAnIdOnlyWhenItIsForeign) {
+    const RelaydConf cut = Conf(R"({"serverID":"044756784\u0000x"})");
+    EXPECT_EQ(cut.serverID, std::string("044756784\0x", 11));
+    RelaydConf conf = Conf(R"({"serverID":"044756784"})");
+    const Json::Value nothing(Json::objectValue);
+    bool ranOut = true;
+    for (long n = 0; ranOut; ++n) {
+        gAllocationsLeft = n;
+        conf.Overwrite(nothing);
+        ranOut = gAllocationsLeft == 0;
+        gAllocationsLeft = -1;
+        ASSERT_EQ(conf.serverID, "044756784") << "out of memory after " << n;
+    }
+    EXPECT_FALSE(conf.serverIdCleared);
 }
 
 TEST_F(ConfigFileTest, DropsAForeignServerIdAndTellsOnce) {

@@ -20,7 +20,7 @@ class ZARORELAYD_API ServerConf : public Config {
 public:
     /// "http", port 80, page "Serv.php"; host and page replaced by what is not null.
     ServerConf(const char* host, const char* page);
-    explicit ServerConf(const Json::Value& v);
+    ServerConf(const Json::Value& v);
     ServerConf(const ServerConf&) = default;
     ServerConf& operator=(const ServerConf&) = default;
 
@@ -52,7 +52,7 @@ public:
 class ZARORELAYD_API ServiceConf : public Config {
 public:
     /// Reads the platform's definition of `id`; an empty record for null.
-    explicit ServiceConf(const char* id);
+    ServiceConf(const char* id);
     /// From JSON; with `readConf` the platform's definition is read first, so that the JSON wins.
     ServiceConf(const Json::Value& v, bool readConf);
     ServiceConf(const ServiceConf&) = default;
@@ -83,7 +83,7 @@ public:
 /// Finds the services with one id, byte for byte.
 class ZARORELAYD_API CmprServiceId {
 public:
-    explicit CmprServiceId(std::string id);
+    CmprServiceId(std::string id);
     bool operator()(const ServiceConf& service) const;
 
 private:
@@ -94,7 +94,7 @@ private:
 class ZARORELAYD_API InterfaceConf : public Config {
 public:
     InterfaceConf();
-    explicit InterfaceConf(const _tag_TLIB_NETIF& nic);
+    InterfaceConf(const _tag_TLIB_NETIF& nic);
     InterfaceConf(const std::string& name, const std::string& ip, const std::string& mask);
     InterfaceConf(const InterfaceConf&) = default;
     InterfaceConf& operator=(const InterfaceConf&) = default;
@@ -117,7 +117,7 @@ public:
 /// How the device is reachable on its networks.
 class ZARORELAYD_API NetworkConf : public Config {
 public:
-    explicit NetworkConf(bool readNow);
+    NetworkConf(bool readNow);
     NetworkConf(const NetworkConf&) = default;
     NetworkConf& operator=(const NetworkConf&) = default;
 
@@ -146,7 +146,7 @@ public:
 class ZARORELAYD_API AuthConf : public Config {
 public:
     /// Knows the time zone; the rest only after ReadConf.
-    explicit AuthConf(bool readNow);
+    AuthConf(bool readNow);
     AuthConf(const AuthConf&) = default;
     AuthConf& operator=(const AuthConf&) = default;
 
@@ -182,7 +182,7 @@ public:
 class ZARORELAYD_API RelaydConf : public Config {
 public:
     /// Defaults, then the file if `path` is not null; ask IsValid() for the outcome.
-    explicit RelaydConf(const char* path);
+    RelaydConf(const char* path);
     RelaydConf(const RelaydConf&) = default;
     RelaydConf& operator=(const RelaydConf&) = default;
 
@@ -266,10 +266,6 @@ public:
     bool serverIdCleared; ///< the next rewrite of the file sends a notification
 
 private:
-    /// As the other one; not `readable`: the file is there and what it holds is not known, so that
-    /// nobody may replace it.
-    static bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable);
-
     /// What a rewrite of some keys begins with. False, logged, when there must be none.
     bool ReadForRewrite(const std::string& file, Json::Value& v) const;
 };

@@ -38,7 +38,8 @@ ZARORELAYD_API int TLIBRelaydGetServerId(const char* serviceId, char* buffer,
  * serverId  the id; NULL checks the one in the configuration file.
  *
  * Returns 1 when it is empty or belongs to this device; else 0, also when the configuration
- * can't be read or the device has no hardware address.
+ * can't be read or the device has no hardware address. errno tells a 0 that only means that
+ * memory ran out: it is then ENOMEM, and in every other case as it was before the call.
  */
 ZARORELAYD_API int TLIBRelaydVerifyServerId(const char* serverId) ZARORELAYD_NOEXCEPT;
 
