@@ -1,6 +1,5 @@
 #include <zarorelayd/daemon.h>
 
-#include <fcntl.h>
 #include <signal.h>
 #include <syslog.h>
 #include <sys/file.h>
@@ -8,7 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+#include <cstdio>
 #include <iostream>
 
 #include <libdaemon/dpid.h>
@@ -27,6 +26,7 @@ namespace ZARO::Relay {
 
 namespace {
 
+constexpr const char* kUnit = "daemon.cpp"; // that of the whole facade
 constexpr int kRunning = 0;
 constexpr int kNotRunning = 1;
 constexpr int kNoStatus = 2;
@@ -48,32 +48,35 @@ bool PublishesService(const Json::Value& status, const char* serviceId) {
     return false;
 }
 
-/// A folder, a link or a stranger's file, which he may hold locked, must not keep the next asker
-/// out, too.
+/// Where anybody can make a file, what is none must not keep every asker out for ever. A file
+/// stays: another asker may be at work with it.
 void DropPlanted(const std::string& path) {
     struct stat info = {};
-    if (lstat(path.c_str(), &info) != 0) {
+    if (lstat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode)) {
         return;
     }
-    if (S_ISDIR(info.st_mode)) {
-        MoveFolderAway(path);
-    } else if (!S_ISREG(info.st_mode) || (info.st_uid != 0 && info.st_uid != geteuid())) {
-        unlink(path.c_str());
-    }
+    FreeName(path);
 }
 
-/// Makes the locked dump file ours and empty, so that what is read from it later is what the daemon
-/// wrote: an asker that died may have left a dump, or somebody may have planted one.
-bool EmptyDumpFile(const std::string& path) {
-    const int fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    struct stat info = {};
-    const bool good = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink == 1 &&
-                      (info.st_uid == 0 || info.st_uid == geteuid()) && ftruncate(fd, 0) == 0;
-    close(fd);
-    return good;
+/// The user that a process runs as; false when there is no such process.
+bool UserOf(pid_t process, uid_t& user) {
+    json::FileText file;
+    const std::string key = "\nUid:"; // then the real user and the effective one
+    (void)json::ReadText("/proc/" + std::to_string(process) + "/status", file);
+    const std::size_t at = file.text.find(key);
+    return at != std::string::npos &&
+           sscanf(file.text.c_str() + at + key.size(), "%*u %u", &user) == 1;
+}
+
+/// Whether a file that anybody could have made is the daemon's: root's, the asker's or the folder's
+/// owner's is, and that of the user whose process it names.
+bool IsDaemons(const std::string& path, const json::FileText& file, const Json::Value& status) {
+    struct stat folder = {};
+    uid_t user = 0;
+    int pid = -1;
+    return file.owner == 0 || file.owner == geteuid() ||
+           (stat(FolderOf(path).c_str(), &folder) == 0 && folder.st_uid == file.owner) ||
+           (json::Get(status, "pid", pid) && UserOf(pid, user) && user == file.owner);
 }
 
 /// Reads the dump that the daemon is writing into `path` and removes the file.
@@ -82,8 +85,9 @@ int CollectDump(const std::string& path, Json::Value& out) {
     int result = RELAYD_RET_LOCK;
     for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
         json::FileText file;
-        if (json::ReadText(path, file, true) != json::Reading::Done) {
-            syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", __FILE_NAME__, __LINE__);
+        (void)json::ReadText(path, file, json::Links::Refuse);
+        if (!file.opened) {
+            syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", kUnit, __LINE__);
             result = RELAYD_RET_UNKNOWN;
             break;
         }
@@ -92,7 +96,7 @@ int CollectDump(const std::string& path, Json::Value& out) {
             break;
         }
         if (attempt == kDumpAttempts - 1) {
-            syslog(LOG_DEBUG, "%s:%d zarorelayd status parse failed", __FILE_NAME__, __LINE__);
+            syslog(LOG_DEBUG, "%s:%d zarorelayd status parse failed", kUnit, __LINE__);
             break;
         }
         usleep(kBetweenAttempts);
@@ -107,17 +111,23 @@ int Daemon::GetStatus(Json::Value& out) {
     out = Json::Value();
     LibInit();
     json::FileText file;
-    const json::Reading reading = json::ReadText(paths::StatusFile(), file, true);
-    if (reading == json::Reading::Missing || !file.opened) {
+    const std::string path = paths::StatusFile();
+    const json::Reading reading = json::ReadText(path, file, json::Links::Refuse);
+    if (!file.opened) {
         return kNotRunning;
     }
-    if (reading != json::Reading::Done || !json::Parse(file.text, out)) {
-        syslog(LOG_ERR, "%s:%d bad zarorelayd status file", __FILE_NAME__, __LINE__);
+    const bool parsed = reading == json::Reading::Done && json::Parse(file.text, out);
+    if (!IsDaemons(path, file, out)) {
+        out = Json::Value();
+        return kNotRunning;
+    }
+    if (!parsed) {
+        syslog(LOG_ERR, "%s:%d bad zarorelayd status file", kUnit, __LINE__);
         return RELAYD_RET_UNKNOWN;
     }
     int pid = -1;
-    if (!json::Get(out, "pid", pid) || pid <= 0) { // 0 and below would mean process groups
-        syslog(LOG_ERR, "%s:%d bad zarorelayd status pid", __FILE_NAME__, __LINE__);
+    if (!json::Get(out, "pid", pid) || pid == -1) {
+        syslog(LOG_ERR, "%s:%d bad zarorelayd status pid", kUnit, __LINE__);
         return RELAYD_RET_UNKNOWN;
     }
     return kill(pid, 0) == 0 ? kRunning : kNotRunning;
@@ -162,18 +172,12 @@ int Daemon::DebugStatus(Json::Value& out) {
     const std::string path = paths::DebugFile(pid);
     FileLock lock(path.c_str());
     if (!lock.Lock(LOCK_EX)) {
-        syslog(LOG_NOTICE, "%s:%d lock failed", __FILE_NAME__, __LINE__);
+        syslog(LOG_NOTICE, "%s:%d lock failed", kUnit, __LINE__);
         DropPlanted(path);
         return RELAYD_RET_LOCK;
     }
-    if (!EmptyDumpFile(path)) {
-        syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", __FILE_NAME__, __LINE__);
-        unlink(path.c_str()); // what somebody planted must not be in the way for ever
-        return RELAYD_RET_UNKNOWN;
-    }
     if (daemon_pid_file_kill(SIGUSR1) < 0) {
-        syslog(LOG_ERR, "%s:%d daemon is not running", __FILE_NAME__, __LINE__);
-        unlink(path.c_str());
+        syslog(LOG_ERR, "%s:%d daemon is not running", kUnit, __LINE__);
         return kNotRunning;
     }
     return CollectDump(path, out);

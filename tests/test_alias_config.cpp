@@ -32,7 +32,12 @@ TEST_F(AliasConfigTest, StatusIsWholeAndAboutOneAlias) {
     AliasStatus writer;
     EXPECT_TRUE(writer.SetStatus("me", "good", "more", true));
     EXPECT_TRUE(!writer.GetStatus("other", status, extra) && status + extra == "keptkept");
+    const std::string file = root_.Path("/tmp/farlink_alias.status");
+    GiveAway(file, 12345); // another user may have set it
     EXPECT_TRUE(AliasStatus().GetStatus("me", status, extra) && status + extra == "goodmore");
+    std::filesystem::rename(file, file + "1");
+    std::filesystem::create_symlink(file + "1", file);
+    EXPECT_FALSE(AliasStatus().GetStatus("me", status, extra));
     for (const char* bad :
          {"[]", "{}", R"({"alias_name":["me"]})", R"({"alias_name":"a","status":{}})",
           R"({"alias_name":"","status":"good"})"}) {

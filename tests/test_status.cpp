@@ -26,7 +26,7 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
     const std::string live = "{\"pid\":" + std::to_string(getpid()), dead = R"({"pid":99999999)";
     const std::string all = live + R"(,"serverID":"12","state":5,"error":6,
         "service":[7,null,{},{"id":5},{"id":["web"]},[],{"id":"web","port":1}]} // end)";
-    // File, service, the three texts, result of printing.
+    // File, service, the three texts, result of printing. Only -1 is no process id.
     const std::tuple<std::string, const char*, const char*, int> rows[] = {
         {all, nullptr, "12 connected err_network", 0},
         {all, "web", "12 connected err_network", 0},
@@ -34,6 +34,7 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
         {dead + R"(,"serverID":"12","state":5,"error":8})", nullptr, "12 not_running err_auth", 1},
         {dead + R"(,"service":[{"id":"web"}]})", "web", "-- not_running success", 1},
         {"none", nullptr, " not_running success", 1},
+        {R"({"pid":-99999999})", nullptr, " not_running success", 1},
         {R"({"pid":-1})", nullptr, "  ", 2},
         {"", nullptr, "  ", 2}};
     for (const auto& [text, service, texts, result] : rows) {
@@ -53,6 +54,30 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
     }
 }
 
+TEST_F(StatusTest, BelievesTheUserOfTheProcessThatTheFileNames) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "files of other users take root";
+    }
+    const uid_t daemon = 12345;
+    const pid_t process = fork();
+    if (process == 0) {
+        _exit(setuid(daemon) == 0 && pause());
+    }
+    const std::string path = root_.Path("/tmp/.zarorelayd.status");
+    for (const uid_t owner : {daemon, daemon + 1}) {
+        Json::Value out = 5;
+        root_.Write("/tmp/.zarorelayd.status", "{\"pid\":" + std::to_string(process) + "}");
+        GiveAway(path, owner);
+        EXPECT_TRUE(WaitFor([&] { return Daemon::GetStatus(out) == (owner == daemon ? 0 : 1); }));
+        EXPECT_EQ(out.isNull(), owner != daemon);
+        fs::rename(path, path + "1");
+        fs::create_symlink(path + "1", path);
+        EXPECT_EQ(Daemon::GetStatus(out), 1); // a link may lead to anything
+    }
+    kill(process, SIGKILL);
+    waitpid(process, nullptr, 0);
+}
+
 TEST_F(StatusTest, FetchesADump) {
     const std::tuple<std::string, int, const char*> rows[] = {
         {"{\"a\" : [1] } // of now", 0, "{\"a\":[1]}\n"},
@@ -69,7 +94,14 @@ TEST_F(StatusTest, FetchesADump) {
         EXPECT_FALSE(fs::exists(gDumpFile)) << dump;
     }
     Json::Value out = 5;
+    gDump = "-";
+    signal(SIGUSR1, SIG_IGN);
+    root_.Write("/tmp" + gDumpFile.substr(gDumpFile.rfind('/')), "[7]"); // it is what is there
+    EXPECT_EQ(Daemon::DebugStatus(out), 0);
+    EXPECT_EQ(Compact(out), "[7]");
+    signal(SIGUSR1, Answer);
     gDump = "{}";
+    fs::permissions(root_.Path("/tmp"), fs::perms(01777)); // anybody may have made a folder there
     fs::create_directories(gDumpFile + "/in the way");
     EXPECT_EQ(Daemon::DebugStatus(out), 11);
     EXPECT_EQ(Daemon::DebugStatus(out), 0);
@@ -78,6 +110,7 @@ TEST_F(StatusTest, FetchesADump) {
     }
     FileLock asker(gDumpFile.c_str());
     EXPECT_TRUE(asker.Lock(LOCK_EX));
+    GiveAway(gDumpFile, 12345); // whoever that is
     EXPECT_EQ(Daemon::DebugStatus(out), 11);
     EXPECT_TRUE(fs::remove(gDumpFile)); // it is the other asker's
     fs::remove(root_.Path("/var/run/zarorelayd.pid"));

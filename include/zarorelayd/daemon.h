@@ -27,9 +27,10 @@ public:
 
     /// Emits one line if `level` is at or below the threshold: to standard error with a time stamp
     /// or, in a forked daemon without a log file, through libdaemon to the system log. `format`
-    /// begins with "%s:%d " for source file and line and has no newline. errno is the same
-    /// afterwards, and "%m" is the caller's. Returns what the last output call returned; 0 where
-    /// nothing was written.
+    /// begins with "%s:%d " for source file and line and has no newline. Prints what it is given,
+    /// whole and unchanged: who passes foreign texts sees to it that they are harmless. errno is
+    /// the same afterwards, and "%m" is the caller's. Returns what the last output call returned; 0
+    /// where nothing was written.
     static int LogV(int level, const char* format, va_list ap)
         __attribute__((format(printf, 2, 0)));
     static int Log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
@@ -83,7 +84,8 @@ public:
     /// Reads the status file: 0 running; 1 not running (no file, or its process is gone; `out` then
     /// keeps a stale file's content; also a process that may not be asked because it is another
     /// user's); 255 unusable file. It can't tell the daemon from another live program that has been
-    /// given its process id. A file that a stranger made counts as none.
+    /// given its process id. A link counts as no file, and so does a file whose owner is neither
+    /// root, nor the asker, nor the folder's owner, nor the user of the process that it names.
     static int GetStatus(Json::Value& out);
 
     /// The status as three texts. With `serviceId`, a service that the running daemon does not
@@ -91,9 +93,9 @@ public:
     static bool GetStatus(std::string& serverId, std::string& state, std::string& error,
                           const char* serviceId);
 
-    /// Asks the running daemon for a dump of its state; blocks a few milliseconds. 0; 1 not
-    /// running; 11 another asker is at it or the daemon was too slow: ask again; 255 dump file
-    /// gone.
+    /// Asks the running daemon for a dump of its state; blocks a few milliseconds. 0, and `out` is
+    /// what the dump file holds as soon as that is JSON; 1 not running; 11 another asker is at it
+    /// or the daemon was too slow: ask again; 255 dump file gone. `out` is null but for 0.
     static int DebugStatus(Json::Value& out);
 
     /// Prints the status (or, with `debug`, the dump) on standard output. 0 running; 1 not running;

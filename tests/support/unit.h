@@ -8,6 +8,11 @@
 #include "tests/support/processes.h"
 #include "tests/support/temp_root.h"
 
+/// Makes a file another user's, where this process may do so.
+inline void GiveAway(const std::string& path, uid_t user) {
+    EXPECT_EQ(geteuid() == 0 ? chown(path.c_str(), user, user) : 0, 0);
+}
+
 /// A test with a device of its own.
 struct RootTest : testing::Test {
     RootTest() { ZARO::Relay::Daemon::SetName("zarorelayd"); } // its files are below the root
