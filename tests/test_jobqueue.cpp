@@ -94,10 +94,19 @@ TEST_F(JobQueueTest, RemovesByCallback) {
     const SharedRequest other = Get(server_.Url("/a"));
     EXPECT_TRUE(queue_.Add(other, Note, 0) && queue_.Add(running, Note, 9));
     EXPECT_TRUE(queue_.RemoveAll() && !queue_.IsJobExist(Note) && !other->IsValid());
+    const SharedRequest survivor = Get(server_.Url("/a"));
+    survivor->SetData(std::string("b"), true);
     {
         JobQueue brief; // ends with a running job, and leaves the other one working
-        EXPECT_TRUE(brief.Add(Get(server_.Url("/a")), Note, 0) && brief.Perform());
+        const std::string trace = Captured(STDERR_FILENO, [&] {
+            Daemon::_logLevel = 7;
+            EXPECT_TRUE(brief.Add(survivor, Note, 0));
+            Daemon::_logLevel = 4;
+        });
+        EXPECT_EQ(trace, "\033[34madd request\033[0m: " + server_.Url("/a") + " b");
+        EXPECT_TRUE(brief.Perform());
     }
+    EXPECT_TRUE(survivor->Send());
     EXPECT_TRUE(queue_.Add(Get(server_.Url("/c")), Note, 0) && queue_.Add(running, Note, 9));
     EXPECT_THAT(LogOf("jobqueue", 7, [&] { EXPECT_TRUE(Drive(3)); }),
                 testing::Contains("callback execute failed"));

@@ -65,6 +65,11 @@ JobQueue::~JobQueue() {
     if (multi_ != nullptr) {
         curl_multi_cleanup(multi_);
     }
+    for (const Job& job : jobs_) {
+        if (job.schedule == 0) {
+            job.request->LeaveMulti(); // whoever else holds it may go on using it
+        }
+    }
 }
 
 bool JobQueue::IsValid() const {
@@ -109,9 +114,8 @@ bool JobQueue::CheckStart(Job& job) {
         return true;
     }
     if (Daemon::IsLogEnable(7)) {
-        const std::string data = job.request->GetData(); // JSON ends its line by itself
-        std::cerr << "\033[34madd request\033[0m: " << job.request->GetUrl() << " " << data
-                  << (!data.empty() && data.back() == '\n' ? "" : "\n") << std::flush;
+        std::cerr << "\033[34madd request\033[0m: " << job.request->GetUrl() << " "
+                  << job.request->GetData() << std::flush;
     }
     if (!job.request->JobAdd(multi_)) {
         RELAY_LOG(7, "add %s failed", job.request->GetData().c_str());

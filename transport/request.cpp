@@ -3,8 +3,10 @@
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
-#include <cstdio>
+#include <algorithm>
 #include <cstring>
+#include <map>
+#include <utility>
 
 #include "config/json_text.h"
 #include "daemon/log.h"
@@ -19,7 +21,8 @@ constexpr long kConnectTimeoutSeconds = 60;
 constexpr long kTransferTimeoutSeconds = 20;
 constexpr long kForever = -1;
 constexpr std::size_t kHostText = 128; // bytes
-constexpr std::size_t kMostCookies = 64;
+/// Per host; libcurl sends 150 at most. A server that sends ever new ones must not fill the memory.
+constexpr std::size_t kMostCookies = 256;
 /// No server of ours sends as much, and a hostile one must not fill the memory of the appliance:
 /// parsed JSON takes some fifty times its text.
 constexpr std::size_t kLargestResponse = std::size_t{1} << 20;
@@ -52,11 +55,38 @@ std::string HostOf(const std::string& url) {
     return host.substr(0, colon != std::string::npos ? colon : host.find('/'));
 }
 
+/// Whose cookie a line of libcurl's list holds.
+std::string CookieHost(const std::string& line) {
+    const std::string httpOnly = "#HttpOnly_";
+    const std::size_t begin = line.rfind(httpOnly, 0) == 0 ? httpOnly.size() : 0;
+    const std::string host = line.substr(begin, line.find('\t') - begin);
+    return host[0] == '.' ? host.substr(1) : host;
+}
+
+/// The line that makes libcurl forget a cookie: the same with an end in the past. Its fields are
+/// host, subdomains, path, secure, end, name and value.
+std::string Expired(const std::string& line) {
+    std::size_t end = 0;
+    for (int field = 0; field < 4 && end != std::string::npos; ++field) {
+        end = line.find('\t', end == 0 ? 0 : end + 1);
+    }
+    return end == std::string::npos
+               ? line
+               : line.substr(0, end + 1) + "1" + line.substr(line.find('\t', end + 1));
+}
+
 } // namespace
 
+/// What libcurl is given pointers to. It belongs to one handle and goes, or stays, with it.
+struct Request::Buffers {
+    std::string data;
+    std::string response;
+    char error[CURL_ERROR_SIZE] = {};
+};
+
 Request::Request(const char* url, const char* data, bool post)
-    : handle_(nullptr), curlResult_(CURLE_OK), error_{}, inMulti_(false), done_(false), status_(0),
-      hasBody_(false) {
+    : buffers_(std::make_unique<Buffers>()), handle_(nullptr), curlResult_(CURLE_OK),
+      inMulti_(false), done_(false), status_(0), hasBody_(false) {
     if (url != nullptr) {
         Set(std::string(url), std::string(data != nullptr ? data : ""), post);
     }
@@ -69,17 +99,25 @@ Request::Request(const std::string& url, const Json::Value& data, bool post)
 
 Request::Request(const Request& other) : Request(nullptr, nullptr, false) {
     url_ = other.url_;
-    data_ = other.data_;
-    CopyHandle(other);
+    buffers_->data = other.buffers_->data;
+    CopyHandle(other.handle_, other.hasBody_);
 }
 
 // Assigned to itself it has a duplicate of its own handle, as with any other.
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
 Request& Request::operator=(const Request& other) {
+    auto fresh = std::make_unique<Buffers>();
+    fresh->data = other.buffers_->data;
+    memcpy(fresh->error, buffers_->error, sizeof fresh->error);
+    // The handle held so far is not cleaned up here, on purpose: it may still be in a multi handle.
+    // Nobody tells when its owner has done with it, so what it points to stays for ever.
+    if (handle_ != nullptr) {
+        static auto& left = *new std::list<std::unique_ptr<Buffers>>;
+        left.push_back(std::move(buffers_));
+    }
+    buffers_ = std::move(fresh);
     url_ = other.url_;
-    data_ = other.data_;
-    // The handle held so far is not cleaned up here: it may still be in a multi handle.
-    CopyHandle(other);
+    CopyHandle(other.handle_, other.hasBody_);
     return *this;
 }
 
@@ -108,15 +146,16 @@ bool Request::Release() {
     return false;
 }
 
-/// Duplicates the other request's handle. A duplicate still points into the original's memory and
-/// has lost the share, so each of these is set anew.
-void Request::CopyHandle(const Request& other) {
-    handle_ = other.handle_ != nullptr ? curl_easy_duphandle(other.handle_) : nullptr;
-    hasBody_ = other.hasBody_;
+/// Takes a duplicate of another request's handle. It still points into that one's memory and has
+/// lost the share, so each of these is set again.
+void Request::CopyHandle(CURL* handle, bool hasBody) {
+    handle_ = handle != nullptr ? curl_easy_duphandle(handle) : nullptr;
+    hasBody_ = hasBody;
     inMulti_ = false;
     if (InitSend() && handle_ != nullptr) {
-        const bool good = SetShare() && SET_OPTION(handle_, CURLOPT_ERRORBUFFER, error_) &&
-                          (!hasBody_ || SET_OPTION(handle_, CURLOPT_POSTFIELDS, data_.c_str()));
+        const bool good =
+            SetShare() && SET_OPTION(handle_, CURLOPT_ERRORBUFFER, buffers_->error) &&
+            (!hasBody_ || SET_OPTION(handle_, CURLOPT_POSTFIELDS, buffers_->data.c_str()));
         if (!good) {
             Release();
         }
@@ -190,9 +229,9 @@ bool Request::SetTransferOptions() {
 }
 
 bool Request::SetReplyOptions() {
-    memset(error_, 0, sizeof error_);
+    memset(buffers_->error, 0, sizeof buffers_->error);
     return SET_OPTION(handle_, CURLOPT_WRITEFUNCTION, &Request::OnData) &&
-           SET_OPTION(handle_, CURLOPT_ERRORBUFFER, error_);
+           SET_OPTION(handle_, CURLOPT_ERRORBUFFER, buffers_->error);
 }
 
 bool Request::SetTlsOptions() {
@@ -216,17 +255,17 @@ bool Request::SetData(const std::string& data, bool post) {
         (void)SET_OPTION(handle_, CURLOPT_POSTFIELDS, nullptr);
         (void)SET_OPTION(handle_, CURLOPT_HTTPGET, 1L);
     }
-    data_ = data;
+    buffers_->data = data;
     if (!post) {
-        return SET_OPTION(handle_, CURLOPT_URL, (url_ + "?" + data_).c_str());
+        return SET_OPTION(handle_, CURLOPT_URL, (url_ + "?" + data).c_str());
     }
     if (!SET_OPTION(handle_, CURLOPT_URL, url_.c_str())) {
         return false;
     }
-    if (data_.empty()) {
+    if (buffers_->data.empty()) {
         return true;
     }
-    hasBody_ = SET_OPTION(handle_, CURLOPT_POSTFIELDS, data_.c_str());
+    hasBody_ = SET_OPTION(handle_, CURLOPT_POSTFIELDS, buffers_->data.c_str());
     return hasBody_;
 }
 
@@ -263,9 +302,9 @@ std::size_t Request::OnData(char* data, std::size_t size, std::size_t count,
 bool Request::InitSend() {
     status_ = 0;
     done_ = false;
-    response_.clear();
+    buffers_->response.clear();
     // The callback goes with the data: without it libcurl takes the string for a FILE.
-    if (handle_ == nullptr || (SET_OPTION(handle_, CURLOPT_WRITEDATA, &response_) &&
+    if (handle_ == nullptr || (SET_OPTION(handle_, CURLOPT_WRITEDATA, &buffers_->response) &&
                                SET_OPTION(handle_, CURLOPT_WRITEFUNCTION, &Request::OnData))) {
         return true;
     }
@@ -338,32 +377,53 @@ long Request::GetHttpStatus() {
 }
 
 bool Request::SaveCookies() {
-    curl_slist* lines = nullptr;
-    const CURLcode result = curl_easy_getinfo(handle_, CURLINFO_COOKIELIST, &lines);
+    curl_slist* list = nullptr;
+    const CURLcode result = curl_easy_getinfo(handle_, CURLINFO_COOKIELIST, &list);
+    const std::unique_ptr<curl_slist, void (*)(curl_slist*)> lines(list, curl_slist_free_all);
     if (result != CURLE_OK) {
         RELAY_LOG(3, "curl_easy_getinfo failed: %d", static_cast<int>(result));
-        curl_slist_free_all(lines);
         return false;
     }
-    const std::string host = HostOf(url_);
-    std::size_t count = 0;
-    for (const curl_slist* line = lines; line != nullptr; line = line->next) {
-        if (++count > kMostCookies) {
-            // A server that sends ever new ones would fill the memory of every request.
-            RELAY_LOG(4, "more than %zu cookies, forgetting all", kMostCookies);
-            (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, "ALL");
-            break;
-        }
-        if (strncmp(line->data, host.c_str(), host.size()) == 0) {
-            cookies_.emplace_back(line->data);
-        }
-    }
-    curl_slist_free_all(lines);
+    KeepCookies(list);
+    BoundStore(list);
     return true;
 }
 
+/// Adds the lines of the URL's host to this request's.
+void Request::KeepCookies(const curl_slist* lines) {
+    const std::string host = HostOf(url_);
+    if (host.empty()) {
+        return;
+    }
+    const auto isHosts = [&](const std::string& line) { return line.rfind(host, 0) == 0; };
+    for (; lines != nullptr; lines = lines->next) {
+        if (isHosts(lines->data)) {
+            cookies_.emplace_back(lines->data);
+        }
+    }
+    auto count = static_cast<std::size_t>(std::count_if(cookies_.begin(), cookies_.end(), isHosts));
+    for (; count > kMostCookies; --count) {
+        cookies_.erase(std::find_if(cookies_.begin(), cookies_.end(), isHosts));
+    }
+}
+
+/// Drops the oldest cookies of each host that has too many, from the store that all requests share.
+void Request::BoundStore(const curl_slist* lines) {
+    std::map<std::string, std::size_t> counts;
+    for (const curl_slist* line = lines; line != nullptr; line = line->next) {
+        ++counts[CookieHost(line->data)];
+    }
+    for (; lines != nullptr; lines = lines->next) {
+        std::size_t& count = counts[CookieHost(lines->data)];
+        if (count > kMostCookies) {
+            --count;
+            (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, Expired(lines->data).c_str());
+        }
+    }
+}
+
 RELAYD_RET Request::CurlError() const {
-    RELAY_LOG(5, "%s", error_);
+    RELAY_LOG(5, "%s", buffers_->error);
     switch (curlResult_) {
     case CURLE_COULDNT_RESOLVE_HOST:
         return RELAYD_RET_RESOLV;
@@ -395,23 +455,23 @@ RELAYD_RET Request::GetError() const {
 }
 
 std::string Request::GetResponse() const {
-    return done_ && status_ == 200 ? response_ : "";
+    return done_ && status_ == 200 ? buffers_->response : "";
 }
 
 bool Request::GetResponse(Json::Value& out) const {
     if (!done_ || status_ != 200) {
         return false;
     }
-    if (!json::Parse(response_, out)) {
-        RELAY_LOG(7, "failed to parse response: %s", response_.c_str());
+    if (!json::Parse(buffers_->response, out)) {
+        RELAY_LOG(7, "failed to parse response: %s", buffers_->response.c_str());
         return false;
     }
     return true;
 }
 
 bool Request::GetData(Json::Value& out) const {
-    if (!json::Parse(data_, out)) {
-        RELAY_LOG(7, "failed to parse response: %s", data_.c_str());
+    if (!json::Parse(buffers_->data, out)) {
+        RELAY_LOG(7, "failed to parse response: %s", buffers_->data.c_str());
         return false;
     }
     return true;
@@ -422,7 +482,7 @@ const std::string& Request::GetUrl() const {
 }
 
 const std::string& Request::GetData() const {
-    return data_;
+    return buffers_->data;
 }
 
 CURLcode Request::GetCurlResult() const {
@@ -439,7 +499,7 @@ bool Request::GetCookies(std::list<std::string>& out) {
 
 bool Request::Write(Json::Value& out) const {
     json::Object(out)["url"] = url_;
-    out["data"] = data_;
+    out["data"] = buffers_->data;
     out["mode"] = inMulti_ ? "async" : "sync";
     if (done_) {
         out["http_status"] = static_cast<Json::Int>(status_);

@@ -31,7 +31,9 @@ public:
 };
 
 /// Runs jobs on one libcurl multi handle. One thread. A pass of the caller's loop: GetFdSet,
-/// GetTimeOffset, select, CheckSchedule, CheckDoneJobs. Nothing blocks.
+/// GetTimeOffset, select, CheckSchedule, CheckDoneJobs. Nothing blocks. While a job is running,
+/// libcurl has timers (connecting, name look-ups, time limits) that neither a descriptor nor
+/// GetTimeOffset tells of: give it a turn with CheckSchedule every 100 ms or so at those times.
 class ZARORELAYD_API JobQueue {
 public:
     JobQueue();
@@ -62,7 +64,8 @@ public:
     /// yet.
     bool GetFdSet(fd_set* read, fd_set* write, fd_set* except, int* maxfd);
 
-    /// Seconds until the next start: at most 10, 0 or below when one is overdue.
+    /// Seconds until the next start: at most 10, 0 or below when one is overdue. Knows nothing of
+    /// libcurl's own timers.
     int GetTimeOffset() const;
 
     /// Drop the jobs with that callback, or all, without calling back. False when libcurl does not

@@ -6,6 +6,7 @@
 #include <json/value.h>
 
 #include <list>
+#include <memory>
 #include <string>
 
 #include <zarorelayd/export.h>
@@ -21,8 +22,12 @@ public:
     Request(const char* url, const char* data, bool post);
     /// The same with a JSON body.
     Request(const std::string& url, const Json::Value& data, bool post);
-    /// A request of its own for the same URL and data, not yet sent and without cookies.
+    /// A request of its own for the same URL and data, not yet sent and without cookies. Nothing in
+    /// it points into the original.
     Request(const Request& other);
+    /// The same, but cookies and error text stay. The handle held so far is not cleaned up, since
+    /// it may still be in a multi handle: it stays usable for as long as the process lives,
+    /// together with all that it points to, and is the caller's to clean up.
     Request& operator=(const Request& other);
     ~Request();
 
@@ -43,14 +48,17 @@ public:
     bool SetData(const std::string& data, bool post);
     bool SetData(const Json::Value& data, bool post);
 
-    /// For a long poll: TCP keep-alive probes every `seconds`, no limit on the transfer's time.
+    /// For a long poll: TCP keep-alive probes every `seconds`, no limit on the transfer's time, so
+    /// that a Send may block for ever and whoever queues it has to watch the time.
     /// Call it after Set. True in every case; faults are logged.
     bool SetTcpKeepAlive(int seconds);
 
     /// Forgets the last result. False, logged and the handle gone, when libcurl refuses.
     bool InitSend();
 
-    /// Sends and blocks until the reply is in (20 s at most). True for status 200.
+    /// Sends and blocks until the reply is in: 20 s at most, without limit after SetTcpKeepAlive.
+    /// True for status 200. False at once, and nothing touched, for a request that is invalid or in
+    /// a multi handle.
     bool Send();
 
     /// For the job queue: adds the handle to a multi handle; removes and releases it, after which
@@ -59,7 +67,8 @@ public:
     bool JobRemove(void* multi);
     bool JobDone(CURLcode result);
 
-    /// Status of the last transfer; -1 when there is none. Collects the host's cookies once.
+    /// Status of the last transfer; -1 when there is none. Asked for the first time after a
+    /// transfer, it collects the cookies of the URL's host; of more than 256 the oldest go.
     long GetHttpStatus();
 
     /// The outcome as a result code. The bare value 2, without a name, stands for transfer faults
@@ -107,23 +116,28 @@ private:
     bool SetTlsOptions();
     bool SetCookieOption();
     bool SaveCookies();
-    void CopyHandle(const Request& other);
+    void KeepCookies(const curl_slist* lines);
+    void BoundStore(const curl_slist* lines);
+    void CopyHandle(CURL* handle, bool hasBody);
+    void LeaveMulti() { inMulti_ = false; }
     RELAYD_RET CurlError() const;
 
     static std::size_t OnData(char* data, std::size_t size, std::size_t count,
                               void* response) noexcept;
 
+    friend class JobQueue; ///< tells its requests when its multi handle goes
+
+    struct Buffers;
+
     std::list<std::string> cookies_;
     std::string url_;
-    std::string data_;
-    std::string response_;
+    std::unique_ptr<Buffers> buffers_; ///< what the handle points to
     CURL* handle_;
     CURLcode curlResult_;
-    char error_[CURL_ERROR_SIZE];
     bool inMulti_;
     bool done_;
     long status_;
-    bool hasBody_; ///< libcurl points at data_ as the body
+    bool hasBody_; ///< libcurl points at the data as the body
 };
 
 } // namespace ZARO::Relay
