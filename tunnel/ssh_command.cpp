@@ -1,10 +1,30 @@
 #include "tunnel/ssh_command.h"
 
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
+
+#include "platform/paths.h"
 
 namespace ZARO::Relay::ssh {
 
 namespace {
+
+/// Keeps every descriptor but the standard ones from the program that is about to be executed;
+/// libraries open some without asking.
+void KeepDescriptors() {
+    if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
+        return;
+    }
+    const long most = sysconf(_SC_OPEN_MAX); // an older kernel
+    for (int fd = STDERR_FILENO + 1; fd < most; ++fd) {
+        (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
+}
 
 /// A path inside the double quotes of a shell command, as a pattern for grep. Paths without
 /// characters that either gives a meaning come out as they are; "." does, and only matches more.
@@ -54,15 +74,25 @@ std::string PidSearch(const std::string& passFile) {
     return "ps w | grep \"ssh -d " + AsQuotedPattern(passFile) + "\"";
 }
 
-std::array<std::string, 8> Arguments(const std::string& passFile, const Way& way) {
-    return {"-d",
-            passFile,
-            "-o",
-            "NoneEnabled=yes",
-            "-o",
-            "NoneSwitch=yes",
-            "-NfR" + std::to_string(way.relayPort) + ":localhost:" + std::to_string(way.localPort),
-            way.user + "@" + way.host};
+Client::Client(const std::string& passFile, const Way& way)
+    : arguments_{paths::SshProgram(),
+                 "-d",
+                 passFile,
+                 "-o",
+                 "NoneEnabled=yes",
+                 "-o",
+                 "NoneSwitch=yes",
+                 "-NfR" + std::to_string(way.relayPort) +
+                     ":localhost:" + std::to_string(way.localPort),
+                 way.user + "@" + way.host},
+      argv_{} {
+    std::transform(arguments_.begin(), arguments_.end(), argv_.begin(),
+                   [](std::string& argument) { return argument.data(); });
+}
+
+void Client::Execute() const {
+    KeepDescriptors();
+    execv(argv_[0], argv_.data());
 }
 
 } // namespace ZARO::Relay::ssh

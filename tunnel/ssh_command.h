@@ -21,7 +21,26 @@ struct Way {
     int localPort;
 };
 
-/// The SSH client's arguments after its own name. Host and user go in as they are.
-std::array<std::string, 8> Arguments(const std::string& passFile, const Way& way);
+/// The SSH client's whole command line, made before a fork, so that nothing allocates after it.
+/// Host and user go in as they are.
+class Client {
+public:
+    Client(const std::string& passFile, const Way& way);
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    /// What tells this client's line from another's: password file, forward and destination.
+    const char* PassFile() const { return arguments_[2].c_str(); }
+    const char* Forward() const { return arguments_[7].c_str(); }
+    const char* Destination() const { return arguments_[8].c_str(); }
+
+    /// Becomes the client, which gets the standard descriptors only. Returns, with errno, when it
+    /// can't be executed. Safe between fork and exec: it neither allocates nor locks nor logs.
+    void Execute() const;
+
+private:
+    std::array<std::string, 9> arguments_;
+    std::array<char*, 10> argv_; ///< points into the arguments
+};
 
 } // namespace ZARO::Relay::ssh

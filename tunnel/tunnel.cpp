@@ -1,10 +1,9 @@
 #include <zarorelayd/tunnel.h>
 
 #include <fcntl.h>
-#include <linux/close_range.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -12,12 +11,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
 #include "config/json_text.h"
 #include "daemon/log.h"
 #include "platform/new_file.h"
 #include "platform/paths.h"
+#include "platform/unique_fd.h"
 #include "tunnel/ssh_command.h"
 
 namespace ZARO::Relay {
@@ -28,16 +27,63 @@ namespace {
 constexpr const char* kFixedPortService = "syncbay";
 constexpr int kFixedPort = 6691;
 
-/// Keeps every descriptor but the standard ones from the program that is about to be executed;
-/// libraries open some without asking.
-void KeepDescriptors() {
-    if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
-        return;
+/// The number of the error for which a forked child could not become the client, told to its
+/// parent. It lies in memory that both share: a log line in the child could wait for ever for a
+/// lock that another thread held at the fork.
+class ChildsError {
+public:
+    ChildsError()
+        : shared_(mmap(nullptr, sizeof(int), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1,
+                       0)) {}
+    ChildsError(const ChildsError&) = delete;
+    ChildsError& operator=(const ChildsError&) = delete;
+    ~ChildsError() {
+        if (shared_ != MAP_FAILED) {
+            (void)munmap(shared_, sizeof(int));
+        }
     }
-    const long most = sysconf(_SC_OPEN_MAX); // an older kernel
-    for (int fd = STDERR_FILENO + 1; fd < most; ++fd) {
-        (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
+    void Set(int error) {
+        if (shared_ != MAP_FAILED) {
+            *static_cast<volatile int*>(shared_) = error;
+        }
     }
+    /// 0 when the child did become the client; also when there is no memory to tell.
+    int Get() const { return shared_ != MAP_FAILED ? *static_cast<volatile int*>(shared_) : 0; }
+
+private:
+    void* const shared_;
+};
+
+/// The client's foreground process ends when it has logged in and gone to the background, or has
+/// failed.
+bool WaitForLogin(pid_t child, const ChildsError& error) {
+    int st = 0;
+    pid_t ended = -1;
+    do {
+        ended = waitpid(child, &st, 0);
+    } while (ended < 0 && errno == EINTR);
+    if (ended != child) {
+        return false;
+    }
+    if (error.Get() != 0) {
+        RELAY_LOG(3, "execl SSH failed, %s", strerror(error.Get()));
+    }
+    const int code = (st >> 8) & 0xff;
+    RELAY_LOG(7, "ssh returned: %d", code);
+    if ((st & 0x7f) != 0 || code != 0) {
+        RELAY_LOG(3, "tunnel create failed");
+        return false;
+    }
+    return true;
+}
+
+int LocalPort(const ServiceConf& service) {
+    return service.id == kFixedPortService ? kFixedPort : service.port;
+}
+
+void LogClient(const ssh::Client& client) {
+    RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", client.PassFile(), client.Forward(),
+              client.Destination());
 }
 
 } // namespace
@@ -154,22 +200,21 @@ bool Tunnel::Destroy() {
 }
 
 bool Tunnel::WritePassFile(const std::string& path) const {
-    // Made anew and closed to others from its first instant; never written through a planted link.
+    // A new file, closed to others from its first instant; never written through a planted link.
     FreeName(path);
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) {
+    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (!fd.IsOpen()) {
         RELAY_LOG(3, "open [%s] failed, %s", path.c_str(), strerror(errno));
         unlink(path.c_str());
         return false;
     }
-    bool good = fchmod(fd, 0600) == 0;
+    bool good = fchmod(fd.Get(), 0600) == 0;
     if (!good) {
         RELAY_LOG(3, "chmod [%s] failed, %s", path.c_str(), strerror(errno));
-    } else if (!WriteAll(fd, relay_pass_)) {
+    } else if (!WriteAll(fd.Get(), relay_pass_)) {
         RELAY_LOG(3, "write pass failed, %s", strerror(errno));
         good = false;
     }
-    close(fd);
     if (!good) {
         unlink(path.c_str());
     }
@@ -180,47 +225,38 @@ bool Tunnel::Create() {
     status_ = TUNNEL_STATUS_NONE;
     pid_ = -1;
     const std::string passFile = paths::PasswordFile(getpid(), ssh::AsFileName(service_.id));
-    if (!IsValid() || !WritePassFile(passFile)) {
+    if (!IsValid()) {
         return false;
     }
+    // All that may run out of memory comes before the password file, which must not outlive this
+    // call, and all that may lock comes before the fork.
+    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
+    const std::string search = ssh::PidSearch(passFile);
+    ChildsError error;
+    if (!WritePassFile(passFile)) {
+        return false;
+    }
+    LogClient(client);
     pid_ = fork();
     if (pid_ == 0) {
-        return RunSSHTunnel(passFile.c_str());
+        client.Execute();
+        error.Set(errno);
+        return false;
     }
     bool good = false;
     if (pid_ < 0) {
         RELAY_LOG(3, "fork failed %s", strerror(errno));
     } else {
-        good = WaitForLogin(pid_) && FindBackgroundPid(passFile);
+        good = WaitForLogin(pid_, error) && FindBackgroundPid(search.c_str());
     }
     status_ = good ? TUNNEL_STATUS_READY : TUNNEL_STATUS_FAILED;
     unlink(passFile.c_str());
     return good;
 }
 
-/// The client's foreground process ends when it has logged in and gone to the background, or has
-/// failed.
-bool Tunnel::WaitForLogin(pid_t child) const {
-    int st = 0;
-    pid_t ended = -1;
-    do {
-        ended = waitpid(child, &st, 0);
-    } while (ended < 0 && errno == EINTR);
-    if (ended != child) {
-        return false;
-    }
-    const int code = (st >> 8) & 0xff;
-    RELAY_LOG(7, "ssh returned: %d", code);
-    if ((st & 0x7f) != 0 || code != 0) {
-        RELAY_LOG(3, "tunnel create failed");
-        return false;
-    }
-    return true;
-}
-
 /// The background process still shows the password file on its command line.
-bool Tunnel::FindBackgroundPid(const std::string& passFile) {
-    FILE* output = popen(ssh::PidSearch(passFile).c_str(), "re");
+bool Tunnel::FindBackgroundPid(const char* search) {
+    FILE* output = popen(search, "re");
     if (output == nullptr) {
         pid_ = -1;
         RELAY_LOG(3, "get ssh info failed");
@@ -255,18 +291,9 @@ bool Tunnel::RunSSHTunnel(const char* passFile) const {
     if (passFile == nullptr) {
         return false;
     }
-    const int port = service_.id == kFixedPortService ? kFixedPort : service_.port;
-    const auto arguments = ssh::Arguments(passFile, {relay_user_, relay_ip_, relay_port_, port});
-    RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", passFile, arguments[6].c_str(),
-              arguments[7].c_str());
-    const std::string program = paths::SshProgram();
-    std::vector<const char*> argv = {program.c_str()};
-    for (const std::string& argument : arguments) {
-        argv.push_back(argument.c_str());
-    }
-    argv.push_back(nullptr);
-    KeepDescriptors();
-    execv(program.c_str(), const_cast<char* const*>(argv.data()));
+    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
+    LogClient(client);
+    client.Execute();
     RELAY_LOG(3, "execl SSH failed, %s", strerror(errno));
     return false;
 }

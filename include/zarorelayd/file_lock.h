@@ -11,7 +11,7 @@
 class ZARORELAYD_API FileLock {
 public:
     /// A set of one file; null: an empty set.
-    explicit FileLock(const char* path);
+    FileLock(const char* path);
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
     ~FileLock();

@@ -25,7 +25,7 @@ enum TUNNEL_STATUS : int {
 class ZARORELAYD_API Tunnel : public Config {
 public:
     Tunnel();
-    explicit Tunnel(const Json::Value& v);
+    Tunnel(const Json::Value& v);
     Tunnel(const Tunnel&) = default;
     Tunnel& operator=(const Tunnel&) = default;
 
@@ -59,19 +59,20 @@ public:
     /// failed (its own time-outs bound this). The password is in a file only meanwhile. True with
     /// status READY; false with FAILED, or NONE when nothing was started. Does not stop a process
     /// of an earlier call. WARNING: when the client can't be executed it returns false in the
-    /// forked child too, which the caller must end at once with _exit.
+    /// forked child too, which the caller must end at once with _exit: the parent waits for that.
+    /// Between the fork and that return the child neither allocates nor logs.
     bool Create();
 
     /// Writes the password, and nothing else, into a file of mode 0600. False, logged and the file
     /// gone, on failure.
     bool WritePassFile(const std::string& path) const;
 
-    /// Becomes the SSH client. Returns, false and logged, only on failure.
+    /// Becomes the SSH client, in place of this process. Returns, false and logged, only on
+    /// failure; for a null path false without a line.
     bool RunSSHTunnel(const char* passFile) const;
 
 private:
-    bool WaitForLogin(pid_t child) const;
-    bool FindBackgroundPid(const std::string& passFile);
+    bool FindBackgroundPid(const char* search);
 
     std::int32_t pid_;
     std::string relay_ip_;
