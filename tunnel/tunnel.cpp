@@ -204,6 +204,10 @@ bool Tunnel::WritePassFile(const std::string& path) const {
     FreeName(path);
     const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (!fd.IsOpen()) {
+        struct stat info = {};
+        const bool folder =
+            errno == EEXIST && lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+        errno = folder ? EISDIR : errno; // what is wrong, not what was tried
         RELAY_LOG(3, "open [%s] failed, %s", path.c_str(), strerror(errno));
         unlink(path.c_str());
         return false;
