@@ -2,7 +2,9 @@
 #include <zarorelayd/config.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <new>
 
 #include "config/json_text.h"
 #include "daemon/log.h"
@@ -32,6 +34,13 @@ std::string WithoutSeparators(std::string mac) {
         mac.erase(static_cast<std::size_t>(at), 1);
     }
     return mac;
+}
+
+/// What the platform answered last counts only if it had the memory to look.
+void CheckMemory() {
+    if (errno == ENOMEM) {
+        throw std::bad_alloc();
+    }
 }
 
 /// The factory's MAC, which the kernel keeps for machines whose port has none of its own.
@@ -124,9 +133,13 @@ std::string AuthConf::GetMacAddress() {
 }
 
 std::string AuthConf::RelaydGetMacAddressByIf(const char* ifname) {
+    errno = 0;
     if (ZAROHAIsRunning() != 0) {
-        return WithoutSeparators(ClusterMac());
+        const std::string mac = ClusterMac();
+        CheckMemory();
+        return WithoutSeparators(mac);
     }
+    CheckMemory();
     const std::string name = ifname != nullptr ? ifname : "";
     _tag_TLIB_NETIF record = {};
     if (ZARONetIFGetInfo(name.c_str(), &record, 0) >= 0) {
@@ -136,6 +149,7 @@ std::string AuthConf::RelaydGetMacAddressByIf(const char* ifname) {
                        mac[3], mac[4], mac[5]);
         return text;
     }
+    CheckMemory();
     return name == kFirstPort ? FactoryMac() : "";
 }
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
+#include <new>
 
 #include "config/json_file.h"
 #include "daemon/log.h"
@@ -58,14 +59,19 @@ bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, jso
         return true;
     }
     json::FileText file;
-    const json::Reading reading = json::ReadText(path, file, links);
-    if (reading == json::Reading::Unreadable) {
+    try {
+        const json::Reading reading = json::ReadText(path, file, links);
+        readable = reading != json::Reading::Unreadable;
+        if (reading == json::Reading::Done && !json::Parse(file.text, out)) {
+            RELAY_LOG(3, "bad json format [%s]", path.c_str());
+            MoveAside(path, file);
+        }
+    } catch (const std::bad_alloc&) { // it says nothing about the file
         readable = false;
-        RELAY_LOG(3, "can not read [%s], %m", path.c_str());
+        errno = ENOMEM;
     }
-    if (reading == json::Reading::Done && !json::Parse(file.text, out)) {
-        RELAY_LOG(3, "bad json format [%s]", path.c_str());
-        MoveAside(path, file);
+    if (!readable) {
+        RELAY_LOG(3, "can not read [%s], %m", path.c_str());
     }
     return true; // also for a missing or broken file: callers look at what `out` is
 }

@@ -6,7 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
+#include <new>
 
 #include <json/reader.h>
 #include <json/writer.h>
@@ -51,7 +51,10 @@ bool Parse(const std::string& text, Json::Value& out) {
         if (reader.parse(text, out, false)) {
             return true;
         }
-    } catch (const Json::Exception&) { // nested too deep
+    } catch (const Json::Exception& fault) { // nested too deep, unless memory ran out
+        if (strstr(fault.what(), "allocate") != nullptr) {
+            throw std::bad_alloc();
+        }
     }
     out = Json::Value();
     return false;

@@ -12,7 +12,8 @@
 
 namespace ZARO::Relay::json {
 
-/// Parses a whole text. False, `out` null, when it is no JSON or nested too deep.
+/// Parses a whole text. False, `out` null, when it is no JSON or nested too deep. Throws bad_alloc,
+/// and nothing else.
 bool Parse(const std::string& text, Json::Value& out);
 
 /// The value on one line, with a newline at its end.
@@ -38,7 +39,8 @@ enum class Reading {
     Unreadable, ///< it is there; errno tells why it can't be read
 };
 
-/// Whether a link is followed. Where anybody can make a file, it is not: it counts as missing.
+/// Whether to read through a link. Refused, which is for folders where anybody can make one, a link
+/// counts as a missing file.
 enum class Links { Follow, Refuse };
 
 /// A file's text, and which file it was.

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <iostream>
 
@@ -16,6 +15,7 @@
 #include <zarorelayd/result.h>
 
 #include "config/json_text.h"
+#include "daemon/log.h"
 #include "platform/new_file.h"
 #include "platform/paths.h"
 
@@ -48,8 +48,8 @@ bool PublishesService(const Json::Value& status, const char* serviceId) {
     return false;
 }
 
-/// Where anybody can make a file, what is none must not keep every asker out for ever. A file
-/// stays: another asker may be at work with it.
+/// Removes a link, a folder or a FIFO that has the dump file's name: it would keep every asker out
+/// for ever. A regular file stays, since another asker may be at work with it.
 void DropPlanted(const std::string& path) {
     struct stat info = {};
     if (lstat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode)) {
@@ -201,9 +201,9 @@ int Daemon::Status(bool debug) {
         std::cout << "get status failed" << std::endl;
         return kNoStatus;
     }
-    std::replace_if( // it is printed on somebody's terminal
-        serverId.begin(), serverId.end(), [](char c) { return c < ' ' || c == 0x7f; }, '?');
-    std::cout << "serverID: " << serverId << std::endl << "state: " << state << std::endl;
+    const log::Harmless harmless(serverId.c_str());
+    const char* shown = isatty(STDOUT_FILENO) != 0 ? harmless.Value() : serverId.c_str();
+    std::cout << "serverID: " << shown << std::endl << "state: " << state << std::endl;
     if (error != "success") {
         std::cout << "error: " << error << std::endl;
     }

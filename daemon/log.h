@@ -5,8 +5,10 @@
 #pragma once
 
 #include <cerrno>
+#include <cstring>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include <zarorelayd/daemon.h>
 
@@ -35,39 +37,48 @@
 
 namespace ZARO::Relay::log {
 
-/// A text with "?" for each control byte but tabs and a newline at its very end, which serialised
-/// JSON has. Copies only what it changes.
+/// A text with "?" for each control byte but tabs. Where it ends its line, it may have a newline at
+/// its own end, as serialised JSON does. Copies only what it changes.
 class Harmless {
 public:
-    explicit Harmless(const char* text) noexcept : text_(text) {
-        if (text == nullptr || !NeedsCopy(text)) {
+    explicit Harmless(const char* text, bool endsLine = false) noexcept : text_(text) {
+        if (text == nullptr || IsClean(text + CleanLength(text), endsLine)) {
             return;
         }
         try {
             copy_ = text;
-            for (std::size_t i = 0; i < copy_.size(); ++i) {
-                if (IsControl(&text[i])) {
-                    copy_[i] = '?';
-                }
+            for (std::size_t at = CleanLength(text); !IsClean(&copy_[at], endsLine);
+                 at += CleanLength(&copy_[at])) {
+                copy_[at] = '?';
             }
             text_ = copy_.c_str();
         } catch (...) {
             text_ = "?"; // out of memory
         }
     }
+    Harmless(const Harmless&) = delete;
+    Harmless& operator=(const Harmless&) = delete;
     const char* Value() const { return text_; }
 
 private:
-    static bool IsControl(const char* at) {
-        const auto byte = static_cast<unsigned char>(*at);
-        const bool last = byte == '\n' && at[1] == '\0';
-        return (byte < 0x20 && byte != '\t' && !last) || byte == 0x7f;
+    /// Whether what is left of a text needs no change.
+    static bool IsClean(const char* rest, bool endsLine) {
+        return *rest == '\0' || (endsLine && strcmp(rest, "\n") == 0);
     }
-    static bool NeedsCopy(const char* text) {
-        while (*text != '\0' && !IsControl(text)) {
-            ++text;
+
+    /// How many bytes come before the first that could do harm. A control character of two bytes,
+    /// which UTF-8 terminals know as well, does it by its second.
+    static std::size_t CleanLength(const char* text) {
+        std::size_t length = 0;
+        for (unsigned char before = 0; text[length] != '\0'; ++length) {
+            const auto byte = static_cast<unsigned char>(text[length]);
+            const bool control = byte < 0x20 ? byte != '\t' : byte == 0x7f;
+            if (control || (before == 0xc2 && byte >= 0x80 && byte < 0xa0)) {
+                break;
+            }
+            before = byte;
         }
-        return *text != '\0';
+        return length;
     }
 
     const char* text_;
@@ -80,10 +91,11 @@ template <class T> struct Plain {
     T Value() const { return value; }
 };
 
-template <class T> auto Shown(T value) noexcept {
+template <class T> auto Shown(T value, bool endsLine) noexcept {
     if constexpr (std::is_convertible_v<T, const char*>) {
-        return Harmless(value);
+        return Harmless(value, endsLine);
     } else {
+        (void)endsLine;
         return Plain<T>{value};
     }
 }
@@ -94,14 +106,22 @@ int Print(int error, int level, const char* format, const Values&... values) noe
     return Daemon::Log(level, format, values.Value()...);
 }
 
+template <std::size_t... At, class... Values>
+int PrintAll(std::index_sequence<At...>, int level, const char* format, const char* unit, int line,
+             Values... values) noexcept {
+    const int error = errno;
+    const std::size_t length = strlen(format);
+    const bool textEnds = length > 1 && strcmp(format + length - 2, "%s") == 0;
+    return Print(error, level, format, Plain<const char*>{unit}, Plain<int>{line},
+                 Shown(values, textEnds && At + 1 == sizeof...(At))...);
+}
+
 /// What RELAY_LOG calls; errno is the same afterwards. Never throws.
 template <class... Values>
 int Line(int level, const char* format, const char* unit, int line, Values... values) noexcept {
-    if (level > Daemon::_logLevel) {
-        return 0;
-    }
-    return Print(errno, level, format, Plain<const char*>{unit}, Plain<int>{line},
-                 Shown(values)...);
+    return level > Daemon::_logLevel ? 0
+                                     : PrintAll(std::index_sequence_for<Values...>(), level, format,
+                                                unit, line, values...);
 }
 
 } // namespace ZARO::Relay::log

@@ -1,5 +1,6 @@
 #include <zarorelayd/zarorelayd.h>
 
+#include "tests/support/no_memory.h"
 #include "tests/support/unit.h"
 
 constexpr char kConf[] = "/usr/zaro/etc/zarorelayd.conf";
@@ -46,6 +47,20 @@ TEST_F(CApiTest, VerifiesServerIds) {
         root_.Write(kConf, std::string("{\"serverID\":\"") + id + "\"}");
         EXPECT_EQ(TLIBRelaydVerifyServerId(id), result) << id;
         EXPECT_EQ(TLIBRelaydVerifyServerId(nullptr), result) << id;
+    }
+}
+
+TEST_F(CApiTest, TellsThatMemoryRanOut) {
+    for (const char* pair : {"", "running=yes\nmac=02:00:4c:aa:bb:cc\n"}) {
+        root_.Write("/usr/zaro/etc/ha.conf", pair);
+        root_.Write(kMac, *pair == '\0' ? "02004caabbcc" : "02004c000000");
+        int result = 0;
+        WithEachAllocationFailing(
+            [&] {
+                errno = 0;
+                result = TLIBRelaydVerifyServerId("044756784");
+            },
+            [&] { ASSERT_TRUE(result == 1 || errno == ENOMEM) << pair; });
     }
 }
 

@@ -7,6 +7,13 @@ using namespace ZARO::Relay;
 
 namespace {
 
+static_assert(std::is_convertible_v<Json::Value, ServerConf> &&
+              std::is_convertible_v<const char*, ServiceConf> &&
+              std::is_convertible_v<bool, NetworkConf> && std::is_convertible_v<bool, AuthConf> &&
+              std::is_convertible_v<_tag_TLIB_NETIF, InterfaceConf> &&
+              std::is_convertible_v<const char*, RelaydConf> &&
+              std::is_convertible_v<std::string, CmprServiceId>);
+
 constexpr char kInfo[] = "/etc/zaroinfo.conf";
 constexpr char kMac[] = "/proc/sys/kernel/zaro_mac_address1";
 

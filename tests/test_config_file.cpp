@@ -130,15 +130,12 @@ TEST_F(ConfigFileTest, DropsAnIdOnlyWhenItIsForeign) {
     EXPECT_EQ(cut.serverID, std::string("044756784\0x", 11));
     RelaydConf conf = Conf(R"({"serverID":"044756784"})");
     const Json::Value nothing(Json::objectValue);
-    bool ranOut = true;
-    for (long n = 0; ranOut; ++n) {
-        gAllocationsLeft = n;
-        conf.Overwrite(nothing);
-        ranOut = gAllocationsLeft == 0;
-        gAllocationsLeft = -1;
-        ASSERT_EQ(conf.serverID, "044756784") << "out of memory after " << n;
-    }
+    WithEachAllocationFailing([&] { conf.Overwrite(nothing); },
+                              [&] { ASSERT_EQ(conf.serverID, "044756784"); });
     EXPECT_FALSE(conf.serverIdCleared);
+    Json::Value out;
+    WithEachAllocationFailing([&] { RelaydConf::ReadJsonFile(conf.path, out); },
+                              [&] { ASSERT_TRUE(fs::exists(conf.path)); });
 }
 
 TEST_F(ConfigFileTest, DropsAForeignServerIdAndTellsOnce) {

@@ -4,6 +4,8 @@
 
 #include "tests/support/unit.h"
 
+static_assert(std::is_convertible_v<const char*, FileLock>);
+
 struct FileLockTest : RootTest {
     FileLockTest() { lock_.AddFile(b_.c_str()); }
 

@@ -95,15 +95,17 @@ TEST_F(JobQueueTest, RemovesByCallback) {
     EXPECT_TRUE(queue_.Add(other, Note, 0) && queue_.Add(running, Note, 9));
     EXPECT_TRUE(queue_.RemoveAll() && !queue_.IsJobExist(Note) && !other->IsValid());
     const SharedRequest survivor = Get(server_.Url("/a"));
-    survivor->SetData(std::string("b"), true);
+    survivor->SetData(std::string("b\n"), true);
     {
-        JobQueue brief; // ends with a running job, and leaves the other one working
+        JobQueue brief; // ends with running jobs, and leaves the other one working
         const std::string trace = Captured(STDERR_FILENO, [&] {
             Daemon::_logLevel = 7;
             EXPECT_TRUE(brief.Add(survivor, Note, 0));
+            EXPECT_TRUE(brief.Add(Get("http://a\n\x1b[2J/"), Note, 0));
             Daemon::_logLevel = 4;
         });
-        EXPECT_EQ(trace, "\033[34madd request\033[0m: " + server_.Url("/a") + " b");
+        const std::string label = "\033[34madd request\033[0m: ";
+        EXPECT_EQ(trace, label + server_.Url("/a") + " b\n" + label + "http://a??[2J/ ");
         EXPECT_TRUE(brief.Perform());
     }
     EXPECT_TRUE(survivor->Send());

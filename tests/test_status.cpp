@@ -24,9 +24,10 @@ using StatusTest = RootTest;
 
 TEST_F(StatusTest, TellsAndPrintsTexts) {
     const std::string live = "{\"pid\":" + std::to_string(getpid()), dead = R"({"pid":99999999)";
+    const std::string group = R"({"pid":0)"; // its members are alive
     const std::string all = live + R"(,"serverID":"12","state":5,"error":6,
         "service":[7,null,{},{"id":5},{"id":["web"]},[],{"id":"web","port":1}]} // end)";
-    // File, service, the three texts, result of printing. Only -1 is no process id.
+    // File, service, the three texts, result of printing. -1 alone can't be a process id.
     const std::tuple<std::string, const char*, const char*, int> rows[] = {
         {all, nullptr, "12 connected err_network", 0},
         {all, "web", "12 connected err_network", 0},
@@ -35,6 +36,7 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
         {dead + R"(,"service":[{"id":"web"}]})", "web", "-- not_running success", 1},
         {"none", nullptr, " not_running success", 1},
         {R"({"pid":-99999999})", nullptr, " not_running success", 1},
+        {group + "}", nullptr, " not_running success", 1},
         {R"({"pid":-1})", nullptr, "  ", 2},
         {"", nullptr, "  ", 2}};
     for (const auto& [text, service, texts, result] : rows) {
@@ -42,7 +44,7 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
         (void)(text == "none" && fs::remove(root_.Path("/tmp/.zarorelayd.status")));
         std::string id = "x", state = "x", error = "x";
         Json::Value out = 5;
-        const bool running = text.rfind(live, 0) == 0;
+        const bool running = text.rfind(live, 0) == 0 || text.rfind(group, 0) == 0;
         EXPECT_EQ(Daemon::GetStatus(out), result == 2 ? 255 : running ? 0 : 1) << text;
         EXPECT_EQ(Daemon::GetStatus(id, state, error, service), result != 2) << text;
         EXPECT_EQ(id + " " + state + " " + error, texts) << text;

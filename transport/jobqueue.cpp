@@ -114,7 +114,8 @@ bool JobQueue::CheckStart(Job& job) {
         return true;
     }
     if (Daemon::IsLogEnable(7)) {
-        std::cerr << "\033[34madd request\033[0m: " << job.request->GetUrl() << " "
+        std::cerr << "\033[34madd request\033[0m: "
+                  << log::Harmless(job.request->GetUrl().c_str()).Value() << " "
                   << job.request->GetData() << std::flush;
     }
     if (!job.request->JobAdd(multi_)) {

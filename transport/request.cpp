@@ -21,7 +21,7 @@ constexpr long kConnectTimeoutSeconds = 60;
 constexpr long kTransferTimeoutSeconds = 20;
 constexpr long kForever = -1;
 constexpr std::size_t kHostText = 128; // bytes
-/// Per host; libcurl sends 150 at most. A server that sends ever new ones must not fill the memory.
+/// Per host; libcurl sends 150 at most. A server must not fill the memory with more and more.
 constexpr std::size_t kMostCookies = 256;
 /// No server of ours sends as much, and a hostile one must not fill the memory of the appliance:
 /// parsed JSON takes some fifty times its text.
@@ -55,24 +55,30 @@ std::string HostOf(const std::string& url) {
     return host.substr(0, colon != std::string::npos ? colon : host.find('/'));
 }
 
-/// Whose cookie a line of libcurl's list holds.
+using Lines = std::list<std::string>;
+
+/// Whose cookie a line of libcurl's list holds: its first field. Hosts are the same in any case.
 std::string CookieHost(const std::string& line) {
     const std::string httpOnly = "#HttpOnly_";
     const std::size_t begin = line.rfind(httpOnly, 0) == 0 ? httpOnly.size() : 0;
-    const std::string host = line.substr(begin, line.find('\t') - begin);
+    std::string host = line.substr(begin, line.find('\t') - begin);
+    std::transform(host.begin(), host.end(), host.begin(),
+                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
     return host[0] == '.' ? host.substr(1) : host;
 }
 
-/// The line that makes libcurl forget a cookie: the same with an end in the past. Its fields are
-/// host, subdomains, path, secure, end, name and value.
-std::string Expired(const std::string& line) {
-    std::size_t end = 0;
-    for (int field = 0; field < 4 && end != std::string::npos; ++field) {
-        end = line.find('\t', end == 0 ? 0 : end + 1);
+/// Removes the oldest lines of each host that has too many. Whether there was one.
+bool DropOldest(Lines& lines) {
+    std::map<std::string, std::size_t> counts;
+    for (const std::string& line : lines) {
+        ++counts[CookieHost(line)];
     }
-    return end == std::string::npos
-               ? line
-               : line.substr(0, end + 1) + "1" + line.substr(line.find('\t', end + 1));
+    const std::size_t before = lines.size();
+    lines.remove_if([&](const std::string& line) {
+        std::size_t& count = counts[CookieHost(line)];
+        return count > kMostCookies && count-- > 0;
+    });
+    return lines.size() < before;
 }
 
 } // namespace
@@ -379,47 +385,29 @@ long Request::GetHttpStatus() {
 bool Request::SaveCookies() {
     curl_slist* list = nullptr;
     const CURLcode result = curl_easy_getinfo(handle_, CURLINFO_COOKIELIST, &list);
-    const std::unique_ptr<curl_slist, void (*)(curl_slist*)> lines(list, curl_slist_free_all);
+    const std::unique_ptr<curl_slist, void (*)(curl_slist*)> owner(list, curl_slist_free_all);
     if (result != CURLE_OK) {
         RELAY_LOG(3, "curl_easy_getinfo failed: %d", static_cast<int>(result));
         return false;
     }
-    KeepCookies(list);
-    BoundStore(list);
-    return true;
-}
-
-/// Adds the lines of the URL's host to this request's.
-void Request::KeepCookies(const curl_slist* lines) {
+    Lines all;
     const std::string host = HostOf(url_);
-    if (host.empty()) {
-        return;
-    }
-    const auto isHosts = [&](const std::string& line) { return line.rfind(host, 0) == 0; };
-    for (; lines != nullptr; lines = lines->next) {
-        if (isHosts(lines->data)) {
-            cookies_.emplace_back(lines->data);
+    for (; list != nullptr; list = list->next) {
+        all.emplace_back(list->data);
+        if (!host.empty() && all.back().rfind(host, 0) == 0) {
+            cookies_.push_back(all.back());
         }
     }
-    auto count = static_cast<std::size_t>(std::count_if(cookies_.begin(), cookies_.end(), isHosts));
-    for (; count > kMostCookies; --count) {
-        cookies_.erase(std::find_if(cookies_.begin(), cookies_.end(), isHosts));
-    }
-}
-
-/// Drops the oldest cookies of each host that has too many, from the store that all requests share.
-void Request::BoundStore(const curl_slist* lines) {
-    std::map<std::string, std::size_t> counts;
-    for (const curl_slist* line = lines; line != nullptr; line = line->next) {
-        ++counts[CookieHost(line->data)];
-    }
-    for (; lines != nullptr; lines = lines->next) {
-        std::size_t& count = counts[CookieHost(lines->data)];
-        if (count > kMostCookies) {
-            --count;
-            (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, Expired(lines->data).c_str());
+    (void)DropOldest(cookies_);
+    if (DropOldest(all)) {
+        // The store that all requests share is filled again with the rest: libcurl does not take
+        // every cookie's line for the order to forget that one.
+        (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, "ALL");
+        for (const std::string& line : all) {
+            (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, line.c_str());
         }
     }
+    return true;
 }
 
 RELAYD_RET Request::CurlError() const {

@@ -14,14 +14,16 @@ namespace ZARO::Relay::ssh {
 
 namespace {
 
+/// Ours are close-on-exec anyway, and the process's limit may be millions.
+constexpr int kMostDescriptors = 4096;
+
 /// Keeps every descriptor but the standard ones from the program that is about to be executed;
 /// libraries open some without asking.
 void KeepDescriptors() {
     if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
         return;
     }
-    const long most = sysconf(_SC_OPEN_MAX); // an older kernel
-    for (int fd = STDERR_FILENO + 1; fd < most; ++fd) {
+    for (int fd = STDERR_FILENO + 1; fd < kMostDescriptors; ++fd) { // an older kernel
         (void)fcntl(fd, F_SETFD, FD_CLOEXEC);
     }
 }

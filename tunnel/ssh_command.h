@@ -29,7 +29,7 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    /// What tells this client's line from another's: password file, forward and destination.
+    // The arguments that are not the same for every client.
     const char* PassFile() const { return arguments_[2].c_str(); }
     const char* Forward() const { return arguments_[7].c_str(); }
     const char* Destination() const { return arguments_[8].c_str(); }

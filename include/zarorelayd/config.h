@@ -167,7 +167,8 @@ public:
     /// and usually empty when there is none.
     static std::string GetMacAddress();
 
-    /// The MAC of one interface as 12 hex digits, or empty.
+    /// The MAC of one interface as 12 hex digits, or empty. Throws bad_alloc when the platform had
+    /// no memory to look for it.
     static std::string RelaydGetMacAddressByIf(const char* ifname);
 
     std::string serial;

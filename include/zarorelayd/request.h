@@ -116,8 +116,6 @@ private:
     bool SetTlsOptions();
     bool SetCookieOption();
     bool SaveCookies();
-    void KeepCookies(const curl_slist* lines);
-    void BoundStore(const curl_slist* lines);
     void CopyHandle(CURL* handle, bool hasBody);
     void LeaveMulti() { inMulti_ = false; }
     RELAYD_RET CurlError() const;

@@ -33,11 +33,13 @@ constexpr size_t kMaxFileSize = 1 << 20;
 /// Keeps `error` for TLIBCErrGet. Always -1.
 int Fail(int error) noexcept;
 
-/// Runs the body of a C function, which gives its result; what it throws becomes a failure.
+/// Runs the body of a C function, which gives its result; what it throws becomes a failure, and
+/// errno is ENOMEM when memory ran out.
 template <typename Body> int Guard(Body body) noexcept {
     try {
         return body();
     } catch (const std::bad_alloc&) {
+        errno = ENOMEM;
         return Fail(ENOMEM);
     } catch (...) {
         return Fail(EIO);

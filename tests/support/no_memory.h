@@ -1,25 +1,37 @@
-/// Memory that runs out when a test says so. For one source of a program: it replaces the program's
-/// operators new and delete, which must not be inlined: the compiler would see free() meet new.
+/// Memory that runs out when a test says so. For one source of a program: it replaces malloc, which
+/// operator new and the libraries use.
 #pragma once
 
-#include <cstdlib>
-#include <new>
+#include <cerrno>
+#include <cstddef>
 
-/// How many allocations this process may still make; negative: any number.
-inline long gAllocationsLeft = -1;
+/// How many allocations succeed before one fails; negative: none fails. A sanitizer has an
+/// allocator of its own, with which none does.
+inline long gAllocationsUntilOneFails = -1;
 
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    if (gAllocationsLeft == 0) {
-        throw std::bad_alloc();
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#pragma GCC visibility push(default)
+extern "C" void* __libc_malloc(std::size_t size) noexcept;
+
+extern "C" void* malloc(std::size_t size) noexcept {
+    if (gAllocationsUntilOneFails < 0 || gAllocationsUntilOneFails-- > 0) {
+        return __libc_malloc(size);
     }
-    gAllocationsLeft -= gAllocationsLeft > 0;
-    return std::malloc(size);
+    errno = ENOMEM;
+    return nullptr;
 }
+#pragma GCC visibility pop
+#endif
 
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
+/// Runs `code` again and again, each time with another of its allocations failing, until none is
+/// left. `check` is called after each.
+template <class Code, class Check> void WithEachAllocationFailing(Code code, Check check) {
+    bool failed = true;
+    for (long n = 0; failed; ++n) {
+        gAllocationsUntilOneFails = n;
+        code();
+        failed = gAllocationsUntilOneFails < 0;
+        gAllocationsUntilOneFails = -1;
+        check();
+    }
 }
