@@ -1,0 +1,88 @@
+#include "platform/new_file.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <set>
+
+namespace ZARO::Relay {
+
+namespace {
+
+/// What comes between a file's name and the writer's process id.
+constexpr const char* kMark = ".tmp.";
+
+/// The process id in a temporary name that begins with `prefix`; 0 when the name is no such name.
+pid_t WriterOf(const std::string& name, const std::string& prefix) {
+    const pid_t writer = name.rfind(prefix, 0) == 0 ? atoi(name.c_str() + prefix.size()) : 0;
+    return name == prefix + std::to_string(writer) ? writer : 0;
+}
+
+} // namespace
+
+bool WriteAll(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(fd, text.data(), text.size());
+        if (count > 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            errno = count == 0 ? EIO : errno;
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string FolderOf(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+std::string NewFileOf(const std::string& path) {
+    return path + kMark + std::to_string(getpid());
+}
+
+int OpenNewFile(const std::string& path) {
+    RemoveLeftNewFiles(path);
+    FreeName(NewFileOf(path));
+    return open(NewFileOf(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                0600);
+}
+
+void RemoveLeftNewFiles(const std::string& path) {
+    static std::set<std::string> cleaned; // by temporary name: a child after a fork is a new writer
+    if (!cleaned.insert(NewFileOf(path)).second) {
+        return;
+    }
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(FolderOf(path).c_str()), closedir);
+    const std::string prefix = path.substr(path.rfind('/') + 1) + kMark;
+    while (const dirent* entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
+        const pid_t writer = WriterOf(entry->d_name, prefix);
+        if (writer > 0 && kill(writer, 0) != 0 && errno == ESRCH) {
+            (void)unlinkat(dirfd(folder.get()), entry->d_name, 0);
+        }
+    }
+}
+
+void FreeName(const std::string& path) {
+    if (unlink(path.c_str()) != 0 && errno == EISDIR) {
+        MoveFolderAway(path);
+    }
+}
+
+void MoveFolderAway(const std::string& path) {
+    if (rmdir(path.c_str()) == 0 || (errno != ENOTEMPTY && errno != EEXIST)) {
+        return; // mostly there is no folder of this name at all
+    }
+    std::string aside = path + ".XXXXXX";
+    if (mkdtemp(aside.data()) != nullptr && rename(path.c_str(), aside.c_str()) != 0) {
+        (void)rmdir(aside.c_str());
+    }
+}
+
+} // namespace ZARO::Relay
