@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -76,6 +77,10 @@ void FreeName(const std::string& path) {
 }
 
 void MoveFolderAway(const std::string& path) {
+    struct stat around = {};
+    if (stat(FolderOf(path).c_str(), &around) != 0 || (around.st_mode & S_IWOTH) == 0) {
+        return;
+    }
     if (rmdir(path.c_str()) == 0 || (errno != ENOTEMPTY && errno != EEXIST)) {
         return; // mostly there is no folder of this name at all
     }

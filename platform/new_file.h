@@ -29,8 +29,10 @@ void RemoveLeftNewFiles(const std::string& path);
 /// when the name is used.
 void FreeName(const std::string& path);
 
-/// Frees a name that a folder has. An empty folder is removed. A full one is renamed, since its
-/// content may be anybody's.
+/// Frees a name that a folder has, if the folder around it is open to all users, as /tmp is: there,
+/// anybody could keep us from writing for good. An empty folder is removed. A full one is renamed,
+/// since its content may be anybody's. In any other place it is left alone: whoever may write there
+/// has put it there on purpose.
 void MoveFolderAway(const std::string& path);
 
 } // namespace ZARO::Relay
