@@ -8,12 +8,16 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <set>
 
 namespace ZARO::Relay {
 
 namespace {
+
+/// No writer takes that long.
+constexpr std::time_t kAbandonedAfter = 3600; // seconds
 
 /// What comes between a file's name and the writer's process id.
 constexpr const char* kMark = ".tmp.";
@@ -22,6 +26,16 @@ constexpr const char* kMark = ".tmp.";
 pid_t WriterOf(const std::string& name, const std::string& prefix) {
     const pid_t writer = name.rfind(prefix, 0) == 0 ? atoi(name.c_str() + prefix.size()) : 0;
     return name == prefix + std::to_string(writer) ? writer : 0;
+}
+
+/// Whether nobody will go on with this file. A writer in another container is at work although its
+/// process is not seen from here, so the file must be old as well. What is not ours, or no plain
+/// file, is not ours to remove.
+bool IsAbandoned(int folder, const char* name, pid_t writer) {
+    struct stat info = {};
+    return kill(writer, 0) != 0 && errno == ESRCH &&
+           fstatat(folder, name, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode) &&
+           info.st_uid == geteuid() && time(nullptr) - info.st_mtime > kAbandonedAfter;
 }
 
 } // namespace
@@ -64,7 +78,7 @@ void RemoveLeftNewFiles(const std::string& path) {
     const std::string prefix = path.substr(path.rfind('/') + 1) + kMark;
     while (const dirent* entry = folder != nullptr ? readdir(folder.get()) : nullptr) {
         const pid_t writer = WriterOf(entry->d_name, prefix);
-        if (writer > 0 && kill(writer, 0) != 0 && errno == ESRCH) {
+        if (writer > 0 && IsAbandoned(dirfd(folder.get()), entry->d_name, writer)) {
             (void)unlinkat(dirfd(folder.get()), entry->d_name, 0);
         }
     }
