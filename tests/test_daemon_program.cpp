@@ -73,13 +73,21 @@ TEST_F(DaemonProgram, StopLeavesNothing) {
     device.Start();
     ASSERT_TRUE(WaitFor([&] { return device.IsAllUp(); })) << device.Log();
     EXPECT_EQ(device.Processes().size(), 6U);
-    device.Daemon().Signal(SIGTERM);
-    EXPECT_TRUE(Takes("stop with five tunnels", seconds(2),
-                      [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
-    EXPECT_EQ(device.Processes().size(), 0U);
-    EXPECT_EQ(device.PasswordFiles(), 0U);
-    EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
-    EXPECT_TRUE(device.Status().isNull());
+    const auto stops = [&](const char* when) {
+        device.Daemon().Signal(SIGTERM);
+        EXPECT_TRUE(
+            Takes(when, seconds(2), [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
+        EXPECT_EQ(device.Processes().size(), 0U);
+        EXPECT_EQ(device.PasswordFiles(), 0U);
+        EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
+        EXPECT_TRUE(device.Status().isNull());
+    };
+    stops("stop with five tunnels");
+    device.root.Write("/) S 1 (", "#!/usr/bin/tail -f\n", 0755); // never ends; /proc shows its name
+    device.WrapSsh("touch $ZARO_ROOT/in; exec \"$ZARO_ROOT/) S 1 (\"");
+    device.Start();
+    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(device.root.Path("/in")); }));
+    stops("stop in a log-in");
 }
 
 TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
