@@ -90,7 +90,10 @@ int RunDaemon(bool foreground) {
         return kUsage;
     }
     Daemon::SetName(kName);
-    app::RemoveStalePidFile();
+    app::OwnLock instance(app::InstanceLockFile());
+    if (!app::BecomeTheOnlyOne(instance)) {
+        return kFailure;
+    }
     RelaydConf conf(path.c_str()); // before Init, which logs where the configuration says
     // Where the fork goes: a relative log file must not mean one here and another there.
     if (!foreground && chdir("/") != 0) {
