@@ -80,6 +80,34 @@ void PrepareProcess() {
     (void)setenv("PATH", (paths::ProgramDir() + ":" + others).c_str(), 1);
 }
 
+/// Tells the command that waits in the foreground how the start went, if one still does.
+void TellStarter(int code) {
+    (void)daemon_retval_send(code);
+}
+
+/// The daemon's whole life, after the fork.
+int Serve(const RelaydConf& conf) {
+    if (!Daemon::Init(false)) {
+        TellStarter(kFailure); // unless Init has told more exactly
+        return kFailure;
+    }
+    app::ApplyLogSettings(conf); // in the background for appending: a rotation may cut the file
+    PrepareProcess();
+    app::DropPrivileges();
+    app::EndLoginsOnStopSignals();
+    app::EndStrays([](const std::string&) { return true; });
+    gblRun = 1;
+    bool good = false;
+    {
+        app::RelayDaemon daemon(conf);
+        TellStarter(0); // only now: who has seen the start succeed finds the status
+        good = daemon.Run();
+    }
+    daemon_signal_done();
+    (void)daemon_pid_file_remove(); // one that cannot be removed is found stale at the next start
+    return good ? 0 : kFailure;
+}
+
 int RunDaemon(bool foreground) {
     (void)daemon_close_all(-1); // what was inherited would be held for years
     const std::string path = paths::ConfigFile();
@@ -94,7 +122,7 @@ int RunDaemon(bool foreground) {
     if (!app::BecomeTheOnlyOne(instance)) {
         return kFailure;
     }
-    RelaydConf conf(path.c_str()); // before Init, which logs where the configuration says
+    RelaydConf conf(path.c_str()); // before the fork, which logs where the configuration says
     // Where the fork goes: a relative log file must not mean one here and another there.
     if (!foreground && chdir("/") != 0) {
         std::cerr << kName << ": /: " << strerror(errno) << std::endl;
@@ -106,23 +134,8 @@ int RunDaemon(bool foreground) {
     for (const std::string& fault : faults) {
         RELAY_LOG(4, "%s", fault.c_str());
     }
-    if (!Daemon::Init(!foreground)) {
-        return kFailure;
-    }
-    app::ApplyLogSettings(conf); // in the background for appending: a rotation may cut the file
-    PrepareProcess();
-    app::DropPrivileges();
-    app::EndLoginsOnStopSignals();
-    app::EndStrays([](const std::string&) { return true; });
-    gblRun = 1;
-    bool good = false;
-    {
-        app::RelayDaemon daemon(conf);
-        good = daemon.Run();
-    }
-    daemon_signal_done();
-    (void)daemon_pid_file_remove(); // one that cannot be removed is found stale at the next start
-    return good ? 0 : kFailure;
+    // Not by Init, which would tell the starter too soon.
+    return foreground || Daemon::Fork() ? Serve(conf) : kFailure;
 }
 
 } // namespace
@@ -144,6 +157,7 @@ int main(int argc, char** argv) {
         return options.check ? Check(options.checkFile) : RunDaemon(options.foreground);
     } catch (const std::exception& fault) {
         RELAY_LOG(3, "out of resources: %s", fault.what());
+        TellStarter(kFailure);
         return kFailure;
     }
 }

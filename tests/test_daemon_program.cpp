@@ -93,10 +93,13 @@ TEST_F(DaemonProgram, StopLeavesNothing) {
 TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
     device.config["log_file"] = device.root.Path(Device::kLog);
     device.root.Write(Device::kPidFile, "4194305\n"); // a killed one's, which each may find
+    const std::string stray = "ssh -d " + device.root.Path("/tmp/.tunnel.1.web");
+    const Process slow({"/bin/sh", "-c", "trap '' TERM; kill -STOP $$", stray}); // takes 1 s to end
     device.Start({});
     const auto second = device.Run({}, "/output"), third = device.Run({}, "/output");
     const int lost = second->Wait(seconds(10)) + third->Wait(seconds(10));
     EXPECT_EQ(device.Daemon().Wait(seconds(10)) + lost, 2); // one ends with 0, two with 1
+    EXPECT_TRUE(device.Status().isObject());                // as soon as the start has ended
     ASSERT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Log();
     EXPECT_TRUE(WaitFor([&] { return device.Processes().size() == 2; }));
     const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
