@@ -3,26 +3,20 @@
 
 #include <string>
 
-#include <zarorelayd/file_lock.h>
-
-#include "app/backoff.h"
+#include "app/own_lock.h"
+#include "platform/new_file.h"
+#include "platform/paths.h"
 
 namespace ZARO::Relay::app {
 
 /// Held from the look at the file until it is replaced, so that of two programs that change it at a
 /// time neither loses its change. Readers need no lock: the file is replaced whole.
-class ConfigLock {
+class ConfigLock : public OwnLock {
 public:
-    ConfigLock();
-
-    /// Waits for another holder, `patience` at most. False when it is still held, or can't be made.
-    bool Take(milliseconds patience);
+    ConfigLock() : OwnLock(Path()) {}
 
     /// The file that is locked, for messages.
-    static std::string Path();
-
-private:
-    FileLock lock_;
+    static std::string Path() { return FolderOf(paths::ConfigFile()) + ".zarorelayd.conf.lock"; }
 };
 
 } // namespace ZARO::Relay::app

@@ -217,20 +217,22 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
         RELAY_LOG(3, "refused an id or a mode from the control server");
     }
     const ServerConf formerWait = conf_.waitcmd;
+    const bool registered = commands_[0U]["command"] == "register" && reply.isArray() &&
+                            !reply.empty() &&
+                            ParseServerError(reply[0U]) == RELAYSERVER_ERR_SUCCESS;
     {
-        // A new id is written into the file that a command line may be changing. One that holds it
-        // too long loses to the id, without which there is no registration.
+        // The library writes the id into the file, which a command line may be changing, and it
+        // would move a broken one aside: a typo would cost all services. An id that can't be
+        // written holds for this run only.
+        const Json::Value* id = registered ? FindMember(reply[0U], "serverID") : nullptr;
         ConfigLock lock;
-        const bool writes =
-            reply.isArray() && !reply.empty() && !TextMember(reply[0U], "serverID").empty();
-        (void)(writes && lock.Take(kFilePatience));
         Json::Value config;
-        std::string fault;
-        if (writes && !ReadConfigFile(paths::ConfigFile(), true, config, fault)) {
-            // The library would move the file aside: a slip of the pen would cost all services. So
-            // the id holds for this run only.
+        std::string fault = ConfigLock::Path() + ": held by another program, or out of reach";
+        if (id != nullptr && id->isString() &&
+            (!lock.Take(kFilePatience) ||
+             !ReadConfigFile(paths::ConfigFile(), true, config, fault))) {
             RELAY_LOG(4, "the server id is not written: %s", fault.c_str());
-            conf_.serverID = TextMember(reply[0U], "serverID");
+            conf_.serverID = id->asString();
             reply[0U].removeMember("serverID");
         }
         register_.ParseResponse(conf_, commands_, reply);
@@ -244,8 +246,7 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
         RegisterAnew();
         return RELAYD_RET_NOT_SUPPORT;
     }
-    if (commands_[0U]["command"] == "register" && reply.isArray() && !reply.empty() &&
-        ParseServerError(reply[0U]) == RELAYSERVER_ERR_SUCCESS) {
+    if (registered) {
         registered_ = true;
         RELAY_LOG(6, "registered as [%s]", conf_.serverID.c_str());
         TakeSession(request);

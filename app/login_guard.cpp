@@ -1,11 +1,13 @@
 #include "app/login_guard.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <cstring>
 #include <initializer_list>
 
 namespace ZARO::Relay::app {
@@ -15,25 +17,52 @@ namespace {
 volatile sig_atomic_t gLoginRuns = 0;
 volatile sig_atomic_t gStopRequested = 0;
 pid_t gDaemon = -1;
-char gChildrenFile[64];
 struct sigaction gFormer[NSIG];
 
-/// Asks every child to end; a stop ends them all in any case. Async-signal-safe.
-void EndChildren() {
-    const int fd = open(gChildrenFile, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return;
+/// Owns a descriptor; -1 when there is none.
+struct Descriptor {
+    explicit Descriptor(int opened) : fd(opened) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() { (void)close(fd); }
+    const int fd;
+};
+
+/// The decimal number at the beginning of a text; 0 when there is none.
+pid_t NumberAt(const char* text) {
+    pid_t number = 0;
+    for (; *text >= '0' && *text <= '9'; ++text) {
+        number = number * 10 + (*text - '0');
     }
-    char text[4096];
-    const ssize_t length = read(fd, text, sizeof text);
-    close(fd);
-    pid_t pid = 0;
-    for (ssize_t i = 0; i < length; ++i) {
-        if (text[i] >= '0' && text[i] <= '9') {
-            pid = pid * 10 + (text[i] - '0');
-        } else if (pid > 0) {
-            kill(pid, SIGTERM);
-            pid = 0;
+    return number;
+}
+
+/// The parent of the process with that folder in /proc; 0 when it has gone.
+pid_t ParentOf(int proc, const char* process) {
+    const Descriptor folder(openat(proc, process, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const Descriptor file(openat(folder.fd, "stat", O_RDONLY | O_CLOEXEC));
+    char text[512];
+    const ssize_t length = read(file.fd, text, sizeof text - 1);
+    text[length > 0 ? length : 0] = '\0';
+    // "PID (NAME) STATE PARENT ...": the name may hold anything, but only numbers come after it.
+    const char* name = strrchr(text, ')');
+    return name != nullptr && strlen(name) > 4 ? NumberAt(name + 4) : 0;
+}
+
+/// Asks every child to end; a stop ends them all in any case. A signal handler may not use readdir,
+/// which takes memory, and not every kernel has a list of children in /proc.
+void EndChildren() {
+    const Descriptor proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    alignas(dirent64) char entries[4096];
+    for (long size = 1; size > 0;) {
+        size = syscall(SYS_getdents64, proc.fd, entries, sizeof entries);
+        for (long at = 0; at < size;) {
+            const auto* entry = reinterpret_cast<const dirent64*>(entries + at);
+            const pid_t process = NumberAt(entry->d_name);
+            if (process > 0 && ParentOf(proc.fd, entry->d_name) == gDaemon) {
+                (void)kill(process, SIGTERM);
+            }
+            at += entry->d_reclen;
         }
     }
 }
@@ -73,8 +102,6 @@ void OnAlarm(int) {
 
 void EndLoginsOnStopSignals() {
     gDaemon = getpid();
-    (void)snprintf(gChildrenFile, sizeof gChildrenFile, "/proc/%d/task/%d/children", gDaemon,
-                   gDaemon);
     struct sigaction onAlarm = {};
     onAlarm.sa_handler = OnAlarm;
     (void)sigaction(SIGALRM, &onAlarm, nullptr);

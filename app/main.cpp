@@ -80,30 +80,15 @@ void PrepareProcess() {
     (void)setenv("PATH", (paths::ProgramDir() + ":" + others).c_str(), 1);
 }
 
-int RunDaemon(bool foreground) {
-    (void)daemon_close_all(-1); // what was inherited would be held for years
-    const std::string path = paths::ConfigFile();
-    bool unusable = false;
-    const auto faults = app::CheckConfigFile(path, true, unusable);
-    if (unusable) {
-        std::cerr << kName << ": " << faults.front() << std::endl;
-        return kUsage;
-    }
-    Daemon::SetName(kName);
-    app::RemoveStalePidFile();
-    RelaydConf conf(path.c_str()); // before Init, which logs where the configuration says
-    // Where the fork goes: a relative log file must not mean one here and another there.
-    if (!foreground && chdir("/") != 0) {
-        std::cerr << kName << ": /: " << strerror(errno) << std::endl;
-        return kFailure;
-    }
-    // In the background the fork opens the log file; in the foreground whoever typed the command
-    // still sees why it does not start.
-    Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
-    for (const std::string& fault : faults) {
-        RELAY_LOG(4, "%s", fault.c_str());
-    }
-    if (!Daemon::Init(!foreground)) {
+/// Tells the command that waits in the foreground how the start went, if one still does.
+void TellStarter(int code) {
+    (void)daemon_retval_send(code);
+}
+
+/// The daemon's whole life, after the fork.
+int Serve(const RelaydConf& conf) {
+    if (!Daemon::Init(false)) {
+        TellStarter(kFailure); // unless Init has told more exactly
         return kFailure;
     }
     app::ApplyLogSettings(conf); // in the background for appending: a rotation may cut the file
@@ -115,11 +100,42 @@ int RunDaemon(bool foreground) {
     bool good = false;
     {
         app::RelayDaemon daemon(conf);
+        TellStarter(0); // only now: who has seen the start succeed finds the status
         good = daemon.Run();
     }
     daemon_signal_done();
     (void)daemon_pid_file_remove(); // one that cannot be removed is found stale at the next start
     return good ? 0 : kFailure;
+}
+
+int RunDaemon(bool foreground) {
+    (void)daemon_close_all(-1); // what was inherited would be held for years
+    const std::string path = paths::ConfigFile();
+    bool unusable = false;
+    const auto faults = app::CheckConfigFile(path, true, unusable);
+    if (unusable) {
+        std::cerr << kName << ": " << faults.front() << std::endl;
+        return kUsage;
+    }
+    Daemon::SetName(kName);
+    app::OwnLock instance(app::InstanceLockFile());
+    if (!app::BecomeTheOnlyOne(instance)) {
+        return kFailure;
+    }
+    RelaydConf conf(path.c_str()); // before the fork, which logs where the configuration says
+    // Where the fork goes: a relative log file must not mean one here and another there.
+    if (!foreground && chdir("/") != 0) {
+        std::cerr << kName << ": /: " << strerror(errno) << std::endl;
+        return kFailure;
+    }
+    // In the background the fork opens the log file; in the foreground whoever typed the command
+    // still sees why it does not start.
+    Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
+    for (const std::string& fault : faults) {
+        RELAY_LOG(4, "%s", fault.c_str());
+    }
+    // Not by Init, which would tell the starter too soon.
+    return foreground || Daemon::Fork() ? Serve(conf) : kFailure;
 }
 
 } // namespace
@@ -141,6 +157,7 @@ int main(int argc, char** argv) {
         return options.check ? Check(options.checkFile) : RunDaemon(options.foreground);
     } catch (const std::exception& fault) {
         RELAY_LOG(3, "out of resources: %s", fault.what());
+        TellStarter(kFailure);
         return kFailure;
     }
 }

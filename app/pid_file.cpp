@@ -1,24 +1,25 @@
 #include "app/pid_file.h"
 
 #include <limits.h>
-#include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <fstream>
 #include <string>
+
+#include <libdaemon/dpid.h>
 
 #include <zarorelayd/daemon.h>
 
 #include "daemon/log.h"
-#include "platform/paths.h"
 
 namespace ZARO::Relay::app {
 
 namespace {
 
-constexpr int kAttempts = 10;
-constexpr int kBetweenAttemptsMs = 10;
+/// A command line that asks holds the lock for an instant, and another start writes its process id
+/// within that time.
+constexpr milliseconds kPatience{100};
 constexpr std::size_t kShortName = 15; // bytes
 
 /// The first 15 bytes of a process's name.
@@ -29,42 +30,11 @@ std::string ShortName(const std::string& process) {
     return name;
 }
 
-/// The process id in the PID file; 0 when it has none, also after the time in which another
-/// instance in the middle of its start would have filled it; -1 when there is no file.
+/// The process id in the PID file; 0 when it has none.
 long ReadPid() {
-    for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        std::ifstream file(Daemon::GetPidFile());
-        if (!file) {
-            return -1;
-        }
-        long pid = 0;
-        if (file >> pid && pid > 0) {
-            return pid;
-        }
-        (void)poll(nullptr, 0, kBetweenAttemptsMs);
-    }
-    return 0;
-}
-
-/// Whether a process was told another root than ours. One whose root can't be told, because it was
-/// given from another folder or belongs to another user, may be ours.
-bool HasOtherRoot(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/cmdline");
-    const std::string option = "--root";
-    std::string root;
-    for (std::string word; std::getline(file, word, '\0');) {
-        if (word == option) {
-            std::getline(file, root, '\0');
-        } else if (word.compare(0, option.size() + 1, option + "=") == 0) {
-            root = word.substr(option.size() + 1);
-        }
-    }
-    struct stat theirs = {};
-    struct stat ours = {};
-    const std::string own = paths::Root().empty() ? "/" : paths::Root();
-    return !root.empty() && root[0] == '/' && stat(root.c_str(), &theirs) == 0 &&
-           stat(own.c_str(), &ours) == 0 &&
-           (theirs.st_ino != ours.st_ino || theirs.st_dev != ours.st_dev);
+    std::ifstream file(Daemon::GetPidFile());
+    long pid = 0;
+    return file >> pid ? pid : 0;
 }
 
 } // namespace
@@ -91,20 +61,23 @@ bool RunsProgram(const std::string& process, const std::string& program) {
     return path == program || ShortName(process) == program.substr(0, kShortName);
 }
 
-void RemoveStalePidFile() {
-    const long pid = ReadPid();
-    if (pid < 0) {
-        return;
-    }
-    const std::string process = std::to_string(pid);
-    // A process of this number may be us: in a container numbers come again.
-    if (pid > 0 && pid != getpid() && access(("/proc/" + process).c_str(), F_OK) == 0) {
-        if (RunsProgram(process, ProgramOf("self")) && !HasOtherRoot(process)) {
-            return; // Daemon::Init tells of it
+std::string InstanceLockFile() {
+    return std::string(Daemon::GetPidFile()) + ".lock";
+}
+
+bool BecomeTheOnlyOne(OwnLock& lock) {
+    if (lock.Take(kPatience)) {
+        if (unlink(Daemon::GetPidFile()) == 0) {
+            RELAY_LOG(5, "removed the stale PID file [%s]", Daemon::GetPidFile());
         }
+        return true;
     }
-    RELAY_LOG(5, "removing the stale PID file [%s]", Daemon::GetPidFile());
-    (void)unlink(Daemon::GetPidFile());
+    // Where no file can be locked, which is no reason not to run, the PID file has to do.
+    const long other = errno == EWOULDBLOCK ? ReadPid() : daemon_pid_file_is_running();
+    if (other >= 0) {
+        RELAY_LOG(3, "Daemon already running on PID file %ld", other);
+    }
+    return other < 0;
 }
 
 } // namespace ZARO::Relay::app

@@ -1,7 +1,9 @@
-/// The PID file a killed or powered-off predecessor left.
+/// What tells a running daemon of this root from what a killed one left.
 #pragma once
 
 #include <string>
+
+#include "app/own_lock.h"
 
 namespace ZARO::Relay::app {
 
@@ -13,8 +15,13 @@ std::string ProgramOf(const std::string& process);
 /// name can.
 bool RunsProgram(const std::string& process, const std::string& program);
 
-/// Removes a PID file that is empty or names a process which is no instance of this program, or
-/// one of another root: after a power cut the daemon must start again by itself.
-void RemoveStalePidFile();
+/// The file that a running daemon holds locked. A PID file without that is stale: its number may be
+/// another program's by now, or the daemon's of another root.
+std::string InstanceLockFile();
+
+/// Takes the lock on that file for a daemon that starts, and removes the PID file that a killed
+/// predecessor left: after a power cut the daemon must start by itself. False, with the reason
+/// logged, when a daemon of this root runs or is being started.
+bool BecomeTheOnlyOne(OwnLock& lock);
 
 } // namespace ZARO::Relay::app

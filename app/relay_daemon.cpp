@@ -51,10 +51,10 @@ RelayDaemon::RelayDaemon(const RelaydConf& conf)
       hasFile_(access(paths::ConfigFile().c_str(), F_OK) == 0) {
     conf_.network.ReadConf();
     (void)conf_.auth.ReadConf(); // logged; the exchange tries again
+    WriteStatus();
 }
 
 bool RelayDaemon::Run() {
-    WriteStatus();
     try {
         while (gblRun != 0) {
             Pass();

@@ -25,6 +25,7 @@ namespace ZARO::Relay::app {
 /// libdaemon's pipe.
 class RelayDaemon {
 public:
+    /// Writes the first status.
     explicit RelayDaemon(const RelaydConf& conf);
 
     /// Runs until a stop signal. The orderly stop is done when it returns; false when want of

@@ -25,7 +25,7 @@ target_compile_definitions(test_c_api
 zaro_test(test_torture TIMEOUT 180
     SOURCES test_torture.cpp $<TARGET_OBJECTS:zarorelayd_lib> $<TARGET_OBJECTS:zaro_platform>
         $<TARGET_OBJECTS:zaro_app>
-    LIBRARIES PkgConfig::JSONCPP PkgConfig::CURL PkgConfig::DAEMON ${web})
+    LIBRARIES zaro::files PkgConfig::JSONCPP PkgConfig::CURL PkgConfig::DAEMON ${web})
 target_include_directories(test_torture PRIVATE
     ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR}/platform/include)
 target_compile_definitions(test_torture PRIVATE

@@ -10,6 +10,7 @@
 #include <string>
 
 #include <zarorelayd/config.h>
+#include <zarorelayd/file_lock.h>
 
 #include "tests/support/device.h"
 
@@ -343,12 +344,18 @@ TEST_F(Ctl, ChangesAliasSwitchAndLog) {
 }
 
 TEST_F(Ctl, SignalsNoOtherProgramsProcess) {
-    Process other({"/bin/sleep", "600"});
-    root_.Write(kPidFile, std::to_string(other.Pid()) + "\n");
-    for (const char* words : {"stop", "reload", "debug", "service add photos", "log start /tmp/x",
-                              "alias set nas", "disable"}) {
-        Run(words);
-        EXPECT_EQ(other.Wait(milliseconds(0)), Process::kRuns) << words;
+    root_.Write("/zarorelayd", "#!/usr/bin/tail -f\n", 0755); // plays another root's daemon
+    FileLock lock(root_.Path(std::string(kPidFile) + ".lock").c_str());
+    for (const bool runs : {true, false}) { // ours, while the PID file names somebody else
+        Process other(Words(runs ? "/bin/sleep 600" : root_.Path("/zarorelayd")));
+        root_.Write(kPidFile, std::to_string(other.Pid()) + "\n");
+        EXPECT_EQ(runs && lock.Lock(LOCK_EX), runs);
+        for (const char* words : {"stop", "reload", "debug", "service add photos",
+                                  "log start /tmp/x", "alias set nas", "disable"}) {
+            Run(words);
+            EXPECT_EQ(other.Wait(milliseconds(0)), Process::kRuns) << words;
+        }
+        lock.Unlock();
     }
 }
 

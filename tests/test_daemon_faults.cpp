@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <sys/file.h>
+
 #include <string>
 
+#include <zarorelayd/file_lock.h>
 #include <zarorelayd/zarorelayd.h>
 
 #include "tests/support/device.h"
@@ -54,8 +57,15 @@ TEST_F(DaemonFaults, DropsAnotherDevicesId) {
               "@administrators relayservice:relayservice_serverid_change_title "
               "relayservice:relayservice_serverid_change_msg\n");
     EXPECT_EQ(hub.Registrations(), 2U);
-    // An older copy of the file is put back.
-    device.Reload([](Json::Value& now) { now.removeMember("serverID"); });
+    // An older copy of the file is put back, at first while somebody else changes it.
+    const auto drop = [](Json::Value& now) { now.removeMember("serverID"); };
+    FileLock editor(device.root.Path("/usr/zaro/etc/.zarorelayd.conf.lock").c_str());
+    EXPECT_TRUE(editor.Lock(LOCK_EX));
+    device.Reload(drop);
+    EXPECT_TRUE(WaitFor([&] { return device.Logs("the server id is not written"); }));
+    EXPECT_FALSE(Parse(device.root.Read(Device::kConfig)).isMember("serverID"));
+    editor.Unlock();
+    device.Reload(drop);
     EXPECT_TRUE(
         WaitFor([&] { return Parse(device.root.Read(Device::kConfig))["serverID"] == id; }));
 }

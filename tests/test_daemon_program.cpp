@@ -73,20 +73,35 @@ TEST_F(DaemonProgram, StopLeavesNothing) {
     device.Start();
     ASSERT_TRUE(WaitFor([&] { return device.IsAllUp(); })) << device.Log();
     EXPECT_EQ(device.Processes().size(), 6U);
-    device.Daemon().Signal(SIGTERM);
-    EXPECT_TRUE(Takes("stop with five tunnels", seconds(2),
-                      [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
-    EXPECT_EQ(device.Processes().size(), 0U);
-    EXPECT_EQ(device.PasswordFiles(), 0U);
-    EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
-    EXPECT_TRUE(device.Status().isNull());
+    const auto stops = [&](const char* when) {
+        device.Daemon().Signal(SIGTERM);
+        EXPECT_TRUE(
+            Takes(when, seconds(2), [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
+        EXPECT_EQ(device.Processes().size(), 0U);
+        EXPECT_EQ(device.PasswordFiles(), 0U);
+        EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
+        EXPECT_TRUE(device.Status().isNull());
+    };
+    stops("stop with five tunnels");
+    device.root.Write("/) S 1 (", "#!/usr/bin/tail -f\n", 0755); // never ends; /proc shows its name
+    device.WrapSsh("touch $ZARO_ROOT/in; exec \"$ZARO_ROOT/) S 1 (\"");
+    device.Start();
+    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(device.root.Path("/in")); }));
+    stops("stop in a log-in");
 }
 
 TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
     device.config["log_file"] = device.root.Path(Device::kLog);
+    device.root.Write(Device::kPidFile, "4194305\n"); // a killed one's, which each may find
+    const std::string stray = "ssh -d " + device.root.Path("/tmp/.tunnel.1.web");
+    const Process slow({"/bin/sh", "-c", "trap '' TERM; kill -STOP $$", stray}); // takes 1 s to end
     device.Start({});
-    EXPECT_EQ(device.Daemon().Wait(seconds(10)), 0);
+    const auto second = device.Run({}, "/output"), third = device.Run({}, "/output");
+    const int lost = second->Wait(seconds(10)) + third->Wait(seconds(10));
+    EXPECT_EQ(device.Daemon().Wait(seconds(10)) + lost, 2); // one ends with 0, two with 1
+    EXPECT_TRUE(device.Status().isObject());                // as soon as the start has ended
     ASSERT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Log();
+    EXPECT_TRUE(WaitFor([&] { return device.Processes().size() == 2; }));
     const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
     const pid_t pid = atoi(device.root.Read(Device::kPidFile).c_str());
     EXPECT_NE(getsid(pid), getsid(0));
@@ -111,22 +126,19 @@ TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
 }
 
 TEST_F(DaemonProgram, StartsOverAStalePidFile) {
-    Process ended({"/bin/true"});
-    ended.Wait(seconds(10));
-    const std::string kernelThread = "2\n"; // has no program that could be looked at
-    for (const std::string& text : {std::to_string(ended.Pid()), std::to_string(getpid()),
-                                    kernelThread, std::string(), std::string("nonsense")}) {
-        Device fresh(hub);
-        fresh.root.Write(Device::kPidFile, text);
-        fresh.Start();
-        EXPECT_TRUE(WaitFor([&] { return fresh.Status()["pid"] == fresh.Daemon().Pid(); }))
-            << "[" << text << "] " << fresh.Log();
+    const Device neighbour(hub);
+    const Process elsewhere({ZARO_DAEMON, "--foreground"}, "/dev/null", "/",
+                            "ZARO_ROOT=" + neighbour.root.Dir());
+    EXPECT_TRUE(WaitFor([&] { return neighbour.Status().isObject(); }));
+    for (const std::string& text :
+         {std::to_string(elsewhere.Pid()), std::to_string(getpid()), std::string("nonsense")}) {
+        device.root.Write(Device::kPidFile, text);
+        device.Start();
+        EXPECT_TRUE(WaitFor([&] { return device.Status()["pid"] == device.Daemon().Pid(); }))
+            << "[" << text << "] " << device.Log();
+        device.Daemon().Signal(SIGKILL);
+        device.Daemon().Wait(seconds(10));
     }
-    const std::string own = "echo $$ >\"$0\"; exec " ZARO_DAEMON " --root \"$1\" --foreground";
-    const std::string pidFile = device.root.Path(Device::kPidFile);
-    const Process same({"/bin/sh", "-c", own, pidFile, device.root.Dir()}, "/dev/null",
-                       device.root.Dir(), device.Mark());
-    EXPECT_TRUE(WaitFor([&] { return device.Status()["pid"] == same.Pid(); }));
 }
 
 TEST_F(DaemonProgram, AnswersTheCommandLine) {

@@ -23,6 +23,12 @@ namespace {
 constexpr char kInfo[] = "/etc/zaroinfo.conf", kStatus[] = "/tmp/.zarorelayd.status";
 constexpr char kBallast[] = "/mnt/ballast";
 
+/// Makes a file, if there is one, look as if nobody had written to it for two hours.
+void Age(const std::string& path) {
+    const timespec then = {time(nullptr) - 7200, 0}, times[] = {then, then};
+    utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
+}
+
 /// A small disk of which all temporary files are part: a mount that this process and its children
 /// see alone.
 struct SmallDisk : testing::Test {
@@ -132,9 +138,24 @@ TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
         }
         kill(writer, SIGKILL);
         waitpid(writer, nullptr, 0);
+        Age(path + ".tmp." + std::to_string(writer)); // before that it may be another container's
         states.insert(ReadFile(path));
         ASSERT_LE(settle(), 3) << "killed writers leave ever more files; " << round << " " << file;
         ASSERT_EQ(states.size(), 2U) << round << " " << file;
+    }
+}
+
+TEST(TornFiles, OnlyOldOnesOfOursAreCleanedUp) {
+    const TempRoot root;
+    for (const std::string kind : {"old", "young", "link", "root gives it away"}) {
+        const std::string file = "/etc/" + kind + ".tmp.4194305"; // which no process can be
+        const std::string left = root.Path(file);
+        kind == "link" ? fs::create_symlink("x", left) : root.Write(file, "");
+        kind == "young" ? void() : Age(left);
+        const bool theirs = kind[0] == 'r' && chown(left.c_str(), 65534, 65534) == 0;
+        EXPECT_TRUE(RelaydConf::WriteJsonFile(root.Path("/etc/" + kind), 1));
+        EXPECT_EQ(fs::exists(fs::symlink_status(left)), theirs || kind == "young" || kind == "link")
+            << kind;
     }
 }
 

@@ -126,6 +126,10 @@ TEST_F(TunnelTest, ServiceIdsStayInTheFolderAndAreNotExecuted) {
 TEST_F(TunnelTest, PasswordsAreNeverOthersToRead) {
     const std::string path = PasswordFile("web");
     fs::create_directories(path + "/in the way");
+    fs::permissions(root_.Path("/tmp"), fs::perms(0755)); // where no stranger can have put it
+    EXPECT_TRUE(Logs("tunnel", 3, "open [" + path + "] failed, File exists",
+                     [&] { EXPECT_FALSE(With().WritePassFile(path)); }));
+    fs::permissions(root_.Path("/tmp"), fs::perms(01777));
     EXPECT_TRUE(With().WritePassFile(path) && fs::remove(path));
     // Somebody has made the file, open to all, and waits with an open descriptor.
     const int spy = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);

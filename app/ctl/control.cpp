@@ -61,7 +61,8 @@ Presence FindDaemon() {
         return Presence::None;
     }
     const bool known = permitted || !app::ProgramOf(std::to_string(pid)).empty();
-    if (known && !app::RunsProgram(std::to_string(pid), kDaemon)) {
+    if (known && (!app::RunsProgram(std::to_string(pid), kDaemon) ||
+                  !app::MayBeLocked(app::InstanceLockFile()))) {
         return Presence::Foreign;
     }
     return permitted ? Presence::Running : Presence::NotPermitted;

@@ -48,7 +48,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
     const Presence presence = FindDaemon();
     if (presence == Presence::Foreign) {
         return Fail(kNoAnswer,
-                    "the process in " + paths::PidFile("zarorelayd") + " is another program's",
+                    "the process in " + paths::PidFile("zarorelayd") + " is not this daemon",
                     "start the daemon first, or remove that file");
     }
     ConfigChange file;

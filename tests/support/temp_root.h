@@ -25,6 +25,7 @@ public:
                                    "/var/run", "/proc/net", "/proc/sys/kernel", "/sys/class/net"}) {
             std::filesystem::create_directories(dir_ + folder);
         }
+        std::filesystem::permissions(dir_ + "/tmp", std::filesystem::perms(01777));
     }
 
     ~TempRoot() {
