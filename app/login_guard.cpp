@@ -10,6 +10,8 @@
 #include <cstring>
 #include <initializer_list>
 
+#include "platform/unique_fd.h"
+
 namespace ZARO::Relay::app {
 
 namespace {
@@ -18,15 +20,6 @@ volatile sig_atomic_t gLoginRuns = 0;
 volatile sig_atomic_t gStopRequested = 0;
 pid_t gDaemon = -1;
 struct sigaction gFormer[NSIG];
-
-/// Owns a descriptor; -1 when there is none.
-struct Descriptor {
-    explicit Descriptor(int opened) : fd(opened) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { (void)close(fd); }
-    const int fd;
-};
 
 /// The decimal number at the beginning of a text; 0 when there is none.
 pid_t NumberAt(const char* text) {
@@ -39,10 +32,10 @@ pid_t NumberAt(const char* text) {
 
 /// The parent of the process with that folder in /proc; 0 when it has gone.
 pid_t ParentOf(int proc, const char* process) {
-    const Descriptor folder(openat(proc, process, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    const Descriptor file(openat(folder.fd, "stat", O_RDONLY | O_CLOEXEC));
+    const UniqueFd folder(openat(proc, process, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd file(openat(folder.Get(), "stat", O_RDONLY | O_CLOEXEC));
     char text[512];
-    const ssize_t length = read(file.fd, text, sizeof text - 1);
+    const ssize_t length = read(file.Get(), text, sizeof text - 1);
     text[length > 0 ? length : 0] = '\0';
     // "PID (NAME) STATE PARENT ...": the name may hold anything, but only numbers come after it.
     const char* name = strrchr(text, ')');
@@ -52,14 +45,14 @@ pid_t ParentOf(int proc, const char* process) {
 /// Asks every child to end; a stop ends them all in any case. A signal handler may not use readdir,
 /// which takes memory, and not every kernel has a list of children in /proc.
 void EndChildren() {
-    const Descriptor proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     alignas(dirent64) char entries[4096];
     for (long size = 1; size > 0;) {
-        size = syscall(SYS_getdents64, proc.fd, entries, sizeof entries);
+        size = syscall(SYS_getdents64, proc.Get(), entries, sizeof entries);
         for (long at = 0; at < size;) {
             const auto* entry = reinterpret_cast<const dirent64*>(entries + at);
             const pid_t process = NumberAt(entry->d_name);
-            if (process > 0 && ParentOf(proc.fd, entry->d_name) == gDaemon) {
+            if (process > 0 && ParentOf(proc.Get(), entry->d_name) == gDaemon) {
                 (void)kill(process, SIGTERM);
             }
             at += entry->d_reclen;

@@ -20,17 +20,11 @@ constexpr int kFlags = O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 OwnLock::OwnLock(std::string path) : path_(std::move(path)) {
 }
 
-OwnLock::~OwnLock() {
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
-
 bool OwnLock::TryOnce() {
-    if (fd_ < 0) {
-        fd_ = open(path_.c_str(), kFlags | O_CREAT, 0600);
+    if (!fd_.IsOpen()) {
+        fd_ = UniqueFd(open(path_.c_str(), kFlags | O_CREAT, 0600));
     }
-    return fd_ >= 0 && flock(fd_, LOCK_EX | LOCK_NB) == 0;
+    return fd_.IsOpen() && flock(fd_.Get(), LOCK_EX | LOCK_NB) == 0;
 }
 
 bool OwnLock::Take(milliseconds patience) {
@@ -44,14 +38,12 @@ bool OwnLock::Take(milliseconds patience) {
 }
 
 bool MayBeLocked(const std::string& path) {
-    const int fd = open(path.c_str(), kFlags);
-    if (fd < 0) {
+    const UniqueFd fd(open(path.c_str(), kFlags));
+    if (!fd.IsOpen()) {
         return errno != ENOENT;
     }
     // Shared and for this instant, so that others who ask at the same time do not see it.
-    const bool locked = flock(fd, LOCK_SH | LOCK_NB) != 0;
-    close(fd);
-    return locked;
+    return flock(fd.Get(), LOCK_SH | LOCK_NB) != 0;
 }
 
 } // namespace ZARO::Relay::app

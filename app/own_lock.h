@@ -4,6 +4,7 @@
 #include <string>
 
 #include "app/backoff.h"
+#include "platform/unique_fd.h"
 
 namespace ZARO::Relay::app {
 
@@ -13,9 +14,6 @@ namespace ZARO::Relay::app {
 class OwnLock {
 public:
     explicit OwnLock(std::string path);
-    OwnLock(const OwnLock&) = delete;
-    OwnLock& operator=(const OwnLock&) = delete;
-    ~OwnLock();
 
     /// Makes the file if need be and waits up to `patience` for another holder. False, with errno,
     /// when there is still one (EWOULDBLOCK), or when the file can't be made, opened or locked.
@@ -25,7 +23,7 @@ private:
     bool TryOnce();
 
     std::string path_;
-    int fd_ = -1;
+    UniqueFd fd_;
 };
 
 /// Whether somebody may hold the lock on that file. True also when this user may not ask.

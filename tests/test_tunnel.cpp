@@ -127,7 +127,7 @@ TEST_F(TunnelTest, PasswordsAreNeverOthersToRead) {
     const std::string path = PasswordFile("web");
     fs::create_directories(path + "/in the way");
     fs::permissions(root_.Path("/tmp"), fs::perms(0755)); // where no stranger can have put it
-    EXPECT_TRUE(Logs("tunnel", 3, "open [" + path + "] failed, File exists",
+    EXPECT_TRUE(Logs("tunnel", 3, "open [" + path + "] failed, Is a directory",
                      [&] { EXPECT_FALSE(With().WritePassFile(path)); }));
     fs::permissions(root_.Path("/tmp"), fs::perms(01777));
     EXPECT_TRUE(With().WritePassFile(path) && fs::remove(path));
