@@ -29,11 +29,14 @@ struct Result {
     std::string err;
 };
 
-/// The program with a shell's words for arguments, in the root, under the program `under`.
+const std::string kProgram = "'" ZARO_CTL "'";
+
+/// A program, which may run under another, with a shell's words for arguments, in the root.
 std::unique_ptr<Process> Start(const TempRoot& root, const std::string& words,
-                               const std::string& under, const std::string& out = "ctl.out") {
-    const std::string line = "exec " + under + " " ZARO_CTL " --root " + root.Dir() + " " + words +
-                             " >" + out + " 2>ctl.err";
+                               const std::string& program = kProgram,
+                               const std::string& out = "ctl.out") {
+    const std::string line =
+        "exec " + program + " --root " + root.Dir() + " " + words + " >" + out + " 2>ctl.err";
     const std::vector<std::string> shell = {"/bin/sh", "-c", line};
     return std::make_unique<Process>(shell, "/dev/null", root.Dir());
 }
@@ -52,8 +55,8 @@ protected:
     void WriteConfig() { root_.Write(kConfig, Compact(config_)); }
     Json::Value ReadConfig() const { return Parse(root_.Read(kConfig)); }
 
-    Result Run(const std::string& words, const std::string& under = "") const {
-        const int code = Start(root_, words, under)->Wait(seconds(60));
+    Result Run(const std::string& words, const std::string& program = kProgram) const {
+        const int code = Start(root_, words, program)->Wait(seconds(60));
         return {code, root_.Read("/ctl.out"), root_.Read("/ctl.err")};
     }
 
@@ -213,11 +216,11 @@ TEST_F(Ctl, PlantedTextsReachNoTerminal) {
     WriteConfig();
     root_.Write("/tmp/farlink_alias.status",
                 R"({"alias_name":"\u001b[2J","status":"\u001b","extra":"\u001b"})");
-    for (const char* locale : {"env LC_ALL=C.UTF-8", "env LC_ALL=C"}) {
+    for (const char* locale : {"env LC_ALL=C.UTF-8 ", "env LC_ALL=C "}) {
         for (const char* command : {"status", "status --json", "alias show", "id", "service list",
                                     "service remove '\033['", "check"}) {
             SCOPED_TRACE(command);
-            const Result result = Run(command, locale);
+            const Result result = Run(command, locale + kProgram);
             const std::string all = result.out + result.err;
             EXPECT_FALSE(all.empty());
             EXPECT_TRUE(std::none_of(all.begin(), all.end(), [](unsigned char c) {
@@ -228,7 +231,7 @@ TEST_F(Ctl, PlantedTextsReachNoTerminal) {
             }
         }
     }
-    EXPECT_THAT(Run("status", "env LC_ALL=C.UTF-8").out, HasSubstr("Größe"));
+    EXPECT_THAT(Run("status", "env LC_ALL=C.UTF-8 " + kProgram).out, HasSubstr("Größe"));
 }
 
 TEST_F(Ctl, WatchOnATerminalLeavesItAsItWas) {
@@ -243,8 +246,9 @@ TEST_F(Ctl, WatchOnATerminalLeavesItAsItWas) {
             return seen.find(text) != std::string::npos;
         };
         WriteStatus(R"("state":5,"serverID":"1")");
-        const auto watch = Start(root_, "status --watch", std::string("env TERM=xterm ") + colour,
-                                 ptsname(terminal));
+        const auto watch =
+            Start(root_, "status --watch", std::string("env TERM=xterm ") + colour + " " + kProgram,
+                  ptsname(terminal));
         EXPECT_TRUE(WaitFor([&] { return sees("connected"); })) << seen;
         WriteStatus(R"("state":5,"serverID":"2")");
         EXPECT_TRUE(WaitFor([&] { return sees("\033[H") && sees(" 2\033[K"); })) << seen;
@@ -306,8 +310,8 @@ TEST_F(Ctl, LosesNoChangeOfTwoAtATime) {
     for (int round = 0; round < 100; ++round) {
         config_["service"].clear();
         WriteConfig();
-        const auto one = Start(root_, "service add web", "");
-        const auto two = Start(root_, "service add photos", "");
+        const auto one = Start(root_, "service add web");
+        const auto two = Start(root_, "service add photos");
         ASSERT_EQ(one->Wait(seconds(30)) + two->Wait(seconds(30)), 0) << round;
         Json::Value now = ReadConfig();
         ASSERT_EQ(now["service"].size(), 2U) << round;
@@ -352,17 +356,32 @@ TEST_F(Ctl, SignalsNoOtherProgramsProcess) {
     }
 }
 
-TEST_F(Ctl, SaysThatRightsAreMissing) {
+/// Where everybody can go, however closed the folders of this user are.
+struct CtlOfOthers : Ctl {
+    static void SetUpTestSuite() {
+        umask(022);
+        setenv("TMPDIR", "/tmp", 1);
+    }
+};
+
+TEST_F(CtlOfOthers, SaysThatRightsAreMissing) {
     // Process 1 is root's, and so is the folder.
     root_.Write(kStatusFile, R"({"pid":1,"state":5})");
     root_.Write(kPidFile, "1\n");
-    const char* const nobody =
-        geteuid() == 0 ? "setpriv --reuid=65534 --regid=65534 --clear-groups" : "";
+    // Nobody else may be able to read what was built here.
+    const char* const copy = "ldd \"$0\" | grep -o '/.*/libzaro[a-z]*.so[.0-9]*' | "
+                             "xargs -d '\\n' install -Dt copies \"$0\"";
+    ASSERT_EQ(Outcome({"/bin/sh", "-c", copy, ZARO_CTL}, root_.Dir()), "0 ");
+    const std::string copies = root_.Path("/copies");
+    const std::string other =
+        std::string("env LD_LIBRARY_PATH=") + copies +
+        (geteuid() == 0 ? " setpriv --reuid=65534 --regid=65534 --clear-groups " : " ") + copies +
+        "/zarorelayctl";
     std::filesystem::permissions(root_.Dir(), std::filesystem::perms(0755));
     std::filesystem::permissions(root_.Path("/usr/zaro/etc"), std::filesystem::perms(0555));
     for (const char* words :
          {"status", "status --json", "service add photos", "alias clear", "log stop"}) {
-        const Result result = Run(words, nobody);
+        const Result result = Run(words, other);
         EXPECT_EQ(result.code, 2) << words;
         ExpectLine(result.err, "run this as root");
     }
@@ -437,7 +456,7 @@ TEST_F(Ctl, WorksWithARealDaemonAndHub) {
     const auto run = [&](const std::string& words) {
         // A daemon without a parent is our child; while it is a zombie it looks alive.
         const pid_t daemon = atoi(root_.Read(kPidFile).c_str());
-        const auto program = Start(root_, words, "env ZARO_TEST_DEVICE=" + root_.Dir());
+        const auto program = Start(root_, words, "env " + device.Mark() + " " + kProgram);
         EXPECT_TRUE(Within(seconds(60), [&] {
             daemon > 0 ? waitpid(daemon, nullptr, WNOHANG) : 0;
             return program->Wait(milliseconds(0)) != Process::kRuns;
