@@ -358,10 +358,7 @@ TEST_F(Ctl, SignalsNoOtherProgramsProcess) {
 
 /// Where everybody can go, however closed the folders of this user are.
 struct CtlOfOthers : Ctl {
-    static void SetUpTestSuite() {
-        umask(022);
-        setenv("TMPDIR", "/tmp", 1);
-    }
+    static void SetUpTestSuite() { setenv("TMPDIR", "/tmp", 1); }
 };
 
 TEST_F(CtlOfOthers, SaysThatRightsAreMissing) {

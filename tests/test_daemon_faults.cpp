@@ -8,25 +8,11 @@
 
 namespace {
 
-/// One service that is up at the relay.
-struct DaemonFaults : testing::Test {
-    DaemonFaults() : web("web"), device(hub) { device.Publish(web); }
-
-    void Start() {
-        device.Start();
-        ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); }))
-            << device.Log();
-        ASSERT_GT(device.Ssh("web"), 0);
-    }
-
-    HubProcess hub;
-    const WebService web;
-    Device device;
-};
+using DaemonFaults = DeviceTest;
 
 TEST_F(DaemonFaults, HearsTheHubDuringALogIn) {
     device.WrapSsh("sleep 1"); // longer than the hub waits before it tells
-    Start();
+    StartUp();
     ASSERT_TRUE(device.ComesToRest());
     const std::string ask = "\"command\":\"wait_command\"";
     const std::size_t asked = Count(device.Log(), ask);
@@ -43,7 +29,7 @@ TEST_F(DaemonFaults, DropsAnotherDevicesId) {
     device.root.Write("/usr/zaro/bin/zarowosnotify",
                       "#!/bin/sh\necho \"$*\" >> \"$ZARO_ROOT/notified\"\n", 0755);
     device.config["serverID"] = other.Status()["serverID"];
-    Start();
+    StartUp();
     const std::string id = device.Status()["serverID"].asString();
     device.Enter();
     EXPECT_EQ(TLIBRelaydVerifyServerId(id.c_str()), 1);
@@ -61,7 +47,7 @@ TEST_F(DaemonFaults, DropsAnotherDevicesId) {
 }
 
 TEST_F(DaemonFaults, LeavesABrokenConfigurationToItsOwner) {
-    Start();
+    StartUp();
     const std::string broken = "{\"service\":[{\"id\":\"web\"},]}";
     device.root.Write(Device::kConfig, broken, 0600);
     hub.Kill();
@@ -81,7 +67,7 @@ TEST_F(DaemonFaults, IsQuietWhenItsTokenIsRefused) {
     const char* const keyFile = "/usr/zaro/etc/device.key";
     const std::string serial = "serial=\"TESTDEVICE\"\nsecret=\"";
     device.root.Write(keyFile, serial + std::string(64, '1') + "\"\n", 0600);
-    Start();
+    StartUp();
     Device thief(hub, "02");
     thief.root.Write(keyFile, serial + std::string(64, '2') + "\"\n", 0600);
     thief.Start();
@@ -97,6 +83,51 @@ TEST_F(DaemonFaults, IsQuietWhenItsTokenIsRefused) {
     EXPECT_GE(hub.Count("is not admitted"), 1U);
     EXPECT_EQ(hub.Registrations(), 1U);
     EXPECT_TRUE(device.Serves(web));
+}
+
+TEST(DaemonAlias, IsKeptUntilItRunsOut) {
+    const HubProcess hub(50, "--alias-ttl 3");
+    Device owner(hub, "01");
+    Device rival(hub, "02");
+    const auto set = [&](const Device& device, const std::string& name) {
+        device.Reload([&](Json::Value& now) { now["server_alias"]["alias"] = name; });
+    };
+    const auto is = [](const Device& device, const std::string& name, const std::string& status) {
+        const std::string file = device.root.Read("/tmp/farlink_alias.status");
+        return file.find("\"" + name + "\"") != std::string::npos &&
+               file.find("\"" + status + "\"") != std::string::npos;
+    };
+    const auto becomes = [&](const Device& device, const std::string& name,
+                             const std::string& status) {
+        return WaitFor([&] { return is(device, name, status); });
+    };
+    for (Device* device : {&owner, &rival}) {
+        Json::Value& alias = device->config["server_alias"];
+        alias["url"] = "https://127.0.0.1:" + std::to_string(hub.HttpsPort());
+        alias["poll_seconds"] = 1;
+        alias["alias"] = device == &owner ? "nas" : "";
+        device->Start();
+    }
+    ASSERT_TRUE(becomes(owner, "nas", "success")) << owner.Log();
+    // Longer than it would last unless it were kept alive.
+    EXPECT_FALSE(Within(seconds(4), [&] { return !is(owner, "nas", "success"); }));
+    set(rival, "nas");
+    EXPECT_TRUE(becomes(rival, "nas", "error_inused")) << rival.Log();
+    set(owner, "");
+    EXPECT_TRUE(becomes(owner, "nas", "deleted")) << owner.Log();
+    set(rival, "other");
+    EXPECT_TRUE(becomes(rival, "other", "success")) << rival.Log();
+    set(rival, "nas");
+    EXPECT_TRUE(becomes(rival, "nas", "success")) << rival.Log();
+    rival.Daemon().Signal(SIGKILL); // nobody keeps it alive any more
+    int interval = 1;
+    EXPECT_TRUE(WaitFor([&] { // a refusal holds until the settings change
+        owner.Reload([&](Json::Value& now) {
+            now["server_alias"]["alias"] = "nas";
+            now["server_alias"]["poll_seconds"] = ++interval;
+        });
+        return Within(milliseconds(500), [&] { return is(owner, "nas", "success"); });
+    })) << owner.Log();
 }
 
 } // namespace

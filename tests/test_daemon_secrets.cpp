@@ -143,8 +143,7 @@ TEST_F(DaemonSecrets, StayWithTheirOwner) {
 }
 
 TEST_F(DaemonSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
-    device.Start();
-    ASSERT_TRUE(WaitFor([&] { return device.IsConnected(); })) << device.Log();
+    StartUp();
     const std::string process = "/proc/" + std::to_string(device.Daemon().Pid());
     EXPECT_EQ(Count(ReadFile(process + "/limits"), "Max core file size        0 "), 1U);
     const std::string status = ReadFile(process + "/status");
@@ -158,9 +157,7 @@ TEST_F(DaemonSecrets, NoDescriptorReachesTheSshClient) {
     PublishMore(1);
     device.config["log_file"] = device.root.Path(Device::kLog);
     device.WrapSsh("echo $(ls /proc/self/fd) >> \"$ZARO_ROOT/descriptors\"");
-    device.Start({});
-    ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.Serves(more.front()); }))
-        << device.Log();
+    StartUp({});
     // The fourth is the listing's own; the second client starts beside the first one's watch.
     EXPECT_EQ(device.root.Read("/descriptors"), "0 1 2 3\n0 1 2 3\n");
 }

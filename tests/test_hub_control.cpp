@@ -183,8 +183,12 @@ TEST_F(HubControl, KeepsTunnelsOfServicesThatStay) {
     // A list that is refused changes nothing, also right after a registration.
     const std::string bad = R"({"version":1,"command":"update_service","service_add":[{}]})";
     EXPECT_EQ(Errnos(device.Post("[" + device.RegisterCommand() + "," + bad + "]")), "0 9");
+    const int earlier = device.Revision();
+    hub_.Kill();
+    hub_.Start();
     EXPECT_EQ(device.Tunnels(), after);
     const int revision = device.Revision();
+    EXPECT_NE(revision, earlier) << "tunnels may have been up before";
     EXPECT_EQ(Errnos(device.Publish("b,a,d")), "0 0");
     EXPECT_EQ(device.Revision(), revision) << "nothing changed";
     EXPECT_EQ(Errnos(device.Post("[" + TestDevice::Services("service_rm", "a,x") + "]")), "0");
@@ -300,15 +304,6 @@ TEST_F(HubWait, ManyHeldRequestsLeaveRoomForOthers) {
     for (auto& reply : held) {
         EXPECT_EQ(reply.get()["errno"], 0);
     }
-}
-
-TEST_F(HubControl, AnswersAnywayAfterTheHoldTime) {
-    TestDevice device = Device();
-    ASSERT_EQ(Errnos(device.Publish("a")), "0 0");
-    const Json::Value now = device.Wait(0);
-    const auto start = Clock::now();
-    EXPECT_EQ(device.Wait(now["revision"].asInt()), now);
-    EXPECT_GE(Clock::now() - start, seconds(1));
 }
 
 TEST(HubForms, ComputesTheIdOfADevice) {

@@ -1,4 +1,5 @@
 /// The relay: log-ins, the forward, visitors, take-over, and what it refuses.
+#include <atomic>
 #include <future>
 #include <list>
 #include <random>
@@ -169,6 +170,21 @@ TEST_F(HubRelay, NewLogInTakesOverFromASilentOne) {
     EXPECT_EQ(early.Read(), "");
     EXPECT_TRUE(WaitFor([&] { return silent->IsEnded(); }));
     EXPECT_EQ(device_.Wait(revision)["revision"], revision) << "it was up all the time";
+
+    std::atomic<bool> over{false};
+    auto refused = std::async(std::launch::async, [&] {
+        int count = 0;
+        while (!over) {
+            count += Visitor(port_).IsRefused();
+        }
+        return count;
+    });
+    auto last = Open();
+    for (int round = 0; round < 50; ++round) {
+        last = Open();
+    }
+    over = true;
+    EXPECT_EQ(refused.get(), 0);
 }
 
 TEST_F(HubRelay, RemovalClosesSessionAndPortAtOnce) {

@@ -16,8 +16,15 @@ const string kPassword = "s3cret-and-long";
 
 Arguments SshLine(const TempRoot& root) {
     root.Write("/tmp/pass", kPassword, 0600);
-    return Words(kSsh + " -d " + root.Path("/tmp/pass") + " -o NoneEnabled=yes -o NoneSwitch=yes " +
-                 "-NfR40123:localhost:8080 dev@127.0.0.1");
+    return {kSsh,
+            "-d",
+            root.Path("/tmp/pass"),
+            "-o",
+            "NoneEnabled=yes",
+            "-o",
+            "NoneSwitch=yes",
+            "-NfR40123:localhost:8080",
+            "dev@127.0.0.1"};
 }
 
 TEST(SshClient, RefusesOddCommandLines) {

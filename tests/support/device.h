@@ -202,6 +202,13 @@ private:
 struct DeviceTest : testing::Test {
     DeviceTest() { device.Publish(web); }
 
+    /// Starts the daemon, in the foreground unless told otherwise; visitors get through then.
+    void StartUp(const std::vector<std::string>& options = {"--foreground"}) {
+        device.Start(options);
+        ASSERT_TRUE(WaitFor([this] { return device.IsAllUp() && device.Serves(web); }))
+            << device.Log();
+    }
+
     /// Publishes s1, s2, ...
     void PublishMore(int count) {
         for (int i = 1; i <= count; ++i) {
