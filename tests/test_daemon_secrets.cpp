@@ -3,85 +3,75 @@
 #include <sys/inotify.h>
 
 #include <atomic>
+#include <future>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 
 #include "tests/support/device.h"
 #include "tests/support/scripted_hub.h"
 
 namespace {
 
-/// Looks on while a device works, until Stop(): at every command line and environment of its
-/// processes, and at every file of its temporary folder from the instant it is there.
-class Onlooker : NoCopy {
-public:
-    explicit Onlooker(const Device& device)
-        : folder_(device.root.Path("/tmp/")), inotify_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-        EXPECT_GE(inotify_add_watch(inotify_, folder_.c_str(),
-                                    IN_CREATE | IN_ATTRIB | IN_MODIFY | IN_MOVED_TO),
-                  0);
-        processes_ = std::thread([this, &device] {
-            while (!stopped_) {
-                for (const pid_t pid : device.Processes()) {
-                    const std::string process = "/proc/" + std::to_string(pid);
-                    lines.insert(ReadFile(process + "/cmdline"));
-                    lines.insert(ReadFile(process + "/environ"));
+using Texts = std::set<std::string>;
+
+std::string Joined(const Texts& texts) {
+    std::string all;
+    for (const std::string& text : texts) {
+        all += text + "\n";
+    }
+    return all;
+}
+
+/// Every command line and environment of a device's processes until it is `over`.
+Texts ProcessTexts(const Device& device, const std::atomic<bool>& over) {
+    Texts texts;
+    while (!over) {
+        for (const pid_t pid : device.Processes()) {
+            const std::string process = "/proc/" + std::to_string(pid);
+            texts.insert({ReadFile(process + "/cmdline"), ReadFile(process + "/environ")});
+        }
+    }
+    return texts;
+}
+
+/// Looks at every file of a device's temporary folder from the instant it is there.
+struct Onlooker : NoCopy {
+    explicit Onlooker(const Device& device) : folder(device.root.Path("/tmp/")) {
+        const uint32_t events = IN_CREATE | IN_ATTRIB | IN_MODIFY | IN_MOVED_TO;
+        EXPECT_GE(inotify_add_watch(inotify, folder.c_str(), events), 0);
+    }
+    ~Onlooker() { close(inotify); }
+
+    void LookUntil(const std::atomic<bool>& over) {
+        alignas(inotify_event) char events[4096];
+        for (pollfd ready = {inotify, POLLIN, 0}; !over; (void)poll(&ready, 1, 10)) {
+            const ssize_t size = read(inotify, events, sizeof events);
+            for (ssize_t at = 0; at < size;) {
+                const auto* event = reinterpret_cast<const inotify_event*>(events + at);
+                at += static_cast<ssize_t>(sizeof *event + event->len);
+                struct stat info = {};
+                if (event->len == 0 || stat((folder + event->name).c_str(), &info) != 0) {
+                    continue; // gone already
+                }
+                if ((info.st_mode & 077) == 0) {
+                    closedFiles.insert(event->name);
+                } else {
+                    openFiles.insert({event->name, ReadFile(folder + event->name)});
                 }
             }
-        });
-        files_ = std::thread([this] {
-            pollfd ready = {inotify_, POLLIN, 0};
-            while (!stopped_) {
-                (void)poll(&ready, 1, 10);
-                LookAtFiles();
-            }
-        });
-    }
-    ~Onlooker() { Stop(); }
-
-    void Stop() {
-        if (!stopped_.exchange(true)) {
-            processes_.join();
-            files_.join();
-            close(inotify_);
         }
     }
 
-    std::set<std::string> lines;       ///< of the processes
-    std::set<std::string> openFiles;   ///< names and contents of those that others could read
-    std::set<std::string> closedFiles; ///< names of the others
-
-private:
-    void LookAtFiles() {
-        alignas(inotify_event) char events[4096];
-        const ssize_t size = read(inotify_, events, sizeof events);
-        for (ssize_t at = 0; at < size;) {
-            const auto* event = reinterpret_cast<const inotify_event*>(events + at);
-            at += static_cast<ssize_t>(sizeof *event + event->len);
-            struct stat info = {};
-            if (event->len == 0 || stat((folder_ + event->name).c_str(), &info) != 0) {
-                continue; // gone already
-            }
-            if ((info.st_mode & 077) == 0) {
-                closedFiles.insert(event->name);
-            } else {
-                openFiles.insert({event->name, ReadFile(folder_ + event->name)});
-            }
-        }
-    }
-
-    const std::string folder_;
-    const int inotify_;
-    std::atomic<bool> stopped_{false};
-    std::thread processes_;
-    std::thread files_;
+    const std::string folder;
+    const int inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    Texts openFiles;   ///< names and contents of those that others could read
+    Texts closedFiles; ///< names of the others
 };
 
 /// The values of a member in a text full of JSON.
-std::set<std::string> Members(const std::string& text, const std::string& name) {
-    std::set<std::string> values;
+Texts Members(const std::string& text, const std::string& name) {
+    Texts values;
     const std::string key = "\"" + name + "\":\"";
     for (std::size_t at = 0; (at = text.find(key, at)) != text.npos;) {
         at += key.size();
@@ -107,38 +97,35 @@ TEST_F(DaemonSecrets, StayWithTheirOwner) {
     device.UseServer("http", server.Port());
     PublishMore(9);
     Onlooker onlooker(device);
+    std::atomic<bool> over{false};
+    auto files = std::async(std::launch::async, [&] { onlooker.LookUntil(over); });
+    auto texts = std::async(std::launch::async, ProcessTexts, std::cref(device), std::cref(over));
     device.Start({"--foreground"}, 0);
-    ASSERT_TRUE(Within(seconds(10) * kSlow, [&] { return device.IsAllUp(); })) << device.Log();
+    EXPECT_TRUE(Within(seconds(10) * kSlow, [&] { return device.IsAllUp(); })) << device.Log();
     Json::Value dump;
     EXPECT_TRUE(device.AnswersADump(dump));
-    onlooker.Stop();
+    over = true;
+    files.get();
 
-    const std::set<std::string> passwords = Members(server.Talk(), "relay_pass");
-    const std::set<std::string> tokens = Members(server.Talk(), "token");
+    const Texts passwords = Members(server.Talk(), "relay_pass");
+    const Texts tokens = Members(server.Talk(), "token");
     ASSERT_EQ(passwords.size(), 10U);
     ASSERT_EQ(tokens.size(), 1U);
     EXPECT_TRUE(device.Logs(*tokens.begin())); // where the queue shows what it sends
 
-    std::string seen = Compact(dump) + Compact(device.Status()) + hub.Log();
-    for (const auto* texts : {&onlooker.lines, &onlooker.openFiles}) {
-        for (const std::string& text : *texts) {
-            seen += text + "\n";
-        }
-    }
+    const Texts ofProcesses = texts.get();
+    EXPECT_GE(ofProcesses.size(), 20U);
+    const std::string open = Joined(onlooker.openFiles);
+    EXPECT_EQ(Count(open, ".tunnel."), 0U) << open;
+    // The onlooker was quick enough to see most.
+    EXPECT_GE(Count(Joined(onlooker.closedFiles), ".tunnel."), 5U);
+    std::string seen =
+        Compact(dump) + Compact(device.Status()) + hub.Log() + Joined(ofProcesses) + open;
     EXPECT_EQ((seen + WithoutRequestTrace(device.Log())).find(*tokens.begin()), seen.npos);
     seen += device.Log();
     for (const std::string& password : passwords) {
         EXPECT_EQ(seen.find(password), seen.npos) << seen.substr(seen.find(password) - 200, 300);
     }
-    std::size_t passwordFiles = 0;
-    for (const std::string& name : onlooker.closedFiles) {
-        passwordFiles += Count(name, ".tunnel.");
-    }
-    EXPECT_GE(passwordFiles, 5U); // the onlooker was quick enough to see most
-    for (const std::string& name : onlooker.openFiles) {
-        EXPECT_NE(name.find(".tunnel."), 0U) << name;
-    }
-    EXPECT_GE(onlooker.lines.size(), 20U);
     hub.Kill(); // the server between would wait for the reply that it holds
 }
 

@@ -8,8 +8,7 @@ class HubAlias : public ::testing::Test {
 protected:
     HubAlias() {
         for (int number : {1, 2}) {
-            devices_.emplace_back(hub_, number);
-            EXPECT_EQ(Errnos(devices_.back().Publish("web")), "0 0");
+            devices_.emplace_back(hub_, number, "web");
         }
     }
     std::string Ask(const std::string& form, const std::string& page = "/alias_update.php") {

@@ -11,8 +11,6 @@ namespace {
 class HubControl : public ::testing::Test {
 protected:
     explicit HubControl(int hold = 1) : hub_(hold) {}
-    TestDevice Device(int number = 1) const { return TestDevice(hub_, number); }
-
     HubProcess hub_;
 };
 
@@ -36,7 +34,7 @@ TEST_F(HubControl, AnswersEachCommandInOrder) {
     };
     int number = 0;
     for (const auto& [commands, errnos] : kRows) {
-        TestDevice device = Device(++number);
+        TestDevice device(hub_, ++number);
         std::string batch =
             std::regex_replace(commands, std::regex("\\bR\\b"), device.RegisterCommand());
         batch = std::regex_replace(batch, std::regex("\\bN\\b"), kNetwork);
@@ -47,8 +45,7 @@ TEST_F(HubControl, AnswersEachCommandInOrder) {
 }
 
 TEST_F(HubControl, RefusesMalformedCommands) {
-    TestDevice device = Device();
-    ASSERT_EQ(Errnos(device.Publish("keep")), "0 0");
+    TestDevice device(hub_, 1, "keep");
     const std::string own = R"("serverID":")" + device.id + "\",";
     const std::string mac = R"("mac":"02:00:4c:00:00:09",)";
     const std::pair<const char*, std::vector<std::string>> kRows[] = {
@@ -96,7 +93,7 @@ TEST_F(HubControl, SurvivesHostileBodies) {
           std::string(200000, '['), objects, std::string("[] x"),
           std::string(R"([{"version":1,"version":1,"command":"x"}])"), std::string("[\0]", 3),
           std::string("[\"\xff\xfe\""), "[" + std::string(200000, ' ') + "5"}) {
-        const httplib::Result result = Device().PostRaw(body);
+        const httplib::Result result = TestDevice(hub_).PostRaw(body);
         ASSERT_TRUE(result) << body.substr(0, 50);
         EXPECT_EQ(std::to_string(result->status) + result->body, R"(200[{"errno":9}])")
             << body.substr(0, 50);
@@ -126,18 +123,16 @@ TEST_F(HubControl, HangsUpOnEndlessHeads) {
 }
 
 TEST_F(HubControl, PinsSerialToTokenAndIdToSerial) {
-    TestDevice first = Device(1);
-    ASSERT_EQ(Errnos(first.Publish("web")), "0 0");
-    TestDevice thief = Device(1);
+    TestDevice first(hub_, 1, "web");
+    TestDevice thief(hub_, 1);
     thief.token = "other";
     EXPECT_EQ(Errnos(thief.Publish("web")), "2 6");
-    TestDevice clash = Device(1);
+    TestDevice clash(hub_, 1);
     clash.serial = "SERIAL-OTHER";
     EXPECT_EQ(Errnos(clash.Publish("web")), "2 6");
     clash.mac = "02:00:4C:00:00:02"; // another card: its id is free
     EXPECT_EQ(Errnos(clash.Publish("web")), "0 0");
-    TestDevice other = Device(3);
-    ASSERT_EQ(Errnos(other.Publish("web")), "0 0");
+    TestDevice other(hub_, 3, "web");
     EXPECT_EQ(Errnos(other.Post("[" + first.WaitCommand(0) + "]")), "2");
 }
 
@@ -156,8 +151,8 @@ TEST_F(HubControl, TellsTheWayBack) {
         {"-o:1", ""}};
     for (const auto& [host, expected] : kRows) {
         httplib::Client client("127.0.0.1", hub_.HttpPort());
-        const httplib::Result result = client.Post("/Serv.php", {{"Host", host}},
-                                                   "[" + Device().RegisterCommand() + "]", "text");
+        const httplib::Result result = client.Post(
+            "/Serv.php", {{"Host", host}}, "[" + TestDevice(hub_).RegisterCommand() + "]", "text");
         ASSERT_TRUE(result && result->status == (expected.empty() ? 400 : 200)) << host;
         if (result->status == 200) {
             const Json::Value wait = Parse(result->body)[0]["server_wait_cmd"];
@@ -168,8 +163,7 @@ TEST_F(HubControl, TellsTheWayBack) {
 }
 
 TEST_F(HubControl, KeepsTunnelsOfServicesThatStay) {
-    TestDevice device = Device();
-    ASSERT_EQ(Errnos(device.Publish("a,b,c")), "0 0");
+    TestDevice device(hub_, 1, "a,b,c");
     const Json::Value before = device.Tunnels();
     EXPECT_NE(before["a"]["relay_pass"], before["b"]["relay_pass"]);
 
@@ -198,8 +192,8 @@ TEST_F(HubControl, KeepsTunnelsOfServicesThatStay) {
 }
 
 TEST_F(HubControl, RunsOutOfPortsAndRecovers) {
-    TestDevice first = Device(1);
-    TestDevice second = Device(2);
+    TestDevice first(hub_, 1);
+    TestDevice second(hub_, 2);
     // The pool has 90 ports, of which other processes may hold a few.
     std::string many = "s0";
     for (int i = 1; i < 46; ++i) {
@@ -213,8 +207,7 @@ TEST_F(HubControl, RunsOutOfPortsAndRecovers) {
 }
 
 TEST_F(HubControl, KeepsFewSessions) {
-    TestDevice device = Device();
-    ASSERT_EQ(Errnos(device.Publish("")), "0 0");
+    TestDevice device(hub_, 1, "");
     TestDevice oldest = device;
     for (int i = 0; i < 3; ++i) {
         ASSERT_EQ(Errnos(device.Publish("")), "0 0");
@@ -247,10 +240,7 @@ TEST_F(HubControl, OffersNoCostlyKeyExchange) {
 
 class HubWait : public HubControl {
 protected:
-    HubWait() : HubControl(4) {
-        EXPECT_EQ(Errnos(device_.Publish("a")), "0 0");
-        revision_ = device_.Revision();
-    }
+    HubWait() : HubControl(4) {}
     std::future<Json::Value> Hold() {
         return std::async(std::launch::async,
                           [copy = device_, seen = revision_]() mutable { return copy.Wait(seen); });
@@ -259,8 +249,8 @@ protected:
         return reply.wait_for(milliseconds(300)) == std::future_status::timeout;
     }
 
-    TestDevice device_ = Device();
-    int revision_ = 0;
+    TestDevice device_{hub_, 1, "a"};
+    int revision_ = device_.Revision();
 };
 
 TEST_F(HubWait, AnswersWhenTheListChanges) {
@@ -291,15 +281,14 @@ TEST_F(HubWait, ManyHeldRequestsLeaveRoomForOthers) {
     std::vector<std::future<Json::Value>> held;
     for (int i = 2; i < 102; ++i) {
         held.push_back(std::async(std::launch::async, [this, i, &ready] {
-            TestDevice device = Device(i);
-            EXPECT_EQ(Errnos(device.Publish("")), "0 0");
+            TestDevice device(hub_, i, "");
             const int revision = device.Revision();
             ++ready;
             return device.Wait(revision);
         }));
     }
     ASSERT_TRUE(Within(seconds(20) * kSlow, [&ready] { return ready == 100; }));
-    EXPECT_EQ(Errnos(Device(200).Publish("web")), "0 0");
+    EXPECT_EQ(Errnos(TestDevice(hub_, 200).Publish("web")), "0 0");
     EXPECT_TRUE(IsHeld(held.back())) << "it was not the others' end that made room";
     for (auto& reply : held) {
         EXPECT_EQ(reply.get()["errno"], 0);

@@ -31,7 +31,9 @@ inline std::string Errnos(const Json::Value& replies) {
 /// A registered or still unknown device. Its identity follows from `number`.
 class TestDevice {
 public:
-    explicit TestDevice(const HubProcess& hub, int number = 1) : port_(hub.HttpsPort()) {
+    /// With `services` it has published these.
+    explicit TestDevice(const HubProcess& hub, int number = 1, const char* services = nullptr)
+        : port_(hub.HttpsPort()) {
         (void)signal(SIGPIPE, SIG_IGN); // a hub that hangs up is an answer missed, no more
         char text[32];
         snprintf(text, sizeof text, "02:00:4c:00:%02x:%02x", number / 256, number % 256);
@@ -39,6 +41,9 @@ public:
         serial = "SERIAL-" + std::to_string(number);
         token = "token" + std::to_string(number);
         id = *ServerIdOf(mac);
+        if (services != nullptr) {
+            EXPECT_EQ(Errnos(Publish(services)), "0 0");
+        }
     }
 
     httplib::Result PostRaw(const std::string& body, const std::string& page = "/Serv.php") {

@@ -51,8 +51,7 @@ TEST(HubProgram, RefusesASecondHub) {
 
 TEST(HubProgram, EndsInOrderWhileHoldingSessions) {
     const HubProcess hub;
-    TestDevice device(hub);
-    ASSERT_EQ(Errnos(device.Publish("web")), "0 0");
+    TestDevice device(hub, 1, "web");
     const TestTunnel tunnel(hub, device.Tunnels()["web"]);
     const Visitor idle(hub.HttpsPort()); // never speaks
     hub.End();
@@ -60,8 +59,7 @@ TEST(HubProgram, EndsInOrderWhileHoldingSessions) {
 
 TEST(HubProgram, ShortageOfDescriptorsOnlyDelays) {
     const HubProcess hub;
-    TestDevice device(hub);
-    ASSERT_EQ(Errnos(device.Publish("web")), "0 0");
+    TestDevice device(hub, 1, "web");
     const Json::Value web = device.Tunnels()["web"];
     TestTunnel tunnel(hub, web);
     const Visitor served(web["relay_port"].asInt());

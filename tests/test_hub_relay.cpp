@@ -18,20 +18,14 @@ std::string Pattern(size_t size) {
 
 class HubRelay : public ::testing::Test {
 protected:
-    HubRelay() {
-        EXPECT_EQ(Errnos(device_.Publish("web,other")), "0 0");
-        const Json::Value tunnels = device_.Tunnels();
-        web_ = tunnels["web"];
-        other_ = tunnels["other"];
-        port_ = web_["relay_port"].asInt();
-    }
     std::unique_ptr<TestTunnel> Open() const { return std::make_unique<TestTunnel>(hub_, web_); }
     bool IsUp() { return device_.Tunnels()["web"]["relay_up"].asBool(); }
 
     const HubProcess hub_{2};
-    TestDevice device_{hub_};
-    Json::Value web_, other_;
-    int port_ = 0;
+    TestDevice device_{hub_, 1, "web,other"};
+    const Json::Value web_ = device_.Tunnels()["web"];
+    const Json::Value other_ = device_.Tunnels()["other"];
+    const int port_ = web_["relay_port"].asInt();
 };
 
 TEST_F(HubRelay, CarriesBytesBothWaysAndHalfCloses) {
@@ -56,24 +50,15 @@ TEST_F(HubRelay, CarriesBytesBothWaysAndHalfCloses) {
 
 TEST_F(HubRelay, DeviceMayEndFirst) {
     const auto tunnel = Open();
-    const Visitor visitor(port_);
-    const ssh_channel channel = tunnel->Accept();
-    ASSERT_TRUE(TestTunnel::Write(channel, "go on"));
-    ASSERT_EQ(ssh_channel_send_eof(channel), SSH_OK);
-    EXPECT_EQ(visitor.Read(), "go on");
-    ASSERT_TRUE(visitor.Send("thanks"));
-    visitor.EndSending();
-    EXPECT_EQ(TestTunnel::ReadAll(channel), "thanks");
-}
-
-TEST_F(HubRelay, TellsEitherSideOfTheOthersEnd) {
-    const auto tunnel = Open();
     auto visitor = std::make_unique<Visitor>(port_);
     ssh_channel channel = tunnel->Accept();
-    visitor.reset();
-    EXPECT_EQ(TestTunnel::ReadAll(channel), "");
+    ASSERT_TRUE(TestTunnel::Write(channel, "go on"));
+    ASSERT_EQ(ssh_channel_send_eof(channel), SSH_OK);
+    EXPECT_EQ(visitor->Read(), "go on");
+    ASSERT_TRUE(visitor->Send("thanks"));
+    visitor = std::make_unique<Visitor>(port_); // the first one has gone
+    EXPECT_EQ(TestTunnel::ReadAll(channel), "thanks");
 
-    visitor = std::make_unique<Visitor>(port_);
     channel = tunnel->Accept();
     ASSERT_TRUE(TestTunnel::Write(channel, "bye"));
     ssh_channel_close(channel);
@@ -223,17 +208,14 @@ TEST_F(HubRelay, ManyVisitorsComeAndGo) {
         for (int i = 0; i < 50; ++i) {
             ASSERT_TRUE(visitors.emplace_back(port_).Send("n" + std::to_string(i)));
             visitors.back().EndSending();
-        }
-        for (int i = 0; i < 50; ++i) {
             channels.push_back(tunnel->Accept());
         }
         for (const ssh_channel channel : channels) {
             EXPECT_TRUE(TestTunnel::Write(channel, TestTunnel::ReadAll(channel)));
             ssh_channel_free(channel); // closes it
         }
-        int i = 0;
-        for (const Visitor& visitor : visitors) {
-            EXPECT_EQ(visitor.Read(), "n" + std::to_string(i++));
+        for (int i = 0; i < 50; ++i, visitors.pop_front()) {
+            EXPECT_EQ(visitors.front().Read(), "n" + std::to_string(i));
         }
     }
 }
