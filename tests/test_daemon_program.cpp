@@ -29,20 +29,15 @@ std::string Fingerprint(const std::string& path) {
            ReadFile(path);
 }
 
-TEST_F(DaemonProgram, ServesSoonAfterItsStart) {
-    device.Start();
-    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
-        << device.Log();
-    EXPECT_TRUE(WaitFor([&] { return device.IsConnected() && device.IsAllUp(); }));
-    EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
-    EXPECT_EQ(device.root.Read(Device::kPidFile), std::to_string(device.Daemon().Pid()) + "\n");
-}
-
-TEST_F(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
+TEST_F(DaemonProgram, ServesSoonAndReloadTouchesOnlyWhatChanged) {
     const WebService moved("moved");
     const WebService elsewhere("elsewhere");
     device.Publish(moved);
-    StartUp();
+    device.Start();
+    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
+        << device.Log();
+    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(moved); }));
+    EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
     const pid_t kept = device.Ssh("web");
     const pid_t movedSsh = device.Ssh("moved");
     const int port = device.RelayPort("moved");
@@ -73,7 +68,8 @@ TEST_F(DaemonProgram, GoesIntoTheBackgroundOnceAndLeavesNothing) {
     EXPECT_EQ(device.Daemon().Wait(seconds(10)), 0);
     EXPECT_EQ(device.Processes().size(), 6U);
     const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
-    const pid_t pid = atoi(device.root.Read(Device::kPidFile).c_str());
+    const pid_t pid = device.Status()["pid"].asInt();
+    EXPECT_EQ(device.root.Read(Device::kPidFile), std::to_string(pid) + "\n");
     EXPECT_NE(getsid(pid), getsid(0));
     std::filesystem::remove(device.root.Path(Device::kLog));
     kill(pid, SIGHUP);

@@ -24,12 +24,6 @@ public:
         spoil_ = nullptr;
     }
 
-    /// Everything that devices sent and the real hub replied.
-    std::string Talk() const {
-        const std::lock_guard<std::mutex> guard(lock_);
-        return talk_;
-    }
-
 private:
     void Answer(const httplib::Request& q, httplib::Response& r) {
         httplib::Client hub("127.0.0.1", hub_.HttpPort());
@@ -47,15 +41,13 @@ private:
             r.set_header("Set-Cookie", reply->get_header_value("Set-Cookie"));
         }
         const std::lock_guard<std::mutex> guard(lock_);
-        talk_ += q.body + reply->body;
         if (spoil_ != nullptr) {
             spoil_(Parse(q.body)[0U]["command"].asString(), r);
         }
     }
 
     const HubProcess& hub_;
-    mutable std::mutex lock_;
+    std::mutex lock_;
     Spoil spoil_;
-    std::string talk_;
     HttpServer server_; // the first to go: it uses the others
 };
