@@ -1,6 +1,4 @@
 /// What the daemon knows of the processes that it holds.
-#include <gtest/gtest.h>
-
 #include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/socket.h>

@@ -1,13 +1,6 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <sys/file.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <memory>
 #include <regex>
-#include <string>
 
 #include <zarorelayd/config.h>
 

@@ -1,7 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include <zarorelayd/zarorelayd.h>
 
 #include "tests/support/device.h"
@@ -65,14 +61,8 @@ TEST_F(DaemonFaults, IsQuietWhenItsTokenIsRefused) {
     Device thief(hub, "02");
     thief.root.Write(keyFile, serial + std::string(64, '2') + "\"\n", 0600);
     thief.Start();
-    thief.Enter();
-    std::string id;
-    std::string state;
-    std::string error;
-    EXPECT_TRUE(WaitFor([&] {
-        return ZARO::Relay::Daemon::GetStatus(id, state, error, nullptr) && state == "error";
-    })) << thief.Log();
-    EXPECT_EQ(error, "err_auth");
+    const auto isRefused = [&] { return thief.Status()["error"] == ZARO::Relay::RELAYD_RET_AUTH; };
+    EXPECT_TRUE(WaitFor(isRefused)) << thief.Log();
     EXPECT_FALSE(Within(seconds(4), [&] { return hub.Count("is not admitted") > 2; })) << hub.Log();
     EXPECT_GE(hub.Count("is not admitted"), 1U);
     EXPECT_EQ(hub.Registrations(), 1U);

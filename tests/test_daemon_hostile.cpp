@@ -1,12 +1,3 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <list>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "tests/support/device.h"
 #include "tests/support/scripted_hub.h"
 

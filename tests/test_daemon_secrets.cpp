@@ -1,12 +1,8 @@
-#include <gtest/gtest.h>
-
 #include <sys/inotify.h>
 
 #include <atomic>
 #include <future>
 #include <set>
-#include <sstream>
-#include <string>
 
 #include <zarorelayd/config.h>
 

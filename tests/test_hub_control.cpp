@@ -253,15 +253,6 @@ protected:
     int revision_ = device_.Revision();
 };
 
-TEST_F(HubWait, AnswersWhenTheListChanges) {
-    std::future<Json::Value> held = Hold();
-    ASSERT_TRUE(IsHeld(held));
-    ASSERT_EQ(Errnos(device_.Post("[" + TestDevice::Services("service_add", "b") + "]")), "0");
-    const Json::Value reply = held.get();
-    EXPECT_EQ(reply["tunnels"].size(), 2U);
-    EXPECT_GT(reply["revision"].asInt(), revision_);
-}
-
 TEST_F(HubWait, LaterRequestTakesOverAndOthersGoOn) {
     std::future<Json::Value> first = Hold();
     ASSERT_TRUE(IsHeld(first));

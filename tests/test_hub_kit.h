@@ -2,20 +2,12 @@
 /// of an SSH tunnel.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <httplib.h>
 #include <libssh/libssh.h>
-
-#include <csignal>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "hub/forms.h"
 #include "tests/support/hub_process.h"
 #include "tests/support/json_text.h"
-#include "tests/support/web_service.h"
 
 namespace ZARO::RelayHub {
 
@@ -151,6 +143,10 @@ public:
             all.append(block, static_cast<size_t>(got));
         }
         return all;
+    }
+    /// Whether the next visitor is this one and gets through.
+    bool Serves(const Visitor& visitor) {
+        return Write(Accept(), "hello") && visitor.Read(5) == "hello";
     }
     static bool Write(ssh_channel channel, const std::string& data) {
         return ssh_channel_write(channel, data.data(), static_cast<uint32_t>(data.size())) ==

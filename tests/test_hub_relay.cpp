@@ -85,9 +85,7 @@ TEST_F(HubRelay, StalledVisitorDoesNotHoldOthersUp) {
     ssh_set_blocking(tunnel->Session(), 1);
 
     const Visitor lively(port_);
-    const ssh_channel second = tunnel->Accept();
-    ASSERT_TRUE(TestTunnel::Write(second, "hello"));
-    EXPECT_EQ(lively.Read(5), "hello");
+    EXPECT_TRUE(tunnel->Serves(lively));
     // It reads on while more comes.
     auto reading = std::async(std::launch::async, [&] { return stalled.Read(flood.size()); });
     EXPECT_TRUE(TestTunnel::Write(first, flood.substr(written)));
@@ -125,8 +123,7 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
     const ssh_channel direct = ssh_channel_new(tunnel->Session());
     EXPECT_EQ(ssh_channel_open_forward(direct, "127.0.0.1", hub_.HttpPort(), "x", 1), SSH_ERROR);
     const Visitor visitor(port_); // the refusals left the session whole
-    EXPECT_TRUE(TestTunnel::Write(tunnel->Accept(), "good"));
-    EXPECT_EQ(visitor.Read(4), "good");
+    EXPECT_TRUE(tunnel->Serves(visitor));
     EXPECT_FALSE(tunnel->Forward(port_)) << "once is enough";
     EXPECT_TRUE(WaitFor([&] { return tunnel->IsEnded(); }));
 }
@@ -149,9 +146,7 @@ TEST_F(HubRelay, NewLogInTakesOverFromASilentOne) {
     const Visitor between(port_);
     EXPECT_FALSE(between.IsRefused()) << "the port stays open meanwhile";
     ASSERT_TRUE(fresh.Forward(port_));
-    const ssh_channel channel = fresh.Accept();
-    ASSERT_TRUE(TestTunnel::Write(channel, "new"));
-    EXPECT_EQ(between.Read(3), "new");
+    EXPECT_TRUE(fresh.Serves(between));
     EXPECT_EQ(early.Read(), "");
     EXPECT_TRUE(WaitFor([&] { return silent->IsEnded(); }));
     EXPECT_EQ(device_.Wait(revision)["revision"], revision) << "it was up all the time";

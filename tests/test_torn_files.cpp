@@ -4,7 +4,6 @@
 #include <sched.h>
 #include <sys/mount.h>
 
-#include <functional>
 #include <random>
 #include <set>
 

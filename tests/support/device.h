@@ -2,9 +2,6 @@
 #pragma once
 
 #include <list>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/result.h>

@@ -3,10 +3,8 @@
 
 #include <sys/un.h>
 
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <string>
 
 #include "tests/support/web_service.h"
 
