@@ -11,9 +11,7 @@ using DaemonProgram = DeviceTest;
 
 /// The exit code, a blank and the output of the program with these options.
 std::string Outcome(const Device& device, const std::string& options) {
-    std::filesystem::remove(device.root.Path("/output"));
-    const int code = device.Run(Words(options), "/output")->Wait(seconds(10));
-    return std::to_string(code) + " " + device.root.Read("/output");
+    return ::Outcome(Words(options, {ZARO_DAEMON, "--root", device.root.Dir()}));
 }
 
 /// What a look at a file must not change.

@@ -6,11 +6,6 @@ namespace {
 
 class HubAlias : public ::testing::Test {
 protected:
-    HubAlias() {
-        for (int number : {1, 2}) {
-            devices_.emplace_back(hub_, number, "web");
-        }
-    }
     std::string Ask(const std::string& form, const std::string& page = "/alias_update.php") {
         const httplib::Result result = devices_[0].PostRaw(form, page);
         return result && result->status == 200 ? result->body : "no reply";
@@ -26,7 +21,7 @@ protected:
     }
 
     const HubProcess hub_;
-    std::vector<TestDevice> devices_;
+    std::vector<TestDevice> devices_ = {TestDevice(hub_, 1, "web"), TestDevice(hub_, 2, "web")};
 };
 
 TEST_F(HubAlias, AnswersWithItsWords) {

@@ -15,9 +15,7 @@ namespace {
 std::string OutcomeOf(const std::string& options) {
     const TempRoot root;
     std::filesystem::create_directories(root.Dir() + "/foreign/lock");
-    std::vector<std::string> line = Words(options);
-    line.insert(line.begin(), ZARO_HUB);
-    return Outcome(line, root.Dir());
+    return Outcome(Words(options, {ZARO_HUB}), root.Dir());
 }
 
 TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {

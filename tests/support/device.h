@@ -73,16 +73,10 @@ public:
     }
 
     /// Starts the daemon with `config`, in the foreground unless told otherwise.
-    void Start(const std::vector<std::string>& options = {"--foreground"}, mode_t mask = 022) {
+    void Start(std::vector<std::string> options = {"--foreground"}, mode_t mask = 022) {
         root.Write(kConfig, Compact(config), 0600);
-        daemon_ = Run(options, kLog, mask);
-    }
-
-    /// Runs the program with these options beside --root, its output in the device's file `output`.
-    std::unique_ptr<Process> Run(std::vector<std::string> options, const char* output,
-                                 mode_t mask = 022) const {
         options.insert(options.begin(), {ZARO_DAEMON, "--root", root.Dir()});
-        return std::make_unique<Process>(options, root.Path(output), root.Dir(), Mark(), mask);
+        daemon_ = std::make_unique<Process>(options, root.Path(kLog), root.Dir(), Mark(), mask);
     }
 
     /// The process that Start started.

@@ -93,10 +93,11 @@ private:
     bool Starts() {
         const std::size_t starts = Count("relay ssh://");
         const auto port = [this](int offset) { return std::to_string(first_ + offset); };
-        std::vector<std::string> line = Words(
-            "--http-port " + port(0) + " --https-port " + port(1) + " --relay-port " + port(2) +
-            options_ + " --ports " + (ports_.empty() ? port(10) + "-" + port(9 + count_) : ports_));
-        line.insert(line.begin(), {ZARO_HUB, "--data", Data()});
+        const std::string tunnels = port(10) + "-" + port(9 + count_);
+        const std::vector<std::string> line =
+            Words("--http-port " + port(0) + " --https-port " + port(1) + " --relay-port " +
+                      port(2) + options_ + " --ports " + (ports_.empty() ? tunnels : ports_),
+                  {ZARO_HUB, "--data", Data()});
         process_ = std::make_unique<Process>(line, LogFile());
         const auto isUp = [&] { return Count("relay ssh://") > starts; };
         const bool over =
