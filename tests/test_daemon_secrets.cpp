@@ -10,19 +10,9 @@
 
 namespace {
 
-using Texts = std::set<std::string>;
-
-std::string Joined(const Texts& texts) {
-    std::string all;
-    for (const std::string& text : texts) {
-        all += text + "\n";
-    }
-    return all;
-}
-
 /// Every command line and environment of a device's processes until it is `over`.
-Texts ProcessTexts(const Device& device, const std::atomic<bool>& over) {
-    Texts texts;
+std::set<std::string> ProcessTexts(const Device& device, const std::atomic<bool>& over) {
+    std::set<std::string> texts;
     while (!over) {
         for (const pid_t pid : device.Processes()) {
             const std::string process = "/proc/" + std::to_string(pid);
@@ -52,9 +42,9 @@ struct Onlooker : NoCopy {
                     continue; // gone already
                 }
                 if ((info.st_mode & 077) == 0) {
-                    closedFiles.insert(event->name);
+                    closedFiles += event->name;
                 } else {
-                    openFiles.insert({event->name, ReadFile(folder + event->name)});
+                    openFiles += event->name + ReadFile(folder + event->name);
                 }
             }
         }
@@ -62,8 +52,8 @@ struct Onlooker : NoCopy {
 
     const std::string folder;
     const int inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    Texts openFiles;   ///< names and contents of those that others could read
-    Texts closedFiles; ///< names of the others
+    std::string openFiles;   ///< names and contents of those that others could read
+    std::string closedFiles; ///< names of the others
 };
 
 /// The lines of a log but those by which the queue shows what it sends.
@@ -96,14 +86,14 @@ TEST_F(DaemonSecrets, StayWithTheirOwner) {
     ASSERT_EQ(passwords.size(), 10U);
     const std::string token = ZARO::Relay::AuthConf(true).token;
     EXPECT_TRUE(device.Logs(token)); // where the queue shows what it sends
-    const Texts ofProcesses = texts.get();
+    EXPECT_EQ(Count(onlooker.openFiles, ".tunnel."), 0U) << onlooker.openFiles;
+    EXPECT_GE(Count(onlooker.closedFiles, ".tunnel."), 5U); // it was quick enough to see most
+    std::string seen = Compact(dump) + Compact(device.Status()) + hub.Log() + onlooker.openFiles;
+    const std::set<std::string> ofProcesses = texts.get();
     EXPECT_GE(ofProcesses.size(), 20U);
-    const std::string open = Joined(onlooker.openFiles);
-    EXPECT_EQ(Count(open, ".tunnel."), 0U) << open;
-    // The onlooker was quick enough to see most.
-    EXPECT_GE(Count(Joined(onlooker.closedFiles), ".tunnel."), 5U);
-    std::string seen =
-        Compact(dump) + Compact(device.Status()) + hub.Log() + Joined(ofProcesses) + open;
+    for (const std::string& text : ofProcesses) {
+        seen += text;
+    }
     EXPECT_EQ(Count(seen + WithoutRequestTrace(device.Log()), token), 0U);
     seen += device.Log();
     for (const std::string& password : passwords) {

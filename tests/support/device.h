@@ -108,7 +108,6 @@ public:
         const std::string text = root.Read("/tmp/.zarorelayd.status");
         return text.empty() ? Json::Value() : Parse(text);
     }
-    bool IsConnected() const { return Status()["state"] == ZARO::Relay::RELAYD_STATE_CONNECTED; }
     bool IsAllUp() const {
         return Count(Compact(Status()["service"]), "\"up\":true") == config["service"].size();
     }

@@ -11,8 +11,7 @@
 /// A hundred ports of 127.0.0.1 where nobody is, and which no other test takes while this lives.
 struct PortBlock : NoCopy {
     explicit PortBlock(int first) {
-        sockaddr_un name = {};
-        name.sun_family = AF_UNIX;
+        sockaddr_un name = {AF_UNIX, {}};
         snprintf(name.sun_path + 1, sizeof name.sun_path - 1, "zaro-test-ports-%d", first);
         good = bind(claim.fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
         for (int port = first; good && port < first + 100; ++port) {
