@@ -90,9 +90,9 @@ TEST_F(DaemonProgram, GoesIntoTheBackgroundOnceAndLeavesNothing) {
 TEST_F(DaemonProgram, StartsOverAStalePidFile) {
     Process ended({"/bin/true"});
     ended.Wait(seconds(10));
-    const std::string kernelThread = "2\n"; // has no program that could be looked at
+    // 2 is a thread of the kernel, which has no program that could be looked at.
     for (const std::string& text : {std::to_string(ended.Pid()), std::to_string(getpid()),
-                                    kernelThread, std::string(), std::string("nonsense")}) {
+                                    std::string("2\n"), std::string(), std::string("nonsense")}) {
         Device fresh(hub);
         fresh.root.Write(Device::kPidFile, text);
         fresh.Start();

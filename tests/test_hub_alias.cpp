@@ -4,8 +4,7 @@
 namespace ZARO::RelayHub {
 namespace {
 
-class HubAlias : public ::testing::Test {
-protected:
+struct HubAlias : testing::Test {
     std::string Ask(const std::string& form, const std::string& page = "/alias_update.php") {
         const httplib::Result result = devices_[0].PostRaw(form, page);
         return result && result->status == 200 ? result->body : "no reply";

@@ -7,10 +7,8 @@
 namespace ZARO::RelayHub {
 namespace {
 
-class HubControl : public ::testing::Test {
-protected:
-    explicit HubControl(int hold = 1) : hub_(hold) {}
-    HubProcess hub_;
+struct HubControl : testing::Test {
+    HubProcess hub_{4}; // seconds that it holds a wait command
 };
 
 constexpr char kNetwork[] = R"({"version":1,"command":"update_network"})";
@@ -237,15 +235,11 @@ TEST_F(HubControl, OffersNoCostlyKeyExchange) {
     EXPECT_EQ(client.Post("/Serv.php", "[]", "text").error(), httplib::Error::SSLConnection);
 }
 
-struct HubWait : HubControl {
-    HubWait() : HubControl(4) {}
-};
-
 bool IsHeld(const std::future<Json::Value>& reply) {
     return reply.wait_for(milliseconds(300)) == std::future_status::timeout;
 }
 
-TEST_F(HubWait, LaterRequestTakesOverAndOthersGoOn) {
+TEST_F(HubControl, LaterRequestTakesOverAndOthersGoOn) {
     TestDevice device(hub_, 1, "a");
     const int revision = device.Revision();
     const auto wait = [=]() mutable { return device.Wait(revision); };
@@ -262,7 +256,7 @@ TEST_F(HubWait, LaterRequestTakesOverAndOthersGoOn) {
     EXPECT_EQ(second.get()["revision"], revision) << "answered at the end";
 }
 
-TEST_F(HubWait, ManyHeldRequestsLeaveRoomForOthers) {
+TEST_F(HubControl, ManyHeldRequestsLeaveRoomForOthers) {
     std::atomic<int> ready{0};
     std::vector<std::future<Json::Value>> held;
     for (int i = 2; i < 102; ++i) {

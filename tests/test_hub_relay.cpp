@@ -16,10 +16,8 @@ std::string Pattern(size_t size) {
     return data;
 }
 
-class HubRelay : public ::testing::Test {
-protected:
+struct HubRelay : testing::Test {
     std::unique_ptr<TestTunnel> Open() const { return std::make_unique<TestTunnel>(hub_, web_); }
-    bool IsUp() { return device_.Tunnels()["web"]["relay_up"].asBool(); }
 
     const HubProcess hub_{2};
     TestDevice device_{hub_, 1, "web,other"};
@@ -115,7 +113,7 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
         TestTunnel tunnel(hub_);
         ASSERT_TRUE(tunnel.LogIn(web_));
         EXPECT_FALSE(tunnel.Forward(port)) << port;
-        EXPECT_FALSE(IsUp());
+        EXPECT_FALSE(device_.Tunnels()["web"]["relay_up"].asBool());
     }
     const auto tunnel = Open();
     const ssh_channel shell = ssh_channel_new(tunnel->Session());
