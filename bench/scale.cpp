@@ -147,7 +147,7 @@ struct Fleet : NoCopy {
         clients.Print("ssh");
     }
 
-    HubProcess hub{50, {}, "20000-29999"};
+    HubProcess hub{50, {}, "10000-19999"}; // it passes over those that others have
     std::deque<WebService> services;
     std::deque<Device> devices;
 };

@@ -35,7 +35,6 @@ public:
     void Linger();
     /// Ends reading, or everything, so that the owning thread comes to its end.
     void Shut(bool everything);
-    bool IsBroken() const { return broken_; }
 
     bool is_readable() const override;
     bool is_writable() const override;

@@ -6,7 +6,7 @@ pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 
 set(test_daemon_program_processors PROCESSORS 2)
 foreach(source test_daemon_program.cpp test_daemon_faults.cpp test_daemon_hostile.cpp
-        test_daemon_secrets.cpp test_daemon_control.cpp test_takeover.cpp fault_table.cpp)
+        test_daemon_secrets.cpp fault_table.cpp)
     cmake_path(GET source STEM name)
     zaro_test(${name} SOURCES ${source} TIMEOUT 600 ${${name}_processors}
         LIBRARIES zaro::relayd PkgConfig::HTTPLIB PkgConfig::OPENSSL Threads::Threads

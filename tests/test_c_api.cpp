@@ -14,7 +14,7 @@ struct CApiTest : RootTest {
 
 TEST_F(CApiTest, ServesPlainC) {
     root_.Write(kConf, kFull);
-    EXPECT_EQ(Captured(STDERR_FILENO, [] { EXPECT_EQ(system(ZARO_C_PROGRAM), 0); }),
+    EXPECT_EQ(Captured(STDERR_FILENO, [] { EXPECT_EQ(system("'" ZARO_C_PROGRAM "'"), 0); }),
               "zarorelayd not running\nzarorelayd not running\n");
     EXPECT_EQ(File(), R"({"log_file":"/tmp/debug.log","log_level":7,"serverID":"044756784",)"
                       R"("service":[7,{"id":5},{"id":"web"}]})");

@@ -1,13 +1,9 @@
 /// What the daemon knows of the processes that it holds.
-#include <gtest/gtest.h>
-
-#include <netinet/in.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 
 #include "app/child_watch.h"
 #include "app/connections.h"
-#include "tests/support/process.h"
+#include "tests/support/web_service.h"
 
 namespace app = ZARO::Relay::app;
 
@@ -39,14 +35,11 @@ TEST(Children, OnAnIPv6AddressHaveNotLostIt) {
     address.sin6_addr = in6addr_loopback;
     socklen_t size = sizeof address;
     auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    const int server = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const int client = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(server, generic, size) != 0) {
+    const Socket server(AF_INET6), client(AF_INET6);
+    if (bind(server.fd, generic, size) != 0) {
         GTEST_SKIP() << "no IPv6 here";
     }
-    EXPECT_EQ(listen(server, 1) + getsockname(server, generic, &size), 0);
-    EXPECT_EQ(connect(client, generic, size), 0);
+    EXPECT_EQ(listen(server.fd, 1) + getsockname(server.fd, generic, &size), 0);
+    EXPECT_EQ(connect(client.fd, generic, size), 0);
     EXPECT_FALSE(app::HasLostAddress(getpid()));
-    close(client);
-    close(server);
 }

@@ -1,19 +1,9 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <functional>
-#include <list>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "tests/support/device.h"
 #include "tests/support/scripted_hub.h"
 
 namespace {
 
-/// What a hostile server makes of a good reply.
-using Spoiler = std::function<void(httplib::Response&)>;
+using Spoiler = ScriptedHub::Spoiler;
 
 Spoiler Say(const std::string& body, int status = 200) {
     return [=](httplib::Response& r) {
@@ -94,13 +84,7 @@ std::vector<Row> Rows() {
 /// A device whose server does to it what a row says.
 struct Victim {
     Victim(const HubProcess& hub, const WebService& web, const Row& what, const std::string& number)
-        : row(what), server(hub,
-                            [this](const std::string& command, httplib::Response& reply) {
-                                if (command == row.command) {
-                                    row.spoil(reply);
-                                }
-                            }),
-          device(hub, number) {
+        : row(what), server(hub, row.command, row.spoil), device(hub, number) {
         device.UseServer("http", server.Port());
         device.Publish(web);
         device.Start();

@@ -1,8 +1,4 @@
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "tests/support/device.h"
 
@@ -15,9 +11,7 @@ using DaemonProgram = DeviceTest;
 
 /// The exit code, a blank and the output of the program with these options.
 std::string Outcome(const Device& device, const std::string& options) {
-    std::filesystem::remove(device.root.Path("/output"));
-    const int code = device.Run(Words(options), "/output")->Wait(seconds(10));
-    return std::to_string(code) + " " + device.root.Read("/output");
+    return ::Outcome(Words(options, {ZARO_DAEMON, "--root", device.root.Dir()}));
 }
 
 /// What a look at a file must not change.
@@ -29,22 +23,15 @@ std::string Fingerprint(const std::string& path) {
            ReadFile(path);
 }
 
-TEST_F(DaemonProgram, ServesSoonAfterItsStart) {
-    device.Start();
-    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
-        << device.Log();
-    EXPECT_TRUE(WaitFor([&] { return device.IsConnected() && device.IsAllUp(); }));
-    EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
-    EXPECT_EQ(device.root.Read(Device::kPidFile), std::to_string(device.Daemon().Pid()) + "\n");
-}
-
-TEST_F(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
+TEST_F(DaemonProgram, ServesSoonAndReloadTouchesOnlyWhatChanged) {
     const WebService moved("moved");
     const WebService elsewhere("elsewhere");
     device.Publish(moved);
     device.Start();
-    ASSERT_TRUE(
-        WaitFor([&] { return device.IsAllUp() && device.Serves(web) && device.Serves(moved); }));
+    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
+        << device.Log();
+    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(moved); }));
+    EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
     const pid_t kept = device.Ssh("web");
     const pid_t movedSsh = device.Ssh("moved");
     const int port = device.RelayPort("moved");
@@ -68,42 +55,23 @@ TEST_F(DaemonProgram, ReloadTouchesOnlyWhatChanged) {
     EXPECT_EQ(hub.Registrations(), 1U);
 }
 
-TEST_F(DaemonProgram, StopLeavesNothing) {
+TEST_F(DaemonProgram, GoesIntoTheBackgroundOnceAndLeavesNothing) {
     PublishMore(4);
-    device.Start();
-    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp(); })) << device.Log();
-    EXPECT_EQ(device.Processes().size(), 6U);
-    const auto stops = [&](const char* when) {
-        device.Daemon().Signal(SIGTERM);
-        EXPECT_TRUE(
-            Takes(when, seconds(2), [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
-        EXPECT_EQ(device.Processes().size(), 0U);
-        EXPECT_EQ(device.PasswordFiles(), 0U);
-        EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
-        EXPECT_TRUE(device.Status().isNull());
-    };
-    stops("stop with five tunnels");
-    device.root.Write("/) S 1 (", "#!/usr/bin/tail -f\n", 0755); // never ends; /proc shows its name
-    device.WrapSsh("touch $ZARO_ROOT/in; exec \"$ZARO_ROOT/) S 1 (\"");
-    device.Start();
-    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(device.root.Path("/in")); }));
-    stops("stop in a log-in");
-}
-
-TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
     device.config["log_file"] = device.root.Path(Device::kLog);
-    device.root.Write(Device::kPidFile, "4194305\n"); // a killed one's, which each may find
+    device.root.Write(Device::kPidFile, "4194305\n"); // a killed one's, which each start may find
     const std::string stray = "ssh -d " + device.root.Path("/tmp/.tunnel.1.web");
     const Process slow({"/bin/sh", "-c", "trap '' TERM; kill -STOP $$", stray}); // takes 1 s to end
     device.Start({});
-    const auto second = device.Run({}, "/output"), third = device.Run({}, "/output");
-    const int lost = second->Wait(seconds(10)) + third->Wait(seconds(10));
+    Process second({ZARO_DAEMON, "--root", device.root.Dir()}, "/dev/null", "/", device.Mark());
+    Process third({ZARO_DAEMON, "--root", device.root.Dir()}, "/dev/null", "/", device.Mark());
+    const int lost = second.Wait(seconds(10)) + third.Wait(seconds(10));
     EXPECT_EQ(device.Daemon().Wait(seconds(10)) + lost, 2); // one ends with 0, two with 1
     EXPECT_TRUE(device.Status().isObject());                // as soon as the start has ended
-    ASSERT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Log();
-    EXPECT_TRUE(WaitFor([&] { return device.Processes().size() == 2; }));
+    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); })) << device.Log();
+    EXPECT_TRUE(WaitFor([&] { return device.Processes().size() == 6; }));
     const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
-    const pid_t pid = atoi(device.root.Read(Device::kPidFile).c_str());
+    const pid_t pid = device.Status()["pid"].asInt();
+    EXPECT_EQ(device.root.Read(Device::kPidFile), std::to_string(pid) + "\n");
     EXPECT_NE(getsid(pid), getsid(0));
     std::filesystem::remove(device.root.Path(Device::kLog));
     kill(pid, SIGHUP);
@@ -122,7 +90,20 @@ TEST_F(DaemonProgram, GoesIntoTheBackgroundOnce) {
     int status = -1; // it is our own child since its parent has gone
     EXPECT_TRUE(Within(seconds(2) * kSlow, [&] { return waitpid(pid, &status, WNOHANG) == pid; }));
     EXPECT_EQ(status, 0);
-    EXPECT_EQ(device.Processes().size(), 0U);
+    EXPECT_EQ(device.Processes().size() + device.PasswordFiles(), 0U);
+    EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
+    EXPECT_TRUE(device.Status().isNull());
+}
+
+TEST_F(DaemonProgram, StopsInTheMiddleOfALogIn) {
+    device.root.Write("/) S 1 (", "#!/usr/bin/tail -f\n", 0755); // never ends; /proc shows its name
+    device.WrapSsh("touch $ZARO_ROOT/in; exec \"$ZARO_ROOT/) S 1 (\"");
+    device.Start();
+    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(device.root.Path("/in")); }));
+    device.Daemon().Signal(SIGTERM);
+    EXPECT_TRUE(Takes("stop in a log-in", seconds(2),
+                      [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
+    EXPECT_EQ(device.Processes().size() + device.PasswordFiles(), 0U);
 }
 
 TEST_F(DaemonProgram, StartsOverAStalePidFile) {
@@ -152,7 +133,7 @@ TEST_F(DaemonProgram, AnswersTheCommandLine) {
     for (const auto& [options, pattern] : rows) {
         EXPECT_THAT(Outcome(device, options), ContainsRegex(pattern));
     }
-    EXPECT_THAT(::Outcome(Words(ZARO_DAEMON " --root /no/such/folder")),
+    EXPECT_THAT(::Outcome({ZARO_DAEMON, "--root", "/no/such/folder"}),
                 ContainsRegex("^2 zarorelayd: --root: [^\n]*\n$"));
 }
 

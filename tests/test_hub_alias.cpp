@@ -4,14 +4,7 @@
 namespace ZARO::RelayHub {
 namespace {
 
-class HubAlias : public ::testing::Test {
-protected:
-    HubAlias() {
-        for (int number : {1, 2}) {
-            devices_.emplace_back(hub_, number);
-            EXPECT_EQ(Errnos(devices_.back().Publish("web")), "0 0");
-        }
-    }
+struct HubAlias : testing::Test {
     std::string Ask(const std::string& form, const std::string& page = "/alias_update.php") {
         const httplib::Result result = devices_[0].PostRaw(form, page);
         return result && result->status == 200 ? result->body : "no reply";
@@ -27,7 +20,7 @@ protected:
     }
 
     const HubProcess hub_;
-    std::vector<TestDevice> devices_;
+    std::vector<TestDevice> devices_ = {TestDevice(hub_, 1, "web"), TestDevice(hub_, 2, "web")};
 };
 
 TEST_F(HubAlias, AnswersWithItsWords) {

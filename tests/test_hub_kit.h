@@ -2,20 +2,12 @@
 /// of an SSH tunnel.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <httplib.h>
 #include <libssh/libssh.h>
-
-#include <csignal>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <vector>
 
 #include "hub/forms.h"
 #include "tests/support/hub_process.h"
 #include "tests/support/json_text.h"
-#include "tests/support/web_service.h"
 
 namespace ZARO::RelayHub {
 
@@ -31,7 +23,9 @@ inline std::string Errnos(const Json::Value& replies) {
 /// A registered or still unknown device. Its identity follows from `number`.
 class TestDevice {
 public:
-    explicit TestDevice(const HubProcess& hub, int number = 1) : port_(hub.HttpsPort()) {
+    /// With `services` it has published these.
+    explicit TestDevice(const HubProcess& hub, int number = 1, const char* services = nullptr)
+        : port_(hub.HttpsPort()) {
         (void)signal(SIGPIPE, SIG_IGN); // a hub that hangs up is an answer missed, no more
         char text[32];
         snprintf(text, sizeof text, "02:00:4c:00:%02x:%02x", number / 256, number % 256);
@@ -39,6 +33,9 @@ public:
         serial = "SERIAL-" + std::to_string(number);
         token = "token" + std::to_string(number);
         id = *ServerIdOf(mac);
+        if (services != nullptr) {
+            EXPECT_EQ(Errnos(Publish(services)), "0 0");
+        }
     }
 
     httplib::Result PostRaw(const std::string& body, const std::string& page = "/Serv.php") {
@@ -146,6 +143,10 @@ public:
             all.append(block, static_cast<size_t>(got));
         }
         return all;
+    }
+    /// Whether the next visitor is this one and gets through.
+    bool Serves(const Visitor& visitor) {
+        return Write(Accept(), "hello") && visitor.Read(5) == "hello";
     }
     static bool Write(ssh_channel channel, const std::string& data) {
         return ssh_channel_write(channel, data.data(), static_cast<uint32_t>(data.size())) ==

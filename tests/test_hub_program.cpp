@@ -15,7 +15,7 @@ namespace {
 std::string OutcomeOf(const std::string& options) {
     const TempRoot root;
     std::filesystem::create_directories(root.Dir() + "/foreign/lock");
-    return Outcome(Words(ZARO_HUB " " + options), root.Dir());
+    return Outcome(Words(options, {ZARO_HUB}), root.Dir());
 }
 
 TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {
@@ -47,59 +47,28 @@ TEST(HubProgram, RefusesASecondHub) {
                 testing::ContainsRegex("^1 .*Address already in use"));
 }
 
-TEST(HubProgram, ComesBackAfterSuddenDeath) {
-    HubProcess hub;
-    TestDevice device(hub);
-    ASSERT_EQ(Errnos(device.Publish("web")), "0 0");
-    const Json::Value before = device.Tunnels()["web"];
-    auto tunnel = std::make_unique<TestTunnel>(hub, before);
-    const Visitor visitor(before["relay_port"].asInt());
-    const int revision = device.Revision();
-
-    hub.Kill();
-    hub.Start(); // at the same ports, though connections to them were open
-    const Json::Value after = device.Tunnels()["web"];
-    EXPECT_NE(device.Revision(), revision) << "tunnels may have been up before";
-    for (const char* key : {"relay_port", "relay_user", "relay_pass"}) {
-        EXPECT_EQ(after[key], before[key]);
-    }
-    EXPECT_FALSE(after["relay_up"].asBool());
-    tunnel = std::make_unique<TestTunnel>(hub, before); // also the tunnel's port can be had again
-}
-
-TEST(HubProgram, EndsInOrderWhileHoldingRequestsAndSessions) {
+TEST(HubProgram, EndsInOrderWhileHoldingSessions) {
     const HubProcess hub;
-    TestDevice device(hub);
-    ASSERT_EQ(Errnos(device.Publish("web")), "0 0");
+    TestDevice device(hub, 1, "web");
     const TestTunnel tunnel(hub, device.Tunnels()["web"]);
-    ASSERT_TRUE(WaitFor([&] { return device.Tunnels()["web"]["relay_up"].asBool(); }));
-    const int revision = device.Revision();
     const Visitor idle(hub.HttpsPort()); // never speaks
-    auto held = std::async(std::launch::async, [&] { return device.Wait(revision); });
-    EXPECT_EQ(held.wait_for(seconds(1)), std::future_status::timeout);
-    hub.Program().Signal(SIGTERM);
-    EXPECT_EQ(hub.Program().Wait(seconds(10)), 0);
-    EXPECT_EQ(held.get()["revision"], revision);
+    hub.End();
 }
 
 TEST(HubProgram, ShortageOfDescriptorsOnlyDelays) {
     const HubProcess hub;
-    TestDevice device(hub);
-    ASSERT_EQ(Errnos(device.Publish("web")), "0 0");
+    TestDevice device(hub, 1, "web");
     const Json::Value web = device.Tunnels()["web"];
     TestTunnel tunnel(hub, web);
     const Visitor served(web["relay_port"].asInt());
     const ssh_channel channel = tunnel.Accept();
 
     const pid_t pid = hub.Program().Pid();
-    const std::string open = "/proc/" + std::to_string(pid) + "/fd";
-    const auto count = std::distance(std::filesystem::directory_iterator(open),
-                                     std::filesystem::directory_iterator());
     rlimit before{};
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, nullptr, &before), 0);
-    const rlimit low{static_cast<rlim_t>(count), before.rlim_max};
+    const rlimit low{3, before.rlim_max};
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &low, nullptr), 0);
-    std::list<Visitor> waiting; // more than may have been counted too many
+    std::list<Visitor> waiting;
     for (int i = 0; i < 5; ++i) {
         waiting.emplace_back(web["relay_port"].asInt());
     }
@@ -110,9 +79,7 @@ TEST(HubProgram, ShortageOfDescriptorsOnlyDelays) {
 
     ASSERT_EQ(prlimit(pid, RLIMIT_NOFILE, &before, nullptr), 0);
     for (const Visitor& visitor : waiting) {
-        const ssh_channel late = tunnel.Accept();
-        ASSERT_TRUE(TestTunnel::Write(late, "welcome"));
-        EXPECT_EQ(visitor.Read(7), "welcome");
+        EXPECT_TRUE(tunnel.Serves(visitor));
     }
     EXPECT_EQ(stranger.Read(4), "SSH-") << "it waited, too";
 }

@@ -1,4 +1,5 @@
 /// The relay: log-ins, the forward, visitors, take-over, and what it refuses.
+#include <atomic>
 #include <future>
 #include <list>
 #include <random>
@@ -15,22 +16,14 @@ std::string Pattern(size_t size) {
     return data;
 }
 
-class HubRelay : public ::testing::Test {
-protected:
-    HubRelay() {
-        EXPECT_EQ(Errnos(device_.Publish("web,other")), "0 0");
-        const Json::Value tunnels = device_.Tunnels();
-        web_ = tunnels["web"];
-        other_ = tunnels["other"];
-        port_ = web_["relay_port"].asInt();
-    }
+struct HubRelay : testing::Test {
     std::unique_ptr<TestTunnel> Open() const { return std::make_unique<TestTunnel>(hub_, web_); }
-    bool IsUp() { return device_.Tunnels()["web"]["relay_up"].asBool(); }
 
     const HubProcess hub_{2};
-    TestDevice device_{hub_};
-    Json::Value web_, other_;
-    int port_ = 0;
+    TestDevice device_{hub_, 1, "web,other"};
+    const Json::Value web_ = device_.Tunnels()["web"];
+    const Json::Value other_ = device_.Tunnels()["other"];
+    const int port_ = web_["relay_port"].asInt();
 };
 
 TEST_F(HubRelay, CarriesBytesBothWaysAndHalfCloses) {
@@ -55,24 +48,15 @@ TEST_F(HubRelay, CarriesBytesBothWaysAndHalfCloses) {
 
 TEST_F(HubRelay, DeviceMayEndFirst) {
     const auto tunnel = Open();
-    const Visitor visitor(port_);
-    const ssh_channel channel = tunnel->Accept();
-    ASSERT_TRUE(TestTunnel::Write(channel, "go on"));
-    ASSERT_EQ(ssh_channel_send_eof(channel), SSH_OK);
-    EXPECT_EQ(visitor.Read(), "go on");
-    ASSERT_TRUE(visitor.Send("thanks"));
-    visitor.EndSending();
-    EXPECT_EQ(TestTunnel::ReadAll(channel), "thanks");
-}
-
-TEST_F(HubRelay, TellsEitherSideOfTheOthersEnd) {
-    const auto tunnel = Open();
     auto visitor = std::make_unique<Visitor>(port_);
     ssh_channel channel = tunnel->Accept();
-    visitor.reset();
-    EXPECT_EQ(TestTunnel::ReadAll(channel), "");
+    ASSERT_TRUE(TestTunnel::Write(channel, "go on"));
+    ASSERT_EQ(ssh_channel_send_eof(channel), SSH_OK);
+    EXPECT_EQ(visitor->Read(), "go on");
+    ASSERT_TRUE(visitor->Send("thanks"));
+    visitor = std::make_unique<Visitor>(port_); // the first one has gone
+    EXPECT_EQ(TestTunnel::ReadAll(channel), "thanks");
 
-    visitor = std::make_unique<Visitor>(port_);
     channel = tunnel->Accept();
     ASSERT_TRUE(TestTunnel::Write(channel, "bye"));
     ssh_channel_close(channel);
@@ -99,9 +83,7 @@ TEST_F(HubRelay, StalledVisitorDoesNotHoldOthersUp) {
     ssh_set_blocking(tunnel->Session(), 1);
 
     const Visitor lively(port_);
-    const ssh_channel second = tunnel->Accept();
-    ASSERT_TRUE(TestTunnel::Write(second, "hello"));
-    EXPECT_EQ(lively.Read(5), "hello");
+    EXPECT_TRUE(tunnel->Serves(lively));
     // It reads on while more comes.
     auto reading = std::async(std::launch::async, [&] { return stalled.Read(flood.size()); });
     EXPECT_TRUE(TestTunnel::Write(first, flood.substr(written)));
@@ -131,7 +113,7 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
         TestTunnel tunnel(hub_);
         ASSERT_TRUE(tunnel.LogIn(web_));
         EXPECT_FALSE(tunnel.Forward(port)) << port;
-        EXPECT_FALSE(IsUp());
+        EXPECT_FALSE(device_.Tunnels()["web"]["relay_up"].asBool());
     }
     const auto tunnel = Open();
     const ssh_channel shell = ssh_channel_new(tunnel->Session());
@@ -139,8 +121,7 @@ TEST_F(HubRelay, RefusesWhatIsNotTheTunnelsOwn) {
     const ssh_channel direct = ssh_channel_new(tunnel->Session());
     EXPECT_EQ(ssh_channel_open_forward(direct, "127.0.0.1", hub_.HttpPort(), "x", 1), SSH_ERROR);
     const Visitor visitor(port_); // the refusals left the session whole
-    EXPECT_TRUE(TestTunnel::Write(tunnel->Accept(), "good"));
-    EXPECT_EQ(visitor.Read(4), "good");
+    EXPECT_TRUE(tunnel->Serves(visitor));
     EXPECT_FALSE(tunnel->Forward(port_)) << "once is enough";
     EXPECT_TRUE(WaitFor([&] { return tunnel->IsEnded(); }));
 }
@@ -163,12 +144,25 @@ TEST_F(HubRelay, NewLogInTakesOverFromASilentOne) {
     const Visitor between(port_);
     EXPECT_FALSE(between.IsRefused()) << "the port stays open meanwhile";
     ASSERT_TRUE(fresh.Forward(port_));
-    const ssh_channel channel = fresh.Accept();
-    ASSERT_TRUE(TestTunnel::Write(channel, "new"));
-    EXPECT_EQ(between.Read(3), "new");
+    EXPECT_TRUE(fresh.Serves(between));
     EXPECT_EQ(early.Read(), "");
     EXPECT_TRUE(WaitFor([&] { return silent->IsEnded(); }));
     EXPECT_EQ(device_.Wait(revision)["revision"], revision) << "it was up all the time";
+
+    std::atomic<bool> over{false};
+    auto refused = std::async(std::launch::async, [&] {
+        int count = 0;
+        while (!over) {
+            count += Visitor(port_).IsRefused();
+        }
+        return count;
+    });
+    auto last = Open();
+    for (int round = 0; round < 50; ++round) {
+        last = Open();
+    }
+    over = true;
+    EXPECT_EQ(refused.get(), 0);
 }
 
 TEST_F(HubRelay, RemovalClosesSessionAndPortAtOnce) {
@@ -179,24 +173,22 @@ TEST_F(HubRelay, RemovalClosesSessionAndPortAtOnce) {
     EXPECT_FALSE(TestTunnel(hub_).LogIn(web_));
 }
 
-TEST_F(HubRelay, TellsTheDeviceWhetherItsPortIsUp) {
-    EXPECT_FALSE(IsUp());
+TEST_F(HubRelay, TellsTheDeviceOfPortsTogether) {
     const int down = device_.Revision();
-    auto tunnel = std::make_unique<TestTunnel>(hub_);
+    TestTunnel tunnel(hub_);
     TestTunnel other(hub_);
-    ASSERT_TRUE(tunnel->LogIn(web_) && other.LogIn(other_));
+    ASSERT_TRUE(tunnel.LogIn(web_));
+    ASSERT_TRUE(other.LogIn(other_));
     auto held = std::async(std::launch::async, [&] { return device_.Wait(down); });
     ASSERT_EQ(held.wait_for(milliseconds(300)), std::future_status::timeout);
     const auto start = Clock::now();
-    ASSERT_TRUE(tunnel->Forward(port_) && other.Forward(other_["relay_port"].asInt()));
+    ASSERT_TRUE(tunnel.Forward(port_));
+    ASSERT_TRUE(other.Forward(other_["relay_port"].asInt()));
     const bool together = Clock::now() - start < milliseconds(200); // so the hub gathers them
     const Json::Value up = held.get();
     EXPECT_EQ(up["revision"], down + 1) << "two changes in one reply";
     EXPECT_TRUE(up["tunnels"][1]["relay_up"].asBool());
     EXPECT_TRUE(up["tunnels"][0]["relay_up"].asBool() || !together);
-    tunnel.reset();
-    EXPECT_TRUE(WaitFor([&] { return !IsUp(); }));
-    EXPECT_TRUE(Visitor(port_).IsRefused());
 }
 
 TEST_F(HubRelay, ManyVisitorsComeAndGo) {
@@ -207,17 +199,14 @@ TEST_F(HubRelay, ManyVisitorsComeAndGo) {
         for (int i = 0; i < 50; ++i) {
             ASSERT_TRUE(visitors.emplace_back(port_).Send("n" + std::to_string(i)));
             visitors.back().EndSending();
-        }
-        for (int i = 0; i < 50; ++i) {
             channels.push_back(tunnel->Accept());
         }
         for (const ssh_channel channel : channels) {
             EXPECT_TRUE(TestTunnel::Write(channel, TestTunnel::ReadAll(channel)));
             ssh_channel_free(channel); // closes it
         }
-        int i = 0;
-        for (const Visitor& visitor : visitors) {
-            EXPECT_EQ(visitor.Read(), "n" + std::to_string(i++));
+        for (int i = 0; i < 50; ++i, visitors.pop_front()) {
+            EXPECT_EQ(visitors.front().Read(), "n" + std::to_string(i));
         }
     }
 }

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include <arpa/inet.h>
 
 #include <set>
@@ -35,13 +33,6 @@ struct stat Stat(const string& file) {
     return info;
 }
 
-string GetKey(const string& file, const char* key, int size = 64) {
-    char buf[64] = "";
-    const int length = TLIBCFileGetKeyValue(file.c_str(), key, buf, size, 0);
-    EXPECT_EQ(length, static_cast<int>(strlen(buf)));
-    return buf;
-}
-
 TEST(Settings, ReadsKeyOfFile) {
     const std::tuple<const char*, string, const char*, int> rows[] = {
         {"quoted", "k=\"a b\"\n", "a b", 64},
@@ -63,7 +54,10 @@ TEST(Settings, ReadsKeyOfFile) {
     const TempRoot root;
     for (const auto& [name, text, value, size] : rows) {
         root.Write(kInfo, text);
-        EXPECT_EQ(GetKey(root.Path(kInfo), "k", size), value) << name;
+        char buf[64] = "";
+        const int length = TLIBCFileGetKeyValue(root.Path(kInfo).c_str(), "k", buf, size, 0);
+        EXPECT_STREQ(buf, value) << name;
+        EXPECT_EQ(length, static_cast<int>(strlen(buf))) << name;
     }
 }
 

@@ -1,11 +1,9 @@
-// What becomes of files when their writers are killed, the disk is full or nothing can be written.
+// What becomes of files when their writers are killed or the disk is full.
 #include <zarorelayd/config.h>
-#include <zarorelayd/tunnel.h>
 
 #include <sched.h>
 #include <sys/mount.h>
 
-#include <functional>
 #include <random>
 #include <set>
 
@@ -29,68 +27,21 @@ void Age(const std::string& path) {
     utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
-/// A small disk of which all temporary files are part: a mount that this process and its children
-/// see alone.
-struct SmallDisk : testing::Test {
-    void SetUp() override {
-        const std::string user = "0 " + std::to_string(geteuid()) + " 1";
-        const std::string group = "0 " + std::to_string(getegid()) + " 1";
-        const bool plain = geteuid() != 0;
-        const bool apart = unshare(CLONE_NEWNS | (plain ? CLONE_NEWUSER : 0)) == 0;
-        if (apart && plain) {
-            std::ofstream("/proc/self/setgroups") << "deny";
-            std::ofstream("/proc/self/uid_map") << user;
-            std::ofstream("/proc/self/gid_map") << group;
-        }
-        if (!apart || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-            mount("none", "/mnt", "tmpfs", 0, "size=24m") != 0) {
-            GTEST_SKIP() << "no mounts are allowed here: " << strerror(errno);
-        }
-        setenv("TMPDIR", "/mnt", 1);
+/// Puts all temporary files on a small disk: a mount that this process and its children see alone.
+bool EnterSmallDisk() {
+    const std::string user = "0 " + std::to_string(geteuid()) + " 1";
+    const std::string group = "0 " + std::to_string(getegid()) + " 1";
+    const bool plain = geteuid() != 0;
+    const bool apart = unshare(CLONE_NEWNS | (plain ? CLONE_NEWUSER : 0)) == 0;
+    if (apart && plain) {
+        std::ofstream("/proc/self/setgroups") << "deny";
+        std::ofstream("/proc/self/uid_map") << user;
+        std::ofstream("/proc/self/gid_map") << group;
     }
-
-    static void Fill() {
-        std::ofstream ballast(kBallast);
-        while (ballast << std::string(4096, 'x') << std::flush) {
-        }
-    }
-
-    /// A device gets a new service while `hinder` is in force: it says once that it can't tell its
-    /// status, and `loss`, and goes on with what it has; after `mend` it does the rest.
-    static void Outlasts(const char* cause, const char* loss,
-                         const std::function<void(const TempRoot&)>& hinder,
-                         const std::function<void(const TempRoot&)>& mend) {
-        const WebService web("web"), more("more");
-        const HubProcess hub;
-        Device device(hub);
-        const TempRoot& root = device.root;
-        mount("none", root.Path("/var").c_str(), "tmpfs", 0, nullptr); // a log that is never full
-        fs::create_directory(root.Path("/var/run"));
-        fs::create_symlink("var/log", root.Path(Device::kLog));
-        device.Publish(web);
-        device.Start();
-        ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); }));
-        const pid_t ssh = device.Ssh("web");
-        device.Publish(more);
-        Json::Value config = Parse(root.Read(Device::kConfig));
-        config["service"] = device.config["service"];
-        root.Write(Device::kConfig, Compact(config), 0600);
-        hinder(root);
-        const Json::Value before = device.Status();
-        device.Daemon().Signal(SIGHUP);
-        const std::string line = "] can't be written, " + std::string(cause);
-        EXPECT_TRUE(WaitFor([&] { return device.Logs(line) && device.Logs(loss); }))
-            << device.Log();
-        EXPECT_TRUE(device.Serves(web) && device.Ssh("web") == ssh && device.Status() == before);
-        EXPECT_EQ(device.Daemon().Wait(milliseconds(0)), Process::kRuns);
-        mend(root);
-        EXPECT_TRUE(WaitFor([&] {
-            return device.IsAllUp() && device.Serves(more) && device.Logs("can be written again");
-        })) << device.Log();
-        EXPECT_EQ(device.Ssh("web"), ssh);
-        EXPECT_EQ(Count(device.Log(), "can't be written"), 1U);
-    }
-};
+    setenv("TMPDIR", "/mnt", 1);
+    return apart && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount("none", "/mnt", "tmpfs", 0, "size=24m") == 0;
+}
 
 } // namespace
 
@@ -159,52 +110,45 @@ TEST(TornFiles, OnlyOldOnesOfOursAreCleanedUp) {
     }
 }
 
-TEST_F(SmallDisk, DaemonAndHubOutlastAFullOne) {
-    Outlasts(
-        "No space left on device", "update_service failed: 1", // the hub could not keep it
-        [](const TempRoot&) { Fill(); }, [](const TempRoot&) { fs::remove(kBallast); });
-}
-
-TEST_F(SmallDisk, WritersKeepTheOldFilesOnAFullOne) {
-    const TempRoot root;
-    root.Write(Device::kConfig, R"({"serverID":"1"})");
-    root.Write(kInfo, "runrelayd=no\n");
-    RelaydConf conf(root.Path(Device::kConfig).c_str());
-    conf.serverID = "2";
-    Tunnel tunnel(Parse(R"({"relay_pass":"p"})"));
-    const std::string pass = root.Path("/tmp/pass");
-    const std::pair<const char*, std::function<bool()>> writers[] = {
-        {"write failed [", [&] { return RelaydConf::WriteJsonFile(conf.path, "x"); }},
-        {"write failed [", [&] { return conf.WriteServerId(""); }},
-        {"write failed [", [&] { return conf.WriteAliasName("", "a"); }},
-        {"write zaroinfo [runrelayd=yes] failed", [&] { return conf.SetEnableConf(true); }},
-        {"write pass failed, ", [&] { return tunnel.WritePassFile(pass); }},
-        {"ZAROWstokenGetToken failed: [0x001C]", [] { return AuthConf(false).ReadConf(); }}};
-    Fill();
-    for (const auto& [line, write] : writers) {
-        EXPECT_THAT(LogOf("", 3, [&work = write] { EXPECT_FALSE(work()); }),
-                    testing::ElementsAre(testing::HasSubstr(line)));
+/// A device gets a new service: it says once that it can't tell its status, and the hub that it
+/// could not keep the service; they go on with what they have, and later do the rest.
+TEST(TornFiles, DaemonAndHubOutlastAFullDisk) {
+    if (!EnterSmallDisk()) {
+        GTEST_SKIP() << "no mounts are allowed here: " << strerror(errno);
     }
-    EXPECT_EQ(root.Read(Device::kConfig), R"({"serverID":"1"})");
-    EXPECT_EQ(root.Read(kInfo), "runrelayd=no\n");
+    const WebService web("web"), more("more");
+    const HubProcess hub;
+    Device device(hub);
+    const TempRoot& root = device.root;
+    mount("none", root.Path("/var").c_str(), "tmpfs", 0, nullptr); // a log that is never full
+    fs::create_directory(root.Path("/var/run"));
+    fs::create_symlink("var/log", root.Path(Device::kLog));
+    device.Publish(web);
+    device.Start();
+    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); }));
+    const pid_t ssh = device.Ssh("web");
+    device.Publish(more);
+    Json::Value config = Parse(root.Read(Device::kConfig));
+    config["service"] = device.config["service"];
+    root.Write(Device::kConfig, Compact(config), 0600);
+    std::ofstream ballast(kBallast);
+    while (ballast << std::string(4096, 'x') << std::flush) {
+    }
+    ballast.close();
+    const Json::Value before = device.Status();
+    device.Daemon().Signal(SIGHUP);
+    EXPECT_TRUE(WaitFor([&] {
+        return device.Logs("] can't be written, No space left on device") &&
+               device.Logs("update_service failed: 1");
+    })) << device.Log();
+    EXPECT_TRUE(device.Serves(web));
+    EXPECT_EQ(device.Ssh("web"), ssh);
+    EXPECT_EQ(device.Status(), before);
+    EXPECT_EQ(device.Daemon().Wait(milliseconds(0)), Process::kRuns);
     fs::remove(kBallast);
-    for (const auto& [line, write] : writers) {
-        EXPECT_TRUE(write()) << line;
-    }
-}
-
-TEST_F(SmallDisk, DaemonOutlastsOneThatCanNotBeWritten) {
-    static const auto each = [](const TempRoot& root, const std::function<int(const char*)>& work) {
-        for (const char* folder : {"/tmp", "/etc", "/usr/zaro/etc"}) {
-            EXPECT_EQ(work(root.Path(folder).c_str()), 0) << folder << ": " << strerror(errno);
-        }
-    };
-    const auto seal = [](const char* path) {
-        return mount(path, path, nullptr, MS_BIND, nullptr) |
-               mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr);
-    };
-    Outlasts(
-        "Read-only file system", ".more] failed, Read-only file system",
-        [&](const TempRoot& root) { each(root, seal); },
-        [](const TempRoot& root) { each(root, umount); });
+    EXPECT_TRUE(WaitFor([&] {
+        return device.IsAllUp() && device.Serves(more) && device.Logs("can be written again");
+    })) << device.Log();
+    EXPECT_EQ(device.Ssh("web"), ssh);
+    EXPECT_EQ(Count(device.Log(), "can't be written"), 1U);
 }

@@ -33,7 +33,8 @@ struct Site : NoCopy {
     }
 
     bool IsWell() const {
-        return device.IsConnected() && device.IsAllUp() && device.PasswordFiles() == 0 &&
+        return device.Status()["state"] == ZARO::Relay::RELAYD_STATE_CONNECTED &&
+               device.IsAllUp() && device.PasswordFiles() == 0 &&
                std::all_of(services.begin(), services.end(), [this](const auto& service) {
                    return device.Serves(*service) && device.Ssh(service->Name()) > 0;
                });

@@ -2,9 +2,6 @@
 #pragma once
 
 #include <list>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/result.h>
@@ -76,16 +73,10 @@ public:
     }
 
     /// Starts the daemon with `config`, in the foreground unless told otherwise.
-    void Start(const std::vector<std::string>& options = {"--foreground"}, mode_t mask = 022) {
+    void Start(std::vector<std::string> options = {"--foreground"}, mode_t mask = 022) {
         root.Write(kConfig, Compact(config), 0600);
-        daemon_ = Run(options, kLog, mask);
-    }
-
-    /// Runs the program with these options beside --root, its output in the device's file `output`.
-    std::unique_ptr<Process> Run(std::vector<std::string> options, const char* output,
-                                 mode_t mask = 022) const {
         options.insert(options.begin(), {ZARO_DAEMON, "--root", root.Dir()});
-        return std::make_unique<Process>(options, root.Path(output), root.Dir(), Mark(), mask);
+        daemon_ = std::make_unique<Process>(options, root.Path(kLog), root.Dir(), Mark(), mask);
     }
 
     /// The process that Start started.
@@ -117,7 +108,6 @@ public:
         const std::string text = root.Read("/tmp/.zarorelayd.status");
         return text.empty() ? Json::Value() : Parse(text);
     }
-    bool IsConnected() const { return Status()["state"] == ZARO::Relay::RELAYD_STATE_CONNECTED; }
     bool IsAllUp() const {
         return Count(Compact(Status()["service"]), "\"up\":true") == config["service"].size();
     }
@@ -201,6 +191,13 @@ private:
 /// A device that publishes one service, and more if told so, and its hub.
 struct DeviceTest : testing::Test {
     DeviceTest() { device.Publish(web); }
+
+    /// Starts the daemon, in the foreground unless told otherwise; visitors get through then.
+    void StartUp(const std::vector<std::string>& options = {"--foreground"}) {
+        device.Start(options);
+        ASSERT_TRUE(WaitFor([this] { return device.IsAllUp() && device.Serves(web); }))
+            << device.Log();
+    }
 
     /// Publishes s1, s2, ...
     void PublishMore(int count) {

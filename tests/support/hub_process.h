@@ -1,15 +1,27 @@
 /// The hub as the program that it is.
 #pragma once
 
-#include <sys/socket.h>
 #include <sys/un.h>
 
-#include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <string>
 
-#include "tests/support/process.h"
+#include "tests/support/web_service.h"
+
+/// A hundred ports of 127.0.0.1 where nobody is, and which no other test takes while this lives.
+struct PortBlock : NoCopy {
+    explicit PortBlock(int first) {
+        sockaddr_un name = {AF_UNIX, {}};
+        snprintf(name.sun_path + 1, sizeof name.sun_path - 1, "zaro-test-ports-%d", first);
+        good = bind(claim.fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
+        for (int port = first; good && port < first + 100; ++port) {
+            good = Listener(port).port == port;
+        }
+    }
+
+    const Socket claim{AF_UNIX}; ///< other suites on this machine see it, whoever runs them
+    bool good = false;
+};
 
 /// A hub over a folder of its own, on ports that it keeps when it is started again. It logs all.
 class HubProcess : NoCopy {
@@ -19,21 +31,18 @@ public:
     explicit HubProcess(int hold = 50, const std::string& more = "", std::string ports = "")
         : options_(" --log-level 7 --hold " + std::to_string(hold) + " " + more),
           ports_(std::move(ports)) {
-        ReservePorts();
-        if (ports_.empty()) {
-            UsePorts(90);
-        }
         folder_ = (std::filesystem::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
             throw std::runtime_error("can't make " + folder_);
         }
-        Start();
+        do { // until nobody takes one of the ports in between
+            Reserve();
+        } while (!Starts());
     }
     ~HubProcess() {
         End();
         std::error_code ignored; // what can't be removed stays in the temporary folder
         std::filesystem::remove_all(folder_, ignored);
-        close(reservation_);
     }
 
     int HttpPort() const { return first_; }
@@ -41,19 +50,11 @@ public:
     int RelayPort() const { return first_ + 2; }
 
     /// From its next start on it gives tunnels so many of its own ports.
-    void UsePorts(int count) {
-        ports_ = std::to_string(first_ + 10) + "-" + std::to_string(first_ + 9 + count);
-    }
+    void UsePorts(int count) { count_ = count; }
 
     /// Returns when it listens.
     void Start() {
-        const std::size_t starts = Count("relay ssh://");
-        const auto port = [this](int offset) { return std::to_string(first_ + offset); };
-        process_ = std::make_unique<Process>(
-            Words(ZARO_HUB " --data " + Data() + " --http-port " + port(0) + " --https-port " +
-                  port(1) + " --relay-port " + port(2) + " --ports " + ports_ + options_),
-            LogFile());
-        if (!WaitFor([&] { return Count("relay ssh://") > starts; })) {
+        if (!Starts()) {
             throw std::runtime_error("no hub: " + Log());
         }
     }
@@ -75,28 +76,42 @@ public:
     std::size_t Count(const std::string& text) const { return ::Count(Log(), text); }
     std::size_t Registrations() const { return Count(" registered as "); }
 
-    int pool = 90; ///< how many ports the next start has for tunnels
-
 private:
-    /// Takes a hundred ports below those that the kernel gives out; other tests run beside us.
-    void ReservePorts() {
-        for (first_ = 10000; first_ < 20000; first_ += 100) {
-            sockaddr_un name = {};
-            name.sun_family = AF_UNIX;
-            snprintf(name.sun_path + 1, sizeof name.sun_path - 1, "zaro-test-ports-%d", first_);
-            reservation_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-            if (bind(reservation_, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) {
-                return;
+    /// Takes the next free block below the ports that the kernel gives out.
+    void Reserve() {
+        do {
+            first_ += 100;
+            block_ = std::make_unique<PortBlock>(first_);
+            if (first_ > 32600) {
+                throw std::runtime_error("no ports left " + Log());
             }
-            close(reservation_);
+        } while (!block_->good);
+    }
+
+    /// Whether it listens; not where somebody else listens.
+    bool Starts() {
+        const std::size_t starts = Count("relay ssh://");
+        const auto port = [this](int offset) { return std::to_string(first_ + offset); };
+        const std::string tunnels = port(10) + "-" + port(9 + count_);
+        const std::vector<std::string> line =
+            Words("--http-port " + port(0) + " --https-port " + port(1) + " --relay-port " +
+                      port(2) + options_ + " --ports " + (ports_.empty() ? tunnels : ports_),
+                  {ZARO_HUB, "--data", Data()});
+        process_ = std::make_unique<Process>(line, LogFile());
+        const auto isUp = [&] { return Count("relay ssh://") > starts; };
+        const bool over =
+            WaitFor([&] { return isUp() || process_->Wait(milliseconds(0)) != Process::kRuns; });
+        if (!isUp() && (!over || Count("Address already in use") == 0)) {
+            throw std::runtime_error("no hub: " + Log());
         }
-        throw std::runtime_error("no ports left");
+        return isUp();
     }
 
     const std::string options_;
-    std::string ports_;
-    int first_ = 0;
-    int reservation_ = -1;
+    const std::string ports_;
+    int count_ = 90;
+    int first_ = 9900;
+    std::unique_ptr<PortBlock> block_;
     std::string folder_;
     std::unique_ptr<Process> process_;
 };

@@ -20,8 +20,6 @@ using Clock = std::chrono::steady_clock;
 /// How much longer everything may take under sanitizers.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int kSlow = 8;
-#elif defined(__has_feature)
-constexpr int kSlow = __has_feature(address_sanitizer) ? 8 : 1;
 #else
 constexpr int kSlow = 1;
 #endif

@@ -21,9 +21,12 @@ struct NoCopy {
     NoCopy& operator=(const NoCopy&) = delete;
 };
 
-inline std::vector<std::string> Words(const std::string& text) {
+/// The words of a text, behind others.
+inline std::vector<std::string> Words(const std::string& text,
+                                      std::vector<std::string> words = {}) {
     std::istringstream in(text);
-    return {std::istream_iterator<std::string>(in), {}};
+    words.insert(words.end(), std::istream_iterator<std::string>(in), {});
+    return words;
 }
 
 /// Waits for a condition up to `limit` from now.

@@ -8,11 +8,12 @@
 /// Speaks plain HTTP on a free port of 127.0.0.1.
 class ScriptedHub : NoCopy {
 public:
-    /// Changes the real hub's reply to a batch that begins with `command`; on a server's thread.
-    using Spoil = std::function<void(const std::string& command, httplib::Response& reply)>;
+    /// Changes the real hub's reply; on a server's thread.
+    using Spoiler = std::function<void(httplib::Response&)>;
 
-    explicit ScriptedHub(const HubProcess& hub, Spoil spoil = nullptr)
-        : hub_(hub), spoil_(std::move(spoil)),
+    /// Spoils the replies to batches that begin with `command`.
+    ScriptedHub(const HubProcess& hub, std::string command, Spoiler spoil)
+        : hub_(hub), command_(std::move(command)), spoil_(std::move(spoil)),
           server_([this](const auto& request, auto& reply) { Answer(request, reply); }) {}
 
     int Port() const { return server_.Port(); }
@@ -22,12 +23,6 @@ public:
     void TurnGood() {
         const std::lock_guard<std::mutex> guard(lock_);
         spoil_ = nullptr;
-    }
-
-    /// Everything that devices sent and the real hub replied.
-    std::string Talk() const {
-        const std::lock_guard<std::mutex> guard(lock_);
-        return talk_;
     }
 
 private:
@@ -47,15 +42,14 @@ private:
             r.set_header("Set-Cookie", reply->get_header_value("Set-Cookie"));
         }
         const std::lock_guard<std::mutex> guard(lock_);
-        talk_ += q.body + reply->body;
-        if (spoil_ != nullptr) {
-            spoil_(Parse(q.body)[0U]["command"].asString(), r);
+        if (spoil_ != nullptr && Parse(q.body)[0U]["command"] == command_) {
+            spoil_(r);
         }
     }
 
     const HubProcess& hub_;
-    mutable std::mutex lock_;
-    Spoil spoil_;
-    std::string talk_;
+    std::mutex lock_;
+    const std::string command_;
+    Spoiler spoil_;
     HttpServer server_; // the first to go: it uses the others
 };

@@ -16,6 +16,7 @@
 class TempRoot : NoCopy {
 public:
     TempRoot() {
+        umask(022); // whatever this user's is
         std::string pattern = (std::filesystem::temp_directory_path() / "zaro.XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr || !ZARO::Relay::paths::SetRoot(pattern)) {
             throw std::runtime_error("can't make a root " + pattern);

@@ -17,20 +17,29 @@ inline sockaddr_in Loopback(int port) {
     return address;
 }
 
-/// A socket that listens on a free port of 127.0.0.1, and accepts nothing by itself.
-struct Listener : NoCopy {
-    Listener() {
-        sockaddr_in address = Loopback(0);
+/// A stream socket.
+struct Socket : NoCopy {
+    explicit Socket(int family) : fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+    ~Socket() { close(fd); }
+
+    const int fd;
+};
+
+/// Listens on 127.0.0.1, and accepts nothing by itself.
+struct Listener : Socket {
+    /// On that port, or any free one; `port` stays -1 where somebody else is.
+    explicit Listener(int wanted = 0) : Socket(AF_INET) {
+        sockaddr_in address = Loopback(wanted);
         socklen_t size = sizeof address;
         auto* const generic = reinterpret_cast<sockaddr*>(&address);
+        const int reuse = wanted != 0; // as servers do, that connections of before do not hinder
+        setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
         if (bind(fd, generic, size) == 0 && listen(fd, SOMAXCONN) == 0) {
             getsockname(fd, generic, &size);
             port = ntohs(address.sin_port);
         }
     }
-    ~Listener() { close(fd); }
 
-    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     int port = -1;
 };
 
@@ -77,13 +86,12 @@ private:
 };
 
 /// A visitor of a port of 127.0.0.1, or any other plain TCP client.
-class Visitor : NoCopy {
+class Visitor : Socket {
 public:
-    explicit Visitor(int port) {
+    explicit Visitor(int port) : Socket(AF_INET) {
         const sockaddr_in address = Loopback(port);
-        refused_ = connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0;
+        refused_ = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0;
     }
-    ~Visitor() { close(fd_); }
 
     bool IsRefused() const { return refused_; }
 
@@ -91,22 +99,22 @@ public:
     bool Send(const std::string& text) const {
         ssize_t sent = 0;
         for (std::size_t done = 0; done < text.size(); done += static_cast<std::size_t>(sent)) {
-            sent = send(fd_, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+            sent = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
             if (sent <= 0) {
                 return false;
             }
         }
         return true;
     }
-    void EndSending() const { shutdown(fd_, SHUT_WR); }
+    void EndSending() const { shutdown(fd, SHUT_WR); }
 
     /// What comes until the other side ends, or `size` bytes, or nothing for 20 s.
     std::string Read(std::size_t size = SIZE_MAX) const {
         std::string all;
         char block[65536];
-        pollfd ready = {fd_, POLLIN, 0};
+        pollfd ready = {fd, POLLIN, 0};
         for (ssize_t got = 1; got > 0 && all.size() < size && poll(&ready, 1, 20000) == 1;) {
-            got = recv(fd_, block, std::min(sizeof block, size - all.size()), 0);
+            got = recv(fd, block, std::min(sizeof block, size - all.size()), 0);
             all.append(block, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         }
         return all;
@@ -115,9 +123,9 @@ public:
     /// The next line, without its end; what there is of it when nothing comes for a second.
     std::string Line() const {
         std::string line;
-        pollfd ready = {fd_, POLLIN, 0};
+        pollfd ready = {fd, POLLIN, 0};
         char c = '\0';
-        while (!refused_ && poll(&ready, 1, 1000) == 1 && recv(fd_, &c, 1, 0) == 1 && c != '\n') {
+        while (!refused_ && poll(&ready, 1, 1000) == 1 && recv(fd, &c, 1, 0) == 1 && c != '\n') {
             line += c;
         }
         return line;
@@ -127,7 +135,6 @@ public:
     std::string Ask(const std::string& line) const { return Send(line + "\n") ? Line() : ""; }
 
 private:
-    const int fd_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     bool refused_ = true;
 };
 
