@@ -74,17 +74,22 @@ void RelayDaemon::Pass() {
     Tick(now);
     // New requests get their descriptors; what has arrived, also during a log-in, is taken in
     // before the wait, which would not see it any more.
+    watch_.Step("requests");
     queue_.CheckSchedule();
+    watch_.Step("replies");
     queue_.CheckDoneJobs();
+    watch_.Step("the status file");
     WriteStatus();
     Wait(now);
 }
 
 void RelayDaemon::Tick(Time now) {
     if (now >= networkCheck_) {
+        watch_.Step("the network");
         networkCheck_ = Time::max();
         CheckNetwork(now);
     }
+    watch_.Step("the tunnels' processes");
     keeper_.Notice(now);
     if (now >= refreshDue_) {
         refreshDue_ = now + kProbeEvery;
@@ -93,11 +98,15 @@ void RelayDaemon::Tick(Time now) {
     if (!conf_.enable) {
         return;
     }
+    watch_.Step("the exchange");
     exchange_.Tick(now);
     if (exchange_.IsRegistered()) {
+        watch_.Step("the alias");
         alias_.Tick(now);
     }
+    watch_.Step(nullptr); // a log-in may last
     keeper_.StartDue(now);
+    watch_.Step("the local services");
     ProbeServices(now);
 }
 
@@ -144,9 +153,11 @@ void RelayDaemon::Wait(Time now) {
     timeval timeout = {};
     timeout.tv_sec = wait.count() / 1000000;
     timeout.tv_usec = wait.count() % 1000000;
+    watch_.Done();
     if (select(maxfd + 1, &read, &write, &except, &timeout) < 0) {
         FD_ZERO(&read);
     }
+    watch_.Step("signals");
     if (signals >= 0 && FD_ISSET(signals, &read)) {
         OnSignals();
     }
@@ -359,6 +370,9 @@ Json::Value RelayDaemon::Dump() const {
     dump["exchange"] = exchange_.Dump();
     dump["alias"] = alias_.Describe();
     dump["passes"] = static_cast<Json::UInt64>(passes_);
+    dump["longest_pass_ms"] = static_cast<Json::Int64>(watch_.Longest().count());
+    dump["longest_pass_for"] = watch_.LongestStep();
+    dump["longest_log_in_ms"] = static_cast<Json::Int64>(keeper_.LongestLogIn().count());
     dump["state"] = State();
     MaskSecrets(dump);
     return dump;
