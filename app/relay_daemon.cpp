@@ -27,8 +27,6 @@ namespace {
 /// Changes of the network come in bursts.
 constexpr milliseconds kNetworkSettles{200};
 constexpr seconds kProbeEvery{60};
-/// How often libcurl gets a turn while it has timers that no descriptor tells of.
-constexpr milliseconds kBusyTurn{100};
 constexpr milliseconds kStopPatience{700};
 
 const char* ReachableText(Reachable reachable) {
@@ -121,10 +119,10 @@ Time RelayDaemon::NextDue(Time now) const {
             due = std::min(due, probe.next);
         }
     }
-    if (exchange_.IsBusy(now) || alias_.IsBusy()) {
-        due = std::min(due, now + kBusyTurn);
+    if (alias_.IsBusy()) {
+        due = std::min(due, now + kTurn);
     }
-    return std::min(due, now + seconds(std::max(0, queue_.GetTimeOffset())));
+    return std::min({due, exchange_.NextTurn(now), now + seconds(std::max(0, queue_.GetTimeOffset()))});
 }
 
 void RelayDaemon::Wait(Time now) {
@@ -138,7 +136,7 @@ void RelayDaemon::Wait(Time now) {
     queue_.GetFdSet(&read, &write, &except, &maxfd);
     Time due = NextDue(now);
     if (maxfd < 0 && exchange_.HasRequest()) {
-        due = std::min(due, now + kBusyTurn); // no descriptor will tell of what libcurl does
+        due = std::min(due, now + kTurn); // no descriptor will tell of what libcurl does
     }
     const int signals = daemon_signal_fd();
     for (const int fd : {signals, network_.Descriptor()}) {
