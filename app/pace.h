@@ -45,8 +45,11 @@ public:
     /// The log-in that began then has failed by now.
     void Failed(Time begun, Time now) {
         const Time next = begun + Wait(failingSince_, begun, now, kTry, kLongestTry);
-        // After a log-in that timed out, the loop has a moment for everything else.
-        next_ = std::max({next_, next, now + Backoff::Random(kPause, kLongestPause)});
+        // The loop has a moment for everything else. What lasts longer than a connection may take
+        // is an overload, here or at the relay, which trying again soon would keep up.
+        const auto took = std::chrono::duration_cast<milliseconds>(now - begun);
+        const milliseconds pause = took > kSlow ? took : kPause;
+        next_ = std::max({next_, next, now + Backoff::Random(pause / 4, pause)});
     }
 
 private:
@@ -57,8 +60,8 @@ private:
     static constexpr milliseconds kLongestTry{60000};
     static constexpr milliseconds kFlap{500};
     static constexpr milliseconds kLongestFlap{2500};
-    static constexpr milliseconds kPause{100};
-    static constexpr milliseconds kLongestPause{500};
+    static constexpr milliseconds kPause{500};
+    static constexpr milliseconds kSlow{6000};
 
     /// A wait from the upper half of the window, but from all of it the first time: devices that
     /// tried at the same instant are spread first.

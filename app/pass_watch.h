@@ -1,5 +1,10 @@
-/// Tells how long the loop's passes take, and what takes long in them.
+/// Tells how long the steps of the loop's passes take.
 #pragma once
+
+#include <json/value.h>
+
+#include <map>
+#include <string>
 
 #include "app/backoff.h"
 #include "daemon/log.h"
@@ -7,22 +12,26 @@
 namespace ZARO::Relay::app {
 
 /// Nothing that the loop does may hold it, but for a log-in. A pass that lasts all the same is
-/// logged with the step that took most of it, and the longest one is kept for the dump.
+/// logged with the step that took most of it; the longest time of each step is kept for the dump.
 class PassWatch {
 public:
-    /// A step of the pass begins, and the one before it ends. nullptr: what may last.
-    void Step(const char* name) {
+    /// A step of the pass begins, and the one before it ends. nullptr: the loop waits.
+    /// `mayLast`: it is no part of the pass.
+    void Step(const char* name, bool mayLast = false) {
         const Time now = Clock::now();
         if (step_ != nullptr) {
             const auto took = std::chrono::duration_cast<milliseconds>(now - begun_);
-            pass_ += took;
-            if (took >= worst_) {
-                worst_ = took;
-                worstStep_ = step_;
+            milliseconds& longest = longest_[step_];
+            longest = std::max(longest, took);
+            pass_ += mayLast_ ? milliseconds(0) : took;
+            if (!mayLast_ && took >= most_) {
+                most_ = took;
+                mostFor_ = step_;
             }
         }
         step_ = name;
         begun_ = now;
+        mayLast_ = mayLast;
     }
 
     /// The pass is over.
@@ -30,29 +39,30 @@ public:
         Step(nullptr);
         if (pass_ >= kTooLong) {
             RELAY_LOG(4, "a pass of the loop took %ld ms, most of it for %s",
-                      static_cast<long>(pass_.count()), worstStep_);
+                      static_cast<long>(pass_.count()), mostFor_);
         }
-        if (pass_ > longest_) {
-            longest_ = pass_;
-            longestStep_ = worstStep_;
-        }
-        pass_ = worst_ = milliseconds(0);
+        pass_ = most_ = milliseconds(0);
     }
 
-    milliseconds Longest() const { return longest_; }
-    /// What took most of it.
-    const char* LongestStep() const { return longestStep_; }
+    /// The longest time of each step, in milliseconds.
+    Json::Value Dump() const {
+        Json::Value dump;
+        for (const auto& [step, longest] : longest_) {
+            dump[step] = static_cast<Json::Int64>(longest.count());
+        }
+        return dump;
+    }
 
 private:
     static constexpr milliseconds kTooLong{1000};
 
     const char* step_ = nullptr;
+    bool mayLast_ = false;
     Time begun_{};
     milliseconds pass_{0};
-    milliseconds worst_{0};
-    const char* worstStep_ = "";
-    milliseconds longest_{0};
-    const char* longestStep_ = "";
+    milliseconds most_{0}; ///< that one step of this pass took
+    const char* mostFor_ = "";
+    std::map<std::string, milliseconds> longest_;
 };
 
 } // namespace ZARO::Relay::app

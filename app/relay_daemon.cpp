@@ -102,7 +102,7 @@ void RelayDaemon::Tick(Time now) {
         watch_.Step("the alias");
         alias_.Tick(now);
     }
-    watch_.Step(nullptr); // a log-in may last
+    watch_.Step("a log-in", true);
     keeper_.StartDue(now);
     watch_.Step("the local services");
     ProbeServices(now);
@@ -122,7 +122,8 @@ Time RelayDaemon::NextDue(Time now) const {
     if (alias_.IsBusy()) {
         due = std::min(due, now + kTurn);
     }
-    return std::min({due, exchange_.NextTurn(now), now + seconds(std::max(0, queue_.GetTimeOffset()))});
+    return std::min(
+        {due, exchange_.NextTurn(now), now + seconds(std::max(0, queue_.GetTimeOffset()))});
 }
 
 void RelayDaemon::Wait(Time now) {
@@ -368,9 +369,7 @@ Json::Value RelayDaemon::Dump() const {
     dump["exchange"] = exchange_.Dump();
     dump["alias"] = alias_.Describe();
     dump["passes"] = static_cast<Json::UInt64>(passes_);
-    dump["longest_pass_ms"] = static_cast<Json::Int64>(watch_.Longest().count());
-    dump["longest_pass_for"] = watch_.LongestStep();
-    dump["longest_log_in_ms"] = static_cast<Json::Int64>(keeper_.LongestLogIn().count());
+    dump["longest_ms"] = watch_.Dump();
     dump["state"] = State();
     MaskSecrets(dump);
     return dump;

@@ -188,7 +188,6 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
     const Time begun = Clock::now();
     const bool good = LogIn(tunnel);
     const Time now = Clock::now();
-    longestLogIn_ = std::max(longestLogIn_, std::chrono::duration_cast<milliseconds>(now - begun));
     upkeep.since = Beginning();
     if (!good) {
         upkeep.pace.Failed(begun, now);

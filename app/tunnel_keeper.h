@@ -68,8 +68,6 @@ public:
 
     /// Everything, passwords included, for the dump.
     Json::Value Dump() const;
-    /// How long a log-in has blocked the loop at most.
-    milliseconds LongestLogIn() const { return longestLogIn_; }
 
 private:
     /// What is known of one assigned service beside its tunnel.
@@ -99,7 +97,6 @@ private:
     ChildWatch children_;
     std::string lost_; ///< whose tunnel was lost last
     Time lostAt_{};
-    milliseconds longestLogIn_{0};
     std::set<std::string> refused_; ///< what the last reply was refused for, to log it once
 };
 

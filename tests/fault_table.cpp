@@ -35,7 +35,7 @@ constexpr milliseconds kTries{3000};
 constexpr std::size_t kMostAttempts = 50;
 constexpr int kMostPasses = 2000;
 constexpr long kMostKb = kSlow == 1 ? 512 : 65536;
-constexpr milliseconds kLongestPass{kSlow == 1 ? 200 : 60000}; ///< outside of a log-in
+constexpr milliseconds kLongestStep{kSlow == 1 ? 200 : 60000};
 
 /// What is special: web's tunnel is a new one afterwards; there is a second service; the device has
 /// a network of its own, and the tunnel the second address there; it may register.
@@ -180,7 +180,7 @@ Act Ssh(int number, const char* service = "web") {
 /// A tunnel that stood is back at once, but for what a log-in takes.
 const Act kLose = Shows("+web", seconds(1)) + [](Site& site) {
     const pid_t former = site.device.Ssh("web");
-    const milliseconds logIn{site.Dump()["longest_log_in_ms"].asInt()};
+    const milliseconds logIn{site.Dump()["longest_ms"]["a log-in"].asInt()};
     const auto back = [&] { return site.device.Ssh("web") != former && site.Serves("web"); };
     Ssh(SIGKILL)(site);
     EXPECT_TRUE(Takes("a loss", kClean + logIn, back));
@@ -405,12 +405,16 @@ TEST_P(Faults, Heal) {
     EXPECT_LE(site.Holds(true), holds[1] + 1); // libcurl may keep a connection at hand
     EXPECT_LE(site.Kb(), kb + kMostKb);
     EXPECT_LE(site.Attempts() - attempts, kMostAttempts);
-    const Json::Value dump = site.Dump();
+    Json::Value dump = site.Dump();
     EXPECT_LE(dump["passes"].asInt(), passes + kMostPasses);
-    EXPECT_LE(dump["longest_pass_ms"].asInt(), kLongestPass.count()) << dump["longest_pass_for"];
     std::cout << "[ measured ] " << site.Kb() - kb << " kB, " << site.Attempts() - attempts
-              << " attempts, " << dump["passes"].asInt() - passes << " passes, the longest "
-              << dump["longest_pass_ms"] << " ms for " << dump["longest_pass_for"] << std::endl;
+              << " attempts, " << dump["passes"].asInt() - passes << " passes, longest steps "
+              << Compact(dump["longest_ms"]) << std::endl;
+    dump["longest_ms"].removeMember("a log-in");
+    dump["longest_ms"].removeMember("the status file"); // a busy disk holds whoever replaces a file
+    for (const Json::Value& longest : dump["longest_ms"]) {
+        EXPECT_LE(longest.asInt(), kLongestStep.count());
+    }
     // Whatever it went through, it hears of a change and acts on it.
     device.Reload([](Json::Value& now) { now["service"].append(Parse(R"({"id":"late"})")); });
     EXPECT_TRUE(Takes("a new service", row.bound + kNetwork, [&] {
