@@ -20,7 +20,9 @@ public:
     /// What was wrong is over, as far as is known: the next log-in begins within `spread` of now.
     void StartOver(Time now, milliseconds spread) {
         failingSince_ = flappingSince_ = Time();
-        next_ = std::min(next_, now + Backoff::Random(milliseconds(0), spread));
+        if (next_ > now + spread) { // else it does already
+            next_ = now + Backoff::Random(milliseconds(0), spread);
+        }
     }
 
     /// The next log-in begins at that time, whatever was said before.
@@ -45,8 +47,8 @@ public:
     /// The log-in that began then has failed by now.
     void Failed(Time begun, Time now) {
         const Time next = begun + Wait(failingSince_, begun, now, kTry, kLongestTry);
-        // The loop has a moment for everything else. What lasts longer than a connection may take
-        // is an overload, here or at the relay, which trying again soon would keep up.
+        // The loop has a moment for everything else. What lasts longer than the client waits for a
+        // connection is an overload, here or at the relay, which trying again soon would keep up.
         const auto took = std::chrono::duration_cast<milliseconds>(now - begun);
         const milliseconds pause = took > kSlow ? took : kPause;
         next_ = std::max({next_, next, now + Backoff::Random(pause / 4, pause)});
