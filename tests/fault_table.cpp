@@ -25,17 +25,17 @@ constexpr milliseconds kClean{1000};
 constexpr milliseconds kSilent{20000};
 constexpr milliseconds kNetwork{3000};
 constexpr milliseconds kHub{5000};
-/// Nothing tells that a relay is back that was away for up to 10 s, or that a log-in is right
+/// After up to 10 s of failed log-ins: nothing tells that the relay is back, or they are right
 /// again.
 constexpr milliseconds kTries{3000};
 
 /// What a fault may cost at most until all is well: requests, log-ins and connections together;
 /// turns of the daemon's loop; memory, of which the heap keeps what the first failures needed, and
-/// a sanitizer what was freed last.
+/// a sanitizer what was freed last. And how long a step of the loop may take, in ms.
 constexpr std::size_t kMostAttempts = 50;
 constexpr int kMostPasses = 2000;
 constexpr long kMostKb = kSlow == 1 ? 512 : 65536;
-constexpr milliseconds kLongestStep{kSlow == 1 ? 200 : 60000};
+constexpr int kLongestStep = 200 * kSlow;
 
 /// What is special: web's tunnel is a new one afterwards; there is a second service; the device has
 /// a network of its own, and the tunnel the second address there; it may register.
@@ -270,12 +270,10 @@ const Row kRows[] = {
     // Silent losses come first: they take long.
     {"ControlForgets", "+web", kSame, kSilent, On(kControl, kLoses, kOld), kWait},
     {"BothForget", "~web", kNew, kSilent, On(kBoth, kLoses, kOld), kWait},
-    {"RelayForgets", "~web", kNew, kSilent, On(kRelay, kLoses, kOld)},
     {"RelayForgetsTwo", "~web~photo", kNew | kPhoto, kSilent, On(kRelay, kLoses, kOld)},
     {"RelayIsBlackHole", "-web", kNew, kSilent, On(kRelay, kLoses, kStay)},
     {"RelayNeverAnswers", "-web", kNew, kSilent, On(kRelay, kLoses)},
     {"ControlNeverAnswers", "+web", kSame, kSilent, On(kControl, kLoses)},
-    {"BothNeverAnswer", "-web", kNew, kSilent, On(kBoth, kLoses)},
     {"StartsUnanswered", "err_network -web", kNew | kRegisters, kSilent + kHub,
      On(kBoth, kLoses) + kKill + kStart},
     // The control server's path.
@@ -288,31 +286,26 @@ const Row kRows[] = {
     {"ControlEndsInHandshake", "err_network +web", kSame, kClean, On(kControl, EndsAfter(100))},
     // The relay's path.
     {"RelayIsReset", "", kNew, kClean, On(kRelay)},
-    {"RelayEnds", "", kNew, kClean, On(kRelay, {}, kEnd)},
     {"RelayIsHeld", "~web", kSame, kClean, On(kRelay, kHolds, kStay)},
     {"RelayIsHeldInLogIn", "-web", kNew, kClean, On(kRelay, kHolds)},
     {"RelayIsGarbled", "-web", kNew, kSilent, On(kRelay, kGarbles, kStay)},
     {"RelayIsSlow", "+web", kNew, kClean, On(kRelay, Delays(milliseconds(100)))},
     {"RelayCrawls", "+web", kNew, kClean, On(kRelay, Delays(kNow, 1))},
-    {"RelayEndsInLogIn", "-web", kNew, kTries, On(kRelay, EndsAfter(1500))},
     {"OneOfTwoIsWithdrawnOffline", "err_network +web", kPhoto, kHub,
      On(kControl, kRefuses) + Shows("err_network +web+photo") + kWithdraw, kOffer + kHeal},
     {"RelayRefusesOneOfTwo", "+web-photo", kPhoto, kTries,
      On(kRelay, kRefuses, kStay) + Ssh(SIGKILL, "photo")},
     // Both at once, as when the device's own line fails.
     {"BothRefuse", "err_network -web", kNew, kTries, On(kBoth, kRefuses)},
-    {"BothAreHeld", "~web", kSame, kClean, On(kBoth, kHolds, kStay)},
     {"AllIsLost", "", kNew, kHub, Ssh(SIGKILL) + On(kBoth) + kEndHub + kStartHub},
     // The SSH client and its log-in.
     {"SshFreezes", "~web", kSame, kClean, Ssh(SIGSTOP), Ssh(SIGCONT)},
     {"RelayIsAwayAfterLosses", "-web", kNew, kTries,
      5 * kLose + 3 * (kUp + Ssh(SIGKILL)) + On(kRelay, kRefuses) + Shows("-web", seconds(9))},
-    {"OneOfTwoIsKilled", "", kPhoto, kClean, Ssh(SIGKILL, "photo"), kWait},
     {"SshIsGone", "-web", kNew, kTries, Take(kSsh) + Ssh(SIGKILL), Back(kSsh)},
     {"PasswordIsWrong", "-web", kNew, kTries, Wrap("echo wrong >\"$2\"") + Ssh(SIGKILL),
      Back(kSsh)},
     // The hub.
-    {"HubIsRestarted", "", kNew, kHub, kEndHub + kStartHub},
     {"HubIsDown", "err_network -web", kNew, kHub, kEndHub, kStartHub},
     {"HubFreezes", "~web", kSame, kClean, Hub(SIGSTOP), Hub(SIGCONT)},
     {"HubForgetsAll", "", kNew | kRegisters, kSilent, kEndHub + kHubForgets + kStartHub, kWait},
@@ -413,7 +406,7 @@ TEST_P(Faults, Heal) {
     dump["longest_ms"].removeMember("a log-in");
     dump["longest_ms"].removeMember("the status file"); // a busy disk holds whoever replaces a file
     for (const Json::Value& longest : dump["longest_ms"]) {
-        EXPECT_LE(longest.asInt(), kLongestStep.count());
+        EXPECT_LE(longest.asInt(), kLongestStep);
     }
     // Whatever it went through, it hears of a change and acts on it.
     device.Reload([](Json::Value& now) { now["service"].append(Parse(R"({"id":"late"})")); });
