@@ -108,9 +108,9 @@ Time Exchange::NextDue() const {
     return due;
 }
 
-/// While libcurl connects it has timers that no descriptor tells of. How long that takes isn't known:
-/// so a long poll gets its turns less often as it grows older, and no timer is late by more than
-/// half its age.
+/// While libcurl connects it has timers that no descriptor tells of. How long that takes isn't
+/// known: so a long poll gets its turns less often as it grows older, and no timer is late by more
+/// than half its age.
 Time Exchange::NextTurn(Time now) const {
     if (batch_.runs) {
         return now + kTurn;

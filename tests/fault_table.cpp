@@ -25,8 +25,7 @@ constexpr milliseconds kClean{1000};
 constexpr milliseconds kSilent{20000};
 constexpr milliseconds kNetwork{3000};
 constexpr milliseconds kHub{5000};
-/// After up to 10 s of failed log-ins: nothing tells that the relay is back, or they are right
-/// again.
+/// After up to 10 s of failed log-ins; nothing tells that the next one would be good.
 constexpr milliseconds kTries{3000};
 
 /// What a fault may cost at most until all is well: requests, log-ins and connections together;
@@ -319,7 +318,7 @@ const Row kRows[] = {
     {"DaemonIsStopped", "not_running ", kNew | kRegisters, kHub, kStop, kStart},
     {"DaemonIsStoppedInLogIn", "not_running ", kNew | kRegisters, kHub,
      On(kRelay, kHolds) + Shows("-web") + kStop, kHeal + kStart},
-    {"DaemonFreezes", "+web", kSame, kClean, Daemon(SIGSTOP), Daemon(SIGCONT)},
+    {"DaemonFreezes", "+web", kSame, kClean, kUp + Daemon(SIGSTOP), Daemon(SIGCONT)},
     {"StartsOffline", "err_network -web", kNew | kRegisters, kSilent,
      On(kBoth, kRefuses) + kKill + kStart},
     {"DaemonIsReloadedOften", "", kSame, kClean, 200 * kReload},
@@ -380,7 +379,7 @@ TEST_P(Faults, Heal) {
     const long kb = site.Kb();
     const std::size_t registrations = site.hub.Registrations();
     const std::size_t attempts = site.Attempts();
-    const int passes = site.Dump()["passes"].asInt();
+    const Json::Value before = site.Dump();
 
     row.act(site);
     *row.shows != 0 ? Shows(row.shows, seconds(1))(site) : void();
@@ -398,15 +397,17 @@ TEST_P(Faults, Heal) {
     EXPECT_LE(site.Holds(true), holds[1] + 1); // libcurl may keep a connection at hand
     EXPECT_LE(site.Kb(), kb + kMostKb);
     EXPECT_LE(site.Attempts() - attempts, kMostAttempts);
-    Json::Value dump = site.Dump();
-    EXPECT_LE(dump["passes"].asInt(), passes + kMostPasses);
+    const Json::Value after = site.Dump();
+    const int passes = after["passes"].asInt() - before["passes"].asInt();
+    EXPECT_LE(passes, kMostPasses);
+    const Json::Value& steps = after["longest_ms"];
     std::cout << "[ measured ] " << site.Kb() - kb << " kB, " << site.Attempts() - attempts
-              << " attempts, " << dump["passes"].asInt() - passes << " passes, longest steps "
-              << Compact(dump["longest_ms"]) << std::endl;
-    dump["longest_ms"].removeMember("a log-in");
-    dump["longest_ms"].removeMember("the status file"); // a busy disk holds whoever replaces a file
-    for (const Json::Value& longest : dump["longest_ms"]) {
-        EXPECT_LE(longest.asInt(), kLongestStep);
+              << " attempts, " << passes << " passes, steps " << Compact(steps) << std::endl;
+    for (const std::string& step : steps.getMemberNames()) {
+        // A busy disk holds whoever replaces a file: that of the status, or of the id at first.
+        EXPECT_TRUE(steps[step] <= kLongestStep || steps[step] == before["longest_ms"][step] ||
+                    step == "a log-in" || step == "the status file")
+            << step;
     }
     // Whatever it went through, it hears of a change and acts on it.
     device.Reload([](Json::Value& now) { now["service"].append(Parse(R"({"id":"late"})")); });
