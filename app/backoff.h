@@ -25,13 +25,13 @@ public:
         }
     }
 
-    /// The wait before the next attempt; drawn from a window that is at least this wide.
-    milliseconds Failed(Time now, milliseconds atLeast = milliseconds(0)) {
+    /// The wait before the next attempt.
+    milliseconds Failed(Time now) {
         if (healthySince_ != Time() && now - healthySince_ >= kHealth) {
             window_ = least_;
         }
         healthySince_ = Time();
-        const milliseconds wait = Random(milliseconds(0), std::max(window_, atLeast));
+        const milliseconds wait = Random(milliseconds(0), window_);
         window_ = std::min(window_ * 2, most_);
         return wait;
     }

@@ -25,8 +25,6 @@ constexpr seconds kHold{50};
 /// What a reply may take beyond that; keep-alive probes alone do not end a hung call.
 constexpr seconds kHoldSlack{15};
 constexpr int kKeepAliveSeconds = 30;
-/// While a request is young, libcurl connects, and has timers that no descriptor tells of.
-constexpr milliseconds kYoung{500};
 /// A server that answers long polls at once, again and again, is slowed down to this pace; before
 /// that it has a number free, for the changes while many tunnels come up.
 constexpr milliseconds kPollPace{500};
@@ -110,8 +108,15 @@ Time Exchange::NextDue() const {
     return due;
 }
 
-bool Exchange::IsBusy(Time now) const {
-    return batch_.runs || (wait_.runs && now - waitStarted_ < kYoung);
+/// While libcurl connects it has timers that no descriptor tells of. How long that takes isn't
+/// known: so a long poll gets its turns less often as it grows older, and no timer is late by more
+/// than half its age.
+Time Exchange::NextTurn(Time now) const {
+    if (batch_.runs) {
+        return now + kTurn;
+    }
+    return wait_.runs ? now + std::max<Clock::duration>(kTurn, (now - waitStarted_) / 2)
+                      : Time::max();
 }
 
 void Exchange::ConfigurationChanged(Time now) {

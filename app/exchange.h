@@ -16,6 +16,9 @@
 
 namespace ZARO::Relay::app {
 
+/// How often libcurl gets a turn while it is busy.
+constexpr milliseconds kTurn{100};
+
 /// Runs on the job queue of the daemon's one loop; nothing blocks. One object a process, since job
 /// callbacks are plain functions.
 class Exchange {
@@ -30,8 +33,8 @@ public:
     void Tick(Time now);
     /// When Tick is to be called next, at the latest.
     Time NextDue() const;
-    /// Whether libcurl needs attention more often than its descriptors ask for it.
-    bool IsBusy(Time now) const;
+    /// When libcurl is to get a turn at the latest, whatever its descriptors say.
+    Time NextTurn(Time now) const;
 
     /// Whether a request is out.
     bool HasRequest() const { return batch_.runs || wait_.runs; }

@@ -27,8 +27,6 @@ namespace {
 /// Changes of the network come in bursts.
 constexpr milliseconds kNetworkSettles{200};
 constexpr seconds kProbeEvery{60};
-/// How often libcurl gets a turn while it has timers that no descriptor tells of.
-constexpr milliseconds kBusyTurn{100};
 constexpr milliseconds kStopPatience{700};
 
 const char* ReachableText(Reachable reachable) {
@@ -74,17 +72,22 @@ void RelayDaemon::Pass() {
     Tick(now);
     // New requests get their descriptors; what has arrived, also during a log-in, is taken in
     // before the wait, which would not see it any more.
+    watch_.Step("requests");
     queue_.CheckSchedule();
+    watch_.Step("replies");
     queue_.CheckDoneJobs();
+    watch_.Step("the status file");
     WriteStatus();
     Wait(now);
 }
 
 void RelayDaemon::Tick(Time now) {
     if (now >= networkCheck_) {
+        watch_.Step("the network");
         networkCheck_ = Time::max();
         CheckNetwork(now);
     }
+    watch_.Step("the tunnels' processes");
     keeper_.Notice(now);
     if (now >= refreshDue_) {
         refreshDue_ = now + kProbeEvery;
@@ -93,11 +96,15 @@ void RelayDaemon::Tick(Time now) {
     if (!conf_.enable) {
         return;
     }
+    watch_.Step("the exchange");
     exchange_.Tick(now);
     if (exchange_.IsRegistered()) {
+        watch_.Step("the alias");
         alias_.Tick(now);
     }
+    watch_.Step("a log-in", true);
     keeper_.StartDue(now);
+    watch_.Step("the local services");
     ProbeServices(now);
 }
 
@@ -112,10 +119,11 @@ Time RelayDaemon::NextDue(Time now) const {
             due = std::min(due, probe.next);
         }
     }
-    if (exchange_.IsBusy(now) || alias_.IsBusy()) {
-        due = std::min(due, now + kBusyTurn);
+    if (alias_.IsBusy()) {
+        due = std::min(due, now + kTurn);
     }
-    return std::min(due, now + seconds(std::max(0, queue_.GetTimeOffset())));
+    return std::min(
+        {due, exchange_.NextTurn(now), now + seconds(std::max(0, queue_.GetTimeOffset()))});
 }
 
 void RelayDaemon::Wait(Time now) {
@@ -129,7 +137,7 @@ void RelayDaemon::Wait(Time now) {
     queue_.GetFdSet(&read, &write, &except, &maxfd);
     Time due = NextDue(now);
     if (maxfd < 0 && exchange_.HasRequest()) {
-        due = std::min(due, now + kBusyTurn); // no descriptor will tell of what libcurl does
+        due = std::min(due, now + kTurn); // no descriptor will tell of what libcurl does
     }
     const int signals = daemon_signal_fd();
     for (const int fd : {signals, network_.Descriptor()}) {
@@ -144,9 +152,11 @@ void RelayDaemon::Wait(Time now) {
     timeval timeout = {};
     timeout.tv_sec = wait.count() / 1000000;
     timeout.tv_usec = wait.count() % 1000000;
+    watch_.Done();
     if (select(maxfd + 1, &read, &write, &except, &timeout) < 0) {
         FD_ZERO(&read);
     }
+    watch_.Step("signals");
     if (signals >= 0 && FD_ISSET(signals, &read)) {
         OnSignals();
     }
@@ -359,6 +369,7 @@ Json::Value RelayDaemon::Dump() const {
     dump["exchange"] = exchange_.Dump();
     dump["alias"] = alias_.Describe();
     dump["passes"] = static_cast<Json::UInt64>(passes_);
+    dump["longest_ms"] = watch_.Dump();
     dump["state"] = State();
     MaskSecrets(dump);
     return dump;

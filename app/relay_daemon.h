@@ -16,6 +16,7 @@
 #include "app/connections.h"
 #include "app/exchange.h"
 #include "app/net_watch.h"
+#include "app/pass_watch.h"
 #include "app/status_file.h"
 #include "app/tunnel_keeper.h"
 
@@ -74,6 +75,7 @@ private:
     RELAYD_STATE shownState_ = RELAYD_STATE_STARTING;
     Beginning since_; ///< of the state
     unsigned long passes_ = 0;
+    PassWatch watch_;
 };
 
 } // namespace ZARO::Relay::app

@@ -14,10 +14,6 @@ namespace ZARO::Relay::app {
 
 namespace {
 
-/// A tunnel that stood this long is rebuilt without a wait, unless that was done not long ago: then
-/// it is a flapping one.
-constexpr seconds kSteady{5};
-constexpr seconds kFlapping{60};
 /// A relay that is lost is lost to all its devices: within this time they come back one by one, so
 /// that it is not overrun when it has just started.
 constexpr milliseconds kSpread{2000};
@@ -25,8 +21,6 @@ constexpr milliseconds kSpread{2000};
 /// so long for the others to show.
 constexpr milliseconds kTogether{1000};
 constexpr milliseconds kShows{100};
-/// A log-in that fails after this long failed by a time-out.
-constexpr seconds kSlowLogin{3};
 /// More than any device publishes.
 constexpr Json::ArrayIndex kMostTunnels = 256;
 /// How many refusals of one reply are logged.
@@ -103,8 +97,7 @@ bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<Servic
     }
     for (const auto& [id, tunnel] : wanted) {
         tunnels_.emplace_back(tunnel);
-        upkeep_[id].nextStart = now;
-        upkeep_[id].backoff.Reset();
+        upkeep_[id].pace.StartOver(now, milliseconds(0));
     }
     EndDropped(now);
     return true;
@@ -113,6 +106,7 @@ bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<Servic
 void TunnelKeeper::Notice(Time now) {
     children_.Reap(now);
     NoticeEnded(now);
+    NoticeSteady(now);
     EndDropped(now);
 }
 
@@ -120,14 +114,14 @@ void TunnelKeeper::StartDue(Time now) {
     Tunnel* next = nullptr;
     Time earliest = Time::max();
     for (Tunnel& tunnel : tunnels_) {
-        const Time due = upkeep_[tunnel.GetServiceId()].nextStart;
+        const Time due = upkeep_[tunnel.GetServiceId()].pace.Next();
         if (tunnel.GetStatus() != TUNNEL_STATUS_READY && due <= now && due < earliest) {
             earliest = due;
             next = &tunnel;
         }
     }
     if (next != nullptr) {
-        Start(*next, now);
+        Start(*next);
     }
 }
 
@@ -139,28 +133,39 @@ void TunnelKeeper::NoticeEnded(Time now) {
         }
         const std::string& id = tunnel.GetServiceId();
         Upkeep& upkeep = upkeep_[id];
-        const bool atOnce =
-            now - upkeep.readySince >= kSteady &&
-            (upkeep.rebuiltAtOnce == Time() || now - upkeep.rebuiltAtOnce >= kFlapping);
-        const milliseconds wait = upkeep.backoff.Failed(now);
-        upkeep.nextStart = atOnce ? RebuildTime(id, now) : now + wait;
-        upkeep.rebuiltAtOnce = atOnce ? now : upkeep.rebuiltAtOnce;
         upkeep.since = Beginning();
-        RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
+        if (upkeep.pace.Lost(now)) {
+            RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
+            SpreadLost(id, upkeep.pace, now);
+        } else {
+            Troubled(upkeep, id, "does not stand");
+        }
     }
 }
 
-/// When a tunnel that had stood is rebuilt: at once, unless the relay itself seems to be gone.
-Time TunnelKeeper::RebuildTime(const std::string& id, Time now) {
+/// The end of a trouble is told when a tunnel stands, not each time that it is up for a moment.
+void TunnelKeeper::NoticeSteady(Time now) {
+    for (const Tunnel& tunnel : tunnels_) {
+        Upkeep& upkeep = upkeep_[tunnel.GetServiceId()];
+        if (upkeep.troubled && tunnel.GetStatus() == TUNNEL_STATUS_READY &&
+            now >= upkeep.pace.SteadyFrom()) {
+            upkeep.troubled = false;
+            RELAY_LOG(4, "tunnel of %s works again", tunnel.GetServiceId().c_str());
+        }
+    }
+}
+
+/// A tunnel that had stood comes back at once, unless the relay itself seems to be gone.
+void TunnelKeeper::SpreadLost(const std::string& id, Pace& pace, Time now) {
     const bool together = lost_ != id && now - lostAt_ <= kTogether;
     const auto former = upkeep_.find(lost_);
     if (together && former != upkeep_.end()) {
-        former->second.nextStart = now + Backoff::Random(milliseconds(0), kSpread);
+        former->second.pace.ComeAt(now + Backoff::Random(milliseconds(0), kSpread));
     }
     lost_ = id;
     lostAt_ = now;
     const milliseconds wait = tunnels_.size() > 1 ? kShows : milliseconds(0);
-    return now + (together ? Backoff::Random(milliseconds(0), kSpread) : wait);
+    pace.ComeAt(now + (together ? Backoff::Random(milliseconds(0), kSpread) : wait));
 }
 
 /// What is not assigned any more loses its process and its history.
@@ -177,9 +182,30 @@ void TunnelKeeper::EndDropped(Time now) {
     }
 }
 
-void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
+void TunnelKeeper::Start(Tunnel& tunnel) {
     const std::string id = tunnel.GetServiceId();
     Upkeep& upkeep = upkeep_[id];
+    const Time begun = Clock::now();
+    const bool good = LogIn(tunnel);
+    const Time now = Clock::now();
+    upkeep.since = Beginning();
+    if (!good) {
+        upkeep.pace.Failed(begun, now);
+        for (Pace* other : OthersWithoutRelay(tunnel)) {
+            other->Failed(now, now);
+        }
+        Troubled(upkeep, id, "could not be built");
+        return;
+    }
+    upkeep.pace.LoggedIn(now);
+    ++upkeep.starts;
+    RELAY_LOG(6, "tunnel of %s is up", id.c_str());
+    for (Pace* other : OthersWithoutRelay(tunnel)) {
+        other->StartOver(now, kSpread);
+    }
+}
+
+bool TunnelKeeper::LogIn(Tunnel& tunnel) {
     const pid_t daemon = getpid();
     bool good = false;
     {
@@ -189,73 +215,65 @@ void TunnelKeeper::Start(Tunnel& tunnel, Time now) {
             _exit(127); // the child whose SSH client could not be executed
         }
     }
-    upkeep.since = Beginning();
     // The search for the process also finds that of a service whose id only begins with this one's.
-    const std::string ending = std::to_string(daemon) + "." + id;
-    if (!good || !ServesPasswordFile(PidOf(tunnel), ending) || !children_.Add(PidOf(tunnel))) {
-        // The process that could not be found may run all the same; it must not hold the port.
-        EndStrays([&](const std::string& file) { return file == ending; });
-        if (good) {
-            ForgetProcess(tunnel);
-        }
-        Failed(upkeep, id, now);
-        if (Clock::now() - now >= kSlowLogin) {
-            SpareSilentRelay(tunnel);
-        }
-        return;
+    const std::string ending = std::to_string(daemon) + "." + tunnel.GetServiceId();
+    if (good && ServesPasswordFile(PidOf(tunnel), ending) && children_.Add(PidOf(tunnel))) {
+        return true;
     }
-    upkeep.readySince = Clock::now();
-    upkeep.backoff.Succeeded(upkeep.readySince);
-    ++upkeep.starts;
-    RELAY_LOG(upkeep.failing ? 4 : 6, "tunnel of %s is up", id.c_str());
-    upkeep.failing = false;
+    // The process that could not be found may run all the same; it must not hold the port.
+    EndStrays([&](const std::string& file) { return file == ending; });
+    if (good) {
+        ForgetProcess(tunnel);
+    }
+    return false;
 }
 
-void TunnelKeeper::Failed(Upkeep& upkeep, const std::string& id, Time now) {
-    const milliseconds wait = upkeep.backoff.Failed(now, kSpread);
-    upkeep.nextStart = Clock::now() + wait;
-    if (!upkeep.failing) {
-        RELAY_LOG(4, "tunnel of %s could not be built, trying on", id.c_str());
-    }
-    upkeep.failing = true;
+void TunnelKeeper::Troubled(Upkeep& upkeep, const std::string& id, const char* how) const {
+    RELAY_LOG(upkeep.troubled ? 6 : 4, "tunnel of %s %s, trying on", id.c_str(), how);
+    upkeep.troubled = true;
 }
 
-/// A relay that does not even refuse holds the loop for a whole log-in: the other tunnels to it
-/// wait as well, each its own time, instead of trying it one after the other.
-void TunnelKeeper::SpareSilentRelay(const Tunnel& silent) {
-    const std::string host = RelayOf(silent);
-    for (const Tunnel& tunnel : tunnels_) {
-        if (tunnel.GetStatus() != TUNNEL_STATUS_READY && RelayOf(tunnel) == host) {
-            Upkeep& upkeep = upkeep_[tunnel.GetServiceId()];
-            const Time now = Clock::now();
-            upkeep.nextStart = std::max(upkeep.nextStart, now + upkeep.backoff.Failed(now));
+/// The other tunnels to the same relay when none of them is up either. What one of them finds there
+/// holds for all: a relay that is away is asked by one at a time, and a silent one holds the loop
+/// for one log-in at a time.
+std::vector<Pace*> TunnelKeeper::OthersWithoutRelay(const Tunnel& tunnel) {
+    const std::string host = RelayOf(tunnel);
+    std::vector<Pace*> others;
+    for (const Tunnel& other : tunnels_) {
+        if (&other == &tunnel || RelayOf(other) != host) {
+            continue;
         }
+        if (other.GetStatus() == TUNNEL_STATUS_READY) {
+            return {};
+        }
+        others.push_back(&upkeep_[other.GetServiceId()].pace);
     }
+    return others;
 }
 
 Time TunnelKeeper::NextDue() const {
     Time due = children_.NextDue();
     for (const Tunnel& tunnel : tunnels_) {
         const auto upkeep = upkeep_.find(tunnel.GetServiceId());
-        if (tunnel.GetStatus() != TUNNEL_STATUS_READY && upkeep != upkeep_.end()) {
-            due = std::min(due, upkeep->second.nextStart);
+        if (upkeep == upkeep_.end()) {
+            continue;
+        }
+        if (tunnel.GetStatus() != TUNNEL_STATUS_READY) {
+            due = std::min(due, upkeep->second.pace.Next());
+        } else if (upkeep->second.troubled) {
+            due = std::min(due, upkeep->second.pace.SteadyFrom());
         }
     }
     return due;
 }
 
-void TunnelKeeper::RetryNow(Time now) {
-    for (auto& [id, upkeep] : upkeep_) {
-        upkeep.backoff.Reset();
-        upkeep.nextStart = std::min(upkeep.nextStart, now);
-    }
+void TunnelKeeper::RetrySoon(Time now) {
+    Retry(now, kSpread);
 }
 
-void TunnelKeeper::RetrySoon(Time now) {
+void TunnelKeeper::Retry(Time now, milliseconds spread) {
     for (auto& [id, upkeep] : upkeep_) {
-        const milliseconds wait = Backoff::Random(milliseconds(0), kSpread);
-        upkeep.backoff.Reset();
-        upkeep.nextStart = std::min(upkeep.nextStart, now + wait);
+        upkeep.pace.StartOver(now, spread);
     }
 }
 

@@ -8,13 +8,14 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/tunnel.h>
 
-#include "app/backoff.h"
 #include "app/beginning.h"
 #include "app/child_watch.h"
+#include "app/pace.h"
 
 namespace ZARO::Relay::app {
 
@@ -40,7 +41,7 @@ public:
     Time NextDue() const;
 
     /// The path to the servers is back: waiting tunnels are tried at once.
-    void RetryNow(Time now);
+    void RetryNow(Time now) { Retry(now, milliseconds(0)); }
 
     /// The servers are back, for all their devices: waiting tunnels are tried soon, each at a time
     /// of its own.
@@ -71,24 +72,24 @@ public:
 private:
     /// What is known of one assigned service beside its tunnel.
     struct Upkeep {
-        Backoff backoff{milliseconds(200), seconds(60)};
-        Time nextStart{};
-        Time readySince{};
-        Time rebuiltAtOnce{}; ///< when a death was last answered without a wait
-        Beginning since;      ///< of its state
+        Pace pace;
+        Beginning since; ///< of its state
         int starts = 0;
-        bool failing = false;
+        bool troubled = false;    ///< it can't log in or does not stand, which the log has told
         bool relayAnswers = true; ///< what the server said last about the relay's own port
     };
 
     std::map<std::string, Json::Value> TakeAssigned(const Json::Value& assigned,
                                                     const std::list<ServiceConf>& services);
     void NoticeEnded(Time now);
-    Time RebuildTime(const std::string& id, Time now);
+    void NoticeSteady(Time now);
+    void SpreadLost(const std::string& id, Pace& pace, Time now);
     void EndDropped(Time now);
-    void Start(Tunnel& tunnel, Time now);
-    void SpareSilentRelay(const Tunnel& silent);
-    void Failed(Upkeep& upkeep, const std::string& id, Time now);
+    void Retry(Time now, milliseconds spread);
+    void Start(Tunnel& tunnel);
+    bool LogIn(Tunnel& tunnel);
+    void Troubled(Upkeep& upkeep, const std::string& id, const char* how) const;
+    std::vector<Pace*> OthersWithoutRelay(const Tunnel& tunnel);
     const Tunnel* Find(const std::string& id) const;
 
     std::list<Tunnel> tunnels_;

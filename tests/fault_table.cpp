@@ -25,16 +25,16 @@ constexpr milliseconds kClean{1000};
 constexpr milliseconds kSilent{20000};
 constexpr milliseconds kNetwork{3000};
 constexpr milliseconds kHub{5000};
-/// Nothing tells that the relay alone is back: the longest wait between two log-ins, after the
-/// failures that a row has time for.
-constexpr milliseconds kTries{20000};
+/// After up to 10 s of failed log-ins; nothing tells that the next one would be good.
+constexpr milliseconds kTries{3000};
 
 /// What a fault may cost at most until all is well: requests, log-ins and connections together;
 /// turns of the daemon's loop; memory, of which the heap keeps what the first failures needed, and
-/// a sanitizer what was freed last.
+/// a sanitizer what was freed last. And how long a step of the loop may take, in ms.
 constexpr std::size_t kMostAttempts = 50;
 constexpr int kMostPasses = 2000;
 constexpr long kMostKb = kSlow == 1 ? 512 : 65536;
+constexpr int kLongestStep = 200 * kSlow;
 
 /// What is special: web's tunnel is a new one afterwards; there is a second service; the device has
 /// a network of its own, and the tunnel the second address there; it may register.
@@ -85,10 +85,10 @@ struct Site {
                relay.Accepted();
     }
 
-    int Passes() const {
+    Json::Value Dump() const {
         Json::Value dump;
         EXPECT_TRUE(device.AnswersADump(dump));
-        return dump["passes"].asInt();
+        return dump;
     }
 
     std::string OfDaemon(const char* file) const {
@@ -176,6 +176,14 @@ const Act kStartHub = Act([](Site& s) { s.hub.Start(); }) + kHeal;
 Act Ssh(int number, const char* service = "web") {
     return [=](Site& site) { EXPECT_TRUE(site.device.SignalSsh(service, number)); };
 }
+/// A tunnel that stood is back at once, but for what a log-in takes.
+const Act kLose = Shows("+web", seconds(1)) + [](Site& site) {
+    const pid_t former = site.device.Ssh("web");
+    const milliseconds logIn{site.Dump()["longest_ms"]["a log-in"].asInt()};
+    const auto back = [&] { return site.device.Ssh("web") != former && site.Serves("web"); };
+    Ssh(SIGKILL)(site);
+    EXPECT_TRUE(Takes("a loss", kClean + logIn, back));
+};
 const auto Daemon = [](int n) -> Act { return [=](Site& s) { s.device.Daemon().Signal(n); }; };
 const Act kReload = Daemon(SIGHUP);
 const Act kWithdraw = [](Site& site) {
@@ -261,14 +269,10 @@ const Row kRows[] = {
     // Silent losses come first: they take long.
     {"ControlForgets", "+web", kSame, kSilent, On(kControl, kLoses, kOld), kWait},
     {"BothForget", "~web", kNew, kSilent, On(kBoth, kLoses, kOld), kWait},
-    {"RelayForgets", "~web", kNew, kSilent, On(kRelay, kLoses, kOld)},
-    {"RelayForgetsUpwards", "~web", kNew, kSilent, On(kRelay, kLosesUp, kOld)},
-    {"RelayForgetsDownwards", "~web", kNew, kSilent, On(kRelay, kLosesDown, kOld)},
     {"RelayForgetsTwo", "~web~photo", kNew | kPhoto, kSilent, On(kRelay, kLoses, kOld)},
     {"RelayIsBlackHole", "-web", kNew, kSilent, On(kRelay, kLoses, kStay)},
     {"RelayNeverAnswers", "-web", kNew, kSilent, On(kRelay, kLoses)},
     {"ControlNeverAnswers", "+web", kSame, kSilent, On(kControl, kLoses)},
-    {"BothNeverAnswer", "-web", kNew, kSilent, On(kBoth, kLoses)},
     {"StartsUnanswered", "err_network -web", kNew | kRegisters, kSilent + kHub,
      On(kBoth, kLoses) + kKill + kStart},
     // The control server's path.
@@ -281,37 +285,29 @@ const Row kRows[] = {
     {"ControlEndsInHandshake", "err_network +web", kSame, kClean, On(kControl, EndsAfter(100))},
     // The relay's path.
     {"RelayIsReset", "", kNew, kClean, On(kRelay)},
-    {"RelayEnds", "", kNew, kClean, On(kRelay, {}, kEnd)},
-    {"RelayRefuses", "-web", kNew, kTries, On(kRelay, kRefuses)},
     {"RelayIsHeld", "~web", kSame, kClean, On(kRelay, kHolds, kStay)},
     {"RelayIsHeldInLogIn", "-web", kNew, kClean, On(kRelay, kHolds)},
     {"RelayIsGarbled", "-web", kNew, kSilent, On(kRelay, kGarbles, kStay)},
     {"RelayIsSlow", "+web", kNew, kClean, On(kRelay, Delays(milliseconds(100)))},
     {"RelayCrawls", "+web", kNew, kClean, On(kRelay, Delays(kNow, 1))},
-    {"RelayEndsInGreeting", "-web", kNew, kTries, On(kRelay, EndsAfter(10))},
-    {"RelayEndsInLogIn", "-web", kNew, kTries, On(kRelay, EndsAfter(1500))},
     {"OneOfTwoIsWithdrawnOffline", "err_network +web", kPhoto, kHub,
      On(kControl, kRefuses) + Shows("err_network +web+photo") + kWithdraw, kOffer + kHeal},
     {"RelayRefusesOneOfTwo", "+web-photo", kPhoto, kTries,
      On(kRelay, kRefuses, kStay) + Ssh(SIGKILL, "photo")},
     // Both at once, as when the device's own line fails.
     {"BothRefuse", "err_network -web", kNew, kTries, On(kBoth, kRefuses)},
-    {"BothAreHeld", "~web", kSame, kClean, On(kBoth, kHolds, kStay)},
     {"AllIsLost", "", kNew, kHub, Ssh(SIGKILL) + On(kBoth) + kEndHub + kStartHub},
     // The SSH client and its log-in.
-    {"SshIsKilled", "", kNew, kClean, Ssh(SIGKILL)},
     {"SshFreezes", "~web", kSame, kClean, Ssh(SIGSTOP), Ssh(SIGCONT)},
-    {"SshIsKilledFiveTimes", "", kNew, kTries, 5 * (kUp + Ssh(SIGKILL))},
-    {"OneOfTwoIsKilled", "", kPhoto, kClean, Ssh(SIGKILL, "photo"), kWait},
+    {"RelayIsAwayAfterLosses", "-web", kNew, kTries,
+     5 * kLose + 3 * (kUp + Ssh(SIGKILL)) + On(kRelay, kRefuses) + Shows("-web", seconds(9))},
     {"SshIsGone", "-web", kNew, kTries, Take(kSsh) + Ssh(SIGKILL), Back(kSsh)},
     {"PasswordIsWrong", "-web", kNew, kTries, Wrap("echo wrong >\"$2\"") + Ssh(SIGKILL),
      Back(kSsh)},
-    {"PasswordIsGone", "-web", kNew, kTries, Wrap("rm \"$2\"") + Ssh(SIGKILL), Back(kSsh)},
     // The hub.
-    {"HubIsRestarted", "", kNew, kHub, kEndHub + kStartHub},
     {"HubIsDown", "err_network -web", kNew, kHub, kEndHub, kStartHub},
     {"HubFreezes", "~web", kSame, kClean, Hub(SIGSTOP), Hub(SIGCONT)},
-    {"HubForgetsAll", "", kNew | kRegisters, kTries, kEndHub + kHubForgets + kStartHub, kWait},
+    {"HubForgetsAll", "", kNew | kRegisters, kSilent, kEndHub + kHubForgets + kStartHub, kWait},
     {"HubHasNewCertificate", "", kNew, kHub, kEndHub + Lose("https.pem") + kStartHub},
     {"HubHasNewHostKey", "-web", kNew, kTries, kEndHub + Lose("relay.key") + kStartHub,
      Take(kHosts)},
@@ -322,8 +318,8 @@ const Row kRows[] = {
     {"DaemonIsStopped", "not_running ", kNew | kRegisters, kHub, kStop, kStart},
     {"DaemonIsStoppedInLogIn", "not_running ", kNew | kRegisters, kHub,
      On(kRelay, kHolds) + Shows("-web") + kStop, kHeal + kStart},
-    {"DaemonFreezes", "+web", kSame, kClean, Daemon(SIGSTOP), Daemon(SIGCONT)},
-    {"StartsOffline", "err_network -web", kNew | kRegisters, kTries,
+    {"DaemonFreezes", "+web", kSame, kClean, kUp + Daemon(SIGSTOP), Daemon(SIGCONT)},
+    {"StartsOffline", "err_network -web", kNew | kRegisters, kSilent,
      On(kBoth, kRefuses) + kKill + kStart},
     {"DaemonIsReloadedOften", "", kSame, kClean, 200 * kReload},
     {"DaemonIsAskedOften", "", kSame, kClean, 200 * Daemon(SIGUSR1)},
@@ -383,7 +379,7 @@ TEST_P(Faults, Heal) {
     const long kb = site.Kb();
     const std::size_t registrations = site.hub.Registrations();
     const std::size_t attempts = site.Attempts();
-    const int passes = site.Passes();
+    const Json::Value before = site.Dump();
 
     row.act(site);
     *row.shows != 0 ? Shows(row.shows, seconds(1))(site) : void();
@@ -401,9 +397,18 @@ TEST_P(Faults, Heal) {
     EXPECT_LE(site.Holds(true), holds[1] + 1); // libcurl may keep a connection at hand
     EXPECT_LE(site.Kb(), kb + kMostKb);
     EXPECT_LE(site.Attempts() - attempts, kMostAttempts);
-    EXPECT_LE(site.Passes(), passes + kMostPasses);
+    const Json::Value after = site.Dump();
+    const int passes = after["passes"].asInt() - before["passes"].asInt();
+    EXPECT_LE(passes, kMostPasses);
+    const Json::Value& steps = after["longest_ms"];
     std::cout << "[ measured ] " << site.Kb() - kb << " kB, " << site.Attempts() - attempts
-              << " attempts, " << site.Passes() - passes << " passes" << std::endl;
+              << " attempts, " << passes << " passes, steps " << Compact(steps) << std::endl;
+    for (const std::string& step : steps.getMemberNames()) {
+        // A busy disk holds whoever replaces a file: that of the status, or of the id at first.
+        EXPECT_TRUE(steps[step] <= kLongestStep || steps[step] == before["longest_ms"][step] ||
+                    step == "a log-in" || step == "the status file")
+            << step;
+    }
     // Whatever it went through, it hears of a change and acts on it.
     device.Reload([](Json::Value& now) { now["service"].append(Parse(R"({"id":"late"})")); });
     EXPECT_TRUE(Takes("a new service", row.bound + kNetwork, [&] {

@@ -66,7 +66,7 @@ constexpr const char* kSettings[] = {
     "ControlPath=none",
     "ControlPersist=no",
     // A lost connection shows within 15 s.
-    "ConnectTimeout=10",
+    "ConnectTimeout=5",
     "ConnectionAttempts=1",
     "ServerAliveInterval=5",
     "ServerAliveCountMax=2",

@@ -1,0 +1,68 @@
+/// Tells how long the steps of the loop's passes take.
+#pragma once
+
+#include <json/value.h>
+
+#include <map>
+#include <string>
+
+#include "app/backoff.h"
+#include "daemon/log.h"
+
+namespace ZARO::Relay::app {
+
+/// Nothing that the loop does may hold it, but for a log-in. A pass that lasts all the same is
+/// logged with the step that took most of it; the longest time of each step is kept for the dump.
+class PassWatch {
+public:
+    /// A step of the pass begins, and the one before it ends. nullptr: the loop waits.
+    /// `mayLast`: it is no part of the pass.
+    void Step(const char* name, bool mayLast = false) {
+        const Time now = Clock::now();
+        if (step_ != nullptr) {
+            const auto took = std::chrono::duration_cast<milliseconds>(now - begun_);
+            milliseconds& longest = longest_[step_];
+            longest = std::max(longest, took);
+            pass_ += mayLast_ ? milliseconds(0) : took;
+            if (!mayLast_ && took >= most_) {
+                most_ = took;
+                mostFor_ = step_;
+            }
+        }
+        step_ = name;
+        begun_ = now;
+        mayLast_ = mayLast;
+    }
+
+    /// The pass is over.
+    void Done() {
+        Step(nullptr);
+        if (pass_ >= kTooLong) {
+            RELAY_LOG(4, "a pass of the loop took %ld ms, most of it for %s",
+                      static_cast<long>(pass_.count()), mostFor_);
+        }
+        pass_ = most_ = milliseconds(0);
+    }
+
+    /// The longest time of each step, in milliseconds.
+    Json::Value Dump() const {
+        Json::Value dump;
+        for (const auto& [step, longest] : longest_) {
+            dump[step] = static_cast<Json::Int64>(longest.count());
+        }
+        return dump;
+    }
+
+private:
+    static constexpr milliseconds kTooLong{1000};
+
+    const char* step_ = nullptr;
+    bool mayLast_ = false;
+    Time begun_{};
+    milliseconds pass_{0};
+    milliseconds most_{0}; ///< that one step of this pass took
+    const char* mostFor_ = "";
+    std::map<std::string, milliseconds> longest_;
+};
+
+} // namespace ZARO::Relay::app
