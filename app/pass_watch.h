@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "app/backoff.h"
 #include "daemon/log.h"
@@ -48,7 +49,7 @@ public:
     Json::Value Dump() const {
         Json::Value dump;
         for (const auto& [step, longest] : longest_) {
-            dump[step] = static_cast<Json::Int64>(longest.count());
+            dump[std::string(step)] = static_cast<Json::Int64>(longest.count());
         }
         return dump;
     }
@@ -62,7 +63,7 @@ private:
     milliseconds pass_{0};
     milliseconds most_{0}; ///< that one step of this pass took
     const char* mostFor_ = "";
-    std::map<std::string, milliseconds> longest_;
+    std::map<std::string_view, milliseconds> longest_; ///< by the step's name, a literal
 };
 
 } // namespace ZARO::Relay::app
