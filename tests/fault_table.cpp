@@ -2,7 +2,6 @@
 /// is as it was.
 #include <gtest/gtest.h>
 
-#include <sched.h>
 #include <sys/resource.h>
 
 #include <functional>
@@ -14,6 +13,7 @@
 
 #include "tests/support/device.h"
 #include "tests/support/fault_proxy.h"
+#include "tests/support/namespaces.h"
 
 namespace {
 
@@ -269,6 +269,8 @@ const Row kRows[] = {
     // Silent losses come first: they take long.
     {"ControlForgets", "+web", kSame, kSilent, On(kControl, kLoses, kOld), kWait},
     {"BothForget", "~web", kNew, kSilent, On(kBoth, kLoses, kOld), kWait},
+    {"RelayForgetsUpwards", "~web", kNew, kSilent, On(kRelay, kLosesUp, kOld)},
+    {"RelayForgetsDownwards", "~web", kNew, kSilent, On(kRelay, kLosesDown, kOld)},
     {"RelayForgetsTwo", "~web~photo", kNew | kPhoto, kSilent, On(kRelay, kLoses, kOld)},
     {"RelayIsBlackHole", "-web", kNew, kSilent, On(kRelay, kLoses, kStay)},
     {"RelayNeverAnswers", "-web", kNew, kSilent, On(kRelay, kLoses)},
@@ -290,6 +292,7 @@ const Row kRows[] = {
     {"RelayIsGarbled", "-web", kNew, kSilent, On(kRelay, kGarbles, kStay)},
     {"RelayIsSlow", "+web", kNew, kClean, On(kRelay, Delays(milliseconds(100)))},
     {"RelayCrawls", "+web", kNew, kClean, On(kRelay, Delays(kNow, 1))},
+    {"RelayEndsInLogIn", "-web", kNew, kTries, On(kRelay, EndsAfter(1500))},
     {"OneOfTwoIsWithdrawnOffline", "err_network +web", kPhoto, kHub,
      On(kControl, kRefuses) + Shows("err_network +web+photo") + kWithdraw, kOffer + kHeal},
     {"RelayRefusesOneOfTwo", "+web-photo", kPhoto, kTries,
@@ -301,10 +304,12 @@ const Row kRows[] = {
     {"SshFreezes", "~web", kSame, kClean, Ssh(SIGSTOP), Ssh(SIGCONT)},
     {"RelayIsAwayAfterLosses", "-web", kNew, kTries,
      5 * kLose + 3 * (kUp + Ssh(SIGKILL)) + On(kRelay, kRefuses) + Shows("-web", seconds(9))},
+    {"OneOfTwoIsKilled", "", kPhoto, kClean, Ssh(SIGKILL, "photo"), kWait},
     {"SshIsGone", "-web", kNew, kTries, Take(kSsh) + Ssh(SIGKILL), Back(kSsh)},
     {"PasswordIsWrong", "-web", kNew, kTries, Wrap("echo wrong >\"$2\"") + Ssh(SIGKILL),
      Back(kSsh)},
     // The hub.
+    {"HubIsRestarted", "", kNew, kHub, kEndHub + kStartHub},
     {"HubIsDown", "err_network -web", kNew, kHub, kEndHub, kStartHub},
     {"HubFreezes", "~web", kSame, kClean, Hub(SIGSTOP), Hub(SIGCONT)},
     {"HubForgetsAll", "", kNew | kRegisters, kSilent, kEndHub + kHubForgets + kStartHub, kWait},
@@ -316,8 +321,6 @@ const Row kRows[] = {
     // The daemon.
     {"DaemonIsKilled", "not_running +web", kNew | kRegisters, kHub, kKill, kStart},
     {"DaemonIsStopped", "not_running ", kNew | kRegisters, kHub, kStop, kStart},
-    {"DaemonIsStoppedInLogIn", "not_running ", kNew | kRegisters, kHub,
-     On(kRelay, kHolds) + Shows("-web") + kStop, kHeal + kStart},
     {"DaemonFreezes", "+web", kSame, kClean, kUp + Daemon(SIGSTOP), Daemon(SIGCONT)},
     {"StartsOffline", "err_network -web", kNew | kRegisters, kSilent,
      On(kBoth, kRefuses) + kKill + kStart},
@@ -348,12 +351,7 @@ const Row kRows[] = {
 
 /// Enters a network of this process's own, with a first port; that takes no privilege.
 void EnterNetwork() {
-    const std::string user = "0 " + std::to_string(geteuid()) + " 1";
-    const std::string group = "0 " + std::to_string(getegid()) + " 1";
-    ASSERT_EQ(unshare(CLONE_NEWUSER | CLONE_NEWNET), 0) << strerror(errno);
-    std::ofstream("/proc/self/setgroups") << "deny";
-    std::ofstream("/proc/self/uid_map") << user;
-    std::ofstream("/proc/self/gid_map") << group;
+    ASSERT_TRUE(EnterNamespaces(CLONE_NEWUSER | CLONE_NEWNET)) << strerror(errno);
     ASSERT_EQ(system("ip link set lo up && ip link add eth0 type veth peer name eth1 && ip addr "
                      "add 10.9.0.2/24 dev eth0 && ip addr add 10.9.0.3/24 dev eth0 && ip link "
                      "set eth0 up && ip link set eth1 up"),
@@ -364,6 +362,8 @@ struct Faults : testing::TestWithParam<Row> {};
 
 TEST_P(Faults, Heal) {
     const Row& row = GetParam();
+    // On a disk, whoever replaces a file may have to wait for other programs' files.
+    const bool inMemory = EnterDiskInMemory("512m");
     if ((row.kind & kAddress) != 0) {
         ASSERT_NO_FATAL_FAILURE(EnterNetwork());
     }
@@ -404,10 +404,9 @@ TEST_P(Faults, Heal) {
     std::cout << "[ measured ] " << site.Kb() - kb << " kB, " << site.Attempts() - attempts
               << " attempts, " << passes << " passes, steps " << Compact(steps) << std::endl;
     for (const std::string& step : steps.getMemberNames()) {
-        // A busy disk holds whoever replaces a file: that of the status, or of the id at first.
-        EXPECT_TRUE(steps[step] <= kLongestStep || steps[step] == before["longest_ms"][step] ||
-                    step == "a log-in" || step == "the status file")
-            << step;
+        if (inMemory && step != "a log-in") {
+            EXPECT_LE(steps[step].asInt(), kLongestStep) << step;
+        }
     }
     // Whatever it went through, it hears of a change and acts on it.
     device.Reload([](Json::Value& now) { now["service"].append(Parse(R"({"id":"late"})")); });

@@ -1,9 +1,6 @@
 // What becomes of files when their writers are killed or the disk is full.
 #include <zarorelayd/config.h>
 
-#include <sched.h>
-#include <sys/mount.h>
-
 #include <random>
 #include <set>
 
@@ -11,6 +8,7 @@
 
 #include "app/status_file.h"
 #include "tests/support/device.h"
+#include "tests/support/namespaces.h"
 #include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
@@ -25,22 +23,6 @@ constexpr char kBallast[] = "/mnt/ballast";
 void Age(const std::string& path) {
     const timespec then = {time(nullptr) - 7200, 0}, times[] = {then, then};
     utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
-}
-
-/// Puts all temporary files on a small disk: a mount that this process and its children see alone.
-bool EnterSmallDisk() {
-    const std::string user = "0 " + std::to_string(geteuid()) + " 1";
-    const std::string group = "0 " + std::to_string(getegid()) + " 1";
-    const bool plain = geteuid() != 0;
-    const bool apart = unshare(CLONE_NEWNS | (plain ? CLONE_NEWUSER : 0)) == 0;
-    if (apart && plain) {
-        std::ofstream("/proc/self/setgroups") << "deny";
-        std::ofstream("/proc/self/uid_map") << user;
-        std::ofstream("/proc/self/gid_map") << group;
-    }
-    setenv("TMPDIR", "/mnt", 1);
-    return apart && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("none", "/mnt", "tmpfs", 0, "size=24m") == 0;
 }
 
 } // namespace
@@ -113,7 +95,7 @@ TEST(TornFiles, OnlyOldOnesOfOursAreCleanedUp) {
 /// A device gets a new service: it says once that it can't tell its status, and the hub that it
 /// could not keep the service; they go on with what they have, and later do the rest.
 TEST(TornFiles, DaemonAndHubOutlastAFullDisk) {
-    if (!EnterSmallDisk()) {
+    if (!EnterDiskInMemory("24m")) {
         GTEST_SKIP() << "no mounts are allowed here: " << strerror(errno);
     }
     const WebService web("web"), more("more");
