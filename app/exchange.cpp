@@ -25,6 +25,11 @@ constexpr seconds kHold{50};
 /// What a reply may take beyond that; keep-alive probes alone do not end a hung call.
 constexpr seconds kHoldSlack{15};
 constexpr int kKeepAliveSeconds = 30;
+/// After a change of the network the way to the server may take a moment to stand, and the kernel
+/// repeats a lost first packet after 1, 3 and 7 s only. So what is not answered within this time
+/// is sent again, on a connection of its own, until the usual time limits take over.
+constexpr milliseconds kFirstAnswer{2000};
+constexpr int kMostResends = 3;
 /// A server that answers long polls at once, again and again, is slowed down to this pace; before
 /// that it has a number free, for the changes while many tunnels come up.
 constexpr milliseconds kPollPace{500};
@@ -83,6 +88,9 @@ void Exchange::Tick(Time now) {
         queue_.Remove(OnWaitDone);
         Failed(wait_, RELAYD_RET_NETWORK, false, now);
     }
+    if (now >= ResendDue()) {
+        Resend(now);
+    }
     if (batch_.runs) {
         return;
     }
@@ -96,6 +104,7 @@ void Exchange::Tick(Time now) {
 
 Time Exchange::NextDue() const {
     Time due = wait_.runs ? waitStarted_ + kHold + kHoldSlack : Time::max();
+    due = std::min(due, ResendDue());
     if (batch_.runs) {
         return due;
     }
@@ -133,6 +142,26 @@ void Exchange::NetworkChanged(Time now) {
     batch_.runs = false;
     RestartWait(now);
     DropNames();
+    resends_ = kMostResends;
+}
+
+Time Exchange::ResendDue() const {
+    if (resends_ == 0 || !(batch_.runs || (wait_.runs && !waitStands_))) {
+        return Time::max(); // a long poll after an answered one may be held by the server
+    }
+    return (batch_.runs ? batchStarted_ : waitStarted_) + kFirstAnswer;
+}
+
+void Exchange::Resend(Time now) {
+    --resends_;
+    if (batch_.runs) {
+        queue_.Remove(OnBatchDone);
+        batch_.runs = false;
+        batch_.next = now;
+        batchDue_ = true;
+    } else {
+        RenewWait(now);
+    }
 }
 
 void Exchange::Stop() {
@@ -187,11 +216,13 @@ void Exchange::StartBatch(Time now) {
         return;
     }
     batch_.runs = true;
+    batchStarted_ = now;
     ++batches_;
 }
 
 void Exchange::BatchDone(Request& request, Time now) {
     batch_.runs = false;
+    resends_ = 0;
     RELAYD_RET result = request.GetError();
     bool refused = false;
     if (result == RELAYD_RET_SUCCESS) {
@@ -350,6 +381,7 @@ void Exchange::RestartWait(Time now) {
 
 void Exchange::WaitDone(Request& request, Time now) {
     wait_.runs = false;
+    resends_ = 0;
     RELAYD_RET result = request.GetError();
     Json::Value reply;
     if (result == RELAYD_RET_SUCCESS) {

@@ -71,6 +71,9 @@ private:
     static bool OnBatchDone(boost::shared_ptr<Request> request);
     static bool OnWaitDone(boost::shared_ptr<Request> request);
 
+    Time ResendDue() const;
+    void Resend(Time now);
+
     void StartBatch(Time now);
     void BatchDone(Request& request, Time now);
     RELAYD_RET TakeBatchReply(Json::Value& reply, Request& request, bool& refused, Time now);
@@ -98,12 +101,14 @@ private:
 
     Line batch_;
     Json::Value commands_; ///< the batch that was sent last
+    Time batchStarted_{};
     bool batchDue_ = true;
     bool registered_ = false;
 
     Line wait_;
     bool waitStands_ = false; ///< the last long poll was answered well
     Time waitStarted_{};
+    int resends_ = 0; ///< how often a request may still be sent again for lack of an answer
     int revision_ = 0;
     Time lossLookAt_{}; ///< until then a missing service is not asked for again
     Time pace_{};       ///< when the next long poll would go out at the steady pace

@@ -13,7 +13,7 @@
 namespace ZARO::Relay::app {
 
 /// Nothing that the loop does may hold it, but for a log-in. A pass that lasts all the same is
-/// logged with the step that took most of it; the longest time of each step is kept for the dump.
+/// logged with the step that took most of it; the longest times are kept for the dump.
 class PassWatch {
 public:
     /// A step of the pass begins, and the one before it ends. nullptr: the loop waits.
@@ -22,8 +22,7 @@ public:
         const Time now = Clock::now();
         if (step_ != nullptr) {
             const auto took = std::chrono::duration_cast<milliseconds>(now - begun_);
-            milliseconds& longest = longest_[step_];
-            longest = std::max(longest, took);
+            Keep(step_, took);
             pass_ += mayLast_ ? milliseconds(0) : took;
             if (!mayLast_ && took >= most_) {
                 most_ = took;
@@ -38,6 +37,7 @@ public:
     /// The pass is over.
     void Done() {
         Step(nullptr);
+        Keep("a whole pass", pass_);
         if (pass_ >= kTooLong) {
             RELAY_LOG(4, "a pass of the loop took %ld ms, most of it for %s",
                       static_cast<long>(pass_.count()), mostFor_);
@@ -45,7 +45,7 @@ public:
         pass_ = most_ = milliseconds(0);
     }
 
-    /// The longest time of each step, in milliseconds.
+    /// The longest time of each step, and of a pass without what may last, in milliseconds.
     Json::Value Dump() const {
         Json::Value dump;
         for (const auto& [step, longest] : longest_) {
@@ -56,6 +56,11 @@ public:
 
 private:
     static constexpr milliseconds kTooLong{1000};
+
+    void Keep(const char* step, milliseconds took) {
+        milliseconds& longest = longest_[step];
+        longest = std::max(longest, took);
+    }
 
     const char* step_ = nullptr;
     bool mayLast_ = false;

@@ -246,6 +246,11 @@ const auto Ip = [](const std::string& changes) -> Act {
     return [=](Site&) { EXPECT_EQ(system(line.c_str()), 0) << line; };
 };
 
+/// The control server's answer does not wait for a time limit.
+const Act kHears = [](Site& site) {
+    EXPECT_TRUE(Takes("an answer", kNetwork, [&] { return site.Word() == "+web"; }));
+};
+
 const std::string kConfig = Device::kConfig;
 const std::string kHosts = "/usr/zaro/etc/ssh/known_hosts";
 const std::string kSsh = "/usr/zaro/bin/ssh";
@@ -342,6 +347,8 @@ const Row kRows[] = {
     {"ServiceMoves", "", kNew, kNetwork, kServeElsewhere + kReload},
     // The network.
     {"AddressChanges", "", kNew | kAddress, kNetwork, Ip("add 10.9.1.2 del 10.9.0.2"), kWait},
+    {"AddressChangesUnheard", "login +web", kNew | kAddress, kNetwork,
+     On(kControl, kLoses) + Ip("add 10.9.1.2 del 10.9.0.2"), kHeal + kHears},
     {"AddressIsGone", "-web", kNew | kAddress, kNetwork, Ip("del 10.9.0.2"), Ip("add 10.9.1.2")},
     {"OtherAddressComes", "", kAddress | kSecond, kNetwork, Ip("add 10.9.1.2"), kWait},
     {"SecondAddressIsGone", "-web", kNew | kAddress | kSecond, kNetwork, Ip("del 10.9.0.3"),
