@@ -48,8 +48,7 @@ std::string FactoryMac() {
     json::FileText file;
     (void)json::ReadText(paths::MacFile(), file); // no file: no word
     const std::size_t begin = std::min(file.text.find_first_not_of(kBlanks), file.text.size());
-    const std::string word =
-        file.text.substr(begin, file.text.find_first_of(kBlanks, begin) - begin);
+    std::string word = file.text.substr(begin, file.text.find_first_of(kBlanks, begin) - begin);
     if (word.size() == kBareMacLength) {
         return word;
     }
