@@ -38,13 +38,10 @@ struct Onlooker : NoCopy {
                 const auto* event = reinterpret_cast<const inotify_event*>(events + at);
                 at += static_cast<ssize_t>(sizeof *event + event->len);
                 struct stat info = {};
-                if (event->len == 0 || stat((folder + event->name).c_str(), &info) != 0) {
-                    continue; // gone already
-                }
-                if ((info.st_mode & 077) == 0) {
-                    closedFiles += event->name;
-                } else {
-                    openFiles += event->name + ReadFile(folder + event->name);
+                const std::string name = folder + event->name;
+                if (event->len != 0 && stat(name.c_str(), &info) == 0) { // it may have gone
+                    const bool isOpen = (info.st_mode & 077) != 0;
+                    (isOpen ? openFiles : closedFiles) += name + (isOpen ? ReadFile(name) : "");
                 }
             }
         }
