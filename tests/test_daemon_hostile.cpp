@@ -70,7 +70,6 @@ std::vector<Row> Rows() {
                     {{"500", command, Say("[]", 500), line},
                      {"early end", command, HangUpAfter("[{", 1), line},
                      {"endless", command, HangUpAfter(std::string(1 << 20, '['), 4096), line},
-                     {"HTML", command, Say("<html><body>Log in, please</body></html>"), line},
                      {"deep", command, Say(std::string(100000, '[')), line},
                      {"deep object", command, Say("[" + std::string(100000, '{')), line},
                      {"types", command, Say(types), line},

@@ -97,14 +97,8 @@ public:
 
     /// Whether the other side still takes all of it.
     bool Send(const std::string& text) const {
-        ssize_t sent = 0;
-        for (std::size_t done = 0; done < text.size(); done += static_cast<std::size_t>(sent)) {
-            sent = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-            if (sent <= 0) {
-                return false;
-            }
-        }
-        return true;
+        return send(fd, text.data(), text.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(text.size());
     }
     void EndSending() const { shutdown(fd, SHUT_WR); }
 
