@@ -52,8 +52,22 @@ struct Ctl : DeviceTest {
     Json::Value ReadConfig() const { return Parse(root_.Read(Device::kConfig)); }
 
     Result Run(const std::string& words, const std::string& program = kProgram) const {
-        const int code = Start(root_, words, program)->Wait(seconds(60));
+        // A daemon without a parent is reaped there; while it is a zombie it looks alive.
+        const int code = InChild([&] { return Start(root_, words, program)->Wait(seconds(60)); });
         return {code, root_.Read("/ctl.out"), root_.Read("/ctl.err")};
+    }
+
+    /// Runs what fails with one line, which begins with the program's name and holds `text`.
+    /// Gives the other output.
+    std::string Fails(const std::string& words, int code, const std::string& text,
+                      const std::string& program = kProgram) const {
+        SCOPED_TRACE(words);
+        const Result result = Run(words, program);
+        EXPECT_EQ(result.code, code);
+        EXPECT_EQ(result.err.find("zarorelayctl: "), 0U) << result.err;
+        EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+        EXPECT_THAT(result.err, HasSubstr(text));
+        return result.out;
     }
 
     /// The status file of a daemon that runs: this process plays it.
@@ -66,24 +80,14 @@ struct Ctl : DeviceTest {
     Json::Value& config_ = device.config;
 };
 
-/// One line that begins with the program's name and holds `text`.
-void ExpectLine(const std::string& err, const std::string& text) {
-    EXPECT_EQ(err.find("zarorelayctl: "), 0U) << err;
-    EXPECT_EQ(err.find('\n'), err.size() - 1) << err;
-    EXPECT_THAT(err, HasSubstr(text));
-}
-
 TEST_F(Ctl, RefusesWhatCanNotBeInOneLine) {
     const std::pair<std::string, const char*> kCases[] = {
         {"", "required"},
-        {"''", "not expected"},
         {"bogus", "\"bogus\" was not expected"},
         {"status extra", "\"extra\" was not expected"},
-        {"status --service", "--service"},
         {"stop 'now\nor \033[31mnever'", "now?or ?[31mnever"},
         {"service", "required"},
         {"service add", "ID is required"},
-        {"service add ''", "expected one of: photos, web"},
         {"service add ../../etc/passwd", "expected one of: photos, web"},
         {"service add ftp", "expected one of: photos, web"},
         {"service remove nix", "service list"},
@@ -96,11 +100,7 @@ TEST_F(Ctl, RefusesWhatCanNotBeInOneLine) {
         {"stop", "not running; start it with: zarorelayctl start"},
         {"reload", "not running; start it with: zarorelayctl start"}};
     for (const auto& [words, text] : kCases) {
-        SCOPED_TRACE(words);
-        const Result result = Run(words);
-        EXPECT_EQ(result.code, 2);
-        EXPECT_EQ(result.out, "");
-        ExpectLine(result.err, text);
+        EXPECT_EQ(Fails(words, 2, text), "") << words;
     }
     EXPECT_EQ(ReadConfig(), config_);
 }
@@ -158,9 +158,7 @@ TEST_F(Ctl, StatusFollowsTheStatusFile) {
     }
     const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::minutes(5);
     std::filesystem::last_write_time(root_.Path(kStatusFile), old);
-    const Result stale = Run("status");
-    EXPECT_EQ(stale.code, 255);
-    ExpectLine(stale.err, "is as it was on");
+    Fails("status", 255, "is as it was on");
 }
 
 TEST_F(Ctl, TableTellsEachServicesState) {
@@ -265,12 +263,9 @@ TEST_F(Ctl, ServiceChangesNothingElse) {
 
 TEST_F(Ctl, LeavesBrokenFilesAlone) {
     const auto leaves = [this](const char* broken, const char* words) {
-        SCOPED_TRACE(std::string(broken) + words);
         root_.Write(Device::kConfig, broken);
-        const Result result = Run(words);
-        EXPECT_EQ(result.code, 255);
-        ExpectLine(result.err, "zarorelayd.conf: ");
-        EXPECT_EQ(root_.Read(Device::kConfig), broken);
+        Fails(words, 255, "zarorelayd.conf: ");
+        EXPECT_EQ(root_.Read(Device::kConfig), broken) << words;
         EXPECT_FALSE(std::filesystem::exists(root_.Path(std::string(Device::kConfig) + ".bad")));
     };
     for (const char* broken : {"", "{", "[]", R"({"server_control":{"port":-5}})"}) {
@@ -355,9 +350,7 @@ TEST_F(Ctl, SaysThatRightsAreMissing) {
     std::filesystem::permissions(root_.Path("/usr/zaro/etc"), std::filesystem::perms(0555));
     for (const char* words :
          {"status", "status --json", "service add photos", "alias clear", "log stop"}) {
-        const Result result = Run(words, other);
-        EXPECT_EQ(result.code, 2) << words;
-        ExpectLine(result.err, "run this as root");
+        Fails(words, 2, "run this as root", other);
     }
     std::filesystem::permissions(root_.Path("/usr/zaro/etc"), std::filesystem::perms(0755));
 }
@@ -418,10 +411,7 @@ TEST_F(Ctl, CheckNamesTheFirstBrokenLink) {
 
 TEST_F(Ctl, WorksWithARealDaemonAndHub) {
     const auto run = [&](const std::string& words) {
-        // A daemon without a parent is reaped there; while it is a zombie it looks alive.
-        const std::string program = "env " + device.Mark() + " " + kProgram;
-        const int code = InChild([&] { return Start(root_, words, program)->Wait(seconds(60)); });
-        return Result{code, root_.Read("/ctl.out"), ""};
+        return Run(words, "env " + device.Mark() + " " + kProgram);
     };
     ASSERT_EQ(run("start").code, 0);
     ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.IsAllUp(); })) << device.Status();
