@@ -314,7 +314,6 @@ TEST_F(Ctl, ChangesAliasSwitchAndLog) {
     EXPECT_EQ(Run("id").out, "044756784\n");
     EXPECT_EQ(Run("id --verify 044756784").code, 0);
     EXPECT_EQ(Run("id --verify 044756785").code, 1);
-    EXPECT_EQ(Run("version").code, 0);
 }
 
 TEST_F(Ctl, SignalsNoOtherProgramsProcess) {
@@ -418,7 +417,6 @@ TEST_F(Ctl, WorksWithARealDaemonAndHub) {
     const Json::Value status = Parse(run("status --json").out);
     ExpectWholeStatus(status);
     EXPECT_EQ(status["service"][0]["up"], true);
-    EXPECT_EQ(run("status --service web").code, 0);
 
     const Result check = run("check");
     EXPECT_EQ(check.code, 0) << check.out;

@@ -74,11 +74,9 @@ TEST_F(HubControl, RefusesMalformedCommands) {
          {R"("revision":0)", R"("serverID":5,"revision":0)", own + R"("revision":"0")",
           own + R"("revision":-1)", own + R"("revision":0,"tunnels":5)"}}};
     for (const auto& [command, faults] : kRows) {
+        const std::string head = R"([{"version":1,"command":")" + std::string(command) + "\",";
         for (const std::string& members : faults) {
-            EXPECT_EQ(Errnos(device.Post(R"([{"version":1,"command":")" + std::string(command) +
-                                         "\"," + members + "}]")),
-                      "9")
-                << members;
+            EXPECT_EQ(Errnos(device.Post(head + members + "}]")), "9") << members;
         }
     }
     EXPECT_EQ(device.Tunnels().getMemberNames(), std::vector<std::string>{"keep"});

@@ -182,9 +182,8 @@ private:
         stream.ended = got == 0 || (from == 1 && stream.count > faults.limit);
         stream.lost = stream.lost || connection.WayOf(from) == Way::Lose;
         stream.due = Clock::now() + faults.delay;
-        std::string& chunk = stream.chunk;
-        chunk.assign(block, stream.ended || stream.lost ? 0 : got);
-        for (char& c : chunk) {
+        stream.chunk.assign(block, stream.ended || stream.lost ? 0 : got);
+        for (char& c : stream.chunk) {
             c = static_cast<char>(connection.WayOf(from) == Way::Garble ? ~c : c);
         }
     }
