@@ -2,6 +2,8 @@
 #include <atomic>
 #include <future>
 
+#include <boost/algorithm/string/replace.hpp>
+
 #include "tests/test_hub_kit.h"
 
 namespace ZARO::RelayHub {
@@ -17,7 +19,6 @@ TEST_F(HubControl, AnswersEachCommandInOrder) {
     // R, N, S stand for a good register, network and service command.
     const std::pair<const char*, const char*> kRows[] = {
         {"[]", ""},
-        {"[R]", "0"},
         {"[R,N,S]", "0 0 0"},
         {"[N,S,R,N]", "6 6 0 0"},
         {R"([{"version":1,"command":"wait_command"}])", "6"},
@@ -52,6 +53,8 @@ TEST_F(HubControl, RefusesMalformedCommands) {
          {R"("auth":5)", R"("auth":{"serial":5,)" + mac + R"("token":"t"})",
           R"("auth":{"serial":"a b",)" + mac + R"("token":"t"})",
           R"("auth":{"serial":"s","mac":"02:00:4c:00:00","token":"t"})",
+          R"("auth":{"serial":"s","mac":"02:00:4c:00:0000","token":"t"})",
+          R"("auth":{"serial":"s","mac":"02004c00000g","token":"t"})",
           R"("auth":{"serial":"s",)" + mac + R"("token":""})",
           R"("auth":{"serial":"s",)" + mac + R"("token":"t","serverID":9})"}},
         {"update_network",
@@ -71,21 +74,16 @@ TEST_F(HubControl, RefusesMalformedCommands) {
          {R"("revision":0)", R"("serverID":5,"revision":0)", own + R"("revision":"0")",
           own + R"("revision":-1)", own + R"("revision":0,"tunnels":5)"}}};
     for (const auto& [command, faults] : kRows) {
+        const std::string head = R"([{"version":1,"command":")" + std::string(command) + "\",";
         for (const std::string& members : faults) {
-            EXPECT_EQ(Errnos(device.Post(R"([{"version":1,"command":")" + std::string(command) +
-                                         "\"," + members + "}]")),
-                      "9")
-                << members;
+            EXPECT_EQ(Errnos(device.Post(head + members + "}]")), "9") << members;
         }
     }
     EXPECT_EQ(device.Tunnels().getMemberNames(), std::vector<std::string>{"keep"});
 }
 
 TEST_F(HubControl, SurvivesHostileBodies) {
-    std::string objects;
-    for (int i = 0; i < 5000; ++i) {
-        objects += "{\"a\":";
-    }
+    const std::string objects = boost::replace_all_copy(std::string(5000, 'x'), "x", "{\"a\":");
     for (const std::string& body :
          {std::string(), std::string("<html><body>login</body></html>"),
           std::string(R"({"version":1,"command":"register"})"), std::string("\"x\""),
@@ -129,8 +127,10 @@ TEST_F(HubControl, PinsSerialToTokenAndIdToSerial) {
     TestDevice clash(hub_, 1);
     clash.serial = "SERIAL-OTHER";
     EXPECT_EQ(Errnos(clash.Publish("web")), "2 6");
-    clash.mac = "02:00:4C:00:00:02"; // another card: its id is free
-    EXPECT_EQ(Errnos(clash.Publish("web")), "0 0");
+    for (const char* mac : {"02:00:4C:AA:bb:CC", "02-00-4c-aa-bb-cc", "02004CAABBCC"}) {
+        clash.mac = mac; // another card: its id is free
+        EXPECT_EQ(clash.Publish("web")[0]["serverID"], "044756784") << mac;
+    }
     TestDevice other(hub_, 3, "web");
     EXPECT_EQ(Errnos(other.Post("[" + first.WaitCommand(0) + "]")), "2");
 }
@@ -141,9 +141,7 @@ TEST_F(HubControl, TellsTheWayBack) {
         {"relay.example:8443", "relay.example 8443"},
         {"10.0.0.1", "10.0.0.1 80"},
         {"[::1]:99", "[::1] 99"},
-        {"a b", ""},
         {"a/..:80", ""},
-        {"a:", ""},
         {"a:0", ""},
         {"a:65536", ""},
         {"[zz]:1", ""},
@@ -161,7 +159,10 @@ TEST_F(HubControl, TellsTheWayBack) {
     }
 }
 
-TEST_F(HubControl, KeepsTunnelsOfServicesThatStay) {
+TEST_F(HubControl, KeepsTunnelsOfServicesThatStayAndOnlyThose) {
+    hub_.UsePorts(3);
+    hub_.Kill();
+    hub_.Start();
     TestDevice device(hub_, 1, "a,b,c");
     const Json::Value before = device.Tunnels();
     EXPECT_NE(before["a"]["relay_pass"], before["b"]["relay_pass"]);
@@ -169,10 +170,9 @@ TEST_F(HubControl, KeepsTunnelsOfServicesThatStay) {
     ASSERT_EQ(Errnos(device.Publish("b,a,d")), "0 0"); // another order gives other local ports
     const Json::Value after = device.Tunnels();
     EXPECT_EQ(after.getMemberNames(), (std::vector<std::string>{"a", "b", "d"}));
-    EXPECT_EQ(after["a"]["port"], 1001);
-    for (const char* key : {"relay_port", "relay_user", "relay_pass", "relay_ip"}) {
-        EXPECT_EQ(after["a"][key], before["a"][key]);
-    }
+    Json::Value moved = before["a"];
+    moved["port"] = 1001;
+    EXPECT_EQ(after["a"], moved);
     // A list that is refused changes nothing, also right after a registration.
     const std::string bad = R"({"version":1,"command":"update_service","service_add":[{}]})";
     EXPECT_EQ(Errnos(device.Post("[" + device.RegisterCommand() + "," + bad + "]")), "0 9");
@@ -186,21 +186,12 @@ TEST_F(HubControl, KeepsTunnelsOfServicesThatStay) {
     EXPECT_EQ(device.Revision(), revision) << "nothing changed";
     EXPECT_EQ(Errnos(device.Post("[" + TestDevice::Services("service_rm", "a,x") + "]")), "0");
     EXPECT_EQ(device.Tunnels().getMemberNames(), (std::vector<std::string>{"b", "d"}));
+    TestDevice second(hub_, 2);
+    EXPECT_EQ(Errnos(second.Publish("x,y")), "0 11");
+    EXPECT_EQ(second.Tunnels().size(), 0U) << "all or nothing";
+    EXPECT_EQ(Errnos(second.Publish("x")), "0 0");
     EXPECT_EQ(Errnos(device.Post("[" + device.RegisterCommand() + "]")), "0");
     EXPECT_EQ(device.Tunnels().size(), 0U) << "registered without a word on services";
-}
-
-TEST_F(HubControl, RunsOutOfPortsAndRecovers) {
-    TestDevice first(hub_, 1);
-    TestDevice second(hub_, 2);
-    hub_.UsePorts(3);
-    hub_.Kill();
-    hub_.Start();
-    ASSERT_EQ(Errnos(first.Publish("a,b")), "0 0");
-    EXPECT_EQ(Errnos(second.Publish("c,d")), "0 11");
-    EXPECT_EQ(second.Tunnels().size(), 0U) << "all or nothing";
-    EXPECT_EQ(Errnos(first.Publish("a")), "0 0");
-    EXPECT_EQ(Errnos(second.Publish("c,d")), "0 0");
 }
 
 TEST_F(HubControl, KeepsFewSessions) {
@@ -272,23 +263,6 @@ TEST_F(HubControl, ManyHeldRequestsLeaveRoomForOthers) {
     EXPECT_TRUE(IsHeld(held.back())) << "it was not the others' end that made room";
     for (auto& reply : held) {
         EXPECT_EQ(reply.get()["errno"], 0);
-    }
-}
-
-TEST(HubForms, ComputesTheIdOfADevice) {
-    const std::pair<const char*, const char*> kRows[] = {
-        {"02:00:4c:aa:bb:cc", "044756784"},
-        {"02004CAABBCC", "044756784"},
-        {"02-00-4c-aa-bb-cc", "044756784"},
-        {"02:00:4c:00:00:01", "000000005"},
-        {"02:00:4c:ff:ff:ff", "067108860"},
-        {"02:00:4c:aa:bb", ""},
-        {"02:00:4c:aa:bbccc", ""},
-        {"02004CAABBCG", ""},
-        {"", ""},
-    };
-    for (const auto& [mac, id] : kRows) {
-        EXPECT_EQ(ServerIdOf(mac).value_or(""), id) << mac;
     }
 }
 

@@ -16,15 +16,8 @@ const string kPassword = "s3cret-and-long";
 
 Arguments SshLine(const TempRoot& root) {
     root.Write("/tmp/pass", kPassword, 0600);
-    return {kSsh,
-            "-d",
-            root.Path("/tmp/pass"),
-            "-o",
-            "NoneEnabled=yes",
-            "-o",
-            "NoneSwitch=yes",
-            "-NfR40123:localhost:8080",
-            "dev@127.0.0.1"};
+    return Words("-o NoneEnabled=yes -o NoneSwitch=yes -NfR40123:localhost:8080 dev@127.0.0.1",
+                 {kSsh, "-d", root.Path("/tmp/pass")});
 }
 
 TEST(SshClient, RefusesOddCommandLines) {

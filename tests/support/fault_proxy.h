@@ -6,8 +6,8 @@
 
 #include <atomic>
 #include <list>
+#include <memory>
 #include <mutex>
-#include <stdexcept>
 
 #include "tests/support/web_service.h"
 
@@ -18,12 +18,12 @@ enum class Way { Pass, Hold, Lose, Garble };
 
 /// How a path fails; by default it doesn't.
 struct PathFaults {
-    Way up = Way::Pass;        ///< to the target
-    Way down = Way::Pass;      ///< from the target
-    bool refuse = false;       ///< nothing listens; what is connected goes on
-    milliseconds delay{0};     ///< before each chunk of a direction
-    std::size_t chunk = 65536; ///< how many bytes go on at once, at most
-    long limit = -1;           ///< a connection ends after so many bytes from the target
+    Way up = Way::Pass;           ///< to the target
+    Way down = Way::Pass;         ///< from the target
+    bool refuse = false;          ///< nothing listens; what is connected goes on
+    milliseconds delay{0};        ///< before each chunk of a direction
+    std::size_t chunk = 65536;    ///< how many bytes go on at once, at most
+    std::size_t limit = SIZE_MAX; ///< a connection ends when the target says more bytes than that
 };
 constexpr PathFaults kRefuses = {Way::Pass, Way::Pass, true};
 constexpr PathFaults kHolds = {Way::Hold, Way::Hold};
@@ -35,8 +35,8 @@ constexpr PathFaults kGarbles = {Way::Pass, Way::Garble};
 constexpr PathFaults Delays(milliseconds by, std::size_t chunk = 65536) {
     return {Way::Pass, Way::Pass, false, by, chunk};
 }
-constexpr PathFaults EndsAfter(long bytes) {
-    return {Way::Pass, Way::Pass, false, milliseconds(0), 65536, bytes};
+constexpr PathFaults EndsAfter(std::size_t bytes) {
+    return {Way::Pass, Way::Pass, false, milliseconds(0), bytes, bytes};
 }
 
 /// A TCP proxy on a port of its own in front of a port of 127.0.0.1. Its methods may be called from
@@ -44,28 +44,22 @@ constexpr PathFaults EndsAfter(long bytes) {
 class FaultProxy : NoCopy {
 public:
     explicit FaultProxy(int target) : target_(target) {
-        const int on = 1; // connections that have just ended don't keep it from listening again
-        (void)setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
         // A port that was asked for by its number stays ours while nothing listens on it.
-        for (int tries = 0; port_ == 0; ++tries) {
-            const sockaddr_in address = Loopback(Listener().port);
-            const bool bound = bind(listener_, Generic(address), sizeof address) == 0;
-            port_ = bound ? ntohs(address.sin_port) : 0;
-            if (tries > 100) {
-                throw std::runtime_error("no port for a proxy");
-            }
+        while (listener_ == nullptr || listener_->port < 0) {
+            const int port = Listener().port; // somebody else may take it in between
+            listener_ = std::make_unique<Listener>(port);
         }
-        Set();
+        // Those that wait may go between a poll and an accept.
+        (void)fcntl(listener_->fd, F_SETFL, O_NONBLOCK);
         thread_ = std::thread([this] { Run(); });
     }
     ~FaultProxy() {
         Change([this] { stop_ = true; });
         thread_.join();
-        close(listener_);
         close(wake_);
     }
 
-    int Port() const { return port_; }
+    int Port() const { return listener_->port; }
 
     /// The faults from now on; none by default. `alsoNew`: false for a fault of the connections
     /// that stand, while new ones pass.
@@ -76,7 +70,7 @@ public:
                 connection.faults = faults;
             }
             // Only the former answers with a reset, also to those that wait for an accept.
-            (void)(faults_.refuse ? shutdown(listener_, SHUT_RD) : listen(listener_, 64));
+            (void)(faults_.refuse ? shutdown(listener_->fd, SHUT_RD) : listen(listener_->fd, 64));
         });
     }
 
@@ -85,9 +79,8 @@ public:
         Change([&] {
             for (const Connection& connection : connections_) {
                 for (const int fd : connection.fds) {
-                    const linger none = {1, 0};
-                    reset ? setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none)
-                          : shutdown(fd, SHUT_RDWR);
+                    const linger none = {reset, 0};
+                    (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
                 }
             }
             connections_.clear();
@@ -101,7 +94,7 @@ private:
     struct Stream {
         std::string chunk;       ///< what goes on next
         Clock::time_point due{}; ///< when it does
-        long count = 0;
+        std::size_t count = 0;
         bool lost = false;
         bool ended = false; ///< its source has said all
     };
@@ -125,10 +118,6 @@ private:
         PathFaults faults;
     };
 
-    static const sockaddr* Generic(const sockaddr_in& address) {
-        return reinterpret_cast<const sockaddr*>(&address);
-    }
-
     template <class Act> void Change(Act act) {
         const std::lock_guard<std::mutex> lock(mutex_);
         act();
@@ -138,7 +127,7 @@ private:
     void Run() {
         for (std::unique_lock<std::mutex> lock(mutex_); !stop_;) {
             std::vector<pollfd> fds = {{wake_, POLLIN, 0}};
-            fds.push_back({faults_.refuse ? -1 : listener_, POLLIN, 0});
+            fds.push_back({faults_.refuse ? -1 : listener_->fd, POLLIN, 0});
             bool delays = false;
             for (const Connection& connection : connections_) {
                 for (int i = 0; i < 2; ++i) {
@@ -188,25 +177,20 @@ private:
         if (size < 0 && errno == EAGAIN) {
             return;
         }
-        stream.ended = size <= 0;
+        const auto got = static_cast<std::size_t>(std::max<ssize_t>(size, 0));
+        stream.count += got;
+        stream.ended = got == 0 || (from == 1 && stream.count > faults.limit);
         stream.lost = stream.lost || connection.WayOf(from) == Way::Lose;
         stream.due = Clock::now() + faults.delay;
-        std::string& chunk = stream.chunk;
-        chunk.assign(block, stream.ended || stream.lost ? 0 : static_cast<std::size_t>(size));
-        for (char& c : chunk) {
+        stream.chunk.assign(block, stream.ended || stream.lost ? 0 : got);
+        for (char& c : stream.chunk) {
             c = static_cast<char>(connection.WayOf(from) == Way::Garble ? ~c : c);
-        }
-        stream.count += size;
-        if (from == 1 && faults.limit >= 0 && stream.count >= faults.limit) {
-            const auto excess = static_cast<std::size_t>(stream.count - faults.limit);
-            chunk.erase(chunk.size() - std::min(chunk.size(), excess));
-            stream.ended = true;
         }
     }
 
     void Accept() {
         constexpr int kFlags = SOCK_CLOEXEC | SOCK_NONBLOCK;
-        const int client = accept4(listener_, nullptr, nullptr, kFlags);
+        const int client = accept4(listener_->fd, nullptr, nullptr, kFlags);
         if (client < 0) {
             return; // nobody waits
         }
@@ -215,14 +199,13 @@ private:
         connection.fds[0] = client;
         connection.faults = faults_;
         const bool unseen = faults_.up == Way::Lose && faults_.down == Way::Lose;
-        for (Stream& stream : connection.streams) {
-            stream.lost = unseen;
-        }
+        connection.streams[0].lost = connection.streams[1].lost = unseen;
         if (!unseen) {
             const sockaddr_in target = Loopback(target_);
             connection.fds[1] = socket(AF_INET, SOCK_STREAM | kFlags, 0);
             // What comes of it shows when it is read from.
-            (void)connect(connection.fds[1], Generic(target), sizeof target);
+            (void)connect(connection.fds[1], reinterpret_cast<const sockaddr*>(&target),
+                          sizeof target);
         }
         for (const int fd : connection.fds) {
             const int on = 1;
@@ -231,9 +214,8 @@ private:
     }
 
     const int target_;
-    const int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    std::unique_ptr<Listener> listener_;
     const int wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    int port_ = 0;
     std::mutex mutex_;
     bool stop_ = false;
     std::atomic<std::size_t> accepted_ = 0;

@@ -97,23 +97,17 @@ public:
 
     /// Whether the other side still takes all of it.
     bool Send(const std::string& text) const {
-        ssize_t sent = 0;
-        for (std::size_t done = 0; done < text.size(); done += static_cast<std::size_t>(sent)) {
-            sent = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-            if (sent <= 0) {
-                return false;
-            }
-        }
-        return true;
+        return send(fd, text.data(), text.size(), MSG_NOSIGNAL) ==
+               static_cast<ssize_t>(text.size());
     }
     void EndSending() const { shutdown(fd, SHUT_WR); }
 
-    /// What comes until the other side ends, or `size` bytes, or nothing for 20 s.
-    std::string Read(std::size_t size = SIZE_MAX) const {
+    /// What comes until the other side ends, or `size` bytes, or nothing for so many ms.
+    std::string Read(std::size_t size = SIZE_MAX, int wait = 20000) const {
         std::string all;
         char block[65536];
         pollfd ready = {fd, POLLIN, 0};
-        for (ssize_t got = 1; got > 0 && all.size() < size && poll(&ready, 1, 20000) == 1;) {
+        for (ssize_t got = 1; got > 0 && all.size() < size && poll(&ready, 1, wait) == 1;) {
             got = recv(fd, block, std::min(sizeof block, size - all.size()), 0);
             all.append(block, static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
         }
@@ -123,9 +117,7 @@ public:
     /// The next line, without its end; what there is of it when nothing comes for a second.
     std::string Line() const {
         std::string line;
-        pollfd ready = {fd, POLLIN, 0};
-        char c = '\0';
-        while (!refused_ && poll(&ready, 1, 1000) == 1 && recv(fd, &c, 1, 0) == 1 && c != '\n') {
+        for (std::string c = Read(1, 1000); !c.empty() && c != "\n"; c = Read(1, 1000)) {
             line += c;
         }
         return line;
