@@ -7,6 +7,7 @@
 #include <dirent.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -103,10 +104,9 @@ Reachable Probe(int family, const sockaddr* address, socklen_t length) {
 
 } // namespace
 
-bool HasLostAddress(pid_t pid) {
-    const std::set<unsigned long> sockets = SocketsOf(pid);
-    for (const char* name : {"tcp", "tcp6"}) {
-        std::ifstream table("/proc/" + std::to_string(pid) + "/net/" + name);
+LostSockets::LostSockets() {
+    for (const char* name : {"/proc/self/net/tcp", "/proc/self/net/tcp6"}) {
+        std::ifstream table(name);
         std::string line;
         while (std::getline(table, line)) {
             char local[33] = "";
@@ -116,12 +116,20 @@ bool HasLostAddress(pid_t pid) {
             if (sscanf(line.c_str(),
                        " %*d: %32[0-9A-F]:%*x %*32[0-9A-F]:%*x %2x %*s %*s %*s %*s %*s %lu", local,
                        &state, &inode) == 3 &&
-                state == kEstablished && sockets.count(inode) != 0 && !IsOwnAddress(local)) {
-                return true;
+                state == kEstablished && !IsOwnAddress(local)) {
+                inodes_.insert(inode);
             }
         }
     }
-    return false;
+}
+
+bool LostSockets::Has(pid_t pid) const {
+    if (inodes_.empty()) {
+        return false;
+    }
+    const std::set<unsigned long> own = SocketsOf(pid);
+    return std::any_of(own.begin(), own.end(),
+                       [this](unsigned long inode) { return inodes_.count(inode) != 0; });
 }
 
 int LocalPort(const ServiceConf& service) {

@@ -3,13 +3,22 @@
 
 #include <sys/types.h>
 
+#include <set>
+
 #include <zarorelayd/config.h>
 
 namespace ZARO::Relay::app {
 
-/// Whether a process has an established connection whose local address is none of this machine's
-/// any more. False when that can't be told.
-bool HasLostAddress(pid_t pid);
+/// The established connections whose local address is none of this machine's any more, read once
+/// for all the processes that are asked about. Empty when that can't be told.
+class LostSockets {
+public:
+    LostSockets();
+    bool Has(pid_t pid) const;
+
+private:
+    std::set<unsigned long> inodes_;
+};
 
 /// Whether a local service accepts connections on a port of this machine.
 enum class Reachable { Yes, Refuses, Unknown };

@@ -1,6 +1,7 @@
 #include "app/exchange.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <list>
 #include <set>
@@ -35,10 +36,16 @@ constexpr int kMostResends = 3;
 constexpr milliseconds kPollPace{500};
 constexpr int kPollsFree = 40;
 /// How long the loop may wait for a command line that changes the configuration file.
-constexpr milliseconds kFilePatience{300};
+constexpr milliseconds kFilePatience{100};
 constexpr seconds kBetweenLosses{600};
 
 Exchange* gExchange = nullptr;
+
+/// Whether another program keeps the lock. One that can't be had for another reason, such as a file
+/// of root's, is no reason not to write.
+bool IsHeldByOther(ConfigLock& lock) {
+    return !lock.Take(kFilePatience) && errno == EWOULDBLOCK;
+}
 
 const std::string& HostOf(const ServerConf& server) {
     return server.host.empty() ? server.ip : server.host;
@@ -263,10 +270,9 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
         const Json::Value* id = registered ? FindMember(reply[0U], "serverID") : nullptr;
         ConfigLock lock;
         Json::Value config;
-        std::string fault = ConfigLock::Path() + ": held by another program, or out of reach";
+        std::string fault = ConfigLock::Path() + ": held by another program";
         if (id != nullptr && id->isString() &&
-            (!lock.Take(kFilePatience) ||
-             !ReadConfigFile(paths::ConfigFile(), true, config, fault))) {
+            (IsHeldByOther(lock) || !ReadConfigFile(paths::ConfigFile(), true, config, fault))) {
             RELAY_LOG(4, "the server id is not written: %s", fault.c_str());
             conf_.serverID = id->asString();
             reply[0U].removeMember("serverID");

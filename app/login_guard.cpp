@@ -42,9 +42,9 @@ pid_t ParentOf(int proc, const char* process) {
     return name != nullptr && strlen(name) > 4 ? NumberAt(name + 4) : 0;
 }
 
-/// Asks every child to end; a stop ends them all in any case. A signal handler may not use readdir,
+/// Signals every child; a stop ends them all in any case. A signal handler may not use readdir,
 /// which takes memory, and not every kernel has a list of children in /proc.
-void EndChildren() {
+void SignalChildren(int signal) {
     const UniqueFd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     alignas(dirent64) char entries[4096];
     for (long size = 1; size > 0;) {
@@ -53,7 +53,7 @@ void EndChildren() {
             const auto* entry = reinterpret_cast<const dirent64*>(entries + at);
             const pid_t process = NumberAt(entry->d_name);
             if (process > 0 && ParentOf(proc.Get(), entry->d_name) == gDaemon) {
-                (void)kill(process, SIGTERM);
+                (void)kill(process, signal);
             }
             at += entry->d_reclen;
         }
@@ -74,18 +74,19 @@ void OnStopSignal(int signal) {
     gFormer[signal].sa_handler(signal);
     gStopRequested = 1;
     if (gLoginRuns != 0) {
-        EndChildren();
+        SignalChildren(SIGTERM);
         alarm(1);
     }
     errno = saved;
 }
 
-/// A client that was only being started when the stop came has missed the first signal.
+/// A client that was only being started when the stop came has missed the first signal, and one
+/// that hangs or was stopped does not act on it.
 void OnAlarm(int) {
     EndIfClient();
     const int saved = errno;
     if (gLoginRuns != 0) {
-        EndChildren();
+        SignalChildren(SIGKILL);
         alarm(1);
     }
     errno = saved;

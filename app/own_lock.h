@@ -26,7 +26,4 @@ private:
     UniqueFd fd_;
 };
 
-/// Whether somebody may hold the lock on that file. True also when this user may not ask.
-bool MayBeLocked(const std::string& path);
-
 } // namespace ZARO::Relay::app

@@ -7,10 +7,11 @@
 
 namespace ZARO::Relay::app {
 
-/// A tunnel that had stood is rebuilt at once, however often it is lost. Everything else waits up
-/// to a fifth of the time that the trouble has lasted so far: the device is away hardly longer than
-/// its relay was, and a relay that stays away, or refuses, is asked less and less often. The waits
-/// are random, so that many devices that lost the same relay do not come back in step.
+/// A tunnel that had stood is rebuilt at once, however often it is lost. After a log-in that
+/// failed, and after one whose tunnel did not stand, the wait grows with the time that this has
+/// gone on: a relay that was away for a moment is used soon after its return, and one that stays
+/// away, or refuses, is asked less and less often. The waits are random, so that many devices that
+/// lost the same relay do not come back in step.
 class Pace {
 public:
     Time Next() const { return next_; }
@@ -19,7 +20,7 @@ public:
 
     /// What was wrong is over, as far as is known: the next log-in begins within `spread` of now.
     void StartOver(Time now, milliseconds spread) {
-        failingSince_ = flappingSince_ = Time();
+        Stood();
         if (next_ > now + spread) { // else it does already
             next_ = now + Backoff::Random(milliseconds(0), spread);
         }
@@ -28,15 +29,15 @@ public:
     /// The next log-in begins at that time, whatever was said before.
     void ComeAt(Time next) { next_ = next; }
 
-    void LoggedIn(Time now) {
-        upSince_ = now;
-        failingSince_ = Time();
-    }
+    void LoggedIn(Time now) { upSince_ = now; }
+
+    /// The tunnel stands: what was before does not count any more.
+    void Stood() { failingSince_ = flappingSince_ = Time(); }
 
     /// The tunnel is down; false when it had hardly been up.
     bool Lost(Time now) {
         if (now >= SteadyFrom()) {
-            flappingSince_ = Time();
+            Stood();
             next_ = now;
             return true;
         }
@@ -47,8 +48,9 @@ public:
     /// The log-in that began then has failed by now.
     void Failed(Time begun, Time now) {
         const Time next = begun + Wait(failingSince_, begun, now, kTry, kLongestTry);
-        // The loop has a moment for everything else. What lasts longer than the client waits for a
-        // connection is an overload, here or at the relay, which trying again soon would keep up.
+        // There is always a pause, in which the loop does everything else. What lasts longer than
+        // the client waits for a connection is an overload, here or at the relay, which trying
+        // again soon would keep up.
         const auto took = std::chrono::duration_cast<milliseconds>(now - begun);
         const milliseconds pause = took > kSlow ? took : kPause;
         next_ = std::max({next_, next, now + Backoff::Random(pause / 4, pause)});
@@ -56,8 +58,9 @@ public:
 
 private:
     static constexpr seconds kSteady{1};
-    /// A relay that is away for 10 s is in use again within 3 s, so the windows stay below that for
-    /// as long; those of a flapping tunnel do always, since its relay may go as well.
+    /// A relay that was away for up to 10 s is to be in use again within 3 s. So the windows stay
+    /// below that in the first 10 s of an outage, and always for a tunnel that does not stand: its
+    /// relay may go at any time.
     static constexpr milliseconds kTry{2000};
     static constexpr milliseconds kLongestTry{60000};
     static constexpr milliseconds kFlap{500};
@@ -65,8 +68,9 @@ private:
     static constexpr milliseconds kPause{500};
     static constexpr milliseconds kSlow{6000};
 
-    /// A wait from the upper half of the window, but from all of it the first time: devices that
-    /// tried at the same instant are spread first.
+    /// Draws a wait from a window of a fifth of the time since `since`. The first one comes from
+    /// the whole window, since many devices may have begun at the same instant; later ones come
+    /// from its upper half.
     static milliseconds Wait(Time& since, Time begun, Time now, milliseconds least,
                              milliseconds most) {
         const bool first = since == Time();
@@ -78,8 +82,8 @@ private:
 
     Time next_{};
     Time upSince_{};
-    Time failingSince_{};  ///< of log-ins that failed in a row
-    Time flappingSince_{}; ///< of tunnels that hardly stood, in a row
+    Time failingSince_{};  ///< when the first log-in failed since the tunnel stood
+    Time flappingSince_{}; ///< when the tunnel was first lost at once since it stood
 };
 
 } // namespace ZARO::Relay::app

@@ -4,22 +4,25 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
-
-#include <libdaemon/dpid.h>
 
 #include <zarorelayd/daemon.h>
 
 #include "daemon/log.h"
+#include "platform/paths.h"
 
 namespace ZARO::Relay::app {
 
 namespace {
 
-/// A command line that asks holds the lock for an instant, and another start writes its process id
-/// within that time.
+/// A command line that asks holds the lock for an instant.
 constexpr milliseconds kPatience{100};
+constexpr const char* kDaemon = "zarorelayd";
+/// Behind the PID file's name, whose own ending is ".pid".
+constexpr const char* kLockEnding = ".lock";
 constexpr std::size_t kShortName = 15; // bytes
 
 /// The first 15 bytes of a process's name.
@@ -31,10 +34,49 @@ std::string ShortName(const std::string& process) {
 }
 
 /// The process id in the PID file; 0 when it has none.
-long ReadPid() {
+pid_t ReadPid() {
     std::ifstream file(Daemon::GetPidFile());
-    long pid = 0;
+    pid_t pid = 0;
     return file >> pid ? pid : 0;
+}
+
+/// The lock file that a process has open, as a daemon does for its life; empty for none, and when
+/// this user may not look.
+std::string LockHeldBy(const std::string& process) {
+    std::error_code error; // the process may end meanwhile
+    const std::string ending = std::string(".pid") + kLockEnding;
+    std::filesystem::directory_iterator entry("/proc/" + process + "/fd", error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        std::error_code closed;
+        const std::string path = std::filesystem::read_symlink(*entry, closed);
+        if (path.size() > ending.size() &&
+            path.compare(path.size() - ending.size(), ending.size(), ending) == 0) {
+            return path;
+        }
+    }
+    return "";
+}
+
+bool IsSameFile(const std::string& one, const std::string& other) {
+    std::error_code missing;
+    return std::filesystem::equivalent(one, other, missing);
+}
+
+/// Whether a process was told another root than ours on its command line. It tells no root that was
+/// given in another way.
+bool WasToldAnotherRoot(const std::string& process) {
+    std::ifstream file("/proc/" + process + "/cmdline");
+    const std::string option = "--root";
+    std::string root;
+    for (std::string word; std::getline(file, word, '\0');) {
+        if (word == option) {
+            std::getline(file, root, '\0');
+        } else if (word.compare(0, option.size() + 1, option + "=") == 0) {
+            root = word.substr(option.size() + 1);
+        }
+    }
+    const std::string own = paths::Root().empty() ? "/" : paths::Root();
+    return !root.empty() && root[0] == '/' && !IsSameFile(root, own);
 }
 
 } // namespace
@@ -62,22 +104,39 @@ bool RunsProgram(const std::string& process, const std::string& program) {
 }
 
 std::string InstanceLockFile() {
-    return std::string(Daemon::GetPidFile()) + ".lock";
+    return std::string(Daemon::GetPidFile()) + kLockEnding;
+}
+
+bool IsDaemonOfThisRoot(pid_t process) {
+    const std::string name = std::to_string(process);
+    if (process <= 0 || process == getpid() || access(("/proc/" + name).c_str(), F_OK) != 0 ||
+        !RunsProgram(name, kDaemon)) {
+        return false;
+    }
+    const std::string lock = LockHeldBy(name);
+    return lock.empty() ? !WasToldAnotherRoot(name) : IsSameFile(lock, InstanceLockFile());
 }
 
 bool BecomeTheOnlyOne(OwnLock& lock) {
-    if (lock.Take(kPatience)) {
-        if (unlink(Daemon::GetPidFile()) == 0) {
-            RELAY_LOG(5, "removed the stale PID file [%s]", Daemon::GetPidFile());
-        }
-        return true;
+    const bool locked = lock.Take(kPatience);
+    const int error = errno;
+    const pid_t named = ReadPid();
+    if (!locked && error == EWOULDBLOCK) {
+        RELAY_LOG(3, "Daemon already running on PID file %d", named);
+        return false;
     }
-    // Where no file can be locked, which is no reason not to run, the PID file has to do.
-    const long other = errno == EWOULDBLOCK ? ReadPid() : daemon_pid_file_is_running();
-    if (other >= 0) {
-        RELAY_LOG(3, "Daemon already running on PID file %ld", other);
+    if (!locked) { // no reason not to run
+        RELAY_LOG(4, "no lock on [%s], %s", InstanceLockFile().c_str(), strerror(error));
     }
-    return other < 0;
+    // The lock is free for one that could not take it, or was begun before there was a lock.
+    if (IsDaemonOfThisRoot(named)) {
+        RELAY_LOG(3, "Daemon already running on PID file %d", named);
+        return false;
+    }
+    if (unlink(Daemon::GetPidFile()) == 0) {
+        RELAY_LOG(4, "removed the stale PID file [%s]", Daemon::GetPidFile());
+    }
+    return true;
 }
 
 } // namespace ZARO::Relay::app

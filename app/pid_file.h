@@ -1,6 +1,8 @@
 /// What tells a running daemon of this root from what a killed one left.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "app/own_lock.h"
@@ -15,9 +17,12 @@ std::string ProgramOf(const std::string& process);
 /// name can.
 bool RunsProgram(const std::string& process, const std::string& program);
 
-/// The file that a running daemon holds locked. A PID file without that is stale: its number may be
-/// another program's by now, or the daemon's of another root.
+/// The file that a running daemon holds locked.
 std::string InstanceLockFile();
+
+/// Whether a process is a daemon of this root: by the lock file that it has open; or, for one that
+/// has none, or may not be looked at, unless its command line names another root.
+bool IsDaemonOfThisRoot(pid_t process);
 
 /// Takes the lock on that file for a daemon that starts, and removes the PID file that a killed
 /// predecessor left: after a power cut the daemon must start by itself. False, with the reason

@@ -21,6 +21,12 @@ constexpr milliseconds kSpread{2000};
 /// so long for the others to show.
 constexpr milliseconds kTogether{1000};
 constexpr milliseconds kShows{100};
+/// A log-in that fails after this long failed by a time-out.
+constexpr seconds kSilent{3};
+/// After a log-in that failed the loop is free for as long as that held it, so that many refused
+/// tunnels do not keep it from everything else; but no longer than this.
+constexpr seconds kLongestFree{1};
+constexpr seconds kBetweenLosses{60};
 /// More than any device publishes.
 constexpr Json::ArrayIndex kMostTunnels = 256;
 /// How many refusals of one reply are logged.
@@ -111,6 +117,9 @@ void TunnelKeeper::Notice(Time now) {
 }
 
 void TunnelKeeper::StartDue(Time now) {
+    if (now < freeUntil_) {
+        return;
+    }
     Tunnel* next = nullptr;
     Time earliest = Time::max();
     for (Tunnel& tunnel : tunnels_) {
@@ -134,8 +143,13 @@ void TunnelKeeper::NoticeEnded(Time now) {
         const std::string& id = tunnel.GetServiceId();
         Upkeep& upkeep = upkeep_[id];
         upkeep.since = Beginning();
+        upkeep.stands = false;
         if (upkeep.pace.Lost(now)) {
-            RELAY_LOG(4, "tunnel of %s is down, rebuilding it", id.c_str());
+            // A line that breaks again and again is told of once a minute.
+            const bool told =
+                upkeep.lossToldAt != Time() && now - upkeep.lossToldAt < kBetweenLosses;
+            upkeep.lossToldAt = told ? upkeep.lossToldAt : now;
+            RELAY_LOG(told ? 6 : 4, "tunnel of %s is down, rebuilding it", id.c_str());
             SpreadLost(id, upkeep.pace, now);
         } else {
             Troubled(upkeep, id, "does not stand");
@@ -143,12 +157,20 @@ void TunnelKeeper::NoticeEnded(Time now) {
     }
 }
 
-/// The end of a trouble is told when a tunnel stands, not each time that it is up for a moment.
+/// A trouble has ended when a tunnel stands, not each time that it is up for a moment.
 void TunnelKeeper::NoticeSteady(Time now) {
     for (const Tunnel& tunnel : tunnels_) {
         Upkeep& upkeep = upkeep_[tunnel.GetServiceId()];
-        if (upkeep.troubled && tunnel.GetStatus() == TUNNEL_STATUS_READY &&
-            now >= upkeep.pace.SteadyFrom()) {
+        if (upkeep.stands || tunnel.GetStatus() != TUNNEL_STATUS_READY ||
+            now < upkeep.pace.SteadyFrom()) {
+            continue;
+        }
+        upkeep.stands = true;
+        upkeep.pace.Stood();
+        for (Pace* other : OthersWithoutRelay(tunnel)) {
+            other->StartOver(now, kSpread);
+        }
+        if (upkeep.troubled) {
             upkeep.troubled = false;
             RELAY_LOG(4, "tunnel of %s works again", tunnel.GetServiceId().c_str());
         }
@@ -185,14 +207,20 @@ void TunnelKeeper::EndDropped(Time now) {
 void TunnelKeeper::Start(Tunnel& tunnel) {
     const std::string id = tunnel.GetServiceId();
     Upkeep& upkeep = upkeep_[id];
+    const TUNNEL_STATUS before = tunnel.GetStatus();
     const Time begun = Clock::now();
     const bool good = LogIn(tunnel);
     const Time now = Clock::now();
-    upkeep.since = Beginning();
+    if (tunnel.GetStatus() != before) {
+        upkeep.since = Beginning();
+    }
     if (!good) {
         upkeep.pace.Failed(begun, now);
-        for (Pace* other : OthersWithoutRelay(tunnel)) {
-            other->Failed(now, now);
+        freeUntil_ = now + std::min<Clock::duration>(now - begun, kLongestFree);
+        if (now - begun >= kSilent) {
+            for (Pace* other : OthersWithoutRelay(tunnel)) {
+                other->Failed(now, now);
+            }
         }
         Troubled(upkeep, id, "could not be built");
         return;
@@ -200,9 +228,6 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
     upkeep.pace.LoggedIn(now);
     ++upkeep.starts;
     RELAY_LOG(6, "tunnel of %s is up", id.c_str());
-    for (Pace* other : OthersWithoutRelay(tunnel)) {
-        other->StartOver(now, kSpread);
-    }
 }
 
 bool TunnelKeeper::LogIn(Tunnel& tunnel) {
@@ -233,9 +258,9 @@ void TunnelKeeper::Troubled(Upkeep& upkeep, const std::string& id, const char* h
     upkeep.troubled = true;
 }
 
-/// The other tunnels to the same relay when none of them is up either. What one of them finds there
-/// holds for all: a relay that is away is asked by one at a time, and a silent one holds the loop
-/// for one log-in at a time.
+/// The other tunnels to the same relay, if none of them is up. A relay that does not even refuse
+/// holds the loop for a whole log-in, so they wait as well instead of trying one after the other;
+/// and one that has come back has come back for all of them.
 std::vector<Pace*> TunnelKeeper::OthersWithoutRelay(const Tunnel& tunnel) {
     const std::string host = RelayOf(tunnel);
     std::vector<Pace*> others;
@@ -259,8 +284,8 @@ Time TunnelKeeper::NextDue() const {
             continue;
         }
         if (tunnel.GetStatus() != TUNNEL_STATUS_READY) {
-            due = std::min(due, upkeep->second.pace.Next());
-        } else if (upkeep->second.troubled) {
+            due = std::min(due, std::max(upkeep->second.pace.Next(), freeUntil_));
+        } else if (!upkeep->second.stands) {
             due = std::min(due, upkeep->second.pace.SteadyFrom());
         }
     }
@@ -294,9 +319,10 @@ void TunnelKeeper::DropWithdrawn(const std::list<ServiceConf>& services, Time no
 }
 
 void TunnelKeeper::DropLostAddresses(Time now) {
+    const LostSockets lost;
     for (Tunnel& tunnel : tunnels_) {
         const pid_t pid = PidOf(tunnel);
-        if (pid > 0 && HasLostAddress(pid)) {
+        if (pid > 0 && lost.Has(pid)) {
             RELAY_LOG(5, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
             tunnel.Destroy();
         }

@@ -75,6 +75,8 @@ private:
         Pace pace;
         Beginning since; ///< of its state
         int starts = 0;
+        Time lossToldAt{};        ///< when a loss was last logged as a warning
+        bool stands = false;      ///< it has been up for a while
         bool troubled = false;    ///< it can't log in or does not stand, which the log has told
         bool relayAnswers = true; ///< what the server said last about the relay's own port
     };
@@ -97,6 +99,7 @@ private:
     ChildWatch children_;
     std::string lost_; ///< whose tunnel was lost last
     Time lostAt_{};
+    Time freeUntil_{};              ///< until then no log-in holds the loop
     std::set<std::string> refused_; ///< what the last reply was refused for, to log it once
 };
 

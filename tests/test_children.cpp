@@ -41,5 +41,5 @@ TEST(Children, OnAnIPv6AddressHaveNotLostIt) {
     }
     EXPECT_EQ(listen(server.fd, 1) + getsockname(server.fd, generic, &size), 0);
     EXPECT_EQ(connect(client.fd, generic, size), 0);
-    EXPECT_FALSE(app::HasLostAddress(getpid()));
+    EXPECT_FALSE(app::LostSockets().Has(getpid()));
 }

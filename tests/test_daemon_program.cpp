@@ -120,6 +120,13 @@ TEST_F(DaemonProgram, StartsOverAStalePidFile) {
         device.Daemon().Signal(SIGKILL);
         device.Daemon().Wait(seconds(10));
     }
+    device.root.Write("/zarorelayd", "#!/usr/bin/tail -f\n", 0755); // begun before there was a lock
+    const Process former({device.root.Path("/zarorelayd")});
+    const std::string process = std::to_string(former.Pid());
+    EXPECT_TRUE(WaitFor([&] { return ReadFile("/proc/" + process + "/comm") == "zarorelayd\n"; }));
+    device.root.Write(Device::kPidFile, process);
+    EXPECT_THAT(Outcome(device, ""), StartsWith("1 "));
+    EXPECT_EQ(device.root.Read(Device::kPidFile), process);
 }
 
 TEST_F(DaemonProgram, AnswersTheCommandLine) {

@@ -61,8 +61,7 @@ Presence FindDaemon() {
         return Presence::None;
     }
     const bool known = permitted || !app::ProgramOf(std::to_string(pid)).empty();
-    if (known && (!app::RunsProgram(std::to_string(pid), kDaemon) ||
-                  !app::MayBeLocked(app::InstanceLockFile()))) {
+    if (known && !app::IsDaemonOfThisRoot(static_cast<pid_t>(pid))) {
         return Presence::Foreign;
     }
     return permitted ? Presence::Running : Presence::NotPermitted;
