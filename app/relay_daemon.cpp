@@ -206,8 +206,8 @@ void RelayDaemon::ReloadByUser() {
 }
 
 bool RelayDaemon::Reload() {
-    // For the library a broken or missing file means the defaults, without services; a typo,
-    // pen, or an editor that is just replacing the file, must not end every tunnel.
+    // For the library a broken or missing file means the defaults, without services; a typo, or an
+    // editor that is just replacing the file, must not end every tunnel.
     bool unusable = false;
     const std::string path = paths::ConfigFile();
     const auto faults = CheckReload(path, !hasFile_, unusable);
