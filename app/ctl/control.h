@@ -16,9 +16,8 @@ enum class Presence {
     Foreign,      ///< the PID file is stale: its number is another program's, or another root's
 };
 
-/// Looks at the PID file, at the process that it names, and at the lock that a running daemon
-/// holds. The library's own calls would signal whatever process has that number, so this is asked
-/// before each of them.
+/// Looks at the PID file and at the process that it names. The library's own calls would signal
+/// whatever process has that number, so this is asked before each of them.
 Presence FindDaemon();
 
 int Start();
