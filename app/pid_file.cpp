@@ -48,7 +48,7 @@ std::string LockHeldBy(const std::string& process) {
     std::filesystem::directory_iterator entry("/proc/" + process + "/fd", error);
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         std::error_code closed;
-        const std::string path = std::filesystem::read_symlink(*entry, closed);
+        std::string path = std::filesystem::read_symlink(*entry, closed);
         if (path.size() > ending.size() &&
             path.compare(path.size() - ending.size(), ending.size(), ending) == 0) {
             return path;

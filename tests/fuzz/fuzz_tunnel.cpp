@@ -25,7 +25,7 @@ void Fuzz(const std::string& input) {
     }
     if (app::CheckTunnel(object, {tunnel.GetServiceConf()}, checked, why)) {
         assert(json::Get(checked, "relay_user", user) && json::Get(checked, "relay_ip", host));
-        const std::string way = ssh::Arguments(name, {user, host, 1, 2}).back();
+        const std::string way = ssh::Client(name, {user, host, 1, 2}).Destination();
         assert(Tunnel(checked).IsValid() && way[0] != '-' && way.find('@') == way.rfind('@'));
         assert(way.find_first_of(std::string(" \t\r\n\0", 5)) == std::string::npos);
     }
