@@ -4,9 +4,11 @@
 
 #include <sys/resource.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <zarorelayd/daemon.h>
@@ -365,6 +367,30 @@ void EnterNetwork() {
               0);
 }
 
+/// How long the machine keeps a program from running, seen by one that does nothing but look.
+class Stalls : NoCopy {
+public:
+    ~Stalls() {
+        ends_ = true;
+        thread_.join();
+    }
+    int LongestMs() const { return longest_; }
+
+private:
+    void Look() {
+        while (!ends_) {
+            const auto start = Clock::now();
+            poll(nullptr, 0, 5);
+            const auto took = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+            longest_ = std::max(longest_.load(), static_cast<int>(took.count()));
+        }
+    }
+
+    std::atomic<bool> ends_{false};
+    std::atomic<int> longest_{0};
+    std::thread thread_{[this] { Look(); }};
+};
+
 struct Faults : testing::TestWithParam<Row> {};
 
 TEST_P(Faults, Heal) {
@@ -375,6 +401,7 @@ TEST_P(Faults, Heal) {
         ASSERT_NO_FATAL_FAILURE(EnterNetwork());
     }
     Site site(row.kind);
+    const Stalls stalls;
     Device& device = site.device;
     const std::string good = (row.kind & kPhoto) != 0 ? "+web+photo" : "+web";
     device.Start();
@@ -412,7 +439,7 @@ TEST_P(Faults, Heal) {
               << " attempts, " << passes << " passes, steps " << Compact(steps) << std::endl;
     for (const std::string& step : steps.getMemberNames()) {
         if (inMemory && step != "a log-in") {
-            EXPECT_LE(steps[step].asInt(), kLongestStep) << step;
+            EXPECT_LE(steps[step].asInt(), kLongestStep + stalls.LongestMs()) << step;
         }
     }
     // Whatever it went through, it hears of a change and acts on it.
