@@ -67,6 +67,7 @@ bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, jso
             MoveAside(path, file);
         }
     } catch (const std::bad_alloc&) { // it says nothing about the file
+        out = Json::Value();          // which may be half read
         readable = false;
         errno = ENOMEM;
     }

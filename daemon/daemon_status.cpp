@@ -68,8 +68,8 @@ bool UserOf(pid_t process, uid_t& user) {
            sscanf(file.text.c_str() + at + key.size(), "%*u %u", &user) == 1;
 }
 
-/// Whether a file that anybody could have made is the daemon's: root's, the asker's or the folder's
-/// owner's is, and that of the user whose process it names.
+/// Whether to believe a status file, which anybody could have made: its owner must be root, the
+/// asker, the folder's owner, or the user of the process that the file names.
 bool IsDaemons(const std::string& path, const json::FileText& file, const Json::Value& status) {
     struct stat folder = {};
     uid_t user = 0;

@@ -135,7 +135,10 @@ TEST_F(ConfigFileTest, DropsAnIdOnlyWhenItIsForeign) {
     EXPECT_FALSE(conf.serverIdCleared);
     Json::Value out;
     WithEachAllocationFailing([&] { RelaydConf::ReadJsonFile(conf.path, out); },
-                              [&] { ASSERT_TRUE(fs::exists(conf.path)); });
+                              [&] {
+                                  ASSERT_TRUE(fs::exists(conf.path));
+                                  ASSERT_TRUE(out.isNull() || out["serverID"] == "044756784");
+                              });
 }
 
 TEST_F(ConfigFileTest, DropsAForeignServerIdAndTellsOnce) {
