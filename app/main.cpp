@@ -80,7 +80,7 @@ void PrepareProcess() {
     (void)setenv("PATH", (paths::ProgramDir() + ":" + others).c_str(), 1);
 }
 
-/// Tells the command that waits in the foreground how the start went, if one still does.
+/// Tells the waiting command in the foreground, if there is one, how the start went.
 void TellStarter(int code) {
     (void)daemon_retval_send(code);
 }
@@ -100,7 +100,7 @@ int Serve(const RelaydConf& conf) {
     bool good = false;
     {
         app::RelayDaemon daemon(conf);
-        TellStarter(0); // only now: who has seen the start succeed finds the status
+        TellStarter(0); // only now, when the status is there to be read
         good = daemon.Run();
     }
     daemon_signal_done();

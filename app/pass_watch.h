@@ -12,12 +12,12 @@
 
 namespace ZARO::Relay::app {
 
-/// Nothing that the loop does may hold it, but for a log-in. A pass that lasts all the same is
-/// logged with the step that took most of it; the longest times are kept for the dump.
+/// Only a log-in may hold the loop. Any other pass that takes long is logged with the step that
+/// took most of it; the longest times are kept for the dump.
 class PassWatch {
 public:
     /// A step of the pass begins, and the one before it ends. nullptr: the loop waits.
-    /// `mayLast`: it is no part of the pass.
+    /// `mayLast`: its time does not count for the pass.
     void Step(const char* name, bool mayLast = false) {
         const Time now = Clock::now();
         if (step_ != nullptr) {

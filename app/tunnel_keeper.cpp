@@ -17,8 +17,8 @@ namespace {
 /// A relay that is lost is lost to all its devices: within this time they come back one by one, so
 /// that it is not overrun when it has just started.
 constexpr milliseconds kSpread{2000};
-/// Tunnels that are lost so soon after each other have lost their relay; the first of them waits
-/// so long for the others to show.
+/// Tunnels that are lost within this time of each other have lost their relay. The first of them
+/// waits a moment, to see whether others follow.
 constexpr milliseconds kTogether{1000};
 constexpr milliseconds kShows{100};
 /// A log-in that fails after this long failed by a time-out.

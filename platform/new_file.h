@@ -1,4 +1,4 @@
-/// The steps that everybody has in common who replaces a file by a new one. For one thread.
+/// The steps of replacing a file by a new one. For one thread.
 #pragma once
 
 #include <string>
