@@ -24,7 +24,8 @@ target_compile_definitions(test_c_api
 # The library's own objects, so that the linker can lead their calls to the test.
 zaro_test(test_torture TIMEOUT 180
     SOURCES test_torture.cpp $<TARGET_OBJECTS:zarorelayd_lib> $<TARGET_OBJECTS:zaro_platform>
-        $<TARGET_OBJECTS:zaro_app>
+        $<TARGET_OBJECTS:zaro_app_common>
+        $<TARGET_OBJECTS:zaro_app_daemon>
     LIBRARIES zaro::files PkgConfig::JSONCPP PkgConfig::CURL PkgConfig::DAEMON ${web})
 target_include_directories(test_torture PRIVATE
     ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR}/platform/include)

@@ -18,11 +18,11 @@ foreach(source test_daemon_program.cpp test_daemon_faults.cpp test_daemon_hostil
 endforeach()
 
 zaro_test(test_torn_files SOURCES test_torn_files.cpp TIMEOUT 180
-    LIBRARIES zaro_app zaro::platform Threads::Threads
+    LIBRARIES zaro_app_daemon zaro::platform Threads::Threads
     DEPENDS zarorelayd zarorelay-hub zaro_ssh)
 target_compile_definitions(test_torn_files PRIVATE
     ZARO_DAEMON="$<TARGET_FILE:zarorelayd>"
     ZARO_HUB="$<TARGET_FILE:zarorelay-hub>"
     ZARO_DEVICE_BIN="${CMAKE_BINARY_DIR}/device-bin")
 
-zaro_test(test_children SOURCES test_children.cpp LIBRARIES zaro_app zaro::platform)
+zaro_test(test_children SOURCES test_children.cpp LIBRARIES zaro_app_daemon zaro::platform)

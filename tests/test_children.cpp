@@ -1,8 +1,8 @@
 /// What the daemon knows of the processes that it holds.
 #include <sys/resource.h>
 
-#include "app/child_watch.h"
-#include "app/connections.h"
+#include "app/daemon/child_watch.h"
+#include "app/daemon/lost_sockets.h"
 #include "tests/support/web_service.h"
 
 namespace app = ZARO::Relay::app;

@@ -6,7 +6,7 @@
 
 #include <zaro/platform.h>
 
-#include "app/status_file.h"
+#include "app/daemon/status_file.h"
 #include "tests/support/device.h"
 #include "tests/support/namespaces.h"
 #include "tests/support/unit.h"

@@ -14,7 +14,7 @@
 
 #include <zaro/platform.h>
 
-#include "app/status_file.h"
+#include "app/daemon/status_file.h"
 #include "tests/support/http_server.h"
 #include "tests/support/process.h"
 #include "tests/support/scripted_ssh.h"

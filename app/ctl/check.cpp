@@ -11,9 +11,9 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
-#include "app/checks.h"
-#include "app/config_check.h"
-#include "app/connections.h"
+#include "app/common/checks.h"
+#include "app/common/config_check.h"
+#include "app/common/local_service.h"
 #include "app/ctl/chain.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
@@ -21,7 +21,7 @@
 #include "app/ctl/report.h"
 #include "app/ctl/status.h"
 #include "app/ctl/text.h"
-#include "app/json_io.h"
+#include "app/common/json_io.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {

@@ -9,7 +9,7 @@
 
 #include <zarorelayd/config.h>
 
-#include "app/config_check.h"
+#include "app/common/config_check.h"
 #include "app/ctl/report.h"
 #include "platform/new_file.h"
 #include "platform/paths.h"

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "app/config_lock.h"
+#include "app/common/config_lock.h"
 
 namespace ZARO::Relay::ctl {
 

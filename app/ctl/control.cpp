@@ -13,11 +13,11 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 
-#include "app/backoff.h"
-#include "app/config_check.h"
+#include "app/common/clock.h"
+#include "app/common/config_check.h"
 #include "app/ctl/report.h"
-#include "app/json_io.h"
-#include "app/pid_file.h"
+#include "app/common/json_io.h"
+#include "app/common/pid_file.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {

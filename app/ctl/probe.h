@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "app/backoff.h"
+#include "app/common/clock.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -7,13 +7,13 @@
 
 #include <zarorelayd/config.h>
 
-#include "app/checks.h"
-#include "app/connections.h"
+#include "app/common/checks.h"
+#include "app/common/local_service.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
-#include "app/json_io.h"
+#include "app/common/json_io.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {

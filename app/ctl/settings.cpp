@@ -8,13 +8,13 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/zarorelayd.h>
 
-#include "app/checks.h"
+#include "app/common/checks.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
-#include "app/json_io.h"
-#include "app/log_target.h"
+#include "app/common/json_io.h"
+#include "app/common/strangers_file.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {

@@ -11,11 +11,11 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "app/checks.h"
+#include "app/common/checks.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "app/ctl/watch.h"
-#include "app/json_io.h"
+#include "app/common/json_io.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {

@@ -12,10 +12,10 @@
 #include <ctime>
 #include <iostream>
 
-#include "app/backoff.h"
+#include "app/common/clock.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
-#include "app/json_io.h"
+#include "app/common/json_io.h"
 #include "platform/paths.h"
 
 namespace ZARO::Relay::ctl {

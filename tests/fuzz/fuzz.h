@@ -10,8 +10,8 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "app/checks.h"
-#include "app/exchange.h"
+#include "app/common/checks.h"
+#include "app/daemon/exchange.h"
 #include "config/json_text.h"
 #include "tests/support/temp_root.h"
 

@@ -1,7 +1,7 @@
 /// A configuration file as somebody left it: checked, reloaded, written and read again.
 #include "tests/fuzz/fuzz.h"
 
-#include "app/config_check.h"
+#include "app/common/config_check.h"
 
 /// What a record that has read `text` writes.
 static std::string Again(const std::string& text, bool full) {

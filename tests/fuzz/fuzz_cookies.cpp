@@ -1,7 +1,7 @@
 /// Cookie lines behind the URL that set them, through libcurl's store into the session.
 #include "tests/fuzz/fuzz.h"
 
-#include "app/session.h"
+#include "app/daemon/session.h"
 
 void Fuzz(const std::string& input) {
     std::istringstream lines(input);

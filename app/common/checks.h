@@ -1,0 +1,40 @@
+/// What texts and numbers from outside must look like before anything is done with them.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+namespace ZARO::Relay::app {
+
+/// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
+bool IsServiceId(const std::string& id);
+
+/// A host name, "_" allowed as in local networks, or an IPv4 or IPv6 address.
+bool IsRelayHost(const std::string& host);
+
+/// A host as it stands in a URL, where an IPv6 address is in brackets.
+bool IsUrlHost(const std::string& host);
+
+/// A page on a server: up to 253 of letters, digits, "_", "-", ".", "/".
+bool IsPagePath(const std::string& page);
+
+/// 1 to 255 of letters, digits, ".", "_", "-", "+", "=", not beginning with "-".
+bool IsRelayUser(const std::string& user);
+
+bool IsPort(int port);
+
+/// 1 to 63 of letters, digits, "_", "-", ".": nothing that has a meaning in a form.
+bool IsAliasName(const std::string& name);
+
+/// The members that were checked, by name and type; empty or 0 for missing ones.
+std::string TextMember(const Json::Value& object, const char* key);
+int NumberMember(const Json::Value& object, const char* key);
+
+/// Whether a short text of printable ASCII.
+bool IsShortText(const std::string& text);
+
+/// A foreign text for a log line: at most 64 bytes, anything but printable ASCII as "?".
+std::string Printable(const std::string& text);
+
+} // namespace ZARO::Relay::app

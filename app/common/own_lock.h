@@ -1,0 +1,29 @@
+/// Locks that only the daemon's own user can hold.
+#pragma once
+
+#include <string>
+
+#include "app/common/clock.h"
+#include "platform/unique_fd.h"
+
+namespace ZARO::Relay::app {
+
+/// An advisory lock on a file that other users can't open. The file is never removed: a lock on a
+/// removed file excludes nobody. A child shares the lock after a fork, a program that it executes
+/// does not. The lock ends with this object, or with the last process that shares it.
+class OwnLock {
+public:
+    explicit OwnLock(std::string path);
+
+    /// Makes the file if need be and waits up to `patience` for another holder. False, with errno,
+    /// when there is still one (EWOULDBLOCK), or when the file can't be made, opened or locked.
+    bool Take(milliseconds patience);
+
+private:
+    bool TryOnce();
+
+    std::string path_;
+    UniqueFd fd_;
+};
+
+} // namespace ZARO::Relay::app

@@ -1,0 +1,63 @@
+/// Waiting times between attempts.
+#pragma once
+
+#include <algorithm>
+#include <random>
+
+#include "app/common/clock.h"
+
+namespace ZARO::Relay::app {
+
+/// Exponential waiting times with full jitter, so that many devices that lost the same server do
+/// not come back in step. Starts over after a minute of health.
+class Backoff {
+public:
+    Backoff(milliseconds least, milliseconds most) : least_(least), most_(most), window_(least) {}
+
+    void Succeeded(Time now) {
+        if (healthySince_ == Time()) {
+            healthySince_ = now;
+        }
+    }
+
+    /// The wait before the next attempt.
+    milliseconds Failed(Time now) {
+        if (healthySince_ != Time() && now - healthySince_ >= kHealth) {
+            window_ = least_;
+        }
+        healthySince_ = Time();
+        const milliseconds wait = Random(milliseconds(0), window_);
+        window_ = std::min(window_ * 2, most_);
+        return wait;
+    }
+
+    /// A wait near the slow end, where trying sooner can't help.
+    milliseconds Refused() {
+        healthySince_ = Time();
+        return Random(most_ / 2, most_);
+    }
+
+    /// Whether it has grown to its longest.
+    bool IsSlow() const { return window_ >= most_; }
+
+    void Reset() {
+        window_ = least_;
+        healthySince_ = Time();
+    }
+
+    static milliseconds Random(milliseconds from, milliseconds to) {
+        static std::mt19937 generator{std::random_device{}()};
+        return milliseconds(
+            std::uniform_int_distribution<milliseconds::rep>(from.count(), to.count())(generator));
+    }
+
+private:
+    static constexpr seconds kHealth{60};
+
+    milliseconds least_;
+    milliseconds most_;
+    milliseconds window_;
+    Time healthySince_{};
+};
+
+} // namespace ZARO::Relay::app

@@ -1,0 +1,53 @@
+#include "app/daemon/instance.h"
+
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include <zarorelayd/daemon.h>
+
+#include "app/common/pid_file.h"
+#include "daemon/log.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+/// A command line that asks holds the lock for an instant.
+constexpr milliseconds kPatience{100};
+
+/// The process id in the PID file; 0 when it has none.
+pid_t ReadPid() {
+    std::ifstream file(Daemon::GetPidFile());
+    pid_t pid = 0;
+    return file >> pid ? pid : 0;
+}
+
+} // namespace
+
+bool BecomeTheOnlyOne(OwnLock& lock) {
+    const bool locked = lock.Take(kPatience);
+    const int error = errno;
+    const pid_t named = ReadPid();
+    if (!locked && error == EWOULDBLOCK) {
+        RELAY_LOG(3, "Daemon already running on PID file %d", named);
+        return false;
+    }
+    if (!locked) { // no reason not to run
+        RELAY_LOG(4, "no lock on [%s], %s", InstanceLockFile().c_str(), strerror(error));
+    }
+    // The lock is free for one that could not take it, or was begun before there was a lock.
+    if (IsDaemonOfThisRoot(named)) {
+        RELAY_LOG(3, "Daemon already running on PID file %d", named);
+        return false;
+    }
+    if (unlink(Daemon::GetPidFile()) == 0) {
+        RELAY_LOG(4, "removed the stale PID file [%s]", Daemon::GetPidFile());
+    }
+    return true;
+}
+
+} // namespace ZARO::Relay::app

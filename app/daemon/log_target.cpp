@@ -1,0 +1,57 @@
+#include "app/daemon/log_target.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <zarorelayd/daemon.h>
+
+#include "app/common/strangers_file.h"
+#include "daemon/log.h"
+
+namespace ZARO::Relay::app {
+
+std::string UsableLogFile(const RelaydConf& conf) {
+    if (conf.log_file.empty()) {
+        return "";
+    }
+    // Whoever planted the file could read what a trace holds, or have another one written over.
+    if (IsStrangersFile(conf.log_file)) {
+        RELAY_LOG(3, "log file [%s] is a link or another user's", conf.log_file.c_str());
+        return "";
+    }
+    const int fd =
+        open(conf.log_file.c_str(),
+             O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        RELAY_LOG(3, "log file [%s] can't be opened, %s", conf.log_file.c_str(), strerror(errno));
+        return "";
+    }
+    struct stat info = {};
+    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+        (void)fchmod(fd, info.st_mode & 0700); // it may have been made under a lax umask
+    }
+    close(fd);
+    return conf.log_file;
+}
+
+void ApplyLogSettings(const RelaydConf& conf) {
+    const bool hadFile = !Daemon::_strLogFile.empty();
+    const std::string file = UsableLogFile(conf);
+    Daemon::SetLogFile(file, conf.log_level);
+    if (Daemon::IsForked()) {
+        return;
+    }
+    // Only here: a background daemon would hold the log file that was rotated away.
+    static const int original = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (!file.empty()) {
+        (void)Daemon::OpenLogFile(file, STDERR_FILENO, O_CREAT | O_APPEND); // it could be opened
+    } else if (hadFile && original >= 0) {
+        (void)dup2(original, STDERR_FILENO);
+    }
+}
+
+} // namespace ZARO::Relay::app

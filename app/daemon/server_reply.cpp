@@ -1,0 +1,100 @@
+#include "app/daemon/server_reply.h"
+
+#include <algorithm>
+
+#include "app/common/checks.h"
+#include "app/common/json_io.h"
+
+namespace ZARO::Relay::app {
+
+namespace {
+
+constexpr std::size_t kLongestPassword = 1024;
+
+bool IsPassword(const std::string& password) {
+    return !password.empty() && password.size() <= kLongestPassword &&
+           std::none_of(password.begin(), password.end(),
+                        [](char c) { return c == '\0' || c == '\n' || c == '\r'; });
+}
+
+/// Whether every member of a server that another server names is one that a URL may be made of.
+bool IsServer(const Json::Value& server) {
+    const auto fits = [&](const char* key, auto isGood) {
+        const Json::Value* member = FindMember(server, key);
+        return member == nullptr || isGood(*member);
+    };
+    const auto isHost = [](const Json::Value& host) {
+        return host.isString() && (host.asString().empty() || IsUrlHost(host.asString()));
+    };
+    const auto isPage = [](const Json::Value& page) {
+        return page.isString() && IsPagePath(page.asString());
+    };
+    const auto isPort = [](const Json::Value& port) {
+        return port.isInt() && IsPort(port.asInt());
+    };
+    const auto isProtocol = [](const Json::Value& protocol) {
+        return protocol == "http" || protocol == "https";
+    };
+    return server.isObject() && fits("host", isHost) && fits("ip", isHost) &&
+           fits("page", isPage) && fits("port", isPort) && fits("protocol", isProtocol);
+}
+
+} // namespace
+
+bool CleanBatchReply(Json::Value& reply, bool& goodServer) {
+    bool good = true;
+    goodServer = true;
+    if (!reply.isArray()) {
+        return good;
+    }
+    for (Json::Value& answer : reply) {
+        for (const char* key : {"serverID", "mode"}) {
+            if (!IsShortText(TextMember(answer, key))) {
+                answer.removeMember(key);
+                good = false;
+            }
+        }
+        const Json::Value* server = FindMember(answer, "server_wait_cmd");
+        if (server != nullptr && !IsServer(*server)) {
+            answer.removeMember("server_wait_cmd");
+            goodServer = false;
+        }
+    }
+    return good;
+}
+
+bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& services,
+                 Json::Value& tunnel, std::string& why) {
+    const std::string id = TextMember(assigned, "id");
+    if (!IsServiceId(id)) {
+        why = "bad service id [" + Printable(id) + "]";
+        return false;
+    }
+    const auto service = std::find_if(services.begin(), services.end(), CmprServiceId(id));
+    const std::string host = TextMember(assigned, "relay_ip");
+    const std::string user = TextMember(assigned, "relay_user");
+    if (service == services.end()) {
+        why = "no such service";
+    } else if (NumberMember(assigned, "port") != service->port || !IsPort(service->port)) {
+        why = "not the service's port";
+    } else if (!IsRelayHost(host)) {
+        why = "bad relay host [" + Printable(host) + "]";
+    } else if (!IsPort(NumberMember(assigned, "relay_port"))) {
+        why = "bad relay port";
+    } else if (!IsRelayUser(user)) {
+        why = "bad relay user [" + Printable(user) + "]";
+    } else if (!IsPassword(TextMember(assigned, "relay_pass"))) {
+        why = "bad relay password";
+    } else {
+        tunnel = Json::Value(Json::objectValue);
+        for (const char* key :
+             {"id", "port", "relay_ip", "relay_port", "relay_user", "relay_pass"}) {
+            tunnel[key] = assigned[key];
+        }
+        return true;
+    }
+    why = "service " + id + ": " + why;
+    return false;
+}
+
+} // namespace ZARO::Relay::app

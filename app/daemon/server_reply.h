@@ -1,0 +1,25 @@
+/// What the daemon takes from a server is checked here before it reaches a shell, a file name or an
+/// argument vector.
+#pragma once
+
+#include <json/value.h>
+
+#include <list>
+#include <string>
+
+#include <zarorelayd/config.h>
+
+namespace ZARO::Relay::app {
+
+/// Checks a tunnel that a server assigns and takes only the members that belong to one. It must be
+/// for one of `services`, with that service's port: no server may choose which ports of the device
+/// are reachable. False with the reason in `why`.
+bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& services,
+                 Json::Value& tunnel, std::string& why);
+
+/// Takes out of a reply to a batch what the library would take on trust and the daemon does not: a
+/// server id or a mode that is no short text, false when there was one, and a wait-command server
+/// that no URL may be made of, which `goodServer` tells.
+bool CleanBatchReply(Json::Value& reply, bool& goodServer);
+
+} // namespace ZARO::Relay::app
