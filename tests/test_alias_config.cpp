@@ -14,7 +14,8 @@ TEST_F(AliasConfigTest, OverwriteKeepsAllButTheAlias) {
     for (const char* json : {R"({"poll_seconds":3000000000,"url":["x"]})", "[]",
                              R"({"alias":5,"url":"","poll_seconds":0})"}) {
         alias.Overwrite(Parse(R"({"alias":"old","url":"http://u","poll_seconds":9})"));
-        EXPECT_TRUE(alias.IsAliasEnabled() && alias.Overwrite(Parse(json)));
+        EXPECT_TRUE(alias.IsAliasEnabled());
+        EXPECT_TRUE(alias.Overwrite(Parse(json)));
         EXPECT_EQ(Written(alias, true), R"({"alias":"","poll_seconds":9,"url":"http://u"})")
             << json;
     }
@@ -22,7 +23,8 @@ TEST_F(AliasConfigTest, OverwriteKeepsAllButTheAlias) {
         alias.Overwrite(Parse("{\"poll_seconds\":" + std::to_string(seconds) + "}"));
         for (int i = 0, time = 0; i < 50; i++) {
             time = alias.GetPollingTime();
-            EXPECT_TRUE(time >= seconds && time < 2LL * seconds) << time << " of " << seconds;
+            EXPECT_GE(time, seconds);
+            EXPECT_LT(time, 2LL * seconds);
         }
     }
 }
@@ -31,10 +33,12 @@ TEST_F(AliasConfigTest, StatusIsWholeAndAboutOneAlias) {
     std::string status = "kept", extra = "kept";
     AliasStatus writer;
     EXPECT_TRUE(writer.SetStatus("me", "good", "more", true));
-    EXPECT_TRUE(!writer.GetStatus("other", status, extra) && status + extra == "keptkept");
+    EXPECT_FALSE(writer.GetStatus("other", status, extra));
+    EXPECT_EQ(status + extra, "keptkept");
     const std::string file = root_.Path("/tmp/farlink_alias.status");
     GiveAway(file, 12345); // another user may have set it
-    EXPECT_TRUE(AliasStatus().GetStatus("me", status, extra) && status + extra == "goodmore");
+    EXPECT_TRUE(AliasStatus().GetStatus("me", status, extra));
+    EXPECT_EQ(status + extra, "goodmore");
     std::filesystem::rename(file, file + "1");
     std::filesystem::create_symlink(file + "1", file);
     EXPECT_FALSE(AliasStatus().GetStatus("me", status, extra));
@@ -42,8 +46,9 @@ TEST_F(AliasConfigTest, StatusIsWholeAndAboutOneAlias) {
          {"[]", "{}", R"({"alias_name":["me"]})", R"({"alias_name":"a","status":{}})",
           R"({"alias_name":"","status":"good"})"}) {
         root_.Write("/tmp/farlink_alias.status", bad);
-        EXPECT_TRUE(writer.Reload() && !writer.GetStatus("me", status, extra)) << bad;
-        EXPECT_FALSE(writer.DumpToFile()) << bad;
-        EXPECT_TRUE(writer.SetStatus("me", "good", "more", true)) << bad;
+        EXPECT_EQ(Signs({writer.Reload(), writer.GetStatus("me", status, extra),
+                         writer.DumpToFile(), writer.SetStatus("me", "good", "more", true)}),
+                  "+--+")
+            << bad;
     }
 }

@@ -60,7 +60,7 @@ TEST_F(CApiTest, TellsThatMemoryRanOut) {
                 errno = 0;
                 result = TLIBRelaydVerifyServerId("044756784");
             },
-            [&] { ASSERT_TRUE(result == 1 || errno == ENOMEM) << pair; });
+            [&] { ASSERT_EQ(result != 1 ? errno : ENOMEM, ENOMEM) << pair; });
     }
 }
 

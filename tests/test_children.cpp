@@ -19,7 +19,7 @@ TEST(Children, AreReapedWhetherWatchedOrNot) {
             _exit(0);
         }
         ASSERT_GT(pid, 0);
-        EXPECT_TRUE(!watched || watch.Add(pid));
+        EXPECT_EQ(watched && watch.Add(pid), watched);
         EXPECT_TRUE(WaitFor([&] {
             watch.Reap(Clock::now());
             return kill(pid, 0) != 0;

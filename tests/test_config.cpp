@@ -58,7 +58,8 @@ TEST_F(ConfigTest, ComparesWhatCounts) {
     const ServiceConf service(nullptr);
     for (const char* json :
          {R"({"port":1})", R"({"host":"x","id":"x"})", R"({"protocol":"x","ext_port":1})"}) {
-        EXPECT_TRUE(With(server, json) != server && With(service, json) != service) << json;
+        EXPECT_TRUE(With(server, json) != server) << json;
+        EXPECT_TRUE(With(service, json) != service) << json;
     }
     EXPECT_TRUE(With(server, R"({"ip":"x","page":"x"})") == server);
     EXPECT_TRUE(With(service, R"({"name":"x"})") == service);
@@ -67,7 +68,9 @@ TEST_F(ConfigTest, ComparesWhatCounts) {
     const NetworkConf net = With(NetworkConf(false), json);
     NetworkConf turned = net;
     turned.interfaces.reverse();
-    EXPECT_TRUE(net.interfaces.size() == 2 && net != turned && With(net, R"({"ddns":"x"})") != net);
+    EXPECT_EQ(net.interfaces.size(), 2U);
+    EXPECT_TRUE(net != turned);
+    EXPECT_TRUE(net != With(net, R"({"ddns":"x"})"));
     EXPECT_TRUE(With(net, R"({"mode":"x","interface":{}})") == net);
 }
 
@@ -107,7 +110,8 @@ TEST_F(ConfigTest, ReadsTheNetworkFromThePlatform) {
     gPlatform.nics.assign(40, up);
     root_.Write(kInfo, "supportddns=\"yes\"\nddns_select=\"dyn\"\n");
     const NetworkConf many(true);
-    EXPECT_TRUE(many.interfaces.size() == 32 && many.ddns.empty() && many.IsValid());
+    EXPECT_EQ(many.ddns + " " + std::to_string(many.interfaces.size()), " 32");
+    EXPECT_TRUE(many.IsValid());
 }
 
 TEST_F(ConfigTest, ReplacesSerialAndTokenAsAPair) {

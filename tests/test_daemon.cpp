@@ -57,11 +57,11 @@ TEST_F(DaemonTest, SendsLinesWhereTheyBelong) {
         EXPECT_EQ(lines, where == 'e' ? Texts{text} : Texts());
         EXPECT_EQ(gDaemonLog, where == 's' ? std::to_string(level) + " unit.cpp:5 " + text : "");
     }
-    EXPECT_TRUE(!Daemon::IsLogEnable(5) && Daemon::IsLogEnable(4));
+    EXPECT_EQ(Signs({Daemon::IsLogEnable(4), Daemon::IsLogEnable(5)}), "+-");
 }
 
 TEST_F(DaemonTest, SetsLevelAndFile) {
-    EXPECT_TRUE(Daemon::SetLogFile("x", 6) && Daemon::SetLogFile("y", -1));
+    EXPECT_EQ(Signs({Daemon::SetLogFile("x", 6), Daemon::SetLogFile("y", -1)}), "++");
     EXPECT_EQ(Daemon::_strLogFile + std::to_string(Daemon::_logLevel), "y6");
     Daemon::_isForked = true;
     const mode_t mask = umask(0);
@@ -83,12 +83,14 @@ TEST_F(DaemonTest, SetsLevelAndFile) {
 }
 
 TEST_F(DaemonTest, NamesItselfAndItsPidFile) {
-    EXPECT_TRUE(Daemon::SetName("/usr/bin/another") && Daemon::LibInit());
+    EXPECT_EQ(Signs({Daemon::SetName("/usr/bin/another"), Daemon::LibInit()}), "++");
     EXPECT_EQ(std::string(daemon_log_ident) + daemon_pid_file_ident, "anotheranother");
     EXPECT_TRUE(Logs("daemon", 3, "pid file must be absolute path",
                      [] { EXPECT_FALSE(Daemon::SetPidFile("var/x.pid")); }));
     EXPECT_EQ(daemon_pid_file_proc(), root_.Path("/var/run/another.pid"));
-    EXPECT_FALSE(Daemon::SetPidFile("") || Daemon::SetPidFile(nullptr) || Daemon::SetName(nullptr));
+    EXPECT_EQ(
+        Signs({Daemon::SetPidFile(""), Daemon::SetPidFile(nullptr), Daemon::SetName(nullptr)}),
+        "---");
     Daemon::_strPidFile.clear();
     EXPECT_TRUE(Daemon::LibInit());
     EXPECT_EQ(Daemon::GetPidFile(), root_.Path("/var/run/zarorelayd.pid"));

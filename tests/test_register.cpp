@@ -60,7 +60,8 @@ TEST_F(RegisterTest, SendsWhatTheServerDoesNotKnow) {
         R"("service_add":[{"id":"web","port":80}],"service_rm":[],"service_update":[],"version":1}])");
     EXPECT_TRUE(Send(kOk));
     Json::Value direct;
-    EXPECT_TRUE(register_.GetDirConnRequest(conf_, tunnels_, direct) && direct == all);
+    EXPECT_TRUE(register_.GetDirConnRequest(conf_, tunnels_, direct));
+    EXPECT_EQ(direct, all);
     SetService("web", R"({"id":"web","name":"another","port":80})");
     conf_.network.mode = "another";
     tunnels_ = {Tunnel(), Tunnel(Parse(R"({"id":"web","port":80})"))};
@@ -75,11 +76,14 @@ TEST_F(RegisterTest, SendsWhatTheServerDoesNotKnow) {
     EXPECT_TRUE(Send(kOk));
     conf_.RemoveServiceById("new");
     EXPECT_EQ(Compact(Changes()[0]["service_rm"]), R"([{"id":"new"}])");
-    EXPECT_TRUE(Send(kOk) && Commands().empty() && register_.SetAuthExpired());
+    EXPECT_TRUE(Send(kOk));
+    EXPECT_EQ(Commands(), "");
+    EXPECT_TRUE(register_.SetAuthExpired());
     EXPECT_EQ(Commands(), "register update_network update_service ");
     EXPECT_TRUE(Send(kOk));
     conf_.control.page = "other.php";
-    EXPECT_TRUE(!register_.IsCtrlServerChanged(conf_) && Commands().empty());
+    EXPECT_FALSE(register_.IsCtrlServerChanged(conf_));
+    EXPECT_EQ(Commands(), "");
     conf_.control.host = "other";
     EXPECT_TRUE(register_.IsCtrlServerChanged(conf_));
     EXPECT_EQ(Changes()[2]["service_add"].size(), 1u);
@@ -92,7 +96,7 @@ TEST_F(RegisterTest, AppliesRepliesOneByOne) {
         {R"([{"errno":0},{"errno":0},{"errno":0},{"errno":2}])", true, ""},
         {R"([{"errno":0},{"errno":9},{"errno":0}])", false, "update_network "},
         {R"([{"errno":0},{"errno":0}])", false, "update_service "},
-        {R"([{"errno":2},{"errno":0},{"errno":0}])", false, all}, // begins anew
+        {R"([{"errno":2},{"errno":0},{"errno":0}])", false, all}, // starts over
         {R"({"errno":0})", false, all}};
     conf_.network.gateway = "g";
     for (const auto& [replies, result, next] : rows) {

@@ -47,10 +47,12 @@ TEST_F(RequestTest, SendsWhatItIsGiven) {
     }
     EXPECT_TRUE(Request(server.Url(), Parse(R"({"b":[1],"a":"x"})"), true).Send());
     EXPECT_EQ(server.Requests().back().body, "{\"a\":\"x\",\"b\":[1]}\n");
-    EXPECT_FALSE(reused.Set("", std::string("y"), true) || reused.GetUrl() != server.Url());
+    EXPECT_FALSE(reused.Set("", std::string("y"), true));
+    EXPECT_EQ(reused.GetUrl(), server.Url());
     Request none(nullptr, "x", true);
-    EXPECT_FALSE(none.Send() || none.SetData(std::string("x"), true) || none.JobAdd(nullptr) ||
-                 none.JobRemove(nullptr) || Request(none).IsValid());
+    EXPECT_EQ(Signs({none.Send(), none.SetData(std::string("x"), true), none.JobAdd(nullptr),
+                     none.JobRemove(nullptr), Request(none).IsValid()}),
+              "-----");
 }
 
 TEST_F(RequestTest, TellsOutcomesApart) {
@@ -88,19 +90,21 @@ TEST_F(RequestTest, SendsCookiesBackUntilTheyAreForgotten) {
     std::list<std::string> cookies = {"old"};
     {
         Request first(server.Url("/a").c_str(), "", true), second(first);
-        EXPECT_TRUE(!first.GetCookies(cookies) && first.Send() && first.GetCookies(cookies));
+        EXPECT_EQ(Signs({first.GetCookies(cookies), first.Send(), first.GetCookies(cookies)}),
+                  "-++");
         EXPECT_THAT(cookies, testing::ElementsAre(testing::MatchesRegex("127.0.0.1\t.*\ta\t1")));
-        EXPECT_TRUE(!second.GetCookies(cookies) && second.Send());
+        EXPECT_EQ(Signs({second.GetCookies(cookies), second.Send()}), "-+");
         EXPECT_EQ(server.Requests().back().get_header_value("Cookie"), "a=1");
-        EXPECT_TRUE(second.Send() && second.GetCookies(cookies) && cookies.size() == 2); // it grows
+        EXPECT_EQ(Signs({second.Send(), second.GetCookies(cookies)}), "++");
+        EXPECT_EQ(cookies.size(), 2U); // the session keeps the first one
         Request other(("http://localhost" + server.Url("/c").substr(16)).c_str(), "", true);
-        EXPECT_TRUE(other.Send() && other.GetCookies(cookies));
+        EXPECT_EQ(Signs({other.Send(), other.GetCookies(cookies)}), "++");
         EXPECT_THAT(cookies, testing::ElementsAre(testing::HasSubstr("\tc\t"))); // its host's only
     }
     EXPECT_TRUE(Request::CleanDnsCache());
     for (const bool reused : {false, true}) { // the first request after that keeps no connection
         Request request(server.Url("/a").c_str(), "", true);
-        EXPECT_TRUE(request.Send() && request.Send());
+        EXPECT_EQ(Signs({request.Send(), request.Send()}), "++");
         const std::vector<httplib::Request> seen = server.Requests();
         EXPECT_EQ(seen[seen.size() - 2].has_header("Cookie"), reused);
         EXPECT_EQ(seen[seen.size() - 2].remote_port == seen.back().remote_port, reused);
@@ -125,8 +129,7 @@ TEST_F(RequestTest, KeepsTheNewestCookiesOfEachHost) {
     Request request(("http://" + local + "/").c_str(), "", true);
     std::list<std::string> cookies;
     for (int i = 0; i < 8; ++i) {
-        EXPECT_TRUE(request.Send());
-        EXPECT_TRUE(request.GetCookies(cookies));
+        EXPECT_EQ(Signs({request.Send(), request.GetCookies(cookies)}), "++");
     }
     EXPECT_EQ(cookies.size(), 256U);
     EXPECT_THAT(cookies.back(), testing::HasSubstr("\tc319\t"));
@@ -140,8 +143,7 @@ TEST_F(RequestTest, KeepsTheNewestCookiesOfEachHost) {
     EXPECT_LE(Store().size(), 257U);
     EXPECT_THAT(Store(), testing::Contains(testing::HasSubstr("\tkept\t")));
     Request hostless(local.c_str(), "", true);
-    EXPECT_TRUE(hostless.Send());
-    EXPECT_FALSE(hostless.GetCookies(cookies));
+    EXPECT_EQ(Signs({hostless.Send(), hostless.GetCookies(cookies)}), "+-");
 }
 
 TEST_F(RequestTest, CopiesOutliveTheOriginal) {
@@ -155,7 +157,8 @@ TEST_F(RequestTest, CopiesOutliveTheOriginal) {
         EXPECT_EQ(copy.GetResponse() + assigned.GetResponse(), "");
         original.reset();
         for (Request* request : {&copy, &assigned}) {
-            EXPECT_TRUE(request->Send() && request->GetResponse() == answer);
+            EXPECT_TRUE(request->Send());
+            EXPECT_EQ(request->GetResponse(), answer);
             EXPECT_EQ(server.Requests().back().body, data);
         }
     }
@@ -196,7 +199,8 @@ TEST_F(RequestTest, ReadsHostileJsonReplies) {
         const HttpServer server(body);
         Request request(server.Url().c_str(), body.c_str(), true);
         Json::Value out;
-        EXPECT_TRUE(request.Send() && request.GetResponse() == body);
+        EXPECT_TRUE(request.Send());
+        EXPECT_EQ(request.GetResponse(), body);
         const std::string shown =
             body[0] == '<' ? "<?>?\xc2?\xc3\xa4?" : body; // nothing forges a line
         EXPECT_TRUE(Logs("request", 7, "failed to parse response: " + shown,

@@ -31,12 +31,14 @@ TEST(AliasRequest, BuildsEachCommand) {
                             R"({"alias":"a","serial":"s","token":"t","url":"http://u","id":""})"}) {
         EXPECT_FALSE(alias.SetRequest(ALIAS_REQUEST_MAP, Parse(bad))) << bad;
     }
-    EXPECT_FALSE(alias.GetRequest(body, url) || alias.GetSharedRequest()->IsValid());
+    EXPECT_FALSE(alias.GetRequest(body, url));
+    EXPECT_FALSE(alias.GetSharedRequest()->IsValid());
     for (const auto& [cmd, sent] : rows) {
         EXPECT_TRUE(alias.SetRequest(static_cast<ALIAS_REQUEST_CMD>(cmd), Data("http://h")));
         const SharedRequest request = alias.GetSharedRequest();
         EXPECT_EQ(request->GetUrl() + "?" + request->GetData(), sent);
-        EXPECT_TRUE(AliasRequest::GetAliasName(request, name) && name == "me");
+        EXPECT_TRUE(AliasRequest::GetAliasName(request, name));
+        EXPECT_EQ(name, "me");
     }
     EXPECT_FALSE(alias.SetRequest(ALIAS_REQUEST_UNSPECIFIED, Data("http://h")));
     EXPECT_FALSE(alias.GetRequest(body, url));
@@ -71,7 +73,9 @@ TEST(AliasRequest, ReadsReplies) {
         auto server = std::make_unique<HttpServer>(reply, status);
         AliasRequest alias;
         EXPECT_TRUE(alias.SetRequest(ALIAS_REQUEST_KEEP_ALIVE, Data(server->Url(""))));
-        status == 0 ? server.reset() : void();
+        if (status == 0) {
+            server.reset();
+        }
         ALIAS_RET ret = kUntouched, queuedRet = kUntouched;
         ALIAS_RESPONSE_TYPE type = {};
         int httpStatus = 0;

@@ -135,15 +135,6 @@ struct Scene {
     std::unique_ptr<Request> request;
 };
 
-/// Each good step a plus.
-std::string Signs(const std::vector<bool>& steps) {
-    std::string signs;
-    for (const bool good : steps) {
-        signs += good ? '+' : '-';
-    }
-    return signs;
-}
-
 std::string Sent(Request&& request) {
     return Signs({request.IsValid(), request.Send()});
 }
@@ -283,9 +274,10 @@ struct TortureTest : testing::Test {
             const bool stays = name_ == "token" && outcome == "+ odd";
             EXPECT_EQ(outcome, n + 1 < row.size() ? row[n + 1] : healthy) << when;
             EXPECT_EQ(Run(scene), stays ? outcome : healthy) << when;
-            EXPECT_TRUE(Descriptors() == descriptors && gHandles == handles) << when;
+            EXPECT_EQ(Descriptors(), descriptors) << when;
+            EXPECT_EQ(gHandles, handles) << when;
         }
-        EXPECT_TRUE(n > 1 && n + 1 >= row.size()) << name_ << " calls " << seam << " " << n - 1;
+        EXPECT_GE(n, std::max<std::size_t>(row.size() - 1, 2)) << name_ << " calls " << seam;
     }
 
     const HttpServer web_{"ok", 200, "127.0.0.1"};
