@@ -7,7 +7,7 @@
 #include <zarorelayd/result.h>
 
 #include "tests/support/hub_process.h"
-#include "tests/support/json_text.h"
+#include "tests/support/json_values.h"
 #include "tests/support/temp_root.h"
 #include "tests/support/web_service.h"
 

@@ -3,7 +3,7 @@
 
 #include "tests/support/http_server.h"
 #include "tests/support/hub_process.h"
-#include "tests/support/json_text.h"
+#include "tests/support/json_values.h"
 
 /// Speaks plain HTTP on a free port of 127.0.0.1.
 class ScriptedHub : NoCopy {

@@ -3,7 +3,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/json_text.h"
+#include "tests/support/json_values.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/processes.h"
 #include "tests/support/temp_root.h"

@@ -94,7 +94,7 @@ struct Victim {
     std::size_t before = 0; ///< requests until it is watched
 };
 
-TEST(DaemonHostile, OutlivesWhateverTheServerSays) {
+TEST(ZarorelaydHostile, OutlivesWhateverTheServerSays) {
     const HubProcess hub(2);
     const WebService web("web");
     const std::vector<Row> rows = Rows();

@@ -7,7 +7,7 @@ using testing::StartsWith;
 
 namespace {
 
-using DaemonProgram = DeviceTest;
+using Zarorelayd = DeviceTest;
 
 /// The exit code, a blank and the output of the program with these options.
 std::string Outcome(const Device& device, const std::string& options) {
@@ -23,7 +23,7 @@ std::string Fingerprint(const std::string& path) {
            ReadFile(path);
 }
 
-TEST_F(DaemonProgram, ServesSoonAndReloadTouchesOnlyWhatChanged) {
+TEST_F(Zarorelayd, ServesSoonAndReloadTouchesOnlyWhatChanged) {
     const WebService moved("moved");
     const WebService elsewhere("elsewhere");
     device.Publish(moved);
@@ -55,7 +55,7 @@ TEST_F(DaemonProgram, ServesSoonAndReloadTouchesOnlyWhatChanged) {
     EXPECT_EQ(hub.Registrations(), 1U);
 }
 
-TEST_F(DaemonProgram, GoesIntoTheBackgroundOnceAndLeavesNothing) {
+TEST_F(Zarorelayd, GoesIntoTheBackgroundOnceAndLeavesNothing) {
     PublishMore(4);
     device.config["log_file"] = device.root.Path(Device::kLog);
     device.root.Write(Device::kPidFile, "4194305\n"); // a killed one's, which each start may find
@@ -95,7 +95,7 @@ TEST_F(DaemonProgram, GoesIntoTheBackgroundOnceAndLeavesNothing) {
     EXPECT_TRUE(device.Status().isNull());
 }
 
-TEST_F(DaemonProgram, StopsInTheMiddleOfALogIn) {
+TEST_F(Zarorelayd, StopsInTheMiddleOfALogIn) {
     device.root.Write("/) S 1 (", "#!/usr/bin/tail -f\n", 0755); // never ends; /proc shows its name
     device.WrapSsh("touch $ZARO_ROOT/in; exec \"$ZARO_ROOT/) S 1 (\"");
     device.Start();
@@ -106,7 +106,7 @@ TEST_F(DaemonProgram, StopsInTheMiddleOfALogIn) {
     EXPECT_EQ(device.Processes().size() + device.PasswordFiles(), 0U);
 }
 
-TEST_F(DaemonProgram, StartsOverAStalePidFile) {
+TEST_F(Zarorelayd, StartsOverAStalePidFile) {
     const Device neighbour(hub);
     const Process elsewhere({ZARO_DAEMON, "--foreground"}, "/dev/null", "/",
                             "ZARO_ROOT=" + neighbour.root.Dir());
@@ -129,7 +129,7 @@ TEST_F(DaemonProgram, StartsOverAStalePidFile) {
     EXPECT_EQ(device.root.Read(Device::kPidFile), process);
 }
 
-TEST_F(DaemonProgram, AnswersTheCommandLine) {
+TEST_F(Zarorelayd, AnswersTheCommandLine) {
     const std::pair<const char*, const char*> rows[] = {
         {"--version", "^0 zarorelayd [0-9.]+\n$"},
         {"--help", "^0 .*--foreground.*--check"},
@@ -144,7 +144,7 @@ TEST_F(DaemonProgram, AnswersTheCommandLine) {
                 ContainsRegex("^2 zarorelayd: --root: [^\n]*\n$"));
 }
 
-TEST_F(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
+TEST_F(Zarorelayd, ChecksAConfigurationWithoutTouchingIt) {
     const std::pair<std::string, const char*> rows[] = {
         {"{}", ""},
         {R"({"log_level":7,"service":[{"id":"web"},{"id":"b","port":80}],"unknown":[]})", ""},
@@ -177,7 +177,7 @@ TEST_F(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
     }
 }
 
-TEST_F(DaemonProgram, ServesManyAndThenRests) {
+TEST_F(Zarorelayd, ServesManyAndThenRests) {
     PublishMore(49);
     const auto start = Clock::now();
     device.Start();

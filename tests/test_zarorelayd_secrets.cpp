@@ -53,9 +53,9 @@ struct Onlooker : NoCopy {
     std::string closedFiles; ///< names of the others
 };
 
-using DaemonSecrets = DeviceTest;
+using ZarorelaydSecrets = DeviceTest;
 
-TEST_F(DaemonSecrets, StayWithTheirOwner) {
+TEST_F(ZarorelaydSecrets, StayWithTheirOwner) {
     PublishMore(9);
     device.WrapSsh(R"({ cat "$2"; echo; } >> "$ZARO_ROOT/passwords")");
     Onlooker onlooker(device);
@@ -92,7 +92,7 @@ TEST_F(DaemonSecrets, StayWithTheirOwner) {
     }
 }
 
-TEST_F(DaemonSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
+TEST_F(ZarorelaydSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
     StartUp();
     const std::string process = "/proc/" + std::to_string(device.Daemon().Pid());
     EXPECT_EQ(Count(ReadFile(process + "/limits"), "Max core file size        0 "), 1U);
@@ -103,7 +103,7 @@ TEST_F(DaemonSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
     EXPECT_EQ(kept & ~0xebULL, 0U) << std::hex << kept;
 }
 
-TEST_F(DaemonSecrets, NoDescriptorReachesTheSshClient) {
+TEST_F(ZarorelaydSecrets, NoDescriptorReachesTheSshClient) {
     PublishMore(1);
     device.config["log_file"] = device.root.Path(Device::kLog);
     device.WrapSsh("echo $(ls /proc/self/fd) >> \"$ZARO_ROOT/descriptors\"");

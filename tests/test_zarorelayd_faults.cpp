@@ -7,9 +7,9 @@
 
 namespace {
 
-using DaemonFaults = DeviceTest;
+using ZarorelaydFaults = DeviceTest;
 
-TEST_F(DaemonFaults, HearsTheHubDuringALogIn) {
+TEST_F(ZarorelaydFaults, HearsTheHubDuringALogIn) {
     device.WrapSsh("sleep 1"); // longer than the hub waits before it tells
     StartUp();
     ASSERT_TRUE(device.ComesToRest());
@@ -21,7 +21,7 @@ TEST_F(DaemonFaults, HearsTheHubDuringALogIn) {
                       [&] { return Count(device.Log(), ask) > asked; }));
 }
 
-TEST_F(DaemonFaults, DropsAnotherDevicesId) {
+TEST_F(ZarorelaydFaults, DropsAnotherDevicesId) {
     device.root.Write("/usr/zaro/bin/zarowosnotify",
                       "#!/bin/sh\necho notified >> \"$ZARO_ROOT/notified\"\n", 0755);
     device.config["serverID"] = "044756784";
@@ -46,7 +46,7 @@ TEST_F(DaemonFaults, DropsAnotherDevicesId) {
         WaitFor([&] { return Parse(device.root.Read(Device::kConfig))["serverID"] == id; }));
 }
 
-TEST_F(DaemonFaults, LeavesABrokenConfigurationToItsOwner) {
+TEST_F(ZarorelaydFaults, LeavesABrokenConfigurationToItsOwner) {
     StartUp();
     const std::string broken = "{\"service\":[{\"id\":\"web\"},]}";
     device.root.Write(Device::kConfig, broken, 0600);
@@ -63,7 +63,7 @@ TEST_F(DaemonFaults, LeavesABrokenConfigurationToItsOwner) {
     EXPECT_TRUE(WaitFor([&] { return device.Ssh("web") < 0; })); // switched off all the same
 }
 
-TEST_F(DaemonFaults, IsQuietWhenItsTokenIsRefused) {
+TEST_F(ZarorelaydFaults, IsQuietWhenItsTokenIsRefused) {
     const char* const keyFile = "/usr/zaro/etc/device.key";
     const std::string serial = "serial=\"TESTDEVICE\"\nsecret=\"";
     device.root.Write(keyFile, serial + std::string(64, '1') + "\"\n", 0600);
@@ -79,7 +79,7 @@ TEST_F(DaemonFaults, IsQuietWhenItsTokenIsRefused) {
     EXPECT_TRUE(device.Serves(web));
 }
 
-TEST(DaemonAlias, IsKeptUntilItRunsOut) {
+TEST(ZarorelaydAlias, IsKeptUntilItRunsOut) {
     const HubProcess hub(50, "--alias-ttl 3");
     Device owner(hub, "01");
     Device rival(hub, "02");
