@@ -283,7 +283,9 @@ TEST(Network, Eth0StandsForTheFirstPort) {
         for (const char* port : ports) {
             const string folder = "/sys/class/net/" + string(port + (*port == '*'));
             root.Write(folder + "/address", "02:00:00:00:00:01\n");
-            *port == '*' ? root.Write(folder + "/device", "") : void();
+            if (*port == '*') {
+                root.Write(folder + "/device", "");
+            }
         }
         struct _tag_TLIB_NETIF record {};
         EXPECT_EQ(ZARONetIFGetInfo("eth0", &record, 0) >= 0, !expected.empty()) << name;

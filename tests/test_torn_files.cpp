@@ -83,8 +83,14 @@ TEST(TornFiles, OnlyOldOnesOfOursAreCleanedUp) {
     for (const std::string kind : {"old", "young", "link", "root gives it away"}) {
         const std::string file = "/etc/" + kind + ".tmp.4194305"; // which no process can be
         const std::string left = root.Path(file);
-        kind == "link" ? fs::create_symlink("x", left) : root.Write(file, "");
-        kind == "young" ? void() : Age(left);
+        if (kind == "link") {
+            fs::create_symlink("x", left);
+        } else {
+            root.Write(file, "");
+        }
+        if (kind != "young") {
+            Age(left);
+        }
         const bool theirs = kind[0] == 'r' && chown(left.c_str(), 65534, 65534) == 0;
         EXPECT_TRUE(RelaydConf::WriteJsonFile(root.Path("/etc/" + kind), 1));
         EXPECT_EQ(fs::exists(fs::symlink_status(left)), theirs || kind == "young" || kind == "link")

@@ -47,9 +47,10 @@ TEST_F(Zarorelayd, ServesSoonAndReloadTouchesOnlyWhatChanged) {
     device.Reload([](Json::Value& now) { now["service"].resize(1); });
     EXPECT_TRUE(Takes("withdrawal", seconds(2),
                       [&] { return Visitor(port).IsRefused() && device.Ssh("moved") < 0; }));
-    // A slip of the pen.
+    // A typo.
     device.Reload([](Json::Value& now) { now["service"] = Json::Value(now["service"][0U]); });
-    EXPECT_TRUE(WaitFor([&] { return device.Logs("expected a list"); }) && device.ComesToRest());
+    EXPECT_TRUE(WaitFor([&] { return device.Logs("expected a list"); }));
+    EXPECT_TRUE(device.ComesToRest());
     EXPECT_EQ(device.Ssh("web"), kept);
     EXPECT_EQ(visitor.Ask("still there?"), "still there?");
     EXPECT_EQ(hub.Registrations(), 1U);

@@ -62,7 +62,11 @@ public:
                 threads_.emplace_back([this, &site, name, seed] {
                     Random random(seed + std::hash<std::string>()(name));
                     while (!over_) {
-                        pause_ ? (void)poll(nullptr, 0, 100) : Visit(site->device, name, random);
+                        if (pause_) {
+                            poll(nullptr, 0, 100);
+                        } else {
+                            Visit(site->device, name, random);
+                        }
                     }
                 });
             }

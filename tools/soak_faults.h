@@ -83,9 +83,14 @@ inline Heal Stop(pid_t pid) {
     // An ssh may be gone by then: another process is not asked to go on.
     const std::string file = "/proc/" + std::to_string(pid) + "/cmdline";
     const std::string line = ReadFile(file);
-    (void)(pid > 0 ? kill(pid, SIGSTOP) : 0);
-    return
-        [pid, file, line] { (void)(pid > 0 && ReadFile(file) == line ? kill(pid, SIGCONT) : 0); };
+    if (pid > 0) {
+        kill(pid, SIGSTOP);
+    }
+    return [pid, file, line] {
+        if (pid > 0 && ReadFile(file) == line) {
+            kill(pid, SIGCONT);
+        }
+    };
 }
 
 inline Heal StopHub(World& world, Site&, std::size_t) {
@@ -112,8 +117,7 @@ inline Heal KillDaemon(World&, Site& site, std::size_t) {
 }
 
 inline Heal KillSsh(World&, Site& site, std::size_t i) {
-    const pid_t pid = site.device.Ssh(site.names[i]);
-    (void)(pid > 0 ? kill(pid, SIGKILL) : 0);
+    (void)site.device.SignalSsh(site.names[i]); // it may be gone already
     return Nothing;
 }
 

@@ -43,8 +43,9 @@ public:
         }));
     }
 
-    void UseRelay(int port) const {
-        root.Write("/usr/zaro/etc/ssh/config", "Port " + std::to_string(port) + "\n");
+    /// `more`: further lines of the SSH client's configuration.
+    void UseRelay(int port, const std::string& more = "") const {
+        root.Write("/usr/zaro/etc/ssh/config", "Port " + std::to_string(port) + "\n" + more);
     }
 
     void UseServer(const std::string& protocol, int port) {
@@ -124,10 +125,11 @@ public:
     }
 
     /// Whether a visitor of the relay gets through to a service.
-    bool Serves(const WebService& service) const {
-        const int port = RelayPort(service.Name());
-        return port != 0 && Greeting(port) == service.Name();
+    bool Serves(const std::string& id) const {
+        const int port = RelayPort(id);
+        return port != 0 && Greeting(port) == id;
     }
+    bool Serves(const WebService& service) const { return Serves(service.Name()); }
 
     /// The ssh process of a service; -1 unless there is exactly one, in the background.
     pid_t Ssh(const std::string& id) const {

@@ -79,7 +79,9 @@ public:
                               dup2(out, 2) == 2 && chdir(folder.c_str()) == 0 &&
                               putenv(variable.data()) == 0;
             (void)close_range(3, ~0U, 0); // what the test itself was given and did not ask for
-            good ? execv(argv[0], argv.data()) : 0;
+            if (good) {
+                execv(argv[0], argv.data());
+            }
             _exit(126);
         }
     }
