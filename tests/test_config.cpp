@@ -58,8 +58,8 @@ TEST_F(ConfigTest, ComparesWhatCounts) {
     const ServiceConf service(nullptr);
     for (const char* json :
          {R"({"port":1})", R"({"host":"x","id":"x"})", R"({"protocol":"x","ext_port":1})"}) {
-        EXPECT_TRUE(With(server, json) != server) << json;
-        EXPECT_TRUE(With(service, json) != service) << json;
+        EXPECT_EQ(Signs({With(server, json) != server, With(service, json) != service}), "++")
+            << json;
     }
     EXPECT_TRUE(With(server, R"({"ip":"x","page":"x"})") == server);
     EXPECT_TRUE(With(service, R"({"name":"x"})") == service);
@@ -69,8 +69,7 @@ TEST_F(ConfigTest, ComparesWhatCounts) {
     NetworkConf turned = net;
     turned.interfaces.reverse();
     EXPECT_EQ(net.interfaces.size(), 2U);
-    EXPECT_TRUE(net != turned);
-    EXPECT_TRUE(net != With(net, R"({"ddns":"x"})"));
+    EXPECT_EQ(Signs({net != turned, net != With(net, R"({"ddns":"x"})")}), "++");
     EXPECT_TRUE(With(net, R"({"mode":"x","interface":{}})") == net);
 }
 
@@ -125,7 +124,7 @@ TEST_F(ConfigTest, ReplacesSerialAndTokenAsAPair) {
 
 TEST_F(ConfigTest, FindsTheHardwareAddress) {
     const std::string mac("\x02\x00\x4c\xaa\xbb\x0c", 6);
-    // Address of the pair and of the interface, content of the file; without and with colons.
+    // Address of the cluster, of the interface and in the file; then the result, also with colons.
     const std::tuple<const char*, std::string, const char*, const char*, const char*> rows[] = {
         {"", mac, "020000000000", "02004CAABB0C", "02:00:4C:AA:BB:0C"},
         {"", "", " 02004caabbcc more", "02004caabbcc", "02:00:4c:aa:bb:cc"},

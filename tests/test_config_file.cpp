@@ -5,7 +5,6 @@
 #include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -42,8 +41,7 @@ TEST_F(ConfigFileTest, MovesBrokenFilesAside) {
         root_.Write("/etc/x", broken);
         EXPECT_EQ(LogOf("config", 3, [&] { EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out)); }),
                   std::vector<std::string>{"bad json format [" + x_ + "]"});
-        EXPECT_TRUE(out.isNull()) << out;
-        EXPECT_FALSE(fs::exists(x_)) << broken.substr(0, 9);
+        EXPECT_EQ(Signs({out.isNull(), fs::exists(x_)}), "+-") << broken.substr(0, 9);
         EXPECT_EQ(root_.Read("/etc/x.bad"), broken);
     }
     for (const char* fine : {"/* c */ {\"a\":1}", "5", "{\"\xff\xfe\":\"\xc3\x28\"}"}) {
@@ -70,7 +68,7 @@ TEST_F(ConfigFileTest, ReplacesFilesWhole) {
     EXPECT_EQ(Captured(STDOUT_FILENO, [] { RelaydConf::WriteJsonFile("-", Parse("[]")); }), "[]\n");
     fs::create_symlink(x_, x_ + "y.tmp." + std::to_string(getpid()));
     RelaydConf::WriteJsonFile(x_ + "y", 7);
-    EXPECT_EQ(root_.Read("/etc/x"), styled); // it did not follow a planted link
+    EXPECT_EQ(root_.Read("/etc/x"), styled); // a planted link was not followed
 }
 
 TEST_F(ConfigFileTest, JudgesFiles) {
@@ -98,7 +96,7 @@ TEST_F(ConfigFileTest, JudgesFiles) {
 }
 
 TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
-    // A file; then all of it rewritten, the server id of it, and the alias of it.
+    // A file; then what it becomes when all of it, its server id or its alias is written.
     const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
         {R"({"x":1,"log_level":5,"service":[{"id":"web","port":9}]})",
          R"({"log_level":5,"serverID":"9","server_alias":{"alias":""},"service":[{"id":"web"}]})",
@@ -140,17 +138,16 @@ TEST_F(ConfigFileTest, DropsAnIdOnlyWhenItIsForeign) {
                               [&] { ASSERT_EQ(conf.serverID, "044756784"); });
     EXPECT_FALSE(conf.serverIdCleared);
     Json::Value out;
-    WithEachAllocationFailing([&] { RelaydConf::ReadJsonFile(conf.path, out); },
-                              [&] {
-                                  ASSERT_TRUE(fs::exists(conf.path));
-                                  ASSERT_THAT(Compact(out), testing::AnyOf("null", text));
-                              });
+    const auto read = [&] { RelaydConf::ReadJsonFile(conf.path, out); };
+    WithEachAllocationFailing(read, [&] {
+        ASSERT_TRUE(fs::exists(conf.path));
+        ASSERT_THAT(Compact(out), testing::AnyOf("null", text));
+    });
 }
 
 TEST_F(ConfigFileTest, DropsAForeignServerIdAndTellsOnce) {
     RelaydConf conf = Conf(R"({"serverID":"044756785"})");
-    EXPECT_TRUE(conf.serverIdCleared);
-    EXPECT_EQ(conf.serverID, "");
+    EXPECT_EQ(Signs({conf.serverIdCleared, conf.serverID.empty()}), "++");
     EXPECT_FALSE(conf.WriteConfigFile("/no/folder"));
     EXPECT_EQ(root_.Read("/notified"), "");
     EXPECT_EQ(Signs({conf.WriteConfigFile(), conf.WriteConfigFile()}), "++");

@@ -2,11 +2,8 @@
 
 #include "tests/support/ctl.h"
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-
-namespace {
 
 TEST_F(Ctl, RefusesWhatCanNotBeInOneLine) {
     const std::pair<std::string, const char*> kCases[] = {
@@ -35,7 +32,7 @@ TEST_F(Ctl, RefusesWhatCanNotBeInOneLine) {
 
 TEST_F(Ctl, ServiceChangesNothingElse) {
     const char* const both = R"([{"id":"web"},{"id":"photos"}])";
-    // A service of several ports has the one that the configuration names.
+    // For a service with several ports the configuration names one.
     const char* const named = R"([{"id":"ftp","port":21,"name":"mine"}])";
     const std::tuple<const char*, const char*, const char*> kCases[] = {
         {R"([{"id":"web"}])", "add photos", both},
@@ -50,7 +47,7 @@ TEST_F(Ctl, ServiceChangesNothingElse) {
         config_["service"] = Parse(after);
         EXPECT_EQ(ReadConfig(), config_) << words;
     }
-    std::filesystem::remove(root_.Path(Device::kConfig));
+    fs::remove(root_.Path(Device::kConfig));
     EXPECT_EQ(Run("service add web").code, 0);
     EXPECT_EQ(ReadConfig(), Parse(R"({"service":[{"id":"web"}]})")) << "a new file";
 }
@@ -60,7 +57,7 @@ TEST_F(Ctl, LeavesBrokenFilesAlone) {
         root_.Write(Device::kConfig, broken);
         Fails(words, 255, "zarorelayd.conf: ");
         EXPECT_EQ(root_.Read(Device::kConfig), broken) << words;
-        EXPECT_FALSE(std::filesystem::exists(root_.Path(std::string(Device::kConfig) + ".bad")));
+        EXPECT_FALSE(fs::exists(root_.Path(std::string(Device::kConfig) + ".bad")));
     };
     for (const char* broken : {"", "{", "[]", R"({"server_control":{"port":-5}})"}) {
         for (const char* words :
@@ -68,7 +65,7 @@ TEST_F(Ctl, LeavesBrokenFilesAlone) {
             leaves(broken, words);
         }
     }
-    leaves("{\"service\":{}}", "service add web"); // what is no list does not stop the others
+    leaves("{\"service\":{}}", "service add web"); // other commands accept it
 }
 
 TEST_F(Ctl, LosesNoChangeOfTwoAtATime) {
@@ -111,7 +108,7 @@ TEST_F(Ctl, ChangesAliasSwitchAndLog) {
 }
 
 TEST_F(Ctl, SignalsNoOtherProgramsProcess) {
-    // The second one plays a daemon of another root, by the lock that it has open.
+    // The second one looks like a daemon of another root: it has such a lock file open.
     root_.Write("/zarorelayd", "#!/usr/bin/tail -f\n", 0755);
     for (const std::string program :
          {"/bin/sleep 600", "$ZARO_ROOT/zarorelayd 9>$ZARO_ROOT/z.pid.lock"}) {
@@ -128,10 +125,10 @@ TEST_F(Ctl, SignalsNoOtherProgramsProcess) {
 }
 
 TEST_F(Ctl, SaysThatRightsAreMissing) {
-    // Process 1 is root's, and so is the folder.
+    // Process 1 belongs to root, and so does the folder.
     root_.Write(kStatusFile, R"({"pid":1,"state":5})");
     root_.Write(Device::kPidFile, "1\n");
-    // Nobody else may be able to read what was built here.
+    // The build folder may be closed to other users, so they get a copy.
     const char* const copy = "ldd \"$0\" | grep -o '/.*/libzaro[a-z]*.so[.0-9]*' | "
                              "xargs -d '\\n' install -Dt copies \"$0\"";
     ASSERT_EQ(Outcome({"/bin/sh", "-c", copy, ZARO_CTL}, root_.Dir()), "0 ");
@@ -140,31 +137,31 @@ TEST_F(Ctl, SaysThatRightsAreMissing) {
         std::string("env LD_LIBRARY_PATH=") + copies +
         (geteuid() == 0 ? " setpriv --reuid=65534 --regid=65534 --clear-groups " : " ") + copies +
         "/zarorelayctl";
-    std::filesystem::permissions(root_.Dir(), std::filesystem::perms(0755));
-    std::filesystem::permissions(root_.Path("/usr/zaro/etc"), std::filesystem::perms(0555));
+    fs::permissions(root_.Dir(), fs::perms(0755));
+    fs::permissions(root_.Path("/usr/zaro/etc"), fs::perms(0555));
     for (const char* words :
          {"status", "status --json", "service add photos", "alias clear", "log stop"}) {
         Fails(words, 2, "run this as root", other);
     }
-    std::filesystem::permissions(root_.Path("/usr/zaro/etc"), std::filesystem::perms(0755));
+    fs::permissions(root_.Path("/usr/zaro/etc"), fs::perms(0755));
 }
 
 TEST_F(Ctl, StartEndsWithTheDaemonsCode) {
     root_.Write(Device::kConfig, "{");
-    EXPECT_EQ(Run("start").code, 2); // the one beside it finds the fault
+    EXPECT_EQ(Run("start").code, 2); // the daemon beside it finds the fault
     root_.Write("/usr/zaro/bin/zarorelayd", "#!/bin/sh\necho \"$@\"\nexit 7\n", 0755);
     const std::string copy = root_.Path("/zarorelayctl");
-    std::filesystem::copy(ZARO_CTL, copy);
+    fs::copy(ZARO_CTL, copy);
     Process alone({copy, "restart", "--root", root_.Dir()}, root_.Path("/own"));
     EXPECT_EQ(alone.Wait(seconds(10)), 7);
     EXPECT_EQ(root_.Read("/own"), "--root " + root_.Dir() + "\n");
 }
 
-/// The name of the first link that is broken; each broken one tells its remedy.
-std::string FirstBroken(const Json::Value& document) {
+/// The name of the first broken link. Expects a remedy for each broken one.
+static std::string FirstBroken(const Json::Value& document) {
     std::string first;
     for (const Json::Value& link : document["link"]) {
-        EXPECT_THAT(link.getMemberNames(), ElementsAre("detail", "name", "outcome", "remedy"));
+        EXPECT_EQ(link.getMemberNames(), Words("detail name outcome remedy"));
         const bool broken = link["outcome"] == "broken";
         EXPECT_EQ(broken, !link["remedy"].asString().empty()) << link;
         first = broken && first.empty() ? link["name"].asString() : first;
@@ -177,7 +174,7 @@ TEST_F(Ctl, CheckNamesTheFirstBrokenLink) {
     noWaiting["server_waitcmd"] = Parse(R"({"host":"127.0.0.1","port":1})");
     const Listener silent;
     device.UseServer("https", silent.port);
-    // The link, what breaks it on top of what was broken before, further down.
+    // The link and the file that breaks it, in addition to the rows above, which break later links.
     const std::tuple<std::string, const char*, std::string> kCases[] = {
         {"daemon", "/harmless", ""},
         {"service web", "/usr/zaro/etc/services.d/web.conf", "tcp=1\n"},
@@ -208,7 +205,7 @@ TEST_F(Ctl, WorksWithARealDaemonAndHub) {
         return Run(words, "env " + device.Mark() + " " + kProgram);
     };
     ASSERT_EQ(run("start").code, 0);
-    ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.IsAllUp(); })) << device.Status();
+    ASSERT_TRUE(WaitFor([&] { return device.Serves(web) && device.IsAllUp(); }));
     const Json::Value status = Parse(run("status --json").out);
     ExpectWholeStatus(status);
     EXPECT_EQ(status["service"][0]["up"], true);
@@ -226,14 +223,12 @@ TEST_F(Ctl, WorksWithARealDaemonAndHub) {
     EXPECT_EQ(run("service remove web").code, 0);
     EXPECT_TRUE(WaitFor([&] { return device.Status()["service"].empty(); }));
     EXPECT_EQ(run("service add web").code, 0);
-    EXPECT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Status();
+    EXPECT_TRUE(WaitFor([&] { return device.Serves(web); }));
     const pid_t before = atoi(root_.Read(Device::kPidFile).c_str());
     EXPECT_EQ(run("restart").code, 0);
     EXPECT_NE(atoi(root_.Read(Device::kPidFile).c_str()), before);
-    EXPECT_TRUE(WaitFor([&] { return device.Serves(web); })) << device.Status();
+    EXPECT_TRUE(WaitFor([&] { return device.Serves(web); }));
     EXPECT_EQ(run("stop").code, 0);
     EXPECT_EQ(run("status").code, 1);
     EXPECT_EQ(run("debug").code, 1);
 }
-
-} // namespace

@@ -5,12 +5,10 @@
 using testing::HasSubstr;
 using testing::Not;
 
-namespace {
-
 TEST_F(Ctl, StatusFollowsTheStatusFile) {
     const std::string alive = "{\"pid\":" + std::to_string(getpid()) + ",";
-    const std::string dead = "{\"pid\":4194304"; // one above the highest that there can be
-    // The file, options, exit code and whether it runs and the state, what is said of it.
+    const std::string dead = "{\"pid\":4194304"; // above the highest possible one
+    // The file and options; then exit code, running and state; then what standard error contains.
     const std::tuple<std::string, const char*, const char*, const char*> kCases[] = {
         {"", "", "1 false not_running", "not running"},
         {dead + R"(,"state":5,"serverID":"1"})", "", "1 false not_running", "not running"},
@@ -28,7 +26,9 @@ TEST_F(Ctl, StatusFollowsTheStatusFile) {
          "", "0 true connected", ""}};
     for (const auto& [file, options, outcome, err] : kCases) {
         SCOPED_TRACE(file.substr(0, 100));
-        file.empty() ? void() : root_.Write(kStatusFile, file);
+        if (!file.empty()) {
+            root_.Write(kStatusFile, file);
+        }
         const Result json = Run(std::string("status --json ") + options);
         const Json::Value status = Parse(json.out);
         EXPECT_EQ(std::to_string(json.code) + " " + Compact(status["running"]) + " " +
@@ -39,8 +39,8 @@ TEST_F(Ctl, StatusFollowsTheStatusFile) {
         EXPECT_THAT(json.err, HasSubstr(err));
         EXPECT_EQ(Run(std::string("status ") + options).code, json.code);
     }
-    const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::minutes(5);
-    std::filesystem::last_write_time(root_.Path(kStatusFile), old);
+    const auto old = fs::file_time_type::clock::now() - std::chrono::minutes(5);
+    fs::last_write_time(root_.Path(kStatusFile), old);
     Fails("status", 255, "is as it was on");
 }
 
@@ -121,5 +121,3 @@ TEST_F(Ctl, WatchOnATerminalLeavesItAsItWas) {
         close(terminal);
     }
 }
-
-} // namespace

@@ -5,13 +5,12 @@
 #include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
-namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
 namespace {
 
 struct TunnelTest : RootTest {
-    /// What a forked child allocates may wait for ever for another thread's lock.
+    /// A forked child must not allocate: it could wait forever for another thread's lock.
     TunnelTest() {
         pthread_atfork(nullptr, nullptr, [] { gAllocationsUntilOneFails = 0; });
     }
@@ -47,9 +46,8 @@ TEST_F(TunnelTest, ComparesAndJudgesSettings) {
     for (const auto& row : rows) {
         Tunnel tunnel = With(row.first);
         EXPECT_TRUE(Logs("tunnel", 7, row.second, [&] { EXPECT_FALSE(tunnel.Create()); }));
-        EXPECT_TRUE(tunnel != With());
         EXPECT_EQ(tunnel.GetStatus(), TUNNEL_STATUS_NONE);
-        EXPECT_TRUE(NoFileLeft());
+        EXPECT_EQ(Signs({tunnel != With(), NoFileLeft()}), "++");
     }
 }
 
@@ -89,7 +87,7 @@ TEST_F(TunnelTest, TellsHowALogInFailed) {
         {"echo root ssh -d $file > $ZARO_ROOT/ssh.ps", "0; get tunnel pid failed"}};
     for (const auto& [script, text] : rows) {
         const ScriptedSsh ssh(root_, script);
-        const bool none = text == "0; pclose failed"; // what is not found is told, and no failure
+        const bool none = text == "0; pclose failed"; // logged, but not a failure
         Tunnel tunnel = With();
         const Texts log = LogOf("tunnel", 7, [&] { EXPECT_EQ(tunnel.Create(), none); });
         EXPECT_EQ(log.at(1) + "; " + log.at(2), "ssh returned: " + text) << script;
@@ -131,12 +129,12 @@ TEST_F(TunnelTest, ServiceIdsStayInTheFolderAndAreNotExecuted) {
 TEST_F(TunnelTest, PasswordsAreNeverOthersToRead) {
     const std::string path = PasswordFile("web");
     fs::create_directories(path + "/in the way");
-    fs::permissions(root_.Path("/tmp"), fs::perms(0755)); // where no stranger can have put it
+    fs::permissions(root_.Path("/tmp"), fs::perms(0755)); // so no other user can have put it there
     EXPECT_TRUE(Logs("tunnel", 3, "open [" + path + "] failed, Is a directory",
                      [&] { EXPECT_FALSE(With().WritePassFile(path)); }));
     fs::permissions(root_.Path("/tmp"), fs::perms(01777));
     EXPECT_EQ(Signs({With().WritePassFile(path), fs::remove(path)}), "++");
-    // Somebody has made the file, open to all, and waits with an open descriptor.
+    // Another user has made the file, open to all, and keeps a descriptor.
     const int spy = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     With().WritePassFile(path);
     EXPECT_EQ(lseek(spy, 0, SEEK_END), 0);

@@ -9,13 +9,13 @@ constexpr const char* kStatusFile = "/tmp/.zarorelayd.status";
 
 struct Result {
     int code;
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
 
 const std::string kProgram = "'" ZARO_CTL "'";
 
-/// A program, which may run under another, with a shell's words for arguments, in the root.
+/// Starts the command line in the root. `words`: its arguments, in shell syntax. `program` may
+/// begin with another program that runs it.
 inline std::unique_ptr<Process> Start(const TempRoot& root, const std::string& words,
                                       const std::string& program = kProgram,
                                       const std::string& out = "ctl.out") {
@@ -26,7 +26,7 @@ inline std::unique_ptr<Process> Start(const TempRoot& root, const std::string& w
 }
 
 struct Ctl : DeviceTest {
-    /// Where everybody can go, however closed the folders of this user are.
+    /// /tmp: a folder of this user's may be closed to the other user that one test needs.
     static void SetUpTestSuite() { setenv("TMPDIR", "/tmp", 1); }
 
     Ctl() {
@@ -39,54 +39,50 @@ struct Ctl : DeviceTest {
     }
 
     void WriteConfig() { root_.Write(Device::kConfig, Compact(config_)); }
-    Json::Value ReadConfig() const { return Parse(root_.Read(Device::kConfig)); }
+    Json::Value ReadConfig() const { return device.ReadJson(Device::kConfig); }
 
     Result Run(const std::string& words, const std::string& program = kProgram) const {
-        // A daemon without a parent is reaped there; while it is a zombie it looks alive.
+        // InChild reaps a daemon that has lost its parent: as a zombie it would look alive.
         const int code = InChild([&] { return Start(root_, words, program)->Wait(seconds(60)); });
         return {code, root_.Read("/ctl.out"), root_.Read("/ctl.err")};
     }
 
-    /// Runs what fails with one line, which begins with the program's name and holds `text`.
-    /// Gives the other output.
+    /// Runs a command that must fail with one line on standard error, which begins with the
+    /// program's name and contains `text`. Returns its standard output.
     std::string Fails(const std::string& words, int code, const std::string& text,
                       const std::string& program = kProgram) const {
         SCOPED_TRACE(words);
         const Result result = Run(words, program);
         EXPECT_EQ(result.code, code);
-        EXPECT_EQ(result.err.find("zarorelayctl: "), 0U) << result.err;
-        EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << result.err;
+        EXPECT_THAT(result.err, testing::MatchesRegex("zarorelayctl: [^\n]*\n"));
         EXPECT_THAT(result.err, testing::HasSubstr(text));
         return result.out;
     }
 
-    /// The status file of a daemon that runs: this process plays it.
+    /// Writes the status file of a running daemon, whose part this process plays.
     void WriteStatus(const std::string& members) const {
         root_.Write("/tmp/new", "{\"pid\":" + std::to_string(getpid()) + "," + members + "}");
-        std::filesystem::rename(root_.Path("/tmp/new"), root_.Path(kStatusFile));
+        fs::rename(root_.Path("/tmp/new"), root_.Path(kStatusFile));
     }
 
     const TempRoot& root_ = device.root;
     Json::Value& config_ = device.config;
 };
 
-/// What a script relies on.
+/// Expects every member that scripts rely on.
 inline void ExpectWholeStatus(const Json::Value& status) {
-    EXPECT_THAT(status.getMemberNames(),
-                testing::ElementsAre("alias", "error", "pid", "running", "serverID", "service",
-                                     "since", "state", "version"));
-    EXPECT_THAT(status["alias"].getMemberNames(), testing::ElementsAre("extra", "name", "status"));
+    EXPECT_EQ(status.getMemberNames(),
+              Words("alias error pid running serverID service since state version"));
+    EXPECT_EQ(status["alias"].getMemberNames(), Words("extra name status"));
     for (const char* text : {"error", "serverID", "state", "version"}) {
         EXPECT_TRUE(status[text].isString()) << text;
     }
     ASSERT_TRUE(status["service"].isArray());
     for (const Json::Value& service : status["service"]) {
-        EXPECT_THAT(service.getMemberNames(),
-                    testing::ElementsAre("id", "local", "name", "port", "tunnel", "up"));
+        EXPECT_EQ(service.getMemberNames(), Words("id local name port tunnel up"));
+        const char* const tunnel = "relay_ip relay_port restarts since status";
         if (!service["tunnel"].isNull()) {
-            EXPECT_THAT(
-                service["tunnel"].getMemberNames(),
-                testing::ElementsAre("relay_ip", "relay_port", "restarts", "since", "status"));
+            EXPECT_EQ(service["tunnel"].getMemberNames(), Words(tunnel));
         }
     }
 }

@@ -1,5 +1,5 @@
-/// What goes wrong around a device, and what puts it right: the words of which the rows of the
-/// fault table are made.
+/// What goes wrong around a device, and what puts it right: the building blocks of the fault
+/// table's rows.
 #pragma once
 
 #include <sys/resource.h>
@@ -9,19 +9,18 @@
 #include "tests/support/device.h"
 #include "tests/support/fault_proxy.h"
 
-namespace fs = std::filesystem;
-
 // How soon visitors get through again.
 constexpr milliseconds kNow{0};
 constexpr milliseconds kClean{1000};
 constexpr milliseconds kSilent{20000};
 constexpr milliseconds kNetwork{3000};
 constexpr milliseconds kHub{5000};
-/// After up to 10 s of failed log-ins; nothing tells that the next one would be good.
+/// After up to 10 s of failed log-ins; nothing announces that the next one would succeed.
 constexpr milliseconds kTries{3000};
 
-/// What is special: web's tunnel is a new one afterwards; there is a second service; the device has
-/// a network of its own, and the tunnel the second address there; it may register.
+/// What is special about a row. kNew: web's tunnel is a new one afterwards. kPhoto: there is a
+/// second service. kAddress: the device has a network of its own. kSecond: the tunnel uses the
+/// second address there. kRegisters: the device may register again.
 enum Kinds { kSame = 0, kNew = 1, kPhoto = 2, kAddress = 4, kRegisters = 8, kSecond = 16 };
 
 /// A device with its hub, a path of its own to the control server and one to the relay.
@@ -39,13 +38,12 @@ struct Site {
         device.Define(late.Name(), late.Port());
     }
 
-    /// The state, but for a good one, or the error in its place, and each service: "+" is up and
-    /// serves, "-" is neither; "?" is up and refused by its program, "~" silent; "*" only serves.
-    /// So a visitor checks what the status claims.
+    /// What the status claims and what a visitor finds, as one text: the state unless it is good,
+    /// or the error in its place; then each service behind a sign. "+": up, and it serves. "-":
+    /// neither.
+    /// "*": it serves, though not up. "?": up, but its program refuses. "~": up, but silent.
     std::string Word() const {
-        std::string id;
-        std::string state;
-        std::string error;
+        std::string id, state, error;
         device.Enter();
         (void)ZARO::Relay::Daemon::GetStatus(id, state, error, nullptr);
         std::string word = state == "connected" ? "" : (state == "error" ? error : state) + " ";
@@ -65,18 +63,12 @@ struct Site {
                relay.Accepted();
     }
 
-    Json::Value Dump() const {
-        Json::Value dump;
-        EXPECT_TRUE(device.AnswersADump(dump));
-        return dump;
-    }
-
     std::string OfDaemon(const char* file) const {
         return "/proc/" + std::to_string(device.Daemon().Pid()) + "/" + file;
     }
 
-    /// What the device holds: processes, password files, and of the daemon's descriptors those of
-    /// sockets or of all others.
+    /// How many sockets the daemon has open; or its other descriptors, with the device's processes
+    /// and password files.
     std::size_t Holds(bool sockets) const {
         std::size_t count = sockets ? 0 : device.Processes().size() + device.PasswordFiles();
         for (const auto& entry : fs::directory_iterator(OfDaemon("fd"))) {
@@ -116,11 +108,10 @@ inline Act operator*(int times, const Act& act) {
 }
 
 using Paths = std::vector<FaultProxy Site::*>;
-const Paths kControl = {&Site::control};
-const Paths kRelay = {&Site::relay};
+const Paths kControl = {&Site::control}, kRelay = {&Site::relay};
 const Paths kBoth = {&Site::control, &Site::relay};
-/// The connections on a path: all are reset, or end in order, or stay with a new fault; or only
-/// those that stand have it.
+/// What happens to the connections on a path: all are reset, end in order, or stay and have the
+/// fault, as new ones have. kOld: only those that exist have it.
 enum Connections { kReset, kEnd, kStay, kOld };
 inline Act On(const Paths& paths, const PathFaults& faults = PathFaults(),
               Connections all = kReset) {
@@ -136,7 +127,7 @@ inline Act On(const Paths& paths, const PathFaults& faults = PathFaults(),
 const Act kHeal = On(kBoth, PathFaults(), kStay);
 const Act kWait = [](Site&) {};
 
-/// Waits until the status shows something, and goes on showing it.
+/// Waits until the status shows `word`, and goes on showing it.
 inline Act Shows(const std::string& word, milliseconds lasts = kNow) {
     return [=](Site& site) {
         const auto is = [&] { return site.Word() == word; };
@@ -152,17 +143,17 @@ const auto Lose = [](auto file) -> Act {
 };
 const auto Pool = [](int ports) -> Act { return [=](Site& s) { s.hub.UsePorts(ports); }; };
 const Act kHubForgets = Lose("hub.db") + Lose("hub.db-wal") + Lose("hub.db-shm");
-/// Connections are refused meanwhile, not accepted by a proxy without a target.
+/// The proxies refuse connections meanwhile: they have no target.
 const Act kEndHub = On(kBoth, kRefuses) + [](Site& s) { s.hub.Kill(); };
 const Act kStartHub = Act([](Site& s) { s.hub.Start(); }) + kHeal;
 
 inline Act Ssh(int number, const char* service = "web") {
     return [=](Site& site) { EXPECT_TRUE(site.device.SignalSsh(service, number)); };
 }
-/// A tunnel that stood is back at once, but for what a log-in takes.
+/// A tunnel that was up is back at once, apart from the time that a log-in takes.
 const Act kLose = Shows("+web", seconds(1)) + [](Site& site) {
     const pid_t former = site.device.Ssh("web");
-    const milliseconds logIn{site.Dump()["longest_ms"]["a log-in"].asInt()};
+    const milliseconds logIn{site.device.Dump()["longest_ms"]["a log-in"].asInt()};
     const auto back = [&] { return site.device.Ssh("web") != former && site.device.Serves("web"); };
     Ssh(SIGKILL)(site);
     EXPECT_TRUE(Takes("a loss", kClean + logIn, back));
@@ -185,7 +176,7 @@ const Act kStop = Daemon(SIGTERM) + [](Site& site) {
     EXPECT_TRUE(Takes("stop", seconds(2), [&] { return site.device.Daemon().Wait(kNow) == 0; }));
     EXPECT_EQ(site.device.Processes().size() + site.device.PasswordFiles(), 0U);
 };
-/// How many descriptors the daemon may have from now on.
+/// Limits the daemon's descriptors from now on.
 inline Act Descriptors(rlim_t most) {
     return [=](Site& site) {
         const rlimit limit = {most, 1024};
@@ -193,7 +184,10 @@ inline Act Descriptors(rlim_t most) {
     };
 }
 
-/// Puts another file in the place of one of the device's, or none; and the first one back.
+const std::string kConfig = Device::kConfig, kStatus = "/tmp/.zarorelayd.status", kTmp = "/tmp";
+const std::string kHosts = "/usr/zaro/etc/ssh/known_hosts", kSsh = "/usr/zaro/bin/ssh";
+
+/// Takes one of the device's files away, with or without a substitute; Back restores it.
 inline Act Take(const std::string& file, const char* instead = nullptr) {
     return [=](Site& site) {
         fs::rename(site.device.root.Path(file), site.device.root.Path(file + ".away"));
@@ -208,15 +202,14 @@ inline Act Back(const std::string& file) {
         fs::rename(site.device.root.Path(file + ".away"), site.device.root.Path(file));
     };
 }
-/// Folders that are in the way of the status file.
+/// Puts folders in the way of the status file.
 const Act kPlant = [](Site& site) {
-    const fs::path file = site.device.root.Path("/tmp/.zarorelayd.status");
-    fs::remove(file);
-    fs::create_directories(file / "x");
-    fs::create_directories(file.string() + ".tmp." + std::to_string(site.device.Daemon().Pid()) +
-                           "/x");
+    const std::string pid = std::to_string(site.device.Daemon().Pid());
+    fs::remove(site.device.root.Path(kStatus));
+    site.device.root.Write(kStatus + "/x", "");
+    site.device.root.Write(kStatus + ".tmp." + pid + "/x", "");
 };
-/// Has log-ins begin with this shell command; $2 is the password file.
+/// Makes log-ins begin with this shell command; $2 is the password file.
 const auto Wrap = [](auto command) -> Act { return [=](Site& s) { s.device.WrapSsh(command); }; };
 
 const Act kServeNowhere = [](Site& site) { site.web.reset(); };
@@ -225,19 +218,13 @@ const Act kServeElsewhere = [](Site& site) {
     site.device.Define("web", site.web->Port());
 };
 const Act kServeSilence = [](Site& site) { site.device.Define("web", site.mute.port); };
-/// Changes that come at once.
+/// Changes of addresses, all at once.
 const auto Ip = [](const std::string& changes) -> Act {
     const std::string line = R"(printf 'a %s %s/24 dev eth0\n' )" + changes + " | ip -b -";
     return [=](Site&) { EXPECT_EQ(system(line.c_str()), 0) << line; };
 };
 
-/// The control server's answer does not wait for a time limit.
+/// The control server is heard again before any time limit.
 const Act kHears = [](Site& site) {
     EXPECT_TRUE(Takes("an answer", kNetwork, [&] { return site.Word() == "+web"; }));
 };
-
-const std::string kConfig = Device::kConfig;
-const std::string kHosts = "/usr/zaro/etc/ssh/known_hosts";
-const std::string kSsh = "/usr/zaro/bin/ssh";
-const std::string kStatus = "/tmp/.zarorelayd.status";
-const std::string kTmp = "/tmp";

@@ -8,7 +8,7 @@
 #include "tests/support/processes.h"
 #include "tests/support/temp_root.h"
 
-/// Makes a file another user's, where this process may do so.
+/// Gives a file to another user, if this process runs as root.
 inline void GiveAway(const std::string& path, uid_t user) {
     EXPECT_EQ(geteuid() == 0 ? chown(path.c_str(), user, user) : 0, 0);
 }
