@@ -28,8 +28,8 @@ void SyncFolderOf(const std::string& path) {
     }
 }
 
-/// Puts a broken file out of the way, so that it is never read twice; unless another process has
-/// replaced it since by one that was not looked at.
+/// Moves a broken file out of the way, so that it is not read again, unless another process has
+/// replaced it since.
 void MoveAside(const std::string& path, const json::FileText& broken) {
     struct stat now = {};
     if (lstat(path.c_str(), &now) != 0) {
@@ -103,7 +103,7 @@ bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value
     if (rename(temporary.c_str(), path.c_str()) != 0) {
         RELAY_LOG(3, "rename to %s failed %m", path.c_str());
         unlink(temporary.c_str());
-        return true; // the content was produced; only its placing failed
+        return true; // the text was written; only the rename failed
     }
     SyncFolderOf(path);
     return true;

@@ -65,9 +65,9 @@ public:
     /// Whether this process went into the background with Fork.
     static bool IsForked();
 
-    /// Goes into the background. True in the child; false, logged, when there is none. The parent
-    /// does not return: it waits up to 20 s for the child's start-up result and exits with it, or
-    /// with 255 when none came.
+    /// Goes into the background. True in the child; false, logged, when that can't be made. The
+    /// parent does not return: it waits up to 20 s for the child's start-up result and exits with
+    /// it, or with 255 when none came.
     static bool Fork();
 
     /// Start of the daemon executable: resets signals, refuses a second instance, forks if

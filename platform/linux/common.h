@@ -30,7 +30,7 @@ using ZARO::Relay::UniqueFd;
 /// what a damaged or planted one can cost.
 constexpr size_t kMaxFileSize = 1 << 20;
 
-/// Keeps `error` for TLIBCErrGet. Always -1.
+/// Keeps `error` for TLIBCErrGet. Returns -1.
 int Fail(int error) noexcept;
 
 /// Runs the body of a C function, which gives its result; what it throws becomes a failure, and
@@ -49,20 +49,20 @@ template <typename Body> int Guard(Body body) noexcept {
 /// Reads a regular file from where its descriptor stands to its end; EFBIG above `limit` bytes.
 int ReadAll(int fd, size_t limit, std::string& text);
 
-/// Reads a whole regular file. Anything else is refused, without ever waiting on it.
+/// Reads a whole regular file. Refuses anything else without blocking on it.
 int ReadFile(const std::string& path, std::string& text);
 
-/// Gives the names in a folder in order of their bytes, hidden ones left out.
+/// Gives the names in a folder in byte order, without hidden ones.
 int ListFolder(const std::string& path, std::vector<std::string>& names);
 
 int WriteAll(int fd, std::string_view text);
 
-/// Makes what was renamed, linked or removed in `folder` last over a power cut, as far as the file
-/// system can: by then it has happened, so there is nothing to report.
+/// Makes a rename, link or removal in `folder` survive a power cut, as far as the file system can.
+/// Reports nothing: the change itself has been made.
 void SyncFolder(const std::string& folder);
 
 /// Puts `text` into a caller's buffer of `size` > 0 bytes, cut to fit and never within a UTF-8
-/// character. Returns the length it has there.
+/// character. Returns the length of the copy.
 int CopyCut(std::string_view text, char* buf, int size);
 
 /// Whether a text fits whole into a caller's buffer.

@@ -15,12 +15,12 @@
 namespace ZARO::Platform {
 namespace {
 
-// Who holds the lock is replacing one small file; a disk that wakes up takes seconds.
+// Whoever holds the lock is replacing one small file; a disk that wakes up takes seconds.
 constexpr int kLockWaitMs = 10000;
 constexpr int kLockStepMs = 5;
 
-/// Gives the file that `path` stands for, behind its symbolic links. One that is missing stands for
-/// itself, but a link that leads nowhere is an error: replacing it would cut it off its target.
+/// Follows the symbolic links of `path` to the file. A missing file stands for itself, but a link
+/// that leads nowhere is an error: replacing it would separate it from its target.
 int ResolveTarget(const std::string& path, std::string& target) {
     struct stat info {};
     if (lstat(path.c_str(), &info) != 0) {
@@ -41,9 +41,9 @@ std::string Companion(const std::string& file, const char* suffix) {
     return file.substr(0, name) + "." + file.substr(name) + suffix;
 }
 
-/// Takes the lock that the writers of a file share, until it is closed. Nobody else can open that
-/// file, so nobody else can hold the lock up. It stays there: removing it would let two writers
-/// lock two files of one name.
+/// Takes the lock that the writers of a file share; closing releases it. Nobody else can open the
+/// lock file, so nobody else can hold it. It is never removed: two writers could then lock two
+/// files of one name.
 int Lock(const std::string& path, UniqueFd& lock) {
     lock = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
                          S_IRUSR | S_IWUSR));
@@ -85,8 +85,8 @@ int WriteNew(const std::string& path, const std::string& text, const struct stat
     return 0;
 }
 
-/// Replaces a file by rename, so that it is whole at every instant. The caller holds its lock,
-/// which is why a fixed name does for the new file: what a killed writer left is removed here.
+/// Replaces a file by rename, so that it is whole at every instant. The caller holds its lock, so
+/// the new file can have a fixed name. What a killed writer left is removed here.
 int Replace(const std::string& file, const std::string& text, const struct stat& like) {
     const std::string fresh = Companion(file, ".new");
     if (unlink(fresh.c_str()) != 0 && errno != ENOENT) {
@@ -104,8 +104,8 @@ int Replace(const std::string& file, const std::string& text, const struct stat&
     return 0;
 }
 
-/// `text` with every line of `key` set to `value`, so that a reader for which the first one counts
-/// agrees; with a line added at the end when there is none.
+/// `text` with `key` set to `value` in every line that has it, so that programs that take the first
+/// such line see the same. Without such a line one is added at the end.
 std::string WithValue(std::string_view text, std::string_view key, std::string_view value) {
     const std::string written = "\"" + std::string(value) + "\"";
     std::string result;

@@ -21,7 +21,7 @@ constexpr size_t kSecretSize = 32;
 constexpr size_t kSerialSize = 20; // 100 random bits: no two devices share one
 constexpr size_t kMaxSerialSize = 35;
 constexpr size_t kTokenSize = 32;
-// Without the letters that people take for digits; a power of two, so that each is as likely.
+// Without letters that look like digits; a power of two, so that each is equally likely.
 constexpr std::string_view kSerialAlphabet = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
 static_assert(kSerialAlphabet.size() == 32);
 
@@ -98,8 +98,8 @@ int WriteSynced(int fd, const std::string& text) {
     return error == 0 && fsync(fd) != 0 ? errno : error;
 }
 
-/// Makes the device's identity. Of processes that do so at once the first one wins: the link is
-/// made only where no file is, and by then the file is complete.
+/// Makes the device's identity. Of several processes that do so at once the first wins: the link
+/// is made only if the name is free, and by then the file is complete.
 int MakeIdentity(const std::string& path) {
     Identity identity;
     if (const int error = DrawIdentity(identity)) {
@@ -115,7 +115,8 @@ int MakeIdentity(const std::string& path) {
     if (error == 0 && link(fresh.c_str(), path.c_str()) != 0 && errno != EEXIST) {
         error = errno;
     }
-    (void)unlink(fresh.c_str()); // what stays only its owner can read, and the next process removes
+    (void)unlink(
+        fresh.c_str()); // a leftover is its owner's to read only, and the next process removes it
     SyncFolder(ZARO::Relay::FolderOf(path));
     return error;
 }
