@@ -175,7 +175,7 @@ public:
     bool ReadConf();
 
     /// The device's MAC as six pairs of hex digits joined by colons; in a cluster, the shared one
-    /// as the platform gives it. Empty when there is none, which is logged outside a cluster.
+    /// as the platform gives it. Empty for a device without one (logged outside a cluster).
     /// Throws bad_alloc when the platform ran out of memory.
     static std::string GetMacAddress();
 

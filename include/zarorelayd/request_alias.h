@@ -118,13 +118,14 @@ public:
     void GetResponse(Json::Value& json) const;
 
     /// Outcome of a request that the job queue has finished; `extra` is the text behind the word,
-    /// untouched if there is none. True also for a failed transfer. False, logged and the outputs
-    /// untouched, for an unknown word. `req` must not be empty.
+    /// untouched if the reply is only the word. True also for a failed transfer. False, logged and
+    /// the outputs untouched, for an unknown word. `req` must not be empty.
     static bool GetResponseForDaemon(boost::shared_ptr<Request> req, ALIAS_RET& ret,
                                      std::string& extra);
     /// The same for an exchange, whose body it trims.
     static bool GetResponseForDaemon(HTTPResponse& r, ALIAS_RET& ret, std::string& extra);
-    /// The alias in a request's data. False, logged, when there is none. `req` must not be empty.
+    /// The alias in a request's data. False, logged, if the data names no alias. `req` must not be
+    /// empty.
     static bool GetAliasName(boost::shared_ptr<Request> req, std::string& alias);
 
     /// Finds the outcome for a reply "word" or "word:extra". False, `ret` untouched, for others.
