@@ -21,8 +21,8 @@ namespace ZARO::Relay {
 
 namespace {
 
-/// Puts a broken file out of the way, so that it is never read twice; unless another process has
-/// replaced it since by one that was not looked at.
+/// Moves a broken file out of the way, so that it is not read again, unless another process has
+/// replaced it since.
 void MoveAside(const std::string& path, const FileText& broken) {
     struct stat now = {};
     if (lstat(path.c_str(), &now) != 0) {
@@ -87,7 +87,7 @@ bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value
     case Replaced::NotWritten:
         RELAY_LOG(log::Error, "write failed [%s], %m", NewFileOf(path).c_str());
         return false;
-    case Replaced::NotPlaced: // the content was produced; only its placing failed
+    case Replaced::NotPlaced: // the text was written; only the rename failed
         RELAY_LOG(log::Error, "rename to %s failed %m", path.c_str());
         break;
     case Replaced::Done:

@@ -22,10 +22,10 @@ constexpr long kConnectTimeoutSeconds = 60;
 constexpr long kTransferTimeoutSeconds = 20;
 constexpr long kForever = -1;
 constexpr std::size_t kHostText = 128; // bytes
-/// Per host; libcurl sends 150 at most. A server must not fill the memory with more and more.
+/// Per host. libcurl sends 150 at most; without a limit a server could fill the memory.
 constexpr std::size_t kMostCookies = 256;
-/// No server of ours sends as much, and a hostile one must not fill the memory of the appliance:
-/// parsed JSON takes some fifty times its text.
+/// In bytes. Our servers send less; a hostile one must not fill the appliance's memory, and parsed
+/// JSON takes some fifty times its text.
 constexpr std::size_t kLargestResponse = std::size_t{1} << 20;
 
 int AcceptCertificate(int, X509_STORE_CTX*) noexcept {
@@ -33,14 +33,14 @@ int AcceptCertificate(int, X509_STORE_CTX*) noexcept {
 }
 
 /// Servers are not authenticated by their certificates. This is deliberate: relays and control
-/// servers are replaced over the years in which an appliance is in use.
+/// servers are replaced during the years that an appliance is in use.
 CURLcode OnSslContext(CURL*, void* context, void*) noexcept {
     SSL_CTX_set_verify(static_cast<SSL_CTX*>(context), SSL_VERIFY_FAIL_IF_NO_PEER_CERT,
                        AcceptCertificate);
     return CURLE_OK;
 }
 
-/// Sockets are not for the programs that the daemon starts.
+/// Keeps sockets from the programs that the daemon starts.
 curl_socket_t OpenSocket(void*, curlsocktype, curl_sockaddr* address) noexcept {
     return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
@@ -58,7 +58,7 @@ std::string HostOf(const std::string& url) {
 
 using Lines = std::list<std::string>;
 
-/// Whose cookie a line of libcurl's list holds: its first field. Hosts are the same in any case.
+/// The host that a line of libcurl's cookie list is for: its first field, in lower case.
 std::string CookieHost(const std::string& line) {
     const std::string httpOnly = "#HttpOnly_";
     const std::size_t begin = line.rfind(httpOnly, 0) == 0 ? httpOnly.size() : 0;
@@ -68,7 +68,7 @@ std::string CookieHost(const std::string& line) {
     return host[0] == '.' ? host.substr(1) : host;
 }
 
-/// Removes the oldest lines of each host that has too many. Whether there was one.
+/// Removes the oldest lines of each host that has too many. True if it removed any.
 bool DropOldest(Lines& lines) {
     std::map<std::string, std::size_t> counts;
     for (const std::string& line : lines) {
@@ -84,7 +84,7 @@ bool DropOldest(Lines& lines) {
 
 } // namespace
 
-/// What libcurl is given pointers to. It belongs to one handle and goes, or stays, with it.
+/// What a handle points to. Lives as long as the handle.
 struct Request::Buffers {
     std::string data;
     std::string response;
@@ -110,14 +110,14 @@ Request::Request(const Request& other) : Request(nullptr, nullptr, false) {
     CopyHandle(other.handle_, other.hasBody_);
 }
 
-// Assigned to itself it has a duplicate of its own handle, as with any other.
+// Self-assignment duplicates the request's own handle, as it would any other.
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
 Request& Request::operator=(const Request& other) {
     auto fresh = std::make_unique<Buffers>();
     fresh->data = other.buffers_->data;
     memcpy(fresh->error, buffers_->error, sizeof fresh->error);
-    // The handle held so far is not cleaned up here, on purpose: it may still be in a multi handle.
-    // Nobody tells when its owner has done with it, so what it points to stays for ever.
+    // The old handle is not cleaned up, on purpose: it may still be in a multi handle. Nobody says
+    // when its owner has finished with it, so what it points to is never freed.
     if (handle_ != nullptr) {
         static auto& left = *new std::list<std::unique_ptr<Buffers>>;
         left.push_back(std::move(buffers_));
@@ -144,7 +144,7 @@ bool Request::IsValid() const {
     return handle_ != nullptr && !url_.empty();
 }
 
-/// Gives the handle back; false, so that a failure can end with it.
+/// Releases the handle. False, so that a failing caller can return the result.
 bool Request::Release() {
     if (handle_ != nullptr) {
         curl_easy_cleanup(handle_);
@@ -153,8 +153,8 @@ bool Request::Release() {
     return false;
 }
 
-/// Takes a duplicate of another request's handle. It still points into that one's memory and has
-/// lost the share, so each of these is set again.
+/// Duplicates another request's handle. The duplicate points into the other's memory and has no
+/// share, so these are set again.
 void Request::CopyHandle(CURL* handle, bool hasBody) {
     handle_ = handle != nullptr ? curl_easy_duphandle(handle) : nullptr;
     hasBody_ = hasBody;
@@ -220,7 +220,7 @@ bool Request::SetTransferOptions() {
         !SET_OPTION(handle_, CURLOPT_TIMEOUT, kTransferTimeoutSeconds) ||
         !SET_OPTION(handle_, CURLOPT_DNS_CACHE_TIMEOUT, kForever) ||
         !SET_OPTION(handle_, CURLOPT_OPENSOCKETFUNCTION, OpenSocket) ||
-        !SET_OPTION(handle_, CURLOPT_QUICK_EXIT, 1L) || // a removed job must not wait for a name
+        !SET_OPTION(handle_, CURLOPT_QUICK_EXIT, 1L) || // removal must not wait for a look-up
         // A request that replaces a hung one must not share its connection.
         !SET_OPTION(handle_, CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1})) {
         return false;
@@ -310,7 +310,7 @@ bool Request::InitSend() {
     status_ = 0;
     done_ = false;
     buffers_->response.clear();
-    // The callback goes with the data: without it libcurl takes the string for a FILE.
+    // Set together: without the callback libcurl takes the string for a FILE.
     if (handle_ == nullptr || (SET_OPTION(handle_, CURLOPT_WRITEDATA, &buffers_->response) &&
                                SET_OPTION(handle_, CURLOPT_WRITEFUNCTION, &Request::OnData))) {
         return true;
@@ -401,8 +401,8 @@ bool Request::SaveCookies() {
     }
     (void)DropOldest(cookies_);
     if (DropOldest(all)) {
-        // The store that all requests share is filled again with the rest: libcurl does not take
-        // every cookie's line for the order to forget that one.
+        // Refills the store that all requests share: libcurl can't be made to forget every single
+        // cookie by its line.
         (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, "ALL");
         for (const std::string& line : all) {
             (void)SET_OPTION(handle_, CURLOPT_COOKIELIST, line.c_str());
