@@ -38,10 +38,10 @@ public:
     /// Whether it has an easy handle and a URL, and so can be sent.
     bool IsValid() const;
 
-    /// Sets everything up from scratch: 20 s for the whole transfer, certificates not verified, the
-    /// process-wide cookie. `post`: `data` is the body (empty: a GET); else it is the query behind
-    /// "?". The texts are copied. False on failure: the request must not be sent then. An empty URL
-    /// changes nothing, and false.
+    /// Sets everything up from scratch: 20 s for the whole transfer, certificates checked for their
+    /// name only, the process-wide cookie. `post`: `data` is the body (empty: a GET); else it is
+    /// the query behind "?". The texts are copied. False on failure: the request must not be sent
+    /// then. An empty URL changes nothing, and false.
     bool Set(const std::string& url, const std::string& data, bool post);
     /// The same with the data as one line of JSON.
     bool Set(const std::string& url, const Json::Value& data, bool post);
