@@ -5,13 +5,13 @@
 
 #include <string>
 
-#include "config/json_text.h"
+#include "base/read_file.h"
 
 namespace ZARO::Relay {
 
 /// As RelaydConf::ReadJsonFile, and true in every case like it. `readable` becomes false, logged,
 /// when the file exists but its content is unknown: then nobody may replace it.
 bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable,
-                  json::Links links = json::Links::Follow);
+                  Trust trust = Trust::Anybodys);
 
 } // namespace ZARO::Relay
