@@ -88,8 +88,7 @@ int DrawIdentity(Identity& identity) {
     return 0;
 }
 
-/// Makes the device's identity. Of several processes that do so at once the first wins: the file
-/// gets its name only if that is free, and by then it is complete.
+/// Makes the device's identity. Of several processes that do so at once the first wins.
 int MakeIdentity(const std::string& path) {
     Identity identity;
     if (const int error = DrawIdentity(identity)) {
