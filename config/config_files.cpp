@@ -54,15 +54,15 @@ bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, Tru
             RELAY_LOG(log::Error, "bad json format [%s]", path.c_str());
             MoveAside(path, file);
         }
-    } catch (const std::bad_alloc&) { // it says nothing about the file
-        out = Json::Value();          // which may be half read
+    } catch (const std::bad_alloc&) { // says nothing about the file
+        out = Json::Value();          // may be half read
         readable = false;
         errno = ENOMEM;
     }
     if (!readable) {
         RELAY_LOG(log::Error, "can not read [%s], %m", path.c_str());
     }
-    return true; // also for a missing or broken file: callers look at what `out` is
+    return true; // also for a missing or broken file: callers look at the type of `out`
 }
 
 bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out) {

@@ -209,8 +209,7 @@ bool RelaydConf::Reload() {
 bool RelaydConf::AddServiceById(const std::string& id) {
     const ServiceConf service(id.c_str());
     if (!service.IsValid()) {
-        RELAY_LOG(log::Error, "invalid service config: %d",
-                  0); // the text wants an index, which this call lacks
+        RELAY_LOG(log::Error, "invalid service config: %d", 0); // an index, which is missing here
         return false;
     }
     if (GetServiceById(service.id) == services.end()) {
