@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config_alias.h>
 
 #include <algorithm>
@@ -7,10 +8,12 @@
 
 #include <zarorelayd/config.h>
 
+#include "base/read_file.h"
+#include "base/json.h"
 #include "config/defaults.h"
 #include "config/json_file.h"
-#include "daemon/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay {
 
@@ -52,11 +55,11 @@ bool AliasConf::Overwrite(const Json::Value& v) {
 
 bool AliasConf::IsValid() const {
     if (url.empty()) {
-        RELAY_LOG(3, "URL is empty");
+        RELAY_LOG(log::Error, "URL is empty");
         return false;
     }
     if (poll_seconds == 0) {
-        RELAY_LOG(3, "Polling second is empty");
+        RELAY_LOG(log::Error, "Polling second is empty");
         return false;
     }
     return true;
@@ -109,7 +112,7 @@ std::string AliasConf::GetUrl() const {
 
 int AliasConf::GetPollingTime() const {
     if (poll_seconds <= 0) {
-        return kDefaultPollSeconds; // no valid record gets here; nothing may divide by zero
+        return kDefaultPollSeconds; // not a valid record; avoids dividing by zero
     }
     const long seconds = poll_seconds + random() % poll_seconds;
     return static_cast<int>(std::min<long>(seconds, std::numeric_limits<int>::max()));
@@ -124,32 +127,32 @@ AliasStatus::AliasStatus() {
 AliasStatus::~AliasStatus() = default;
 
 bool AliasStatus::Reload() {
-    // Whoever set the alias wrote it, under whatever user; a link may lead to anything.
+    // Any user may have set the alias and so written the file; a link could lead anywhere.
     bool readable = false;
-    return ReadJsonFile(paths::AliasStatusFile(), status_, readable, json::Links::Refuse);
+    return ReadJsonFile(paths::AliasStatusFile(), status_, readable, Trust::NoLink);
 }
 
 bool AliasStatus::IsValid() const {
     if (!status_.isObject()) {
-        RELAY_LOG(3, "status should be array"); // an object, in truth; the text stays
+        RELAY_LOG(log::Error, "status should be array"); // it means an object; the text is kept
         return false;
     }
     const Json::Value* alias = json::Find(status_, "alias_name");
     const Json::Value* status = json::Find(status_, "status");
     if (alias == nullptr) {
-        RELAY_LOG(3, "alias name is not object member");
+        RELAY_LOG(log::Error, "alias name is not object member");
         return false;
     }
     if (status == nullptr) {
-        RELAY_LOG(3, "status is not object member");
+        RELAY_LOG(log::Error, "status is not object member");
         return false;
     }
     if (!IsFilledText(alias)) {
-        RELAY_LOG(3, "alias name is not string or empty");
+        RELAY_LOG(log::Error, "alias name is not string or empty");
         return false;
     }
     if (!IsFilledText(status)) {
-        RELAY_LOG(3, "status is not string or empty");
+        RELAY_LOG(log::Error, "status is not string or empty");
         return false;
     }
     return true;

@@ -1,4 +1,5 @@
 #define RELAY_LOG_UNIT "config.cpp"
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <algorithm>
@@ -6,10 +7,11 @@
 #include <cstdio>
 #include <new>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/read_file.h"
+#include "base/json.h"
+#include "base/log.h"
 #include "platform/include/zaro/platform.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay {
 
@@ -36,23 +38,23 @@ std::string WithoutSeparators(std::string mac) {
     return mac;
 }
 
-/// What the platform answered last counts only if it had the memory to look.
+/// Throws if the platform's last answer only means that it ran out of memory.
 void CheckMemory() {
     if (errno == ENOMEM) {
         throw std::bad_alloc();
     }
 }
 
-/// The factory's MAC, which the kernel keeps for machines whose port has none of its own.
+/// The factory's MAC, which the kernel keeps for machines whose port has no MAC.
 std::string FactoryMac() {
-    json::FileText file;
-    (void)json::ReadText(paths::MacFile(), file); // no file: no word
+    FileText file;
+    (void)ReadFile(paths::MacFile(), file, Trust::Anybodys); // a missing file reads as empty
     const std::size_t begin = std::min(file.text.find_first_not_of(kBlanks), file.text.size());
     std::string word = file.text.substr(begin, file.text.find_first_of(kBlanks, begin) - begin);
     if (word.size() == kBareMacLength) {
         return word;
     }
-    RELAY_LOG(3, "invalid mac address");
+    RELAY_LOG(log::Error, "invalid mac address");
     return "";
 }
 
@@ -70,7 +72,7 @@ bool AuthConf::ReadConf() {
     char newSerial[kSerialText] = "";
     char newToken[kTokenText] = "";
     if (ZAROWstokenGetToken(newSerial, sizeof newSerial, newToken, sizeof newToken) < 0) {
-        RELAY_LOG(3, "ZAROWstokenGetToken failed: [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Error, "ZAROWstokenGetToken failed: [0x%04X]", TLIBCErrGet());
         return false;
     }
     serial = newSerial;
@@ -91,7 +93,7 @@ bool AuthConf::Overwrite(const Json::Value& v) {
     if (newToken.empty()) {
         char made[kTokenText] = "";
         if (ZAROWstokenGenerateToken(newSerial.c_str(), made, sizeof made) < 0) {
-            RELAY_LOG(3, "gen token failed");
+            RELAY_LOG(log::Error, "gen token failed");
             made[0] = '\0';
         }
         newToken = made;
@@ -118,11 +120,11 @@ bool AuthConf::Write(Json::Value& out, bool withToken) const {
 
 std::string AuthConf::GetMacAddress() {
     if (ZAROHAIsRunning() != 0) {
-        return ClusterMac(); // the platform's own form
+        return ClusterMac(); // as the platform writes it
     }
     std::string mac = RelaydGetMacAddressByIf(kFirstPort);
     if (mac.size() != kBareMacLength) {
-        RELAY_LOG(3, "invalid mac address");
+        RELAY_LOG(log::Error, "invalid mac address");
         return mac;
     }
     for (std::size_t at = 10; at >= 2; at -= 2) {

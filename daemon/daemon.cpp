@@ -18,9 +18,9 @@
 #include <libdaemon/dpid.h>
 #include <libdaemon/dsignal.h>
 
-#include "daemon/log.h"
-#include "platform/paths.h"
-#include "platform/unique_fd.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/unique_fd.h"
 
 int gblRun = 0;
 int gblShowDebug = 0;
@@ -40,14 +40,14 @@ constexpr int kStartTimeoutSeconds = 20;
 constexpr int kStopTimeoutSeconds = 10;
 constexpr int kStartFailed = 4;
 
-/// libdaemon and the system log keep pointers to the daemon's name, also while the process ends.
+/// libdaemon and the system log keep pointers to the daemon's name, even while the process exits.
 std::string& Identity() {
     static std::string& name = *new std::string;
     return name;
 }
 
-/// libdaemon applies every level but calls most of them invalid in a line of its own; it is kept
-/// quiet meanwhile.
+/// libdaemon accepts every level but logs that most of them are invalid, so its log is off
+/// meanwhile.
 void SetLibdaemonVerbosity(int level) {
     const auto use = daemon_log_use;
     daemon_log_use = static_cast<enum daemon_log_flags>(0);
@@ -65,11 +65,11 @@ void PrintTimeStamp() {
     if (length > 0 && stamp[length - 1] == '\n') {
         stamp[length - 1] = '\0';
     }
-    (void)fprintf(stderr, "%s ", stamp); // nobody is left to tell
+    (void)fprintf(stderr, "%s ", stamp); // a failure can't be reported
 }
 
-/// Whether the PID file names a process. An empty one, as a power cut or a daemon in the middle of
-/// its start leaves it, reads as process 0, and a signal to that would hit our own process group.
+/// Whether the PID file names a process. An empty file (after a power cut, or while a daemon
+/// starts) reads as process 0; a signal to that would hit our own process group.
 bool HasRunningInstance() {
     const pid_t pid = daemon_pid_file_is_running();
     if (pid == 0) {
@@ -78,8 +78,8 @@ bool HasRunningInstance() {
     return pid > 0;
 }
 
-/// Keeps the ends of libdaemon's signal pipe from the programs that the daemon starts. The end for
-/// writing is libdaemon's secret; it is found as the other descriptor of the same pipe.
+/// Keeps both ends of libdaemon's signal pipe from the programs that the daemon starts. libdaemon
+/// does not tell the end for writing: it is the other descriptor of the same pipe.
 void CloseSignalPipeOnExec() {
     struct stat pipe = {};
     if (fstat(daemon_signal_fd(), &pipe) != 0) {
@@ -93,8 +93,8 @@ void CloseSignalPipeOnExec() {
     }
 }
 
-/// Holds back the signals that other programs send to a daemon as soon as they see its PID file,
-/// until it can take them.
+/// Blocks the signals that other programs may send as soon as they see the PID file, until the
+/// daemon can handle them.
 class HoldRequests {
 public:
     HoldRequests() {
@@ -116,9 +116,10 @@ private:
 [[noreturn]] void ExitWithChildsResult() {
     const int value = daemon_retval_wait(kStartTimeoutSeconds);
     if (value < 0) {
-        RELAY_LOG(3, "Could not recieve return value from daemon process: %s", strerror(errno));
+        RELAY_LOG(log::Error, "Could not recieve return value from daemon process: %s",
+                  strerror(errno));
     }
-    RELAY_LOG(value == 0 ? 6 : 3, "%s returned %i",
+    RELAY_LOG(value == 0 ? log::Info : log::Error, "%s returned %i",
               daemon_log_ident != nullptr ? daemon_log_ident : "", value);
     exit(value);
 }
@@ -158,7 +159,7 @@ bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
         path.c_str(), openFlags | O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW, 0600));
     const int fd = file.Get();
     if (fd < 0) {
-        RELAY_LOG(3, "open log file [%s] failed", path.c_str());
+        RELAY_LOG(log::Error, "open log file [%s] failed", path.c_str());
         return false;
     }
     struct stat info = {};
@@ -172,7 +173,7 @@ bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
     }
     const bool moved = dup2(fd, targetFd) >= 0;
     if (!moved) {
-        RELAY_LOG(3, "dup fd failed");
+        RELAY_LOG(log::Error, "dup fd failed");
     }
     return moved;
 }
@@ -220,10 +221,10 @@ bool Daemon::SetPidFile(const char* path) {
         return false;
     }
     if (path[0] != '/') {
-        RELAY_LOG(3, "pid file must be absolute path");
+        RELAY_LOG(log::Error, "pid file must be absolute path");
         return false;
     }
-    // libdaemon is left alone on purpose: whoever sets a PID file of his own calls SetName too.
+    // Leaves libdaemon alone on purpose: whoever sets a PID file also calls SetName.
     _strPidFile = path;
     return true;
 }
@@ -238,12 +239,12 @@ bool Daemon::IsForked() {
 
 bool Daemon::Fork() {
     if (daemon_retval_init() < 0) {
-        RELAY_LOG(3, "Failed to create pipe.");
+        RELAY_LOG(log::Error, "Failed to create pipe.");
         return false;
     }
     const pid_t pid = daemon_fork();
     if (pid < 0) {
-        RELAY_LOG(3, "fork failed: %s", strerror(errno));
+        RELAY_LOG(log::Error, "fork failed: %s", strerror(errno));
         daemon_retval_done();
         return false;
     }
@@ -259,16 +260,17 @@ bool Daemon::Fork() {
 
 bool Daemon::Init(bool doFork) {
     if (daemon_reset_sigs(-1) < 0) {
-        RELAY_LOG(3, "Failed to reset all signal handlers: %s", strerror(errno));
+        RELAY_LOG(log::Error, "Failed to reset all signal handlers: %s", strerror(errno));
         return false;
     }
     if (daemon_unblock_sigs(-1) < 0) {
-        RELAY_LOG(3, "Failed to unblock all signals: %s", strerror(errno));
+        RELAY_LOG(log::Error, "Failed to unblock all signals: %s", strerror(errno));
         return false;
     }
     const pid_t other = daemon_pid_file_is_running();
     if (other >= 0) {
-        RELAY_LOG(3, "Daemon already running on PID file %u", static_cast<unsigned>(other));
+        RELAY_LOG(log::Error, "Daemon already running on PID file %u",
+                  static_cast<unsigned>(other));
         return false;
     }
     if (doFork && !Fork()) {
@@ -276,15 +278,15 @@ bool Daemon::Init(bool doFork) {
     }
     const HoldRequests hold;
     if (daemon_pid_file_create() < 0) {
-        RELAY_LOG(3, "Could not create PID file (%s).", strerror(errno));
-        (void)daemon_retval_send(kStartFailed); // without a fork there is no pipe, and no harm
+        RELAY_LOG(log::Error, "Could not create PID file (%s).", strerror(errno));
+        (void)daemon_retval_send(kStartFailed); // harmless without a fork, where there is no pipe
         return false;
     }
-    RELAY_LOG(6, "daemon start");
+    RELAY_LOG(log::Info, "daemon start");
     if (daemon_signal_init(SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGHUP, SIGUSR1, 0) < 0) {
-        RELAY_LOG(3, "Could not register signal handlers (%s).", strerror(errno));
+        RELAY_LOG(log::Error, "Could not register signal handlers (%s).", strerror(errno));
         (void)daemon_retval_send(kStartFailed);
-        (void)daemon_pid_file_remove(); // nobody runs who could be meant by it
+        (void)daemon_pid_file_remove(); // no daemon will run
         return false;
     }
     CloseSignalPipeOnExec();
@@ -296,7 +298,7 @@ bool Daemon::Init(bool doFork) {
 
 int Daemon::Kill() {
     if (!HasRunningInstance() || daemon_pid_file_kill_wait(SIGTERM, kStopTimeoutSeconds) < 0) {
-        RELAY_LOG(4, "Failed to kill daemon: %m");
+        RELAY_LOG(log::Warning, "Failed to kill daemon: %m");
         return 2;
     }
     return 0;

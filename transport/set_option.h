@@ -1,11 +1,13 @@
-/// Sets an option of a libcurl easy handle; true when it was taken, else it is logged, in a text
-/// that has no blank before its "to".
+/// Sets an option of a libcurl easy handle. True when libcurl takes it; else false, logged. The
+/// text has no blank before its "to", and that is kept.
 #pragma once
 
 #include <curl/curl.h>
 
-#include "daemon/log.h"
+#include <zarorelayd/daemon.h>
+
+#include "base/log.h"
 
 #define SET_OPTION(handle, option, value)                                                          \
     (curl_easy_setopt(handle, option, value) == CURLE_OK ||                                        \
-     (RELAY_LOG(3, "set " #option "to curl handle failed"), false))
+     (RELAY_LOG(log::Error, "set " #option "to curl handle failed"), false))

@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/tunnel.h>
 
 #include <fcntl.h>
@@ -12,11 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
-#include "platform/new_file.h"
-#include "platform/paths.h"
-#include "platform/unique_fd.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/replace_file.h"
+#include "base/paths.h"
+#include "base/unique_fd.h"
 #include "tunnel/ssh_command.h"
 
 namespace ZARO::Relay {
@@ -27,9 +28,8 @@ namespace {
 constexpr const char* kFixedPortService = "syncbay";
 constexpr int kFixedPort = 6691;
 
-/// The number of the error for which a forked child could not become the client, told to its
-/// parent. It lies in memory that both share: a log line in the child could wait for ever for a
-/// lock that another thread held at the fork.
+/// Carries the errno of a failed exec from the forked child to its parent, in shared memory: a log
+/// line in the child could wait for ever for a lock that another thread held at the fork.
 class ChildsError {
 public:
     ChildsError()
@@ -47,7 +47,7 @@ public:
             *static_cast<volatile int*>(shared_) = error;
         }
     }
-    /// 0 when the child did become the client; also when there is no memory to tell.
+    /// 0 when the exec succeeded, or when there was no memory to share.
     int Get() const { return shared_ != MAP_FAILED ? *static_cast<volatile int*>(shared_) : 0; }
 
 private:
@@ -66,12 +66,12 @@ bool WaitForLogin(pid_t child, const ChildsError& error) {
         return false;
     }
     if (error.Get() != 0) {
-        RELAY_LOG(3, "execl SSH failed, %s", strerror(error.Get()));
+        RELAY_LOG(log::Error, "execl SSH failed, %s", strerror(error.Get()));
     }
     const int code = (st >> 8) & 0xff;
-    RELAY_LOG(7, "ssh returned: %d", code);
+    RELAY_LOG(log::Debug, "ssh returned: %d", code);
     if ((st & 0x7f) != 0 || code != 0) {
-        RELAY_LOG(3, "tunnel create failed");
+        RELAY_LOG(log::Error, "tunnel create failed");
         return false;
     }
     return true;
@@ -82,7 +82,7 @@ int LocalPort(const ServiceConf& service) {
 }
 
 void LogClient(const ssh::Client& client) {
-    RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", client.PassFile(), client.Forward(),
+    RELAY_LOG(log::Debug, "/usr/zaro/bin/ssh -d %s %s %s", client.PassFile(), client.Forward(),
               client.Destination());
 }
 
@@ -95,7 +95,7 @@ Tunnel::Tunnel(const Json::Value& v) : Tunnel() {
     Tunnel::Overwrite(v);
 }
 
-Tunnel::~Tunnel() = default; // the ssh process goes on
+Tunnel::~Tunnel() = default; // the ssh process keeps running
 
 bool Tunnel::Overwrite(const Json::Value& v) {
     json::Get(v, "relay_ip", relay_ip_);
@@ -108,11 +108,11 @@ bool Tunnel::Overwrite(const Json::Value& v) {
 
 bool Tunnel::IsValid() const {
     if (!service_.IsValid()) {
-        RELAY_LOG(7, "wrong service info");
+        RELAY_LOG(log::Debug, "wrong service info");
         return false;
     }
     if (relay_ip_.empty() || relay_port_ < 0 || relay_pass_.empty() || relay_user_.empty()) {
-        RELAY_LOG(7, "invalid tunnel server info");
+        RELAY_LOG(log::Debug, "invalid tunnel server info");
         return false;
     }
     return true;
@@ -179,7 +179,7 @@ bool Tunnel::IsAlive() {
     if (kill(pid_, 0) == 0) {
         return true;
     }
-    pid_ = -1; // whatever the error: a process that can't be asked is not ours any more
+    pid_ = -1; // whatever the error: what can't be signalled is not ours any more
     return false;
 }
 
@@ -195,7 +195,7 @@ bool Tunnel::Destroy() {
     if (!IsAlive()) {
         return true;
     }
-    RELAY_LOG(7, "kill ssh %d", pid_);
+    RELAY_LOG(log::Debug, "kill ssh %d", pid_);
     return kill(pid_, SIGTERM) == 0;
 }
 
@@ -207,16 +207,16 @@ bool Tunnel::WritePassFile(const std::string& path) const {
         struct stat info = {};
         const bool folder =
             errno == EEXIST && lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-        errno = folder ? EISDIR : errno; // what is wrong, not what was tried
-        RELAY_LOG(3, "open [%s] failed, %s", path.c_str(), strerror(errno));
+        errno = folder ? EISDIR : errno; // the cause, for the log line
+        RELAY_LOG(log::Error, "open [%s] failed, %s", path.c_str(), strerror(errno));
         unlink(path.c_str());
         return false;
     }
     bool good = fchmod(fd.Get(), 0600) == 0;
     if (!good) {
-        RELAY_LOG(3, "chmod [%s] failed, %s", path.c_str(), strerror(errno));
+        RELAY_LOG(log::Error, "chmod [%s] failed, %s", path.c_str(), strerror(errno));
     } else if (!WriteAll(fd.Get(), relay_pass_)) {
-        RELAY_LOG(3, "write pass failed, %s", strerror(errno));
+        RELAY_LOG(log::Error, "write pass failed, %s", strerror(errno));
         good = false;
     }
     if (!good) {
@@ -232,8 +232,8 @@ bool Tunnel::Create() {
     if (!IsValid()) {
         return false;
     }
-    // All that may run out of memory comes before the password file, which must not outlive this
-    // call, and all that may lock comes before the fork.
+    // Everything that allocates comes before the password file, which must not outlive this call;
+    // everything that locks comes before the fork.
     const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
     const std::string search = ssh::PidSearch(passFile);
     ChildsError error;
@@ -249,7 +249,7 @@ bool Tunnel::Create() {
     }
     bool good = false;
     if (pid_ < 0) {
-        RELAY_LOG(3, "fork failed %s", strerror(errno));
+        RELAY_LOG(log::Error, "fork failed %s", strerror(errno));
     } else {
         good = WaitForLogin(pid_, error) && FindBackgroundPid(search.c_str());
     }
@@ -263,29 +263,28 @@ bool Tunnel::FindBackgroundPid(const char* search) {
     FILE* output = popen(search, "re");
     if (output == nullptr) {
         pid_ = -1;
-        RELAY_LOG(3, "get ssh info failed");
+        RELAY_LOG(log::Error, "get ssh info failed");
         return false;
     }
-    // Nothing found counts as success with the foreground's pid: the tunnel may stand all the same,
-    // and if it does not, the next check finds that process gone.
+    // Nothing found counts as success with the foreground's pid: the tunnel may be up all the same,
+    // and if it is not, the next check finds that process gone.
     bool good = true;
     char* line = nullptr;
     std::size_t size = 0;
     if (getline(&line, &size, output) >= 0) {
         good = sscanf(line, "%d", &pid_) == 1;
         if (good) {
-            RELAY_LOG(7, "tunnel running: %d", pid_);
+            RELAY_LOG(log::Debug, "tunnel running: %d", pid_);
         } else {
-            RELAY_LOG(7, "get tunnel pid failed");
+            RELAY_LOG(log::Debug, "get tunnel pid failed");
             pid_ = -1;
         }
     }
-    // Ids that begin alike match too; the rest is read off, so that grep does not end on a closed
-    // pipe and count as failed.
+    // Ids that begin alike match too. Reads the rest, so that grep does not fail on a closed pipe.
     while (getline(&line, &size, output) >= 0) {
     }
     if (pclose(output) != 0) {
-        RELAY_LOG(3, "pclose failed");
+        RELAY_LOG(log::Error, "pclose failed");
     }
     free(line);
     return good;
@@ -298,7 +297,7 @@ bool Tunnel::RunSSHTunnel(const char* passFile) const {
     const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
     LogClient(client);
     client.Execute();
-    RELAY_LOG(3, "execl SSH failed, %s", strerror(errno));
+    RELAY_LOG(log::Error, "execl SSH failed, %s", strerror(errno));
     return false;
 }
 

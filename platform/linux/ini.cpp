@@ -2,13 +2,14 @@
 
 #include <optional>
 
+#include "base/paths.h"
 #include "lines.h"
 
 namespace ZARO::Platform {
 namespace {
 
-/// The section that a header line opens. A line that begins as one and is none opens the empty
-/// section, which nobody can ask for: what follows must not fall to the section before.
+/// The section that a header line opens. A malformed header opens the empty section, which nobody
+/// can ask for: what follows must not go to the section before.
 std::optional<std::string_view> ParseHeader(std::string_view line) {
     line = Trim(line);
     if (line.empty() || line.front() != '[') {
@@ -18,7 +19,7 @@ std::optional<std::string_view> ParseHeader(std::string_view line) {
     return whole ? Trim(line.substr(1, line.size() - 2)) : std::string_view();
 }
 
-/// Shows every assignment below a section header to visit(section, assignment), in order, until it
+/// Calls visit(section, assignment) for every assignment below a section header, in order, until it
 /// returns true.
 template <typename Visit> void VisitSections(std::string_view text, Visit visit) {
     std::string_view section;
@@ -60,7 +61,7 @@ int TLIBCFileGetSectionByValue(const char* file, const char* value, char* sectio
             return Fail(EINVAL);
         }
         std::string text;
-        if (const int error = ReadFile(file, text)) {
+        if (const int error = ReadWhole(file, text)) {
             return Fail(error);
         }
         int error = ENOENT;
@@ -86,7 +87,7 @@ int TLIBCFileGetSectionValue(const char* file, const char* section, const char* 
             return Fail(EINVAL);
         }
         std::string text;
-        if (const int error = ReadFile(file, text)) {
+        if (const int error = ReadWhole(file, text)) {
             return Fail(error);
         }
         const auto value = FindInSection(text, section, key);
@@ -109,7 +110,7 @@ int ZARODDNSConfigGet(const char* provider, struct _tag_ZARO_DDNS* record) {
             return Fail(EINVAL);
         }
         std::string text;
-        if (const int error = ReadFile(paths::DdnsFile(), text)) {
+        if (const int error = ReadWhole(paths::DdnsFile(), text)) {
             return Fail(error);
         }
         const auto hostname = FindInSection(text, provider, "hostname");

@@ -1,19 +1,20 @@
 #include "ssh_password.h"
 
-#include <fcntl.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string_view>
+
+#include "base/read_file.h"
 
 namespace ZARO::Platform {
 namespace {
 
 constexpr size_t kMaxPassword = 4096;
 
-/// Whether the client asks for this log-in's password: not for a new one, not a yes or no, and not
-/// for what another host on the way wants of another user.
+/// Whether the client asks for this log-in's password, and not for a new one, a yes or no, or the
+/// password of another user on another host.
 bool IsPasswordPrompt(std::string_view prompt) {
     constexpr std::string_view kEnd = "'s password: ";
     const char* user = getenv(kUserVariable);
@@ -28,24 +29,19 @@ bool IsPasswordPrompt(std::string_view prompt) {
 } // namespace
 
 const char* ReadPassword(const char* file, std::string& password) {
-    // One byte more than allowed, so that a file that is too long shows.
-    char text[kMaxPassword + 1];
-    struct stat info {};
-    const int fd = open(file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
+    FileText content;
+    const Reading reading = ReadFile(file, content, Trust::Private, kMaxPassword);
+    if (!content.opened) {
         return "can't open the password file";
     }
-    const bool closed = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
-                        info.st_uid == geteuid() && (info.st_mode & 077) == 0;
-    const ssize_t size = closed ? read(fd, text, sizeof text) : 0;
-    close(fd);
-    if (!closed) {
+    const bool tooLong = reading == Reading::Unreadable && errno == EFBIG;
+    if (reading != Reading::Done && !tooLong) {
         return "the password file must be a regular file of this user, closed to others";
     }
-    if (size <= 0 || static_cast<size_t>(size) > kMaxPassword) {
+    password = content.text;
+    if (password.empty()) {
         return "the password file must hold 1 to 4096 bytes";
     }
-    password.assign(text, static_cast<size_t>(size));
     const bool oneLine = password.find_first_of(std::string_view("\0\r\n", 3)) == password.npos;
     return oneLine ? nullptr : "the password file must hold one line without an end";
 }

@@ -1,4 +1,5 @@
 /// The hub: the first line is a Host header; each further line is sent as a batch and as a form.
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 #include "hub/alias.h"

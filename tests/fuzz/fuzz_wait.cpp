@@ -1,4 +1,5 @@
 /// Replies to the long poll, one per line, and the tunnels that the daemon makes of them.
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 void Fuzz(const std::string& input) {

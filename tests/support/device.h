@@ -6,6 +6,7 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/result.h>
 
+#include "base/paths.h"
 #include "tests/support/hub_process.h"
 #include "tests/support/json_values.h"
 #include "tests/support/temp_root.h"
@@ -95,7 +96,7 @@ public:
     }
 
     void Enter() const {
-        ZARO::Relay::paths::SetRoot(root.Dir());
+        ZARO::paths::SetRoot(root.Dir());
         ZARO::Relay::Daemon::SetName("zarorelayd");
     }
 
