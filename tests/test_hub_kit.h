@@ -7,7 +7,7 @@
 
 #include "hub/forms.h"
 #include "tests/support/hub_process.h"
-#include "tests/support/json_text.h"
+#include "tests/support/json_values.h"
 
 namespace ZARO::RelayHub {
 
