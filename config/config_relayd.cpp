@@ -117,7 +117,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
     json::Object(v);
     control.Write(v["server_control"], full);
     waitcmd.Write(v["server_waitcmd"], full);
-    alias.Write(v["server_alias"], true); // compact: this record's flag means that
+    alias.Write(v["server_alias"], AliasConf::kCompact);
     if (!serverID.empty()) {
         v["serverID"] = serverID;
     }
