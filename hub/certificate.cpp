@@ -7,7 +7,8 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
-#include <stdlib.h>
+
+#include <cstdlib>
 
 #include "hub/files.h"
 #include "hub/forms.h"
@@ -50,7 +51,7 @@ Certificate Make(EVP_PKEY* key, const std::set<std::string>& names) {
     for (const std::string& name : names) {
         all += (all.empty() ? "" : ",") + std::string(IsAddress(name) ? "IP:" : "DNS:") + name;
     }
-    uint64_t serial = 0;
+    std::uint64_t serial = 0;
     Certificate certificate(X509_new());
     X509* x = certificate.get();
     // It begins a day ago, for clients whose clock is behind.
@@ -87,7 +88,7 @@ std::string MakePem(const std::set<std::string>& names, const std::string& forme
     }
     char* text = nullptr;
     const long size = BIO_get_mem_data(bio.get(), &text);
-    return std::string(text, static_cast<size_t>(size));
+    return std::string(text, static_cast<std::size_t>(size));
 }
 
 bool Names(X509* certificate, const std::string& name) {
@@ -187,7 +188,7 @@ SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
         *error = error->empty() ? "can't make a certificate" : *error;
         return nullptr;
     }
-    Log(Level::kInfo, "hub", "new certificate for %zu names", all.size());
+    Log(Level::Info, "hub", "new certificate for %zu names", all.size());
     if (!Use(pem, names, context.get())) {
         *error = "the new certificate does not hold";
         return nullptr;

@@ -11,32 +11,32 @@ namespace {
 
 constexpr Json::ArrayIndex kMaxCommands = 16;   // an honest batch has 3
 constexpr Json::ArrayIndex kMaxElements = 1024; // of any array within a command
-constexpr size_t kMaxText = 255;
-constexpr size_t kMaxAddressText = 45;   // an IPv6 address at its longest
-constexpr size_t kMaxInterfaceName = 15; // the kernel's own limit
+constexpr std::size_t kMaxText = 255;
+constexpr std::size_t kMaxAddressText = 45;   // an IPv6 address at its longest
+constexpr std::size_t kMaxInterfaceName = 15; // the kernel's own limit
 constexpr Json::ArrayIndex kMaxInterfaces = 32;
 
 Errno ErrnoOf(StoreResult result) {
     switch (result) {
-    case StoreResult::kDone:
-        return Errno::kGood;
-    case StoreResult::kRefused:
-        return Errno::kAuth;
-    case StoreResult::kNotFound:
-        return Errno::kNoSession;
-    case StoreResult::kFull:
-        return Errno::kLimit;
-    case StoreResult::kTaken:
-    case StoreResult::kFault:
+    case StoreResult::Done:
+        return Errno::Good;
+    case StoreResult::Refused:
+        return Errno::Auth;
+    case StoreResult::NotFound:
+        return Errno::NoSession;
+    case StoreResult::Full:
+        return Errno::Limit;
+    case StoreResult::Taken:
+    case StoreResult::Fault:
         break;
     }
-    return Errno::kUnknown;
+    return Errno::Unknown;
 }
 
 /// Takes the text at `key`; one that is absent leaves `text` alone. False when it is no text or not
 /// a short one.
 bool TakeText(const Json::Value& object, const char* key, std::string* text,
-              size_t longest = kMaxText) {
+              std::size_t longest = kMaxText) {
     const Json::Value& value = object[key];
     if (value.isNull() && !object.isMember(key)) {
         return true;
@@ -116,8 +116,8 @@ std::string Control::Answer(const std::string& body, const Origin& origin, std::
         Batch batch{origin, session, std::nullopt};
         return AnswerArray(body, batch);
     } catch (const std::exception& fault) {
-        Log(Level::kError, "control", "a batch failed: %s", fault.what());
-        whole.append(Failure(Errno::kUnknown));
+        Log(Level::Error, "control", "a batch failed: %s", fault.what());
+        whole.append(Failure(Errno::Unknown));
         return ToLine(whole);
     }
 }
@@ -126,22 +126,22 @@ std::string Control::AnswerArray(const std::string& body, Batch& batch) {
     Json::Value commands;
     Json::Value replies(Json::arrayValue);
     if (!ParseJson(body, &commands) || !commands.isArray() || commands.size() > kMaxCommands) {
-        replies.append(Failure(Errno::kInput));
+        replies.append(Failure(Errno::Input));
         return ToLine(replies);
     }
     Device device;
     if (!batch.session->empty() &&
-        store_.FindSession(Sha256(*batch.session), &device) == StoreResult::kDone) {
+        store_.FindSession(Sha256(*batch.session), &device) == StoreResult::Done) {
         batch.device = device;
     }
     for (Json::ArrayIndex i = 0; i < commands.size(); ++i) {
         batch.isLast = i + 1 == commands.size();
         Json::Value reply(Json::objectValue);
         const Errno error = Execute(commands[i], batch, &reply);
-        Log(Level::kDebug, "control", "%s: command %u of %u: errno %d",
+        Log(Level::Debug, "control", "%s: command %u of %u: errno %d",
             batch.device ? batch.device->serverId.c_str() : "stranger", i + 1, commands.size(),
             static_cast<int>(error));
-        if (error != Errno::kGood) {
+        if (error != Errno::Good) {
             reply = Failure(error);
         }
         reply["errno"] = static_cast<int>(error);
@@ -161,32 +161,32 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value* re
                      {"update_service", &Control::UpdateServices},
                      {"wait_command", &Control::Wait}};
     if (!command.isObject() || !command["command"].isString() || !command["version"].isInt()) {
-        return Errno::kInput;
+        return Errno::Input;
     }
     if (command["version"].asInt() != 1) {
-        return Errno::kVersion;
+        return Errno::Version;
     }
     const std::string name = command["command"].asString();
     for (const auto& known : kCommands) {
         if (name == known.name) {
             if (!batch.device && known.handler != &Control::Register) {
-                return Errno::kNoSession;
+                return Errno::NoSession;
             }
             return (this->*known.handler)(command, batch, reply);
         }
     }
-    return Errno::kNoSuchCommand;
+    return Errno::NoSuchCommand;
 }
 
 Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* reply) {
     Identity identity;
     if (batch.hasRegistered || !TakeIdentity(command["auth"], &identity)) {
-        return Errno::kInput;
+        return Errno::Input;
     }
     Device device;
     std::string session = RandomText(43); // 256 bits
     const StoreResult result = store_.Register(identity, Sha256(session), &device);
-    if (result != StoreResult::kDone) {
+    if (result != StoreResult::Done) {
         refusals_.Log("control", "device %s from %s is not admitted (%d)", identity.serial.c_str(),
                       batch.origin.peer.c_str(), static_cast<int>(ErrnoOf(result)));
         return ErrnoOf(result);
@@ -203,13 +203,13 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* r
     wait["host"] = batch.origin.host;
     wait["port"] = batch.origin.port;
     wait["page"] = "Serv.php";
-    return Errno::kGood;
+    return Errno::Good;
 }
 
 Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value* reply) {
     Json::Value network(Json::objectValue);
     Json::Value& interfaces = network["interface"] = Json::Value(Json::arrayValue);
-    const auto take = [](const Json::Value& from, const char* key, size_t longest,
+    const auto take = [](const Json::Value& from, const char* key, std::size_t longest,
                          Json::Value* to) {
         std::string text;
         const bool good = TakeText(from, key, &text, longest);
@@ -231,7 +231,7 @@ Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Val
                       take(command, "mode", kMaxAddressText, &network) &&
                       TakeEach(command, "interface", takeInterface);
     if (!good) {
-        return Errno::kInput;
+        return Errno::Input;
     }
     (*reply)["mode"] = "relay";
     return ErrnoOf(store_.SetNetwork(batch.device->key, ToLine(network)));
@@ -256,10 +256,10 @@ Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Va
     if (!TakeEach(command, "service_rm", addRemoved) ||
         !TakeEach(command, "service_update", addService) ||
         !TakeEach(command, "service_add", addService)) {
-        return Errno::kInput;
+        return Errno::Input;
     }
     const StoreResult result = store_.UpdateServices(batch.device->key, present, removed, &gone);
-    if (result == StoreResult::kDone) {
+    if (result == StoreResult::Done) {
         ServicesChanged(batch.device->key, gone);
     }
     return ErrnoOf(result);
@@ -275,16 +275,16 @@ Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value* reply
             return TakeText(element, "id", &text) && TakeText(element, "status", &text);
         });
     if (!good) {
-        return Errno::kInput;
+        return Errno::Input;
     }
     if (command["serverID"].asString() != batch.device->serverId) {
-        return Errno::kAuth;
+        return Errno::Auth;
     }
     // Only the last command is held, so the replies to the others never wait for it for nothing.
     int revision = 0;
     return waiters_.Wait(batch.device->key, seen, batch.isLast, &revision)
                ? ListTunnels(batch, revision, reply)
-               : Errno::kUnknown;
+               : Errno::Unknown;
 }
 
 Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value* reply) {
@@ -313,13 +313,13 @@ Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value* reply)
 void Control::FinishRegistration(Batch& batch) {
     std::vector<std::string> gone;
     if (batch.owesServices &&
-        store_.DropStaleServices(batch.device->key, &gone) == StoreResult::kDone) {
+        store_.DropStaleServices(batch.device->key, &gone) == StoreResult::Done) {
         ServicesChanged(batch.device->key, gone);
     }
     batch.owesServices = false;
 }
 
-void Control::ServicesChanged(int64_t device, const std::vector<std::string>& gone) {
+void Control::ServicesChanged(std::int64_t device, const std::vector<std::string>& gone) {
     relay_.close(gone);
     waiters_.ListChanged(device);
 }

@@ -17,20 +17,20 @@ namespace ZARO::RelayHub {
 
 /// The numbers of the protocol.
 enum class Errno {
-    kGood = 0,
-    kUnknown = 1,
-    kAuth = 2,
-    kNoSuchCommand = 3,
-    kVersion = 5,
-    kNoSession = 6,
-    kInput = 9,
-    kLimit = 11,
+    Good = 0,
+    Unknown = 1,
+    Auth = 2,
+    NoSuchCommand = 3,
+    Version = 5,
+    NoSession = 6,
+    Input = 9,
+    Limit = 11,
 };
 
 /// What control needs of the relay.
 struct RelayControl {
-    std::function<bool(int port)> isUp;                               // is that port listening?
-    std::function<void(const std::vector<std::string>& users)> close; // those tunnels are gone
+    std::function<bool(int port)> isUp;                               ///< is that port listening?
+    std::function<void(const std::vector<std::string>& users)> close; ///< those tunnels are gone
 };
 
 /// May be called from any thread; a wait command blocks its thread for the hold time at most.
@@ -52,8 +52,8 @@ private:
         std::string* session;
         std::optional<Device> device;
         bool hasRegistered = false;
-        bool owesServices = false; // registered, and its services not named again so far
-        bool isLast = false;       // the command is the batch's last one
+        bool owesServices = false; ///< registered, and its services not named again so far
+        bool isLast = false;       ///< the command is the batch's last one
     };
 
     std::string AnswerArray(const std::string& body, Batch& batch);
@@ -65,14 +65,14 @@ private:
     Errno ListTunnels(const Batch& batch, int revision, Json::Value* reply);
     /// A registered device has exactly the services that it names: without a word on them, none.
     void FinishRegistration(Batch& batch);
-    void ServicesChanged(int64_t device, const std::vector<std::string>& gone);
+    void ServicesChanged(std::int64_t device, const std::vector<std::string>& gone);
 
     Store& store_;
     Waiters& waiters_;
     const RelayControl relay_;
     const std::string relayHost_;
     LogQuota refusals_;
-    LogQuota registrations_{Level::kInfo, 100};
+    LogQuota registrations_{Level::Info, 100};
 };
 
 } // namespace ZARO::RelayHub

@@ -61,11 +61,11 @@ void Query::Run() {
 
 std::string Query::Text(int column) const {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-    const auto size = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
+    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
     return text == nullptr ? std::string() : std::string(text, size);
 }
 
-void Query::Bind(int place, int64_t value) {
+void Query::Bind(int place, std::int64_t value) {
     if (sqlite3_bind_int64(statement_, place, value) != SQLITE_OK) {
         database_.Fail("bind");
     }

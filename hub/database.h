@@ -2,8 +2,8 @@
 #pragma once
 
 #include <sqlite3.h>
-#include <stdint.h>
 
+#include <cstdint>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -64,13 +64,13 @@ public:
     bool Next();
     /// Runs a statement to its end, whatever rows it gives.
     void Run();
-    int64_t Integer(int column) const { return sqlite3_column_int64(statement_, column); }
+    std::int64_t Integer(int column) const { return sqlite3_column_int64(statement_, column); }
     int Int(int column) const { return sqlite3_column_int(statement_, column); }
     std::string Text(int column) const;
 
 private:
-    void Bind(int place, int64_t value);
-    void Bind(int place, int value) { Bind(place, static_cast<int64_t>(value)); }
+    void Bind(int place, std::int64_t value);
+    void Bind(int place, int value) { Bind(place, static_cast<std::int64_t>(value)); }
     void Bind(int place, const std::string& value);
 
     Database& database_;

@@ -2,10 +2,10 @@
 #pragma once
 
 #include <poll.h>
-#include <stdint.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <utility>
 
 namespace ZARO::RelayHub {
@@ -50,7 +50,7 @@ public:
     int Get() const { return fd_.Get(); }
     int Release() { return fd_.Release(); }
     void Wake() {
-        const uint64_t one = 1;
+        const std::uint64_t one = 1;
         // It can only fail when the counter is full, and then the reader is awake anyway.
         (void)!write(fd_.Get(), &one, sizeof one);
     }

@@ -1,21 +1,21 @@
 #include "hub/files.h"
 
 #include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <stdio.h>
-#include <string.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <memory>
 
 namespace ZARO::RelayHub {
 
 namespace {
 
-constexpr size_t kSmallFile = 64 << 10;
+constexpr std::size_t kSmallFile = 64 << 10;
 
 bool Fail(const std::string& doing, std::string* error) {
     *error = doing + ": " + strerror(errno);
@@ -23,13 +23,13 @@ bool Fail(const std::string& doing, std::string* error) {
 }
 
 bool WriteAll(int fd, const std::string& content) {
-    size_t done = 0;
+    std::size_t done = 0;
     while (done < content.size()) {
         const ssize_t written = write(fd, content.data() + done, content.size() - done);
         if (written < 0 && errno != EINTR) {
             return false;
         }
-        done += written > 0 ? static_cast<size_t>(written) : 0;
+        done += written > 0 ? static_cast<std::size_t>(written) : 0;
     }
     return true;
 }
@@ -58,7 +58,7 @@ bool IsOurs(int folder) {
         return false;
     }
     (void)copy.Release(); // closed with the list
-    size_t entries = 0;
+    std::size_t entries = 0;
     while (const dirent* entry = readdir(list.get())) {
         ++entries;
         if (!IsKnown(entry->d_name)) {
@@ -91,7 +91,7 @@ bool MakePrivate(int folder, const std::string& name, std::string* error) {
 
 /// A file that was renamed in the folder of `file` keeps its new name through a loss of power.
 bool SyncFolderOf(const std::string& file) {
-    const size_t slash = file.rfind('/');
+    const std::size_t slash = file.rfind('/');
     const std::string name = slash == std::string::npos ? "." : file.substr(0, slash + 1);
     const Fd folder(open(name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return folder && fsync(folder.Get()) == 0;
@@ -161,7 +161,7 @@ bool ReadSmallFile(const std::string& file, std::string* content, std::string* e
         if (got < 0) {
             return Fail("can't read " + file, error);
         }
-        content->append(buffer, static_cast<size_t>(got));
+        content->append(buffer, static_cast<std::size_t>(got));
         if (content->size() > kSmallFile) {
             *error = file + " is too large";
             return false;

@@ -3,11 +3,11 @@
 #include <arpa/inet.h>
 #include <json/reader.h>
 #include <json/writer.h>
-#include <stdint.h>
-#include <stdio.h>
-#include <stdlib.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <memory>
 #include <string_view>
@@ -28,7 +28,7 @@ bool IsWord(char c) {
 }
 
 /// Whether `text` has 1 to `longest` characters and each is a letter, a digit or one of `others`.
-bool IsMadeOf(const std::string& text, size_t longest, std::string_view others) {
+bool IsMadeOf(const std::string& text, std::size_t longest, std::string_view others) {
     return !text.empty() && text.size() <= longest &&
            std::all_of(text.begin(), text.end(), [others](char c) {
                return IsWord(c) || others.find(c) != std::string_view::npos;
@@ -47,7 +47,7 @@ int HexValue(char c) {
 
 std::string Unescape(const std::string& text) {
     std::string plain;
-    for (size_t i = 0; i < text.size(); ++i) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
         const int high = text[i] == '%' && i + 2 < text.size() ? HexValue(text[i + 1]) : -1;
         const int low = high >= 0 ? HexValue(text[i + 2]) : -1;
         if (low >= 0) {
@@ -66,7 +66,7 @@ bool HasManyValues(const std::string& text) {
     constexpr int kMaxValues = 8192; // 256 services take 1300
     int values = 0;
     bool quoted = false;
-    for (size_t i = 0; i < text.size(); ++i) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (quoted && c == '\\') {
             ++i;
@@ -81,10 +81,10 @@ bool HasManyValues(const std::string& text) {
 
 /// Calls `use(name, value)` for each "name=value" of a list.
 template <typename Use> void ForEachPair(const std::string& list, char separator, Use use) {
-    size_t from = 0;
+    std::size_t from = 0;
     while (from < list.size()) {
-        const size_t to = std::min(list.find(separator, from), list.size());
-        const size_t equals = list.find('=', from);
+        const std::size_t to = std::min(list.find(separator, from), list.size());
+        const std::size_t equals = list.find('=', from);
         if (equals < to) {
             use(list.substr(from, equals - from), list.substr(equals + 1, to - equals - 1));
         }
@@ -112,7 +112,7 @@ bool IsAliasName(const std::string& text) {
            std::none_of(text.begin(), text.end(), [](char c) { return c >= 'A' && c <= 'Z'; });
 }
 
-bool IsShortText(const std::string& text, size_t longest) {
+bool IsShortText(const std::string& text, std::size_t longest) {
     return text.size() <= longest && std::none_of(text.begin(), text.end(), [](char c) {
                return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
            });
@@ -135,7 +135,7 @@ bool IsHost(const std::string& text, bool bracketed) {
 
 std::optional<std::string> ServerIdOf(const std::string& mac) {
     std::string digits;
-    for (size_t i = 0; i < mac.size(); ++i) {
+    for (std::size_t i = 0; i < mac.size(); ++i) {
         const bool separator = mac.size() == 17 && i % 3 == 2;
         if (separator ? mac[i] != ':' && mac[i] != '-' : HexValue(mac[i]) < 0) {
             return std::nullopt;
@@ -160,7 +160,7 @@ std::optional<Origin> ParseHost(const std::string& scheme, const std::string& he
     Origin origin;
     origin.scheme = scheme;
     origin.port = scheme == "https" ? 443 : 80;
-    const size_t colon = header.rfind(':');
+    const std::size_t colon = header.rfind(':');
     const bool hasPort = colon != std::string::npos && header.find(']', colon) == std::string::npos;
     origin.host = header.substr(0, hasPort ? colon : std::string::npos);
     if (hasPort) {

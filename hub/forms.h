@@ -22,7 +22,7 @@ bool IsServiceId(const std::string& text);
 bool IsAliasName(const std::string& text);
 
 /// At most `longest` bytes without a control character; may be empty.
-bool IsShortText(const std::string& text, size_t longest);
+bool IsShortText(const std::string& text, std::size_t longest);
 
 /// An IPv4 or IPv6 address.
 bool IsAddress(const std::string& text);
@@ -36,10 +36,10 @@ std::optional<std::string> ServerIdOf(const std::string& mac);
 
 /// How a request reached the hub, so that a reply can lead back the same way.
 struct Origin {
-    std::string scheme; // "http" or "https"
-    std::string host;   // an IPv6 address is in brackets
+    std::string scheme; ///< "http" or "https"
+    std::string host;   ///< an IPv6 address is in brackets
     int port = 0;
-    std::string peer; // address of the client
+    std::string peer; ///< address of the client
 };
 
 /// Takes a Host header apart. Nothing when it is malformed.

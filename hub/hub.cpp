@@ -35,7 +35,7 @@ struct Hub::Parts {
     explicit Parts(const HubOptions& options)
         : waiters(store, options.hold),
           relay(store, options.visitorAddress,
-                [this](int64_t device) { waiters.StatusChanged(device); }),
+                [this](std::int64_t device) { waiters.StatusChanged(device); }),
           control(store, waiters,
                   {[this](int port) { return relay.IsUp(port); },
                    [this](const std::vector<std::string>& users) { relay.Close(users); }},

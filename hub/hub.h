@@ -9,18 +9,18 @@
 namespace ZARO::RelayHub {
 
 struct HubOptions {
-    std::string data;                  // folder for everything that is kept
-    std::string address = "127.0.0.1"; // where all listeners listen
-    int httpPort = 8080;               // this and the next two: 0 = any free port, -1 = off
+    std::string data;                  ///< folder for everything that is kept
+    std::string address = "127.0.0.1"; ///< where all listeners listen
+    int httpPort = 8080;               ///< this and the next two: 0 = any free port, -1 = off
     int httpsPort = 8443;
     int relayPort = 2222;
-    int firstPort = 20000; // of the tunnels
+    int firstPort = 20000; ///< of the tunnels
     int lastPort = 29999;
-    std::vector<std::string> hosts; // further names that the certificate covers
-    std::string relayHost;          // what devices connect to; empty = the host they asked
-    std::string visitorAddress;     // where the tunnels' ports listen; empty = `address`
+    std::vector<std::string> hosts; ///< further names that the certificate covers
+    std::string relayHost;          ///< what devices connect to; empty = the host they asked
+    std::string visitorAddress;     ///< where the tunnels' ports listen; empty = `address`
     std::chrono::seconds aliasTtl{3 * 24 * 60 * 60};
-    std::chrono::milliseconds hold{50000}; // of a wait command
+    std::chrono::milliseconds hold{50000}; ///< of a wait command
 };
 
 /// For one thread; everything else runs on threads of its own. It has SIGPIPE ignored.

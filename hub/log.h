@@ -8,10 +8,10 @@ namespace ZARO::RelayHub {
 
 /// The numbers are the syslog priorities.
 enum class Level {
-    kError = 3,   // work was lost
-    kWarning = 4, // carried on, the text says how
-    kInfo = 6,    // a state changed
-    kDebug = 7,
+    Error = 3,   ///< work was lost
+    Warning = 4, ///< carried on, the text says how
+    Info = 6,    ///< a state changed
+    Debug = 7,
 };
 
 /// Messages above `level` (3 to 7) are dropped from now on. The threshold starts at 6.
@@ -26,7 +26,7 @@ void Log(Level level, const char* unit, const char* format, ...)
 /// call any method.
 class LogQuota {
 public:
-    explicit LogQuota(Level level = Level::kWarning, int quota = 10)
+    explicit LogQuota(Level level = Level::Warning, int quota = 10)
         : level_(level), quota_(quota) {}
 
     void Log(const char* unit, const char* format, ...) __attribute__((format(printf, 3, 4)));
@@ -35,8 +35,8 @@ private:
     const Level level_;
     const int quota_;
     std::mutex mutex_;
-    std::chrono::steady_clock::time_point begin_; // of the present minute
-    int lines_ = 0;                               // in it, written or not
+    std::chrono::steady_clock::time_point begin_; ///< of the present minute
+    int lines_ = 0;                               ///< in it, written or not
 };
 
 } // namespace ZARO::RelayHub

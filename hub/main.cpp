@@ -1,13 +1,13 @@
 /// zarorelay-hub: reads the command line, runs the hub until a signal ends it.
-#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdio.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <optional>
 
 #include <CLI/CLI.hpp>
@@ -56,7 +56,7 @@ bool IsHostOrAddress(const std::string& text) {
 
 /// Takes "FIRST-LAST" apart.
 bool ParseRange(const std::string& text, int* first, int* last) {
-    const size_t dash = text.find('-');
+    const std::size_t dash = text.find('-');
     if (dash == std::string::npos || !IsNumber(text.substr(0, dash), 1, 65535) ||
         !IsNumber(text.substr(dash + 1), 1, 65535)) {
         return false;
@@ -132,7 +132,7 @@ void RaiseDescriptorLimit() {
     const rlim_t devices = now < kOtherDescriptors ? 0 : (now - kOtherDescriptors) / kPerDevice;
     // A lower limit is workable: the listeners pause when it is reached.
     if (devices < ZARO::RelayHub::kMaxDevices) {
-        ZARO::RelayHub::Log(ZARO::RelayHub::Level::kWarning, "hub",
+        ZARO::RelayHub::Log(ZARO::RelayHub::Level::Warning, "hub",
                             "a limit of %llu descriptors is enough for %llu devices only",
                             static_cast<unsigned long long>(now),
                             static_cast<unsigned long long>(devices));
@@ -179,7 +179,7 @@ int Run(const CommandLine& line) {
     PrintListeners(line.hub, hub);
     int number = 0;
     (void)sigwait(&ending, &number);
-    ZARO::RelayHub::Log(ZARO::RelayHub::Level::kInfo, "hub", "ends on signal %d", number);
+    ZARO::RelayHub::Log(ZARO::RelayHub::Level::Info, "hub", "ends on signal %d", number);
     hub.Stop();
     return 0;
 }

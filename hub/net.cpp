@@ -1,12 +1,12 @@
 #include "hub/net.h"
 
-#include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <string.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <system_error>
 
@@ -127,10 +127,10 @@ std::string PeerOf(int fd, int* port) {
     return host;
 }
 
-uint64_t NetworkOf(int fd) {
+std::uint64_t NetworkOf(int fd) {
     sockaddr_storage peer{};
     socklen_t size = sizeof peer;
-    uint64_t network = 0;
+    std::uint64_t network = 0;
     if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) {
         return network;
     }
@@ -216,9 +216,9 @@ bool Acceptor::AcceptOne() {
 
 void Acceptor::SetShortage(const char* reason) {
     if (inShortage_ && reason == nullptr) {
-        Log(Level::kInfo, unit_, "accepts connections again");
+        Log(Level::Info, unit_, "accepts connections again");
     } else if (!inShortage_ && reason != nullptr) {
-        Log(Level::kWarning, unit_, "connections wait: %s", reason);
+        Log(Level::Warning, unit_, "connections wait: %s", reason);
     }
     inShortage_ = reason != nullptr;
 }

@@ -1,9 +1,8 @@
 /// TCP listeners and the thread that accepts their connections.
 #pragma once
 
-#include <stdint.h>
-
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <thread>
@@ -44,7 +43,7 @@ std::string PeerOf(int fd, int* port);
 
 /// A number for the network of the peer, whose addresses are all one's own as a rule: an IPv4
 /// address, the first half of an IPv6 one. 0 when it can't be told.
-uint64_t NetworkOf(int fd);
+std::uint64_t NetworkOf(int fd);
 
 /// `address` as it stands in a URL: an IPv6 address in brackets.
 std::string ForUrl(const std::string& address);
@@ -79,7 +78,7 @@ private:
     MayAccept mayAccept_;
     OnAccept onAccept_;
     Fd listener_;
-    Fd waiting_; // accepted, while there is no thread for it
+    Fd waiting_; ///< accepted, while there is no thread for it
     int port_ = 0;
     bool inShortage_ = false;
     Waker stop_;

@@ -1,9 +1,8 @@
 #include "hub/relay.h"
 
-#include <errno.h>
-#include <string.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "hub/files.h"
 #include "hub/log.h"
@@ -16,7 +15,7 @@ namespace {
 /// Sessions that have not logged in. One more ends the oldest of the network that has most of them:
 /// whoever floods the relay drives himself out, however fast he is, and a log-in from elsewhere has
 /// all the time it needs. Many devices at one address fit in when they all come at once.
-constexpr size_t kMaxStrangers = 512;
+constexpr std::size_t kMaxStrangers = 512;
 
 /// The cheap ones: strangers choose, and the others cost up to 0.3 s of a processor each.
 constexpr char kKeyExchanges[] =
@@ -64,7 +63,7 @@ bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
     }
     if (!isThere) {
         if (store_.HasDevices()) {
-            Log(Level::kWarning, "relay", "%s is gone: devices will refuse the new host key",
+            Log(Level::Warning, "relay", "%s is gone: devices will refuse the new host key",
                 keyFile.c_str());
         }
         ssh_key made = nullptr;
@@ -136,7 +135,7 @@ void Relay::Serve(Fd fd, Waker waker) {
         return;
     }
     const int socket = fd.Get();
-    const uint64_t network = NetworkOf(socket);
+    const std::uint64_t network = NetworkOf(socket);
     int result = SSH_ERROR;
     {
         const std::lock_guard<std::mutex> lock(mutex_); // bind_ is for one thread at a time
@@ -165,12 +164,12 @@ void Relay::Serve(Fd fd, Waker waker) {
         } const entry{*this, session};
         session.Run();
     } catch (const std::exception& fault) {
-        Log(Level::kError, "relay", "a session failed: %s", fault.what());
+        Log(Level::Error, "relay", "a session failed: %s", fault.what());
     }
 }
 
 void Relay::DropStranger() {
-    std::map<uint64_t, size_t> counts;
+    std::map<std::uint64_t, std::size_t> counts;
     for (const Stranger& stranger : strangers_) {
         ++counts[stranger.network];
     }
@@ -192,9 +191,9 @@ bool Relay::LogIn(RelaySession* session, const std::string& user, const std::str
     const StoreResult found = store_.FindTunnel(user, &tunnel);
     // An unknown user takes as long as a wrong password.
     const bool equal = EqualSecrets(tunnel.password, password);
-    if (found != StoreResult::kDone || !equal) {
+    if (found != StoreResult::Done || !equal) {
         refusals_.Log("relay", "log-in from %s refused: %s", session->Peer().c_str(),
-                      found == StoreResult::kDone ? "wrong password" : "unknown user");
+                      found == StoreResult::Done ? "wrong password" : "unknown user");
         return false;
     }
     if (session->IsEnded()) { // it would only drive the former session out
@@ -214,7 +213,7 @@ bool Relay::LogIn(RelaySession* session, const std::string& user, const std::str
 }
 
 std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
-    int64_t device = 0;
+    std::int64_t device = 0;
     std::shared_ptr<RelayPort> opened;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -232,7 +231,7 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
             }
             seat->port = std::make_shared<RelayPort>(std::move(listener));
             seat->port->GiveTo(session);
-            up_[static_cast<uint16_t>(port)] = true;
+            up_[static_cast<std::uint16_t>(port)] = true;
             device = seat->tunnel.device;
         }
         opened = seat->port;
@@ -257,7 +256,7 @@ void Relay::Close(const std::vector<std::string>& users) {
 }
 
 void Relay::Leave(RelaySession* session) {
-    int64_t device = 0;
+    std::int64_t device = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         ForgetStranger(session);
@@ -278,11 +277,11 @@ Relay::Seats::iterator Relay::SeatOf(const RelaySession* session) {
                         [session](const auto& entry) { return entry.second.session == session; });
 }
 
-int64_t Relay::ClosePort(Seat& seat) {
+std::int64_t Relay::ClosePort(Seat& seat) {
     if (seat.port == nullptr) {
         return 0;
     }
-    up_[static_cast<uint16_t>(seat.tunnel.relayPort)] = false;
+    up_[static_cast<std::uint16_t>(seat.tunnel.relayPort)] = false;
     seat.port->Shut();
     seat.port.reset();
     return seat.tunnel.device;

@@ -24,7 +24,7 @@ namespace ZARO::RelayHub {
 /// thread a session. Any thread may call the public methods.
 class Relay : private RelayDesk {
 public:
-    using StatusChanged = std::function<void(int64_t device)>;
+    using StatusChanged = std::function<void(std::int64_t device)>;
 
     /// `visitorAddress` is where the tunnels' ports listen. `statusChanged` is told when a tunnel
     /// of a device goes up or down.
@@ -39,7 +39,7 @@ public:
     int Port() const { return acceptor_.Port(); }
 
     /// Whether that port is open for visitors at the moment. Takes no lock.
-    bool IsUp(int port) const { return up_[static_cast<uint16_t>(port)]; }
+    bool IsUp(int port) const { return up_[static_cast<std::uint16_t>(port)]; }
     /// Ends the sessions of these tunnels and closes their ports before it returns.
     void Close(const std::vector<std::string>& users);
 
@@ -48,16 +48,16 @@ private:
     struct Seat {
         RelaySession* session = nullptr;
         TunnelRecord tunnel;
-        std::shared_ptr<RelayPort> port; // null until the session asked for it
+        std::shared_ptr<RelayPort> port; ///< null until the session asked for it
     };
 
     /// A session that has not logged in.
     struct Stranger {
         RelaySession* session;
-        uint64_t network; // where it comes from
+        std::uint64_t network; ///< where it comes from
     };
 
-    using Seats = std::map<std::string, Seat>; // by user
+    using Seats = std::map<std::string, Seat>; ///< by user
 
     bool LogIn(RelaySession* session, const std::string& user,
                const std::string& password) override;
@@ -73,24 +73,24 @@ private:
     void Leave(RelaySession* session);
     Seats::iterator SeatOf(const RelaySession* session);
     /// Closes the seat's port. The device whose tunnel went down, or 0.
-    int64_t ClosePort(Seat& seat);
+    std::int64_t ClosePort(Seat& seat);
 
     Store& store_;
     const std::string visitorAddress_;
     const StatusChanged statusChanged_;
     const std::unique_ptr<ssh_bind_struct, void (*)(ssh_bind)> bind_;
-    std::vector<std::atomic<bool>> up_; // by port
+    std::vector<std::atomic<bool>> up_; ///< by port
     LogQuota refusals_;
-    LogQuota closedPorts_{Level::kError};
+    LogQuota closedPorts_{Level::Error};
 
-    std::mutex mutex_; // guards the following; taken before the store's, never after
+    std::mutex mutex_; ///< guards the following; taken before the store's, never after
     bool stopping_ = false;
     Seats seats_;
-    std::list<Stranger> strangers_;     // oldest first
-    std::list<RelaySession*> sessions_; // all of them
+    std::list<Stranger> strangers_;     ///< oldest first
+    std::list<RelaySession*> sessions_; ///< all of them
 
     ThreadSet threads_;
-    std::optional<Waker> spare_; // for the next session; the acceptor's thread alone uses it
+    std::optional<Waker> spare_; ///< for the next session; the acceptor's thread alone uses it
     Acceptor acceptor_;
 };
 

@@ -1,9 +1,9 @@
 /// The port at which the visitors of one tunnel arrive.
 #pragma once
 
-#include <errno.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <mutex>
 
 #include "hub/fd.h"

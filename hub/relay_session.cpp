@@ -1,9 +1,8 @@
 #include "hub/relay_session.h"
 
-#include <errno.h>
-#include <string.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "hub/log.h"
 #include "hub/net.h"
@@ -32,10 +31,10 @@ constexpr auto kPatience = seconds(2);
 constexpr auto kSlowReading = seconds(1);
 constexpr auto kStuckTime = seconds(300); // ends it
 
-constexpr size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
-constexpr size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
-constexpr size_t kAcceptedAtOnce = 16;
-constexpr size_t kMaxBindAddress = 255;
+constexpr std::size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
+constexpr std::size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
+constexpr std::size_t kAcceptedAtOnce = 16;
+constexpr std::size_t kMaxBindAddress = 255;
 
 } // namespace
 
@@ -78,7 +77,7 @@ void RelaySession::Run() {
         return;
     }
     HandleSsh(); // sends the greeting
-    while (state_ != State::kOver && !ended_) {
+    while (state_ != State::Over && !ended_) {
         const bool waited = IsWriting();
         WaitForEvents();
         now_ = Clock::now();
@@ -92,11 +91,11 @@ void RelaySession::Run() {
             seenTraffic_ = traffic_.in_bytes;
             heard_ = now_;
         }
-        if (state_ == State::kServing) {
+        if (state_ == State::Serving) {
             HandleVisitors(heard);
             AcceptVisitors();
             KeepAlive();
-        } else if (state_ != State::kOver && now_ >= deadline_) {
+        } else if (state_ != State::Over && now_ >= deadline_) {
             Over("not ready in time");
         }
     }
@@ -141,7 +140,7 @@ int RelaySession::TimeOut() const {
         return 0; // what came meanwhile may concern any visitor
     }
     Clock::time_point due = deadline_;
-    if (state_ == State::kServing) {
+    if (state_ == State::Serving) {
         due = std::min(probe_, heard_ + kSilence);
         due = rest_ > now_ ? std::min(due, rest_) : due;
     }
@@ -156,7 +155,7 @@ void RelaySession::HandleSsh() {
         Over("connection lost");
         return;
     }
-    if (state_ == State::kKeyExchange) {
+    if (state_ == State::KeyExchange) {
         const int result = ssh_handle_key_exchange(session);
         if (result == SSH_ERROR) {
             Over("no key exchange");
@@ -166,7 +165,7 @@ void RelaySession::HandleSsh() {
             inEvent_ = ssh_event_add_session(event_.get(), session) == SSH_OK;
         }
         if (result == SSH_OK) {
-            state_ = State::kLogIn;
+            state_ = State::LogIn;
         }
     }
     if (!inEvent_ || ssh_is_connected(session) == 0) {
@@ -176,7 +175,7 @@ void RelaySession::HandleSsh() {
 
 void RelaySession::HandleVisitors(bool heard) {
     bool overrun = false;
-    size_t place = 3;
+    std::size_t place = 3;
     for (auto visitor = visitors_.begin(); visitor != visitors_.end();) {
         if (heard) {
             visitor->AwaitOpening();
@@ -197,16 +196,17 @@ void RelaySession::HandleVisitors(bool heard) {
 }
 
 void RelaySession::AcceptVisitors() {
-    if (state_ != State::kServing || polled_[2].revents == 0) {
+    if (state_ != State::Serving || polled_[2].revents == 0) {
         return;
     }
-    for (size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving; ++i) {
+    for (std::size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving;
+         ++i) {
         Fd fd = port_->Accept(this);
         if (!fd) {
             if (IsShortage(errno)) {
                 rest_ = now_ + kAcceptPause;
                 if (!inShortage_) {
-                    Log(Level::kWarning, "relay", "visitors of port %d wait: %s", portNumber_,
+                    Log(Level::Warning, "relay", "visitors of port %d wait: %s", portNumber_,
                         strerror(errno));
                 }
                 inShortage_ = true;
@@ -221,7 +221,7 @@ void RelaySession::AcceptVisitors() {
 }
 
 void RelaySession::MakeRoom() {
-    size_t present = 0;
+    std::size_t present = 0;
     RelayVisitor* idlest = nullptr;
     for (RelayVisitor& visitor : visitors_) {
         if (!visitor.IsGone()) {
@@ -251,12 +251,12 @@ void RelaySession::KeepAlive() {
 }
 
 void RelaySession::Over(const char* why) {
-    if (state_ == State::kServing) {
-        Log(Level::kInfo, "relay", "port %d: session ended: %s", portNumber_, why);
+    if (state_ == State::Serving) {
+        Log(Level::Info, "relay", "port %d: session ended: %s", portNumber_, why);
     } else {
-        Log(Level::kDebug, "relay", "a session ended before it was served: %s", why);
+        Log(Level::Debug, "relay", "a session ended before it was served: %s", why);
     }
-    state_ = State::kOver;
+    state_ = State::Over;
 }
 
 int RelaySession::OnPassword(ssh_session, const char* user, const char* password, void* self) {
@@ -269,11 +269,11 @@ int RelaySession::OnPassword(ssh_session, const char* user, const char* password
 }
 
 bool RelaySession::CheckPassword(const char* user, const char* password) {
-    if (state_ != State::kLogIn || user == nullptr || password == nullptr) {
+    if (state_ != State::LogIn || user == nullptr || password == nullptr) {
         return false;
     }
     if (desk_.LogIn(this, user, password)) {
-        state_ = State::kLoggedIn;
+        state_ = State::LoggedIn;
         deadline_ = Clock::now() + kForwardTime;
         return true;
     }
@@ -297,7 +297,7 @@ void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self)
             session->ended_ = true;
         }
     } catch (const std::exception& fault) {
-        Log(Level::kError, "relay", "a request failed: %s", fault.what());
+        Log(Level::Error, "relay", "a request failed: %s", fault.what());
         session->ended_ = true;
     }
 }
@@ -305,7 +305,7 @@ void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self)
 bool RelaySession::Forward(ssh_message message) {
     const char* address = ssh_message_global_request_address(message);
     const int port = ssh_message_global_request_port(message);
-    if (state_ != State::kLoggedIn || address == nullptr ||
+    if (state_ != State::LoggedIn || address == nullptr ||
         std::string(address).size() > kMaxBindAddress) {
         return false;
     }
@@ -315,10 +315,10 @@ bool RelaySession::Forward(ssh_message message) {
     }
     bindAddress_ = address;
     portNumber_ = port;
-    state_ = State::kServing;
+    state_ = State::Serving;
     probe_ = Clock::now() + kFirstProbe;
-    (void)ssh_message_global_request_reply_success(message, static_cast<uint16_t>(port));
-    Log(Level::kInfo, "relay", "port %d is up", port);
+    (void)ssh_message_global_request_reply_success(message, static_cast<std::uint16_t>(port));
+    Log(Level::Info, "relay", "port %d is up", port);
     return true;
 }
 

@@ -62,7 +62,7 @@ public:
     }
 
 private:
-    enum class State { kKeyExchange, kLogIn, kLoggedIn, kServing, kOver };
+    enum class State { KeyExchange, LogIn, LoggedIn, Serving, Over };
 
     static int OnPassword(ssh_session session, const char* user, const char* password, void* self);
     static void OnGlobalRequest(ssh_session session, ssh_message message, void* self);
@@ -92,24 +92,24 @@ private:
     ssh_server_callbacks_struct serverCallbacks_{};
     ssh_callbacks_struct callbacks_{};
     ssh_counter_struct traffic_{};
-    uint64_t seenTraffic_ = 0; // bytes from the device that were noticed
+    std::uint64_t seenTraffic_ = 0; ///< bytes from the device that were noticed
 
-    State state_ = State::kKeyExchange;
-    bool inEvent_ = false; // the session is part of event_
+    State state_ = State::KeyExchange;
+    bool inEvent_ = false; ///< the session is part of event_
     int tries_ = 0;
-    Clock::time_point now_;      // read once a pass
-    Clock::time_point deadline_; // until it is served
-    Clock::time_point heard_;    // when the device last said something
-    Clock::time_point clear_;    // when no data for the device waited last
-    Clock::time_point probe_;    // when to ask it whether it is there
-    Clock::time_point rest_;     // no visitors before, after a shortage of descriptors
+    Clock::time_point now_;      ///< read once a pass
+    Clock::time_point deadline_; ///< until it is served
+    Clock::time_point heard_;    ///< when the device last said something
+    Clock::time_point clear_;    ///< when no data for the device waited last
+    Clock::time_point probe_;    ///< when to ask it whether it is there
+    Clock::time_point rest_;     ///< no visitors before, after a shortage of descriptors
     bool inShortage_ = false;
 
     std::shared_ptr<RelayPort> port_;
-    std::string bindAddress_; // as the device asked for it; it wants to hear it again
+    std::string bindAddress_; ///< as the device asked for it; it wants to hear it again
     int portNumber_ = 0;
     std::list<RelayVisitor> visitors_;
-    std::vector<pollfd> polled_; // waker, SSH socket, port, visitors in their order
+    std::vector<pollfd> polled_; ///< waker, SSH socket, port, visitors in their order
     std::vector<char> buffer_;
 };
 

@@ -20,7 +20,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     /// How much is read from a visitor at once, so that it doesn't keep the others waiting.
-    static constexpr size_t kChunk = size_t{32} * 1024;
+    static constexpr std::size_t kChunk = std::size_t{32} * 1024;
 
     RelayVisitor(ssh_session session, Fd fd);
     RelayVisitor(const RelayVisitor&) = delete;
@@ -43,14 +43,14 @@ public:
     /// When a byte went to or came from the visitor last.
     Clock::time_point MovedAt() const { return movedAt_; }
     /// Whether both sides are through with it.
-    bool IsDone() const { return state_ == State::kDone; }
+    bool IsDone() const { return state_ == State::Done; }
     /// Whether the device sent more than it was allowed to.
     bool IsOverrun() const { return overrun_; }
 
 private:
-    enum class State { kOpening, kOpen, kLeaving, kDone };
+    enum class State { Opening, Open, Leaving, Done };
 
-    static int OnData(ssh_session session, ssh_channel channel, void* data, uint32_t size,
+    static int OnData(ssh_session session, ssh_channel channel, void* data, std::uint32_t size,
                       int isError, void* self);
     static void OnEof(ssh_session session, ssh_channel channel, void* self);
     static void OnClose(ssh_session session, ssh_channel channel, void* self);
@@ -59,27 +59,27 @@ private:
     void ToDevice(char* buffer);
     void ToVisitor(char* buffer);
     /// Sends to the visitor at once; how much it took. A broken connection takes everything.
-    size_t Send(const char* data, size_t size);
+    std::size_t Send(const char* data, std::size_t size);
     bool IsDrained() const { return pending_.empty() && !backlog_; }
 
     ssh_channel channel_;
     ssh_channel_callbacks_struct callbacks_{};
-    Fd fd_; // gone as soon as the visitor is
-    State state_ = State::kOpening;
-    std::string forwardAddress_; // as the device asked for it
+    Fd fd_; ///< gone as soon as the visitor is
+    State state_ = State::Opening;
+    std::string forwardAddress_; ///< as the device asked for it
     int forwardPort_ = 0;
-    std::string peerAddress_; // of the visitor
+    std::string peerAddress_; ///< of the visitor
     int peerPort_ = 0;
     Clock::time_point movedAt_ = Clock::now();
-    std::string unsent_;        // read from the visitor, not yet taken by the channel
-    std::string pending_;       // read from the channel, not yet taken by the visitor
-    bool backlog_ = false;      // the channel has data that waits for the visitor
-    bool visitorEnded_ = false; // the visitor sends no more, and the device knows
-    bool deviceEnded_ = false;  // the device sends no more
+    std::string unsent_;        ///< read from the visitor, not yet taken by the channel
+    std::string pending_;       ///< read from the channel, not yet taken by the visitor
+    bool backlog_ = false;      ///< the channel has data that waits for the visitor
+    bool visitorEnded_ = false; ///< the visitor sends no more, and the device knows
+    bool deviceEnded_ = false;  ///< the device sends no more
     bool deviceClosed_ = false;
-    bool toldVisitor_ = false; // the visitor knows that the device sends no more
-    bool reading_ = false;     // the last poll() was to tell of data from the visitor
-    bool broken_ = false;      // the visitor is gone
+    bool toldVisitor_ = false; ///< the visitor knows that the device sends no more
+    bool reading_ = false;     ///< the last poll() was to tell of data from the visitor
+    bool broken_ = false;      ///< the visitor is gone
     bool overrun_ = false;
 };
 

@@ -7,7 +7,7 @@
 namespace ZARO::RelayHub {
 
 /// `length` random letters and digits, just under 6 bits each, from the system's generator.
-std::string RandomText(size_t length);
+std::string RandomText(std::size_t length);
 
 /// SHA-256 as 64 hex digits.
 std::string Sha256(std::string_view text);

@@ -1,10 +1,10 @@
 #include "hub/store.h"
 
 #include <fcntl.h>
-#include <string.h>
-#include <time.h>
 
 #include <algorithm>
+#include <cstring>
+#include <ctime>
 
 #include "hub/fd.h"
 #include "hub/log.h"
@@ -62,7 +62,7 @@ std::string HashToken(const std::string& serial, const std::string& token) {
     return Sha256(serial + "\n" + token);
 }
 
-int64_t Now() {
+std::int64_t Now() {
     return time(nullptr);
 }
 
@@ -80,23 +80,23 @@ TunnelRecord TunnelOf(const Query& row) {
 
 } // namespace
 
-/// Calls `work` and turns what it throws into kFault.
+/// Calls `work` and turns what it throws into Fault.
 template <typename Work> StoreResult Store::Read(const char* what, Work work) {
     try {
         const std::lock_guard<std::mutex> lock(mutex_);
         return work();
     } catch (const std::exception& fault) {
-        Log(Level::kError, "store", "%s failed: %s", what, fault.what());
-        return StoreResult::kFault;
+        Log(Level::Error, "store", "%s failed: %s", what, fault.what());
+        return StoreResult::Fault;
     }
 }
 
-/// The same within a transaction, which is kept only when `work` gives kDone.
+/// The same within a transaction, which is kept only when `work` gives Done.
 template <typename Work> StoreResult Store::Write(const char* what, Work work) {
     return Read(what, [this, &work] {
         Transaction transaction(database_);
         const StoreResult result = work();
-        if (result == StoreResult::kDone) {
+        if (result == StoreResult::Done) {
             transaction.Commit();
         }
         return result;
@@ -153,7 +153,7 @@ void Store::Prepare(const std::string& file) {
         if (Schema() == 0) {
             throw;
         }
-        Log(Level::kWarning, "store", "serves what it knows, but can't write: %s", fault.what());
+        Log(Level::Warning, "store", "serves what it knows, but can't write: %s", fault.what());
     }
 }
 
@@ -169,14 +169,14 @@ int Store::Schema() {
 bool Store::HasDevices() {
     return Read("look for devices", [this] {
                Query any(database_, "SELECT 1 FROM device LIMIT 1");
-               return any.Next() ? StoreResult::kDone : StoreResult::kNotFound;
-           }) == StoreResult::kDone;
+               return any.Next() ? StoreResult::Done : StoreResult::NotFound;
+           }) == StoreResult::Done;
 }
 
 StoreResult Store::Register(const Identity& identity, const std::string& session, Device* device) {
     return Write("register", [&] {
         const StoreResult result = Admit(identity, device);
-        if (result == StoreResult::kDone) {
+        if (result == StoreResult::Done) {
             AddSession(device->key, session);
             Query(database_, "UPDATE service SET stale = 1 WHERE device = ?", device->key).Run();
         }
@@ -193,7 +193,7 @@ StoreResult Store::Admit(const Identity& identity, Device* device) {
         if (known.Next()) {
             device->key = known.Integer(0);
             if (!EqualSecrets(known.Text(1), token)) {
-                return StoreResult::kRefused;
+                return StoreResult::Refused;
             }
         }
     }
@@ -201,18 +201,18 @@ StoreResult Store::Admit(const Identity& identity, Device* device) {
         Query clash(database_, "SELECT 1 FROM device WHERE server_id = ? AND key <> ?",
                     identity.serverId, device->key);
         if (clash.Next()) {
-            return StoreResult::kRefused;
+            return StoreResult::Refused;
         }
     }
     if (device->key != 0) {
         Query(database_, "UPDATE device SET server_id = ?, mac = ?, timezone = ? WHERE key = ?",
               identity.serverId, identity.mac, identity.timezone, device->key)
             .Run();
-        return StoreResult::kDone;
+        return StoreResult::Done;
     }
     Query count(database_, "SELECT count(*) FROM device");
     if (count.Next() && count.Int(0) >= kMaxDevices) {
-        return StoreResult::kFull;
+        return StoreResult::Full;
     }
     Query add(database_,
               "INSERT INTO device(serial, token, server_id, mac, timezone) VALUES(?, ?, ?, ?, ?)"
@@ -221,10 +221,10 @@ StoreResult Store::Admit(const Identity& identity, Device* device) {
     if (add.Next()) {
         device->key = add.Integer(0);
     }
-    return StoreResult::kDone;
+    return StoreResult::Done;
 }
 
-void Store::AddSession(int64_t device, const std::string& session) {
+void Store::AddSession(std::int64_t device, const std::string& session) {
     Query(database_, "INSERT INTO session(hash, device) VALUES(?, ?)", session, device).Run();
     Query(database_,
           "DELETE FROM session WHERE device = ?1 AND key NOT IN"
@@ -240,10 +240,10 @@ StoreResult Store::FindSession(const std::string& session, Device* device) {
                     " ON device.key = session.device WHERE hash = ?",
                     session);
         if (!found.Next()) {
-            return StoreResult::kNotFound;
+            return StoreResult::NotFound;
         }
         *device = {found.Integer(0), found.Text(1)};
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
@@ -253,21 +253,21 @@ StoreResult Store::Authenticate(const std::string& serial, const std::string& to
         Query known(database_, "SELECT key, token, server_id FROM device WHERE serial = ?", serial);
         if (!known.Next() || !EqualSecrets(known.Text(1), HashToken(serial, token)) ||
             known.Text(2) != serverId) {
-            return StoreResult::kRefused;
+            return StoreResult::Refused;
         }
         *device = {known.Integer(0), serverId};
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
-StoreResult Store::SetNetwork(int64_t device, const std::string& network) {
+StoreResult Store::SetNetwork(std::int64_t device, const std::string& network) {
     return Write("network update", [&] {
         Query(database_, "UPDATE device SET network = ? WHERE key = ?", network, device).Run();
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
-StoreResult Store::UpdateServices(int64_t device, const std::vector<ServiceRecord>& present,
+StoreResult Store::UpdateServices(std::int64_t device, const std::vector<ServiceRecord>& present,
                                   const std::vector<std::string>& removed,
                                   std::vector<std::string>* gone) {
     std::vector<std::string> users;
@@ -290,22 +290,22 @@ StoreResult Store::UpdateServices(int64_t device, const std::vector<ServiceRecor
         bool changed = !users.empty();
         for (const ServiceRecord& service : present) {
             const StoreResult put = Put(device, service, &changed);
-            if (put != StoreResult::kDone) {
+            if (put != StoreResult::Done) {
                 return put;
             }
         }
         if (changed) {
             Bump(device);
         }
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
-    if (result == StoreResult::kDone) {
+    if (result == StoreResult::Done) {
         *gone = std::move(users);
     }
     return result;
 }
 
-StoreResult Store::Put(int64_t device, const ServiceRecord& service, bool* changed) {
+StoreResult Store::Put(std::int64_t device, const ServiceRecord& service, bool* changed) {
     {
         Query known(database_,
                     "SELECT name, port, external_port FROM service WHERE device = ? AND id = ?",
@@ -321,18 +321,18 @@ StoreResult Store::Put(int64_t device, const ServiceRecord& service, bool* chang
           "UPDATE service SET name = ?, port = ?, external_port = ? WHERE device = ? AND id = ?",
           service.name, service.port, service.externalPort, device, service.id)
         .Run();
-    return StoreResult::kDone;
+    return StoreResult::Done;
 }
 
-StoreResult Store::Add(int64_t device, const ServiceRecord& service) {
+StoreResult Store::Add(std::int64_t device, const ServiceRecord& service) {
     Query count(database_, "SELECT count(*) FROM service WHERE device = ?", device);
     if (count.Next() && count.Int(0) >= kMaxServices) {
-        return StoreResult::kFull;
+        return StoreResult::Full;
     }
     const std::optional<int> port = NextPort();
     if (!port) {
         shortages_.Log("store", "every port of %d-%d is taken", pool_.first, pool_.last);
-        return StoreResult::kFull;
+        return StoreResult::Full;
     }
     Query(database_,
           "INSERT INTO service(device, id, name, port, external_port, relay_port, relay_user,"
@@ -340,7 +340,7 @@ StoreResult Store::Add(int64_t device, const ServiceRecord& service) {
           device, service.id, service.name, service.port, service.externalPort, *port,
           "t" + RandomText(15), RandomText(32))
         .Run();
-    return StoreResult::kDone;
+    return StoreResult::Done;
 }
 
 /// Ports are handed out in turn, so that the address of a service that is gone leads nowhere for as
@@ -369,7 +369,7 @@ std::optional<int> Store::NextPort() {
     return std::nullopt;
 }
 
-void Store::DropStale(int64_t device, std::vector<std::string>* gone) {
+void Store::DropStale(std::int64_t device, std::vector<std::string>* gone) {
     Query drop(database_, "DELETE FROM service WHERE device = ? AND stale = 1 RETURNING relay_user",
                device);
     while (drop.Next()) {
@@ -377,22 +377,22 @@ void Store::DropStale(int64_t device, std::vector<std::string>* gone) {
     }
 }
 
-StoreResult Store::DropStaleServices(int64_t device, std::vector<std::string>* gone) {
+StoreResult Store::DropStaleServices(std::int64_t device, std::vector<std::string>* gone) {
     std::vector<std::string> users;
     const StoreResult result = Write("service removal", [&] {
         DropStale(device, &users);
         if (!users.empty()) {
             Bump(device);
         }
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
-    if (result == StoreResult::kDone) {
+    if (result == StoreResult::Done) {
         *gone = std::move(users);
     }
     return result;
 }
 
-StoreResult Store::ListTunnels(int64_t device, std::vector<TunnelRecord>* tunnels) {
+StoreResult Store::ListTunnels(std::int64_t device, std::vector<TunnelRecord>* tunnels) {
     return Read("tunnel list", [&] {
         std::vector<TunnelRecord> found;
         Query rows(database_,
@@ -403,7 +403,7 @@ StoreResult Store::ListTunnels(int64_t device, std::vector<TunnelRecord>* tunnel
             found.push_back(TunnelOf(rows));
         }
         *tunnels = std::move(found);
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
@@ -414,32 +414,32 @@ StoreResult Store::FindTunnel(const std::string& user, TunnelRecord* tunnel) {
                   " FROM service WHERE relay_user = ?",
                   user);
         if (!row.Next()) {
-            return StoreResult::kNotFound;
+            return StoreResult::NotFound;
         }
         *tunnel = TunnelOf(row);
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
-StoreResult Store::Revision(int64_t device, int* revision) {
+StoreResult Store::Revision(std::int64_t device, int* revision) {
     return Read("revision look-up", [&] {
         Query row(database_, "SELECT revision FROM device WHERE key = ?", device);
         if (!row.Next()) {
-            return StoreResult::kNotFound;
+            return StoreResult::NotFound;
         }
         *revision = row.Int(0);
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
-StoreResult Store::BumpRevision(int64_t device, int* revision) {
+StoreResult Store::BumpRevision(std::int64_t device, int* revision) {
     return Write("revision change", [&] {
         *revision = Bump(device);
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
-int Store::Bump(int64_t device) {
+int Store::Bump(std::int64_t device) {
     Query change(database_,
                  "UPDATE device SET revision = revision % 2147483647 + 1 WHERE key = ?"
                  " RETURNING revision",
@@ -447,46 +447,48 @@ int Store::Bump(int64_t device) {
     return change.Next() ? change.Int(0) : 0;
 }
 
-int64_t Store::OwnerOf(const std::string& name, int64_t device) {
+std::int64_t Store::OwnerOf(const std::string& name, std::int64_t device) {
     Query owner(database_,
                 "SELECT device FROM alias WHERE name = ? AND (expires > ? OR device = ?)", name,
                 Now(), device);
     return owner.Next() ? owner.Integer(0) : 0;
 }
 
-StoreResult Store::MapAlias(const std::string& name, int64_t device, std::chrono::seconds ttl) {
+StoreResult Store::MapAlias(const std::string& name, std::int64_t device,
+                            std::chrono::seconds ttl) {
     return Write("alias mapping", [&] {
-        const int64_t owner = OwnerOf(name, device);
+        const std::int64_t owner = OwnerOf(name, device);
         if (owner != 0 && owner != device) {
-            return StoreResult::kTaken;
+            return StoreResult::Taken;
         }
         Query(database_, "DELETE FROM alias WHERE device = ? OR name = ?", device, name).Run();
         Query(database_, "INSERT INTO alias(name, device, expires) VALUES(?, ?, ?)", name, device,
               Now() + ttl.count())
             .Run();
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
-StoreResult Store::KeepAlias(const std::string& name, int64_t device, std::chrono::seconds ttl) {
+StoreResult Store::KeepAlias(const std::string& name, std::int64_t device,
+                             std::chrono::seconds ttl) {
     return Write("alias renewal", [&] {
-        const int64_t owner = OwnerOf(name, device);
+        const std::int64_t owner = OwnerOf(name, device);
         if (owner != device) {
-            return owner == 0 ? StoreResult::kNotFound : StoreResult::kTaken;
+            return owner == 0 ? StoreResult::NotFound : StoreResult::Taken;
         }
         Query(database_, "UPDATE alias SET expires = ? WHERE name = ?", Now() + ttl.count(), name)
             .Run();
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
-StoreResult Store::DeleteAlias(const std::string& name, int64_t device) {
+StoreResult Store::DeleteAlias(const std::string& name, std::int64_t device) {
     return Write("alias removal", [&] {
         if (OwnerOf(name, device) != device) {
-            return StoreResult::kNotFound; // another device's name is none of its business
+            return StoreResult::NotFound; // another device's name is none of its business
         }
         Query(database_, "DELETE FROM alias WHERE name = ?", name).Run();
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 
@@ -497,10 +499,10 @@ StoreResult Store::FindAlias(const std::string& name, Device* device) {
                   " WHERE name = ? AND expires > ?",
                   name, Now());
         if (!row.Next()) {
-            return StoreResult::kNotFound;
+            return StoreResult::NotFound;
         }
         *device = {row.Integer(0), row.Text(1)};
-        return StoreResult::kDone;
+        return StoreResult::Done;
     });
 }
 

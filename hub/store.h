@@ -14,20 +14,20 @@
 namespace ZARO::RelayHub {
 
 constexpr int kMaxDevices = 10000;
-constexpr int kMaxServices = 256; // of one device
-constexpr int kKeptSessions = 4;  // of one device, the newest ones
+constexpr int kMaxServices = 256; ///< of one device
+constexpr int kKeptSessions = 4;  ///< of one device, the newest ones
 
 enum class StoreResult {
-    kDone,
-    kRefused, // wrong credentials, or another device's id
-    kNotFound,
-    kTaken, // by another device
-    kFull,  // no port, or too many services or devices
-    kFault, // the database failed; it is logged
+    Done,
+    Refused, ///< wrong credentials, or another device's id
+    NotFound,
+    Taken, ///< by another device
+    Full,  ///< no port, or too many services or devices
+    Fault, ///< the database failed; it is logged
 };
 
 struct Device {
-    int64_t key = 0;
+    std::int64_t key = 0;
     std::string serverId;
 };
 
@@ -45,10 +45,10 @@ struct ServiceRecord {
 
 /// The way from the internet to one service.
 struct TunnelRecord {
-    int64_t device = 0;
+    std::int64_t device = 0;
     std::string id, name;
-    int port = 0;      // of the service, at the device
-    int relayPort = 0; // at the hub
+    int port = 0;      ///< of the service, at the device
+    int relayPort = 0; ///< at the hub
     std::string user, password;
 };
 
@@ -72,36 +72,36 @@ public:
     /// Whether any device was ever admitted.
     bool HasDevices();
 
-    /// Admits a device: kRefused when the serial is pinned to another token or the server id is
+    /// Admits a device: Refused when the serial is pinned to another token or the server id is
     /// another device's. Its services become stale until it names them again. `session` is the hash
     /// of its new session.
     StoreResult Register(const Identity& identity, const std::string& session, Device* device);
-    /// kNotFound for an unknown session.
+    /// NotFound for an unknown session.
     StoreResult FindSession(const std::string& session, Device* device);
-    /// The device with these credentials, else kRefused.
+    /// The device with these credentials, else Refused.
     StoreResult Authenticate(const std::string& serial, const std::string& token,
                              const std::string& serverId, Device* device);
-    StoreResult SetNetwork(int64_t device, const std::string& network);
+    StoreResult SetNetwork(std::int64_t device, const std::string& network);
 
     /// Removes, then adds or changes services; stale ones that are not named go too. `gone` gets
     /// the users of the tunnels that ceased to be.
-    StoreResult UpdateServices(int64_t device, const std::vector<ServiceRecord>& present,
+    StoreResult UpdateServices(std::int64_t device, const std::vector<ServiceRecord>& present,
                                const std::vector<std::string>& removed,
                                std::vector<std::string>* gone);
-    StoreResult DropStaleServices(int64_t device, std::vector<std::string>* gone);
+    StoreResult DropStaleServices(std::int64_t device, std::vector<std::string>* gone);
     /// In order of their ids.
-    StoreResult ListTunnels(int64_t device, std::vector<TunnelRecord>* tunnels);
+    StoreResult ListTunnels(std::int64_t device, std::vector<TunnelRecord>* tunnels);
     StoreResult FindTunnel(const std::string& user, TunnelRecord* tunnel);
 
     /// The number of the state of a device's tunnel list, 1 to 2^31-1.
-    StoreResult Revision(int64_t device, int* revision);
-    StoreResult BumpRevision(int64_t device, int* revision);
+    StoreResult Revision(std::int64_t device, int* revision);
+    StoreResult BumpRevision(std::int64_t device, int* revision);
 
     /// Gives `name` to the device until it is not kept alive for `ttl`; its former name is free
-    /// then. kTaken when it is another device's.
-    StoreResult MapAlias(const std::string& name, int64_t device, std::chrono::seconds ttl);
-    StoreResult KeepAlias(const std::string& name, int64_t device, std::chrono::seconds ttl);
-    StoreResult DeleteAlias(const std::string& name, int64_t device);
+    /// then. Taken when it is another device's.
+    StoreResult MapAlias(const std::string& name, std::int64_t device, std::chrono::seconds ttl);
+    StoreResult KeepAlias(const std::string& name, std::int64_t device, std::chrono::seconds ttl);
+    StoreResult DeleteAlias(const std::string& name, std::int64_t device);
     StoreResult FindAlias(const std::string& name, Device* device);
 
 private:
@@ -113,16 +113,16 @@ private:
 
     // The steps below run inside Read or Write.
     StoreResult Admit(const Identity& identity, Device* device);
-    void AddSession(int64_t device, const std::string& session);
+    void AddSession(std::int64_t device, const std::string& session);
     /// Adds the service or changes it; `changed` is raised when the tunnel list differs.
-    StoreResult Put(int64_t device, const ServiceRecord& service, bool* changed);
-    StoreResult Add(int64_t device, const ServiceRecord& service);
-    void DropStale(int64_t device, std::vector<std::string>* gone);
+    StoreResult Put(std::int64_t device, const ServiceRecord& service, bool* changed);
+    StoreResult Add(std::int64_t device, const ServiceRecord& service);
+    void DropStale(std::int64_t device, std::vector<std::string>* gone);
     std::optional<int> NextPort();
-    int Bump(int64_t device);
+    int Bump(std::int64_t device);
     /// Whose the name is, as far as `device` is concerned; 0 = free. Once it was not kept alive,
     /// it is still its device's until another one wants it.
-    int64_t OwnerOf(const std::string& name, int64_t device);
+    std::int64_t OwnerOf(const std::string& name, std::int64_t device);
 
     std::mutex mutex_;
     Database database_;

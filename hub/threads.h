@@ -18,14 +18,14 @@ public:
     bool Start(std::function<void()> work) noexcept;
     /// Waits for all of them. Nobody may call Start() meanwhile.
     void JoinAll();
-    size_t Count() const;
+    std::size_t Count() const;
 
 private:
     using Threads = std::list<std::thread>;
 
     mutable std::mutex mutex_;
     Threads running_;
-    Threads ended_; // wait for their join
+    Threads ended_; ///< wait for their join
 };
 
 } // namespace ZARO::RelayHub

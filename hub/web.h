@@ -21,15 +21,15 @@
 namespace ZARO::RelayHub {
 
 struct WebRequest {
-    std::string body;    // at most 256 KiB
-    std::string cookies; // the Cookie header
+    std::string body;    ///< at most 256 KiB
+    std::string cookies; ///< the Cookie header
     Origin origin;
 };
 
 struct WebReply {
     std::string body;
-    std::string type;      // MIME type
-    std::string setCookie; // the Set-Cookie header, or ""
+    std::string type;      ///< MIME type
+    std::string setCookie; ///< the Set-Cookie header, or ""
 };
 
 using WebHandler = std::function<WebReply(const WebRequest&)>;
@@ -46,7 +46,7 @@ using SslContext = std::unique_ptr<SSL_CTX, SslDeleter>;
 class Web {
 public:
     /// A held request of every device, and room for the others.
-    static constexpr size_t kMaxConnections = kMaxDevices + 256;
+    static constexpr std::size_t kMaxConnections = kMaxDevices + 256;
 
     /// `pages` are the paths that take a POST. Without `tls` it speaks plain HTTP.
     Web(const std::map<std::string, WebHandler>& pages, SslContext tls);
@@ -72,7 +72,7 @@ private:
 
     const SslContext tls_;
     std::unique_ptr<Protocol> protocol_;
-    std::mutex mutex_; // guards the two below
+    std::mutex mutex_; ///< guards the two below
     std::set<Connection*> connections_;
     bool closing_ = false;
     std::condition_variable allGone_;

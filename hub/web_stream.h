@@ -38,8 +38,8 @@ public:
 
     bool is_readable() const override;
     bool is_writable() const override;
-    ssize_t read(char* to, size_t size) override;
-    ssize_t write(const char* from, size_t size) override;
+    ssize_t read(char* to, std::size_t size) override;
+    ssize_t write(const char* from, std::size_t size) override;
     void get_remote_ip_and_port(std::string& ip, int& port) const override;
     void get_local_ip_and_port(std::string& ip, int& port) const override;
     socket_t socket() const override;
@@ -56,10 +56,10 @@ private:
     const Fd fd_;
     const SslHandle tls_;
     std::array<char, 4096> buffer_;
-    size_t from_ = 0, to_ = 0; // the unread part of the buffer
-    size_t budget_ = 0;        // bytes that the request may still have
+    std::size_t from_ = 0, to_ = 0; ///< the unread part of the buffer
+    std::size_t budget_ = 0;        ///< bytes that the request may still have
     Clock::time_point readDeadline_;
-    bool broken_ = false; // nothing more can be exchanged
+    bool broken_ = false; ///< nothing more can be exchanged
 };
 
 } // namespace ZARO::RelayHub
