@@ -51,11 +51,11 @@ std::string Alias::Update(const std::string& form) {
         }
         Device device;
         StoreResult result =
-            store_.Authenticate(fields["serial"], fields["token"], fields["id"], &device);
+            store_.devices.Authenticate(fields["serial"], fields["token"], fields["id"], device);
         if (result == StoreResult::Done) {
-            result = action == "map_alias"      ? store_.MapAlias(name, device.key, ttl_)
-                     : action == "delete_alias" ? store_.DeleteAlias(name, device.key)
-                                                : store_.KeepAlias(name, device.key, ttl_);
+            result = action == "map_alias"      ? store_.aliases.Map(name, device.key, ttl_)
+                     : action == "delete_alias" ? store_.aliases.Delete(name, device.key)
+                                                : store_.aliases.Keep(name, device.key, ttl_);
         }
         std::string word = WordFor(result);
         Log(Level::Debug, "alias", "%s %s of %s: %s", action.c_str(), name.c_str(),
@@ -83,9 +83,9 @@ std::string Alias::Query(const std::string& form, const Origin& origin) {
 std::string Alias::Describe(const std::string& name, const Origin& origin) {
     Device device;
     std::vector<TunnelRecord> tunnels;
-    StoreResult result = store_.FindAlias(name, &device);
+    StoreResult result = store_.aliases.Find(name, device);
     if (result == StoreResult::Done) {
-        result = store_.ListTunnels(device.key, &tunnels);
+        result = store_.services.ListTunnels(device.key, tunnels);
     }
     if (result != StoreResult::Done) {
         return WordFor(result);

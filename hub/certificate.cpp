@@ -124,7 +124,7 @@ bool Use(const std::string& pem, const std::set<std::string>& names, SSL_CTX* co
     return good;
 }
 
-void AddInterfaceAddresses(std::set<std::string>* names) {
+void AddInterfaceAddresses(std::set<std::string>& names) {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
         return; // the names given on the command line still count
@@ -139,7 +139,7 @@ void AddInterfaceAddresses(std::set<std::string>* names) {
                 0) {
             const std::string address = text;
             if (address.find('%') == std::string::npos) { // link-local ones are in nobody's URL
-                names->insert(address);
+                names.insert(address);
             }
         }
     }
@@ -162,7 +162,7 @@ std::set<std::string> ServedNames(const std::set<std::string>& more) {
 }
 
 SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
-                   std::string* error) {
+                   std::string& error) {
     SslContext context(SSL_CTX_new(TLS_server_method()));
     std::string pem;
     if (context == nullptr || !ReadSmallFile(file, &pem, error)) {
@@ -171,7 +171,7 @@ SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
     SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
     // Strangers choose: a large finite field would cost 0.15 s of a processor each time.
     if (SSL_CTX_set1_groups_list(context.get(), "X25519:P-256") != 1) {
-        *error = "can't restrict the key exchanges of TLS";
+        error = "can't restrict the key exchanges of TLS";
         return nullptr;
     }
     SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
@@ -182,15 +182,15 @@ SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
         return context;
     }
     std::set<std::string> all = names;
-    AddInterfaceAddresses(&all);
+    AddInterfaceAddresses(all);
     pem = MakePem(all, pem);
     if (pem.empty() || !WritePrivateFile(file, pem, error)) {
-        *error = error->empty() ? "can't make a certificate" : *error;
+        error = error.empty() ? "can't make a certificate" : error;
         return nullptr;
     }
     Log(Level::Info, "hub", "new certificate for %zu names", all.size());
     if (!Use(pem, names, context.get())) {
-        *error = "the new certificate does not hold";
+        error = "the new certificate does not hold";
         return nullptr;
     }
     return context;

@@ -16,6 +16,6 @@ std::set<std::string> ServedNames(const std::set<std::string>& more);
 /// it is not there, does not name all of `names` or ends within three months, for the same key if
 /// there is one; it then also names the addresses that the machine has at the moment, which come
 /// and go. Null with the reason in `error`.
-SslContext MakeTls(const std::string& file, const std::set<std::string>& names, std::string* error);
+SslContext MakeTls(const std::string& file, const std::set<std::string>& names, std::string& error);
 
 } // namespace ZARO::RelayHub

@@ -35,7 +35,7 @@ Errno ErrnoOf(StoreResult result) {
 
 /// Takes the text at `key`; one that is absent leaves `text` alone. False when it is no text or not
 /// a short one.
-bool TakeText(const Json::Value& object, const char* key, std::string* text,
+bool TakeText(const Json::Value& object, const char* key, std::string& text,
               std::size_t longest = kMaxText) {
     const Json::Value& value = object[key];
     if (value.isNull() && !object.isMember(key)) {
@@ -44,16 +44,16 @@ bool TakeText(const Json::Value& object, const char* key, std::string* text,
     if (!value.isString() || !IsShortText(value.asString(), longest)) {
         return false;
     }
-    *text = value.asString();
+    text = value.asString();
     return true;
 }
 
-bool TakeInt(const Json::Value& object, const char* key, int low, int high, int* number) {
+bool TakeInt(const Json::Value& object, const char* key, int low, int high, int& number) {
     const Json::Value& value = object[key];
     if (!value.isInt() || value.asInt() < low || value.asInt() > high) {
         return false;
     }
-    *number = value.asInt();
+    number = value.asInt();
     return true;
 }
 
@@ -75,31 +75,30 @@ template <typename Take> bool TakeEach(const Json::Value& object, const char* ke
     return true;
 }
 
-bool TakeIdentity(const Json::Value& auth, Identity* identity) {
+bool TakeIdentity(const Json::Value& auth, Identity& identity) {
     std::string claimedId; // the id is computed from the MAC, whatever the device still has stored
-    if (!auth.isObject() || !TakeText(auth, "serial", &identity->serial) ||
-        !TakeText(auth, "token", &identity->token) || !TakeText(auth, "mac", &identity->mac) ||
-        !TakeText(auth, "timezone", &identity->timezone) ||
-        !TakeText(auth, "serverID", &claimedId)) {
+    if (!auth.isObject() || !TakeText(auth, "serial", identity.serial) ||
+        !TakeText(auth, "token", identity.token) || !TakeText(auth, "mac", identity.mac) ||
+        !TakeText(auth, "timezone", identity.timezone) || !TakeText(auth, "serverID", claimedId)) {
         return false;
     }
-    const std::optional<std::string> id = ServerIdOf(identity->mac);
-    if (!id || !IsSerial(identity->serial) || !IsToken(identity->token)) {
+    const std::optional<std::string> id = ServerIdOf(identity.mac);
+    if (!id || !IsSerial(identity.serial) || !IsToken(identity.token)) {
         return false;
     }
-    identity->serverId = *id;
+    identity.serverId = *id;
     return true;
 }
 
-bool TakeService(const Json::Value& object, ServiceRecord* service) {
-    if (!TakeText(object, "id", &service->id) || !IsServiceId(service->id) ||
-        !TakeInt(object, "port", 1, 65535, &service->port)) {
+bool TakeService(const Json::Value& object, ServiceRecord& service) {
+    if (!TakeText(object, "id", service.id) || !IsServiceId(service.id) ||
+        !TakeInt(object, "port", 1, 65535, service.port)) {
         return false;
     }
-    service->name = service->id;
-    return TakeText(object, "name", &service->name) &&
+    service.name = service.id;
+    return TakeText(object, "name", service.name) &&
            (!object.isMember("ext_port") ||
-            TakeInt(object, "ext_port", -1, 65535, &service->externalPort));
+            TakeInt(object, "ext_port", -1, 65535, service.externalPort));
 }
 
 Json::Value Failure(Errno error) {
@@ -110,7 +109,7 @@ Json::Value Failure(Errno error) {
 
 } // namespace
 
-std::string Control::Answer(const std::string& body, const Origin& origin, std::string* session) {
+std::string Control::Answer(const std::string& body, const Origin& origin, std::string& session) {
     Json::Value whole(Json::arrayValue);
     try {
         Batch batch{origin, session, std::nullopt};
@@ -130,14 +129,14 @@ std::string Control::AnswerArray(const std::string& body, Batch& batch) {
         return ToLine(replies);
     }
     Device device;
-    if (!batch.session->empty() &&
-        store_.FindSession(Sha256(*batch.session), &device) == StoreResult::Done) {
+    if (!batch.session.empty() &&
+        store_.devices.FindSession(Sha256(batch.session), device) == StoreResult::Done) {
         batch.device = device;
     }
     for (Json::ArrayIndex i = 0; i < commands.size(); ++i) {
         batch.isLast = i + 1 == commands.size();
         Json::Value reply(Json::objectValue);
-        const Errno error = Execute(commands[i], batch, &reply);
+        const Errno error = Execute(commands[i], batch, reply);
         Log(Level::Debug, "control", "%s: command %u of %u: errno %d",
             batch.device ? batch.device->serverId.c_str() : "stranger", i + 1, commands.size(),
             static_cast<int>(error));
@@ -151,8 +150,8 @@ std::string Control::AnswerArray(const std::string& body, Batch& batch) {
     return ToLine(replies);
 }
 
-Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value* reply) {
-    using Handler = Errno (Control::*)(const Json::Value&, Batch&, Json::Value*);
+Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& reply) {
+    using Handler = Errno (Control::*)(const Json::Value&, Batch&, Json::Value&);
     static const struct {
         const char* name;
         Handler handler;
@@ -178,14 +177,14 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value* re
     return Errno::NoSuchCommand;
 }
 
-Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* reply) {
+Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value& reply) {
     Identity identity;
-    if (batch.hasRegistered || !TakeIdentity(command["auth"], &identity)) {
+    if (batch.hasRegistered || !TakeIdentity(command["auth"], identity)) {
         return Errno::Input;
     }
     Device device;
     std::string session = RandomText(43); // 256 bits
-    const StoreResult result = store_.Register(identity, Sha256(session), &device);
+    const StoreResult result = store_.devices.Register(identity, Sha256(session), device);
     if (result != StoreResult::Done) {
         refusals_.Log("control", "device %s from %s is not admitted (%d)", identity.serial.c_str(),
                       batch.origin.peer.c_str(), static_cast<int>(ErrnoOf(result)));
@@ -196,9 +195,9 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* r
     batch.device = device;
     batch.hasRegistered = true;
     batch.owesServices = true;
-    *batch.session = std::move(session);
-    (*reply)["serverID"] = device.serverId;
-    Json::Value& wait = (*reply)["server_wait_cmd"];
+    batch.session = std::move(session);
+    reply["serverID"] = device.serverId;
+    Json::Value& wait = reply["server_wait_cmd"];
     wait["protocol"] = batch.origin.scheme;
     wait["host"] = batch.origin.host;
     wait["port"] = batch.origin.port;
@@ -206,50 +205,50 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* r
     return Errno::Good;
 }
 
-Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value* reply) {
+Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value& reply) {
     Json::Value network(Json::objectValue);
     Json::Value& interfaces = network["interface"] = Json::Value(Json::arrayValue);
     const auto take = [](const Json::Value& from, const char* key, std::size_t longest,
-                         Json::Value* to) {
+                         Json::Value& to) {
         std::string text;
-        const bool good = TakeText(from, key, &text, longest);
-        (*to)[key] = text;
+        const bool good = TakeText(from, key, text, longest);
+        to[key] = text;
         return good;
     };
     const auto takeInterface = [&](const Json::Value& element) {
         Json::Value kept(Json::objectValue);
-        const bool good = take(element, "name", kMaxInterfaceName, &kept) &&
-                          take(element, "ip", kMaxAddressText, &kept) &&
-                          take(element, "mask", kMaxAddressText, &kept);
+        const bool good = take(element, "name", kMaxInterfaceName, kept) &&
+                          take(element, "ip", kMaxAddressText, kept) &&
+                          take(element, "mask", kMaxAddressText, kept);
         if (interfaces.size() < kMaxInterfaces) { // a host of containers has any number
             interfaces.append(kept);
         }
         return good;
     };
-    const bool good = take(command, "gateway", kMaxAddressText, &network) &&
-                      take(command, "ddns", kMaxText, &network) &&
-                      take(command, "mode", kMaxAddressText, &network) &&
+    const bool good = take(command, "gateway", kMaxAddressText, network) &&
+                      take(command, "ddns", kMaxText, network) &&
+                      take(command, "mode", kMaxAddressText, network) &&
                       TakeEach(command, "interface", takeInterface);
     if (!good) {
         return Errno::Input;
     }
-    (*reply)["mode"] = "relay";
-    return ErrnoOf(store_.SetNetwork(batch.device->key, ToLine(network)));
+    reply["mode"] = "relay";
+    return ErrnoOf(store_.devices.SetNetwork(batch.device->key, ToLine(network)));
 }
 
-Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value*) {
+Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value&) {
     std::vector<ServiceRecord> present;
     std::vector<std::string> removed;
     std::vector<std::string> gone;
     const auto addService = [&present](const Json::Value& element) {
         ServiceRecord service;
-        const bool good = TakeService(element, &service);
+        const bool good = TakeService(element, service);
         present.push_back(std::move(service));
         return good;
     };
     const auto addRemoved = [&removed](const Json::Value& element) {
         removed.emplace_back();
-        return TakeText(element, "id", &removed.back()) && IsServiceId(removed.back());
+        return TakeText(element, "id", removed.back()) && IsServiceId(removed.back());
     };
     // Whatever comes of it, the device has named its services: a refused list drops nothing.
     batch.owesServices = false;
@@ -258,22 +257,22 @@ Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Va
         !TakeEach(command, "service_add", addService)) {
         return Errno::Input;
     }
-    const StoreResult result = store_.UpdateServices(batch.device->key, present, removed, &gone);
+    const StoreResult result = store_.services.Update(batch.device->key, present, removed, gone);
     if (result == StoreResult::Done) {
         ServicesChanged(batch.device->key, gone);
     }
     return ErrnoOf(result);
 }
 
-Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value* reply) {
+Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply) {
     FinishRegistration(batch);
     int seen = 0;
-    const bool good =
-        command["serverID"].isString() && TakeInt(command, "revision", 0, 0x7fffffff, &seen) &&
-        TakeEach(command, "tunnels", [](const Json::Value& element) {
-            std::string text;
-            return TakeText(element, "id", &text) && TakeText(element, "status", &text);
-        });
+    const bool good = command["serverID"].isString() &&
+                      TakeInt(command, "revision", 0, 0x7fffffff, seen) &&
+                      TakeEach(command, "tunnels", [](const Json::Value& element) {
+                          std::string text;
+                          return TakeText(element, "id", text) && TakeText(element, "status", text);
+                      });
     if (!good) {
         return Errno::Input;
     }
@@ -282,20 +281,20 @@ Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value* reply
     }
     // Only the last command is held, so the replies to the others never wait for it for nothing.
     int revision = 0;
-    return waiters_.Wait(batch.device->key, seen, batch.isLast, &revision)
+    return waiters_.Wait(batch.device->key, seen, batch.isLast, revision)
                ? ListTunnels(batch, revision, reply)
                : Errno::Unknown;
 }
 
-Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value* reply) {
+Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply) {
     std::vector<TunnelRecord> tunnels;
-    const StoreResult result = store_.ListTunnels(batch.device->key, &tunnels);
+    const StoreResult result = store_.services.ListTunnels(batch.device->key, tunnels);
     std::string host = relayHost_.empty() ? batch.origin.host : relayHost_;
     if (host.front() == '[') { // brackets belong to URLs only
         host = host.substr(1, host.size() - 2);
     }
-    (*reply)["revision"] = revision;
-    Json::Value& list = (*reply)["tunnels"] = Json::Value(Json::arrayValue);
+    reply["revision"] = revision;
+    Json::Value& list = reply["tunnels"] = Json::Value(Json::arrayValue);
     for (const TunnelRecord& tunnel : tunnels) {
         Json::Value entry(Json::objectValue);
         entry["id"] = tunnel.id;
@@ -313,7 +312,7 @@ Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value* reply)
 void Control::FinishRegistration(Batch& batch) {
     std::vector<std::string> gone;
     if (batch.owesServices &&
-        store_.DropStaleServices(batch.device->key, &gone) == StoreResult::Done) {
+        store_.services.DropStale(batch.device->key, gone) == StoreResult::Done) {
         ServicesChanged(batch.device->key, gone);
     }
     batch.owesServices = false;

@@ -43,13 +43,13 @@ public:
 
     /// Answers one batch. `session` is the session that came with it, or "", and afterwards the one
     /// that the sender is to use from now on. Never throws.
-    std::string Answer(const std::string& body, const Origin& origin, std::string* session);
+    std::string Answer(const std::string& body, const Origin& origin, std::string& session);
 
 private:
     /// What the commands of one batch share.
     struct Batch {
         const Origin& origin;
-        std::string* session;
+        std::string& session;
         std::optional<Device> device;
         bool hasRegistered = false;
         bool owesServices = false; ///< registered, and its services not named again so far
@@ -57,12 +57,12 @@ private:
     };
 
     std::string AnswerArray(const std::string& body, Batch& batch);
-    Errno Execute(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno Register(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno UpdateServices(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno Wait(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno ListTunnels(const Batch& batch, int revision, Json::Value* reply);
+    Errno Execute(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno Register(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno UpdateServices(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno Wait(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno ListTunnels(const Batch& batch, int revision, Json::Value& reply);
     /// A registered device has exactly the services that it names: without a word on them, none.
     void FinishRegistration(Batch& batch);
     void ServicesChanged(std::int64_t device, const std::vector<std::string>& gone);

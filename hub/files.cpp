@@ -17,8 +17,8 @@ namespace {
 
 constexpr std::size_t kSmallFile = 64 << 10;
 
-bool Fail(const std::string& doing, std::string* error) {
-    *error = doing + ": " + strerror(errno);
+bool Fail(const std::string& doing, std::string& error) {
+    error = doing + ": " + strerror(errno);
     return false;
 }
 
@@ -69,13 +69,13 @@ bool IsOurs(int folder) {
 }
 
 /// Makes the folder its owner's alone. One that is somebody else's is left as it is.
-bool MakePrivate(int folder, const std::string& name, std::string* error) {
+bool MakePrivate(int folder, const std::string& name, std::string& error) {
     struct stat status {};
     if (fstat(folder, &status) != 0) {
         return Fail("can't use " + name, error);
     }
     if (status.st_uid != geteuid()) {
-        *error = "can't use " + name + ": it belongs to another user";
+        error = "can't use " + name + ": it belongs to another user";
         return false;
     }
     if ((status.st_mode & 077) == 0) {
@@ -83,7 +83,7 @@ bool MakePrivate(int folder, const std::string& name, std::string* error) {
     }
     // Where all may write, what looks like a hub's may have been planted.
     if ((status.st_mode & (S_ISVTX | S_IWOTH)) != 0 || !IsOurs(folder)) {
-        *error = "can't use " + name + ": others may enter it and it is no hub's alone";
+        error = "can't use " + name + ": others may enter it and it is no hub's alone";
         return false;
     }
     return fchmod(folder, 0700) == 0 || Fail("can't use " + name, error);
@@ -99,7 +99,7 @@ bool SyncFolderOf(const std::string& file) {
 
 } // namespace
 
-bool OpenDataFolder(const std::string& folder, Fd* lock, std::string* error) {
+bool OpenDataFolder(const std::string& folder, Fd& lock, std::string& error) {
     if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
         return Fail("can't make " + folder, error);
     }
@@ -118,14 +118,14 @@ bool OpenDataFolder(const std::string& folder, Fd* lock, std::string* error) {
         if (errno != EWOULDBLOCK) {
             return Fail("can't lock " + folder, error);
         }
-        *error = "another hub uses " + folder;
+        error = "another hub uses " + folder;
         return false;
     }
-    *lock = std::move(locked);
+    lock = std::move(locked);
     return true;
 }
 
-bool WritePrivateFile(const std::string& file, const std::string& content, std::string* error) {
+bool WritePrivateFile(const std::string& file, const std::string& content, std::string& error) {
     const std::string temporary = file + ".new";
     (void)unlink(temporary.c_str()); // left by a hub that was killed, under the folder's lock
     const Fd fd(
@@ -139,7 +139,7 @@ bool WritePrivateFile(const std::string& file, const std::string& content, std::
     return true;
 }
 
-bool ReadSmallFile(const std::string& file, std::string* content, std::string* error,
+bool ReadSmallFile(const std::string& file, std::string* content, std::string& error,
                    bool* isThere) {
     content->clear();
     const Fd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
@@ -163,7 +163,7 @@ bool ReadSmallFile(const std::string& file, std::string* content, std::string* e
         }
         content->append(buffer, static_cast<std::size_t>(got));
         if (content->size() > kSmallFile) {
-            *error = file + " is too large";
+            error = file + " is too large";
             return false;
         }
     }

@@ -20,7 +20,7 @@ constexpr char kCookie[] = "ZARORELAY";
 WebReply AnswerBatch(Control& control, const WebRequest& request) {
     const std::string before = CookieValue(request.cookies, kCookie);
     std::string session = before;
-    WebReply reply{control.Answer(request.body, request.origin, &session), "application/json", ""};
+    WebReply reply{control.Answer(request.body, request.origin, session), "application/json", ""};
     if (session != before) {
         reply.setCookie = std::string(kCookie) + "=" + session + "; Path=/";
         reply.setCookie += request.origin.scheme == "https" ? "; Secure" : "";
@@ -65,7 +65,7 @@ Hub::~Hub() {
     Stop();
 }
 
-bool Hub::Start(std::string* error) {
+bool Hub::Start(std::string& error) {
     // A peer that hangs up must not end the process from within a library's write().
     (void)signal(SIGPIPE, SIG_IGN);
     Relay& relay = parts_->relay;
@@ -74,8 +74,8 @@ bool Hub::Start(std::string* error) {
                       // A port of ours that is still open is about to be closed.
                       return relay.IsUp(port) || IsPortFree(visitorAddress, port);
                   }};
-    error->clear();
-    if (!OpenDataFolder(options_.data, &parts_->lock, error) ||
+    error.clear();
+    if (!OpenDataFolder(options_.data, parts_->lock, error) ||
         !parts_->store.Open(options_.data + "/hub.db", std::move(pool), error)) {
         return false;
     }
@@ -85,7 +85,7 @@ bool Hub::Start(std::string* error) {
     return relayGood && StartWeb(error);
 }
 
-bool Hub::StartWeb(std::string* error) {
+bool Hub::StartWeb(std::string& error) {
     Parts& parts = *parts_;
     std::map<std::string, WebHandler> pages;
     pages["/Serv.php"] = [&parts](const WebRequest& request) {

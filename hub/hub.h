@@ -31,7 +31,7 @@ public:
 
     /// Returns when every listener listens. False with the reason in `error`; the hub is then good
     /// for nothing but its destruction.
-    bool Start(std::string* error);
+    bool Start(std::string& error);
     /// Ends everything in an orderly way, within about a second. May be called twice.
     void Stop();
 
@@ -43,7 +43,7 @@ public:
 private:
     struct Parts;
 
-    bool StartWeb(std::string* error);
+    bool StartWeb(std::string& error);
 
     HubOptions options_;
     std::unique_ptr<Parts> parts_;

@@ -55,15 +55,15 @@ bool IsHostOrAddress(const std::string& text) {
 }
 
 /// Takes "FIRST-LAST" apart.
-bool ParseRange(const std::string& text, int* first, int* last) {
+bool ParseRange(const std::string& text, int& first, int& last) {
     const std::size_t dash = text.find('-');
     if (dash == std::string::npos || !IsNumber(text.substr(0, dash), 1, 65535) ||
         !IsNumber(text.substr(dash + 1), 1, 65535)) {
         return false;
     }
-    *first = atoi(text.c_str());
-    *last = atoi(text.c_str() + dash + 1);
-    return *first <= *last;
+    first = atoi(text.c_str());
+    last = atoi(text.c_str() + dash + 1);
+    return first <= last;
 }
 
 struct CommandLine {
@@ -74,15 +74,15 @@ struct CommandLine {
     int logLevel = 6;
 };
 
-void Describe(CLI::App& app, CommandLine* line) {
+void Describe(CLI::App& app, CommandLine& line) {
     const CLI::Validator address = Expect("an IP address", IsAddress);
     const CLI::Validator host = Expect("a host name or an IP address", IsHostOrAddress);
     const auto isRange = [](const std::string& text) {
         int first = 0;
         int last = 0;
-        return ParseRange(text, &first, &last);
+        return ParseRange(text, first, last);
     };
-    HubOptions& hub = line->hub;
+    HubOptions& hub = line.hub;
     app.add_option("--data", hub.data, "folder for everything that is kept")->required();
     app.add_option("--address", hub.address, "where to listen")->check(address);
     app.add_option("--http-port", hub.httpPort, "plain HTTP; 0 = any, -1 = off")
@@ -91,7 +91,7 @@ void Describe(CLI::App& app, CommandLine* line) {
         ->check(Number(-1, 65535));
     app.add_option("--relay-port", hub.relayPort, "SSH; 0 = any, -1 = off")
         ->check(Number(-1, 65535));
-    app.add_option("--ports", line->ports, "the tunnels' ports, FIRST-LAST")
+    app.add_option("--ports", line.ports, "the tunnels' ports, FIRST-LAST")
         ->check(Expect("a range of ports like 20000-29999", isRange));
     app.add_option("--host", hub.hosts, "a further name for the certificate; may be repeated")
         ->check(host);
@@ -99,11 +99,11 @@ void Describe(CLI::App& app, CommandLine* line) {
         ->check(host);
     app.add_option("--visitor-address", hub.visitorAddress, "where the tunnels' ports listen")
         ->check(address);
-    app.add_option("--alias-ttl", line->aliasTtl, "seconds that an alias lasts unrenewed")
+    app.add_option("--alias-ttl", line.aliasTtl, "seconds that an alias lasts unrenewed")
         ->check(Number(1, 1000000000));
-    app.add_option("--hold", line->hold, "seconds that a wait command is held")
+    app.add_option("--hold", line.hold, "seconds that a wait command is held")
         ->check(Number(1, 3600));
-    app.add_option("--log-level", line->logLevel, "3 = errors only, up to 7 = debug")
+    app.add_option("--log-level", line.logLevel, "3 = errors only, up to 7 = debug")
         ->check(Number(3, 7));
     app.set_version_flag("--version", "zarorelay-hub " ZARO_VERSION);
 }
@@ -171,7 +171,7 @@ int Run(const CommandLine& line) {
 
     Hub hub(line.hub);
     std::string error;
-    if (!hub.Start(&error)) {
+    if (!hub.Start(error)) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", error.c_str());
         return 1;
     }
@@ -185,7 +185,7 @@ int Run(const CommandLine& line) {
 }
 
 /// The exit code, or nothing when the hub is to run.
-std::optional<int> Parse(int argc, char** argv, CommandLine* line) {
+std::optional<int> Parse(int argc, char** argv, CommandLine& line) {
     CLI::App app("The server side of zarorelayd: control server, alias server and SSH relay.",
                  "zarorelay-hub");
     try {
@@ -197,9 +197,9 @@ std::optional<int> Parse(int argc, char** argv, CommandLine* line) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
         return kUsage;
     }
-    (void)ParseRange(line->ports, &line->hub.firstPort, &line->hub.lastPort);
-    line->hub.aliasTtl = std::chrono::seconds(line->aliasTtl);
-    line->hub.hold = std::chrono::seconds(line->hold);
+    (void)ParseRange(line.ports, line.hub.firstPort, line.hub.lastPort);
+    line.hub.aliasTtl = std::chrono::seconds(line.aliasTtl);
+    line.hub.hold = std::chrono::seconds(line.hold);
     return std::nullopt;
 }
 
@@ -209,7 +209,7 @@ int main(int argc, char** argv) {
     FillStandardDescriptors();
     try {
         CommandLine line;
-        const std::optional<int> code = Parse(argc, argv, &line);
+        const std::optional<int> code = Parse(argc, argv, line);
         return code ? *code : Run(line);
     } catch (const std::exception& fault) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", fault.what());

@@ -57,19 +57,19 @@ Fd BindTcp(const addrinfo& where) {
 
 } // namespace
 
-bool ListenTcp(const std::string& address, int port, Fd* listener, std::string* error) {
+bool ListenTcp(const std::string& address, int port, Fd& listener, std::string& error) {
     const std::string where = ForUrl(address) + ":" + std::to_string(port);
     const AddressInfo info = ToAddress(address, port);
     if (info == nullptr) {
-        *error = "can't listen on " + where + ": not an IP address";
+        error = "can't listen on " + where + ": not an IP address";
         return false;
     }
     Fd fd = BindTcp(*info);
     if (!fd || listen(fd.Get(), SOMAXCONN) != 0) {
-        *error = "can't listen on " + where + ": " + strerror(errno);
+        error = "can't listen on " + where + ": " + strerror(errno);
         return false;
     }
-    *listener = std::move(fd);
+    listener = std::move(fd);
     return true;
 }
 
@@ -114,7 +114,7 @@ void SetUserTimeOut(int fd, int milliseconds) {
     SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
 }
 
-std::string PeerOf(int fd, int* port) {
+std::string PeerOf(int fd, int& port) {
     sockaddr_storage peer{};
     socklen_t size = sizeof peer;
     char host[NI_MAXHOST] = "";
@@ -123,7 +123,7 @@ std::string PeerOf(int fd, int* port) {
         (void)getnameinfo(reinterpret_cast<sockaddr*>(&peer), size, host, sizeof host, service,
                           sizeof service, NI_NUMERICHOST | NI_NUMERICSERV);
     }
-    *port = atoi(service);
+    port = atoi(service);
     return host;
 }
 
@@ -153,17 +153,17 @@ Acceptor::Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)
     : unit_(unit), mayAccept_(std::move(mayAccept)), onAccept_(std::move(onAccept)) {
 }
 
-bool Acceptor::Start(Fd listener, std::string* error) {
+bool Acceptor::Start(Fd listener, std::string& error) {
     listener_ = std::move(listener);
     port_ = PortOf(listener_.Get());
     if (!stop_.IsValid()) {
-        *error = std::string("can't start: ") + strerror(errno);
+        error = std::string("can't start: ") + strerror(errno);
         return false;
     }
     try {
         thread_ = std::thread([this] { Run(); });
     } catch (const std::system_error& fault) {
-        *error = std::string("can't start a thread: ") + fault.what();
+        error = std::string("can't start a thread: ") + fault.what();
         return false;
     }
     return true;

@@ -16,7 +16,7 @@ constexpr auto kAcceptPause = std::chrono::milliseconds(100);
 
 /// Listens on an IP address (IPv4 or IPv6 text) and a port, 0 = any free one, without blocking.
 /// False with the reason in `error`.
-bool ListenTcp(const std::string& address, int port, Fd* listener, std::string* error);
+bool ListenTcp(const std::string& address, int port, Fd& listener, std::string& error);
 
 /// The port a socket is bound to; 0 when it can't be told.
 int PortOf(int fd);
@@ -39,7 +39,7 @@ void SetKeepAlive(int fd, int idle, int interval, int count);
 void SetUserTimeOut(int fd, int milliseconds);
 
 /// Address and port of the peer, "" and 0 when it can't be told.
-std::string PeerOf(int fd, int* port);
+std::string PeerOf(int fd, int& port);
 
 /// A number for the network of the peer, whose addresses are all one's own as a rule: an IPv4
 /// address, the first half of an IPv6 one. 0 when it can't be told.
@@ -62,7 +62,7 @@ public:
     Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept);
     ~Acceptor() { Stop(); }
 
-    bool Start(Fd listener, std::string* error);
+    bool Start(Fd listener, std::string& error);
     /// Returns when the thread is gone and the listener closed. May be called twice.
     void Stop();
     int Port() const { return port_; }

@@ -49,20 +49,20 @@ Relay::~Relay() {
 }
 
 bool Relay::Start(const std::string& address, int port, const std::string& keyFile,
-                  std::string* error) {
+                  std::string& error) {
     Fd listener;
-    return UseHostKey(keyFile, error) && ListenTcp(address, port, &listener, error) &&
+    return UseHostKey(keyFile, error) && ListenTcp(address, port, listener, error) &&
            acceptor_.Start(std::move(listener), error);
 }
 
-bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
+bool Relay::UseHostKey(const std::string& keyFile, std::string& error) {
     std::string text;
     bool isThere = false;
     if (!ReadSmallFile(keyFile, &text, error, &isThere)) {
         return false;
     }
     if (!isThere) {
-        if (store_.HasDevices()) {
+        if (store_.devices.HasAny()) {
             Log(Level::Warning, "relay", "%s is gone: devices will refuse the new host key",
                 keyFile.c_str());
         }
@@ -75,7 +75,7 @@ bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
         text = exported == nullptr ? "" : exported;
         ssh_string_free_char(exported);
         if (text.empty() || !WritePrivateFile(keyFile, text, error)) {
-            *error = error->empty() ? "can't make a host key" : *error;
+            error = error.empty() ? "can't make a host key" : error;
             return false;
         }
     }
@@ -85,9 +85,8 @@ bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_KEY_EXCHANGE, kKeyExchanges) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) != SSH_OK) {
-        *error = keyFile +
-                 " holds no usable host key: put a copy back, or remove it for a new one, "
-                 "which every device has to be told to accept";
+        error = keyFile + " holds no usable host key: put a copy back, or remove it for a new one, "
+                          "which every device has to be told to accept";
         return false;
     }
     (void)key.release(); // it belongs to bind_ now
@@ -188,7 +187,7 @@ void Relay::ForgetStranger(const RelaySession* session) {
 bool Relay::LogIn(RelaySession* session, const std::string& user, const std::string& password) {
     const std::lock_guard<std::mutex> lock(mutex_);
     TunnelRecord tunnel;
-    const StoreResult found = store_.FindTunnel(user, &tunnel);
+    const StoreResult found = store_.services.FindTunnel(user, tunnel);
     // An unknown user takes as long as a wrong password.
     const bool equal = EqualSecrets(tunnel.password, password);
     if (found != StoreResult::Done || !equal) {
@@ -225,7 +224,7 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
         if (seat->port == nullptr) {
             Fd listener;
             std::string error;
-            if (!ListenTcp(visitorAddress_, port, &listener, &error)) {
+            if (!ListenTcp(visitorAddress_, port, listener, error)) {
                 closedPorts_.Log("relay", "tunnel %s: %s", seat->tunnel.id.c_str(), error.c_str());
                 return nullptr;
             }

@@ -33,7 +33,7 @@ public:
 
     /// Listens; the host key is kept in `keyFile`, mode 0600, and made when it is not there.
     bool Start(const std::string& address, int port, const std::string& keyFile,
-               std::string* error);
+               std::string& error);
     /// Ends every session.
     void Stop();
     int Port() const { return acceptor_.Port(); }
@@ -63,7 +63,7 @@ private:
                const std::string& password) override;
     std::shared_ptr<RelayPort> OpenPort(RelaySession* session, int port) override;
 
-    bool UseHostKey(const std::string& keyFile, std::string* error);
+    bool UseHostKey(const std::string& keyFile, std::string& error);
     bool MayAdmit();
     bool Admit(int connection);
     void Serve(Fd fd, Waker waker);

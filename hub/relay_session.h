@@ -58,7 +58,7 @@ public:
     /// The device's address.
     std::string Peer() const {
         int port = 0;
-        return PeerOf(fd_, &port);
+        return PeerOf(fd_, port);
     }
 
 private:

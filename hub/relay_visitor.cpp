@@ -50,7 +50,7 @@ RelayVisitor::~RelayVisitor() {
 void RelayVisitor::Open(const std::string& address, int port) {
     forwardAddress_ = address;
     forwardPort_ = port;
-    peerAddress_ = PeerOf(fd_.Get(), &peerPort_);
+    peerAddress_ = PeerOf(fd_.Get(), peerPort_);
     AwaitOpening();
 }
 

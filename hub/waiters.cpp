@@ -13,7 +13,7 @@ constexpr auto kRetry = std::chrono::seconds(10);
 
 } // namespace
 
-bool Waiters::Wait(std::int64_t device, int seen, bool mayHold, int* revision) {
+bool Waiters::Wait(std::int64_t device, int seen, bool mayHold, int& revision) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (mayHold && !stopping_) {
         Seat& seat = seats_[device]; // seats stay for good, so the reference holds while unlocked
@@ -25,17 +25,17 @@ bool Waiters::Wait(std::int64_t device, int seen, bool mayHold, int* revision) {
 }
 
 bool Waiters::Hold(std::unique_lock<std::mutex>& lock, std::int64_t device, Seat& seat, int seen,
-                   int* revision) {
+                   int& revision) {
     const unsigned turn = seat.turn;
     const Clock::time_point end = Clock::now() + hold_;
     for (;;) {
         const Clock::time_point now = Clock::now();
         const bool over = now >= end || stopping_ || seat.turn != turn;
         const bool due = over || (seat.due && now >= *seat.due);
-        if (!due && store_.Revision(device, revision) != StoreResult::Done) {
+        if (!due && store_.services.Revision(device, revision) != StoreResult::Done) {
             return false;
         }
-        if (due || *revision != seen) {
+        if (due || revision != seen) {
             // The reply shows every status as it is now, so nothing must be left to report.
             return Report(device, seat, revision);
         }
@@ -43,15 +43,15 @@ bool Waiters::Hold(std::unique_lock<std::mutex>& lock, std::int64_t device, Seat
     }
 }
 
-bool Waiters::Report(std::int64_t device, Seat& seat, int* revision) {
+bool Waiters::Report(std::int64_t device, Seat& seat, int& revision) {
     if (seat.due) {
-        if (store_.BumpRevision(device, revision) == StoreResult::Done) {
+        if (store_.services.BumpRevision(device, revision) == StoreResult::Done) {
             seat.due.reset();
             return true;
         }
         seat.due = Clock::now() + kRetry; // what can be read is told all the same
     }
-    return store_.Revision(device, revision) == StoreResult::Done;
+    return store_.services.Revision(device, revision) == StoreResult::Done;
 }
 
 void Waiters::ListChanged(std::int64_t device) {

@@ -19,7 +19,7 @@ public:
     /// Returns when the revision of the device's list differs from `seen`, when the hold time is
     /// over, when a later call for the same device takes over, or on Stop(); without `mayHold` at
     /// once. `revision` is the current one. False when the store failed.
-    bool Wait(std::int64_t device, int seen, bool mayHold, int* revision);
+    bool Wait(std::int64_t device, int seen, bool mayHold, int& revision);
     /// The list changed, and its revision with it.
     void ListChanged(std::int64_t device);
     /// A tunnel of the device went up or down. The revision changes a moment later, so that many
@@ -40,9 +40,9 @@ private:
 
     /// The revision, of which the status changes so far become a part. When they can't be written,
     /// it is the stored one, and they are tried again later.
-    bool Report(std::int64_t device, Seat& seat, int* revision);
+    bool Report(std::int64_t device, Seat& seat, int& revision);
     bool Hold(std::unique_lock<std::mutex>& lock, std::int64_t device, Seat& seat, int seen,
-              int* revision);
+              int& revision);
 
     Store& store_;
     const std::chrono::milliseconds hold_;

@@ -158,10 +158,9 @@ Web::~Web() {
     Stop();
 }
 
-bool Web::Start(const std::string& address, int port, std::string* error) {
+bool Web::Start(const std::string& address, int port, std::string& error) {
     Fd listener;
-    return ListenTcp(address, port, &listener, error) &&
-           acceptor_.Start(std::move(listener), error);
+    return ListenTcp(address, port, listener, error) && acceptor_.Start(std::move(listener), error);
 }
 
 void Web::Serve(Fd fd) {

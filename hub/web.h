@@ -52,7 +52,7 @@ public:
     Web(const std::map<std::string, WebHandler>& pages, SslContext tls);
     ~Web();
 
-    bool Start(const std::string& address, int port, std::string* error);
+    bool Start(const std::string& address, int port, std::string& error);
     /// No further connection is accepted and no further request read. Returns at once; replies
     /// under way still go out.
     void Close();

@@ -173,7 +173,7 @@ ssize_t WebStream::write(const char* from, std::size_t size) {
 }
 
 void WebStream::get_remote_ip_and_port(std::string& ip, int& port) const {
-    ip = PeerOf(fd_.Get(), &port);
+    ip = PeerOf(fd_.Get(), port);
 }
 
 void WebStream::get_local_ip_and_port(std::string& ip, int& port) const {

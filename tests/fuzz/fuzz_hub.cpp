@@ -10,7 +10,7 @@ void Fuzz(const std::string& input) {
     Store store;
     std::string line, session = CookieValue(input, "session");
     // Beside SQLite's name for no file an empty one is made.
-    assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, &line));
+    assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, line));
     Waiters waiters(store, std::chrono::milliseconds(0));
     const auto isUp = [](int) { return true; };
     Control control(store, waiters, {isUp, [](const auto&) {}}, "");
@@ -21,7 +21,7 @@ void Fuzz(const std::string& input) {
     while (std::getline(lines, line)) {
         assert(alias.Update(line) != "911" && alias.Query(line, origin) != "911");
         Json::Value replies, tunnel;
-        bool isTaken = json::Parse(control.Answer(line, origin, &session), replies);
+        bool isTaken = json::Parse(control.Answer(line, origin, session), replies);
         assert(isTaken && app::CleanBatchReply(replies, isTaken) && isTaken);
         for (const Json::Value& reply : replies) {
             assert(reply["errno"] == 0 || (reply.size() == 1 && reply["errno"] != 1));
