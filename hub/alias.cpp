@@ -3,7 +3,10 @@
 #include <exception>
 #include <map>
 
+#include "hub/http_form.h"
+#include "hub/json.h"
 #include "hub/log.h"
+#include "hub/names.h"
 #include "hub/net.h"
 
 namespace ZARO::RelayHub {

@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "hub/forms.h"
+#include "hub/origin.h"
 #include "hub/store.h"
 
 namespace ZARO::RelayHub {

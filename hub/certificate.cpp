@@ -11,7 +11,7 @@
 #include <cstdlib>
 
 #include "hub/files.h"
-#include "hub/forms.h"
+#include "hub/names.h"
 #include "hub/log.h"
 
 namespace ZARO::RelayHub {
@@ -150,7 +150,7 @@ void AddInterfaceAddresses(std::set<std::string>& names) {
 std::set<std::string> ServedNames(const std::set<std::string>& more) {
     std::set<std::string> names = {"localhost", "127.0.0.1", "::1"};
     char host[256] = "";
-    if (gethostname(host, sizeof host - 1) == 0 && IsHost(host, false)) {
+    if (gethostname(host, sizeof host - 1) == 0 && IsHost(host)) {
         names.insert(host);
     }
     for (const std::string& name : more) {

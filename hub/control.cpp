@@ -2,7 +2,9 @@
 
 #include <exception>
 
+#include "hub/json.h"
 #include "hub/log.h"
+#include "hub/names.h"
 #include "hub/secret.h"
 
 namespace ZARO::RelayHub {
@@ -124,7 +126,7 @@ std::string Control::Answer(const std::string& body, const Origin& origin, std::
 std::string Control::AnswerArray(const std::string& body, Batch& batch) {
     Json::Value commands;
     Json::Value replies(Json::arrayValue);
-    if (!ParseJson(body, &commands) || !commands.isArray() || commands.size() > kMaxCommands) {
+    if (!ParseJson(body, commands) || !commands.isArray() || commands.size() > kMaxCommands) {
         replies.append(Failure(Errno::Input));
         return ToLine(replies);
     }

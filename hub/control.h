@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "hub/forms.h"
+#include "hub/origin.h"
 #include "hub/log.h"
 #include "hub/store.h"
 #include "hub/waiters.h"

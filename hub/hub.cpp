@@ -6,6 +6,7 @@
 #include "hub/certificate.h"
 #include "hub/control.h"
 #include "hub/files.h"
+#include "hub/http_form.h"
 #include "hub/relay.h"
 #include "hub/store.h"
 #include "hub/waiters.h"

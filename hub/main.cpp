@@ -12,7 +12,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "hub/forms.h"
+#include "hub/names.h"
 #include "hub/hub.h"
 #include "hub/log.h"
 #include "hub/net.h"
@@ -51,7 +51,7 @@ CLI::Validator Number(long low, long high) {
 }
 
 bool IsHostOrAddress(const std::string& text) {
-    return IsAddress(text) || ZARO::RelayHub::IsHost(text, false);
+    return IsAddress(text) || ZARO::RelayHub::IsHost(text);
 }
 
 /// Takes "FIRST-LAST" apart.

@@ -13,7 +13,7 @@
 #include <set>
 #include <string>
 
-#include "hub/forms.h"
+#include "hub/origin.h"
 #include "hub/net.h"
 #include "hub/store.h"
 #include "hub/threads.h"

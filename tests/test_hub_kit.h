@@ -5,7 +5,7 @@
 #include <httplib.h>
 #include <libssh/libssh.h>
 
-#include "hub/forms.h"
+#include "hub/names.h"
 #include "tests/support/hub_process.h"
 #include "tests/support/json_text.h"
 

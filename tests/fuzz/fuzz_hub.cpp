@@ -3,6 +3,7 @@
 
 #include "hub/alias.h"
 #include "hub/control.h"
+#include "hub/http_form.h"
 
 using namespace ZARO::RelayHub;
 

@@ -1,0 +1,18 @@
+/// JSON from strangers, and JSON for the wire.
+#pragma once
+
+#include <json/value.h>
+
+#include <string>
+
+namespace ZARO::RelayHub {
+
+/// Parses one JSON document that is an array or an object. Unlike the parser's own default nothing
+/// but white space may follow it, comments and repeated keys are refused, and so is nesting that
+/// could exhaust the stack, and more values than a batch can need.
+bool ParseJson(const std::string& text, Json::Value& value);
+
+/// One line of JSON, without a line end.
+std::string ToLine(const Json::Value& value);
+
+} // namespace ZARO::RelayHub
