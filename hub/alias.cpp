@@ -19,7 +19,7 @@ constexpr char kBadAuth[] = "badauth";
 constexpr char kBadParam[] = "badparam";
 constexpr char kInUse[] = "alias_inused";
 constexpr char kNotFound[] = "alias_not_found";
-constexpr char kBadSystem[] = "badsys"; // full, or nothing to be done about it
+constexpr char kBadSystem[] = "badsys"; // out of room
 constexpr char kInternal[] = "911";
 
 std::string WordFor(StoreResult result) {

@@ -35,8 +35,8 @@ Errno ErrnoOf(StoreResult result) {
     return Errno::Unknown;
 }
 
-/// Takes the text at `key`; one that is absent leaves `text` alone. False when it is no text or not
-/// a short one.
+/// Takes the text at `key`, if there is one. False when the value is anything but a text of at most
+/// `longest` bytes.
 bool TakeText(const Json::Value& object, const char* key, std::string& text,
               std::size_t longest = kMaxText) {
     const Json::Value& value = object[key];
@@ -59,8 +59,8 @@ bool TakeInt(const Json::Value& object, const char* key, int low, int high, int&
     return true;
 }
 
-/// Calls `take` for each element of the array at `key`, absent or of objects only. False when it is
-/// anything else or `take` says so.
+/// Calls `take` for each object in the array at `key`, if there is one. False when the value is
+/// anything but an array of objects, or when `take` returns false.
 template <typename Take> bool TakeEach(const Json::Value& object, const char* key, Take take) {
     if (!object.isMember(key)) {
         return true;
@@ -78,7 +78,7 @@ template <typename Take> bool TakeEach(const Json::Value& object, const char* ke
 }
 
 bool TakeIdentity(const Json::Value& auth, Identity& identity) {
-    std::string claimedId; // the id is computed from the MAC, whatever the device still has stored
+    std::string claimedId; // checked, but not used: the id follows from the MAC
     if (!auth.isObject() || !TakeText(auth, "serial", identity.serial) ||
         !TakeText(auth, "token", identity.token) || !TakeText(auth, "mac", identity.mac) ||
         !TakeText(auth, "timezone", identity.timezone) || !TakeText(auth, "serverID", claimedId)) {
@@ -222,7 +222,7 @@ Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Val
         const bool good = take(element, "name", kMaxInterfaceName, kept) &&
                           take(element, "ip", kMaxAddressText, kept) &&
                           take(element, "mask", kMaxAddressText, kept);
-        if (interfaces.size() < kMaxInterfaces) { // a host of containers has any number
+        if (interfaces.size() < kMaxInterfaces) { // a container host may have any number
             interfaces.append(kept);
         }
         return good;
@@ -252,7 +252,7 @@ Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Va
         removed.emplace_back();
         return TakeText(element, "id", removed.back()) && IsServiceId(removed.back());
     };
-    // Whatever comes of it, the device has named its services: a refused list drops nothing.
+    // Even when the list is refused, the device has named its services: nothing is dropped then.
     batch.owesServices = false;
     if (!TakeEach(command, "service_rm", addRemoved) ||
         !TakeEach(command, "service_update", addService) ||
@@ -281,7 +281,7 @@ Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply
     if (command["serverID"].asString() != batch.device->serverId) {
         return Errno::Auth;
     }
-    // Only the last command is held, so the replies to the others never wait for it for nothing.
+    // Only a batch's last command is held: otherwise the replies to those behind it would wait too.
     int revision = 0;
     return waiters_.Wait(batch.device->key, seen, batch.isLast, revision)
                ? ListTunnels(batch, revision, reply)

@@ -1,4 +1,4 @@
-/// The control server's commands: a JSON array in, a JSON array with a reply each out.
+/// The control server: a JSON array of commands in, a JSON array of their replies out.
 #pragma once
 
 #include <json/value.h>
@@ -29,8 +29,9 @@ enum class Errno {
 
 /// What control needs of the relay.
 struct RelayControl {
-    std::function<bool(int port)> isUp;                               ///< is that port listening?
-    std::function<void(const std::vector<std::string>& users)> close; ///< those tunnels are gone
+    std::function<bool(int port)> isUp; ///< whether that port is open for visitors
+    std::function<void(const std::vector<std::string>& users)>
+        close; ///< ends tunnels that are gone
 };
 
 /// May be called from any thread; a wait command blocks its thread for the hold time at most.
@@ -41,8 +42,8 @@ public:
         : store_(store), waiters_(waiters), relay_(std::move(relay)),
           relayHost_(std::move(relayHost)) {}
 
-    /// Answers one batch. `session` is the session that came with it, or "", and afterwards the one
-    /// that the sender is to use from now on. Never throws.
+    /// Answers one batch. `session` holds the session that came with it, or ""; afterwards it holds
+    /// the one that the sender is to use from then on. Never throws.
     std::string Answer(const std::string& body, const Origin& origin, std::string& session);
 
 private:
@@ -52,8 +53,8 @@ private:
         std::string& session;
         std::optional<Device> device;
         bool hasRegistered = false;
-        bool owesServices = false; ///< registered, and its services not named again so far
-        bool isLast = false;       ///< the command is the batch's last one
+        bool owesServices = false; ///< it registered, but has not named its services yet
+        bool isLast = false;       ///< the current command is the last one
     };
 
     std::string AnswerArray(const std::string& body, Batch& batch);
@@ -63,7 +64,7 @@ private:
     Errno UpdateServices(const Json::Value& command, Batch& batch, Json::Value& reply);
     Errno Wait(const Json::Value& command, Batch& batch, Json::Value& reply);
     Errno ListTunnels(const Batch& batch, int revision, Json::Value& reply);
-    /// A registered device has exactly the services that it names: without a word on them, none.
+    /// Removes the services of a device that registered and named none: it has none then.
     void FinishRegistration(Batch& batch);
     void ServicesChanged(std::int64_t device, const std::vector<std::string>& gone);
 

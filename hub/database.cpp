@@ -16,7 +16,7 @@ void Database::Open(const std::string& file) {
     if (sqlite3_open_v2(file.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
         Fail("open");
     }
-    sqlite3_busy_timeout(handle_, 2000); // an administrator may look at the file meanwhile
+    sqlite3_busy_timeout(handle_, 2000); // an administrator may be reading the file
 }
 
 void Database::Execute(const char* sql) {
@@ -41,7 +41,7 @@ void Database::Fail(const char* doing) const {
 }
 
 Query::~Query() {
-    // The result repeats that of the last step, which was looked at.
+    // The result repeats that of the last step, which has been checked.
     (void)sqlite3_reset(statement_);
     (void)sqlite3_clear_bindings(statement_);
 }

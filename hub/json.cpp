@@ -11,8 +11,8 @@ namespace ZARO::RelayHub {
 
 namespace {
 
-/// Whether a document has more values than an honest one, several times over. The parser takes a
-/// hundred bytes for a value that may be two bytes long.
+/// Whether a document has far more values than any honest one. The parser needs a hundred bytes for
+/// a value that may have two.
 bool HasManyValues(const std::string& text) {
     constexpr int kMaxValues = 8192; // 256 services take 1300
     int values = 0;

@@ -7,9 +7,8 @@
 
 namespace ZARO::RelayHub {
 
-/// Parses one JSON document that is an array or an object. Unlike the parser's own default nothing
-/// but white space may follow it, comments and repeated keys are refused, and so is nesting that
-/// could exhaust the stack, and more values than a batch can need.
+/// Parses one JSON document that is an array or an object of few levels, without comments or
+/// repeated keys, with nothing behind it, and with no more values than a batch can need.
 bool ParseJson(const std::string& text, Json::Value& value);
 
 /// One line of JSON, without a line end.

@@ -41,7 +41,7 @@ void Write(Level level, const char* unit, const char* format, va_list arguments)
     std::size_t length = used + static_cast<std::size_t>(std::max(wanted, 0));
     length = std::min(length, room - 1);
     line[length] = '\n';
-    // One write a line keeps lines of several threads apart; there is nowhere to report its
+    // One write per line keeps the lines of several threads apart. There is nowhere to report its
     // failure.
     (void)!write(STDERR_FILENO, line, length + 1);
     errno = savedErrno;

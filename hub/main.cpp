@@ -108,8 +108,8 @@ void Describe(CLI::App& app, CommandLine& line) {
     app.set_version_flag("--version", "zarorelay-hub " ZARO_VERSION);
 }
 
-/// A process started without standard descriptors must not get a socket in their place, which log
-/// lines would then be written into.
+/// When the process was started without standard descriptors, its first sockets would take their
+/// numbers, and log lines would go to a peer.
 void FillStandardDescriptors() {
     int fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO) {
@@ -120,7 +120,7 @@ void FillStandardDescriptors() {
     }
 }
 
-/// Every connection costs a descriptor or three; the usual soft limit serves few devices.
+/// A connection costs one to three descriptors, so the usual soft limit serves few devices.
 void RaiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -130,7 +130,7 @@ void RaiseDescriptorLimit() {
     limit.rlim_cur = limit.rlim_max;
     const rlim_t now = setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_max : before;
     const rlim_t devices = now < kOtherDescriptors ? 0 : (now - kOtherDescriptors) / kPerDevice;
-    // A lower limit is workable: the listeners pause when it is reached.
+    // The hub works with a lower limit as well: the listeners pause when it is reached.
     if (devices < ZARO::RelayHub::kMaxDevices) {
         ZARO::RelayHub::Log(ZARO::RelayHub::Level::Warning, "hub",
                             "a limit of %llu descriptors is enough for %llu devices only",
@@ -139,7 +139,7 @@ void RaiseDescriptorLimit() {
     }
 }
 
-/// One line a listener; whoever started the hub may wait for them.
+/// One line per listener. Whoever started the hub may wait for them.
 void PrintListeners(const HubOptions& options, const Hub& hub) {
     const std::string host = ZARO::RelayHub::ForUrl(options.address);
     if (options.httpPort >= 0) {
@@ -157,7 +157,7 @@ void PrintListeners(const HubOptions& options, const Hub& hub) {
 }
 
 int Run(const CommandLine& line) {
-    // Blocked before the first thread starts, so that they reach nobody but sigwait() below.
+    // Blocked before the first thread starts, so that only sigwait() below gets them.
     sigset_t ending;
     sigemptyset(&ending);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
@@ -166,7 +166,7 @@ int Run(const CommandLine& line) {
     (void)pthread_sigmask(SIG_BLOCK, &ending, nullptr);
     umask(077);
     const rlimit noCore{0, 0};
-    (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds keys and passwords
+    (void)setrlimit(RLIMIT_CORE, &noCore); // the memory holds keys and passwords
     ZARO::RelayHub::SetLogLevel(line.logLevel);
 
     Hub hub(line.hub);
@@ -175,7 +175,7 @@ int Run(const CommandLine& line) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", error.c_str());
         return 1;
     }
-    RaiseDescriptorLimit(); // a failed start has its one line
+    RaiseDescriptorLimit(); // not before: a failed start prints a single line
     PrintListeners(line.hub, hub);
     int number = 0;
     (void)sigwait(&ending, &number);

@@ -21,7 +21,7 @@
 namespace ZARO::RelayHub {
 
 /// Accepts each tunnel's own user and password, and opens the tunnel's own port, nothing else. One
-/// thread a session. Any thread may call the public methods.
+/// thread per session. Any thread may call the public methods.
 class Relay : private RelayDesk {
 public:
     using StatusChanged = std::function<void(std::int64_t device)>;
@@ -67,12 +67,12 @@ private:
     bool MayAdmit();
     bool Admit(int connection);
     void Serve(Fd fd, Waker waker);
-    /// Ends one of too many. Under the lock, as the next.
+    /// Ends one when there are too many. To be called with the lock, as is the next.
     void DropStranger();
     void ForgetStranger(const RelaySession* session);
     void Leave(RelaySession* session);
     Seats::iterator SeatOf(const RelaySession* session);
-    /// Closes the seat's port. The device whose tunnel went down, or 0.
+    /// Closes the seat's port. Returns the device whose tunnel went down, or 0.
     std::int64_t ClosePort(Seat& seat);
 
     Store& store_;

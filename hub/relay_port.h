@@ -10,7 +10,7 @@
 
 namespace ZARO::RelayHub {
 
-/// A listener that outlives the session it serves: when a device logs in anew, its new session
+/// A listener that outlives the session it serves: when a device logs in again, its new session
 /// takes the open port over, so that no visitor is refused in between. Any thread may call any
 /// method.
 class RelayPort {

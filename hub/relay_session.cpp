@@ -36,6 +36,12 @@ constexpr std::size_t kMaxLeaving = 256;   // further ones, that wait for the de
 constexpr std::size_t kAcceptedAtOnce = 16;
 constexpr std::size_t kMaxBindAddress = 255;
 
+// Places in what is polled; the visitors come last, in their order.
+constexpr std::size_t kWakerPlace = 0;
+constexpr std::size_t kSshPlace = 1;
+constexpr std::size_t kPortPlace = 2;
+constexpr std::size_t kFirstVisitorPlace = 3;
+
 } // namespace
 
 RelaySession::RelaySession(RelayDesk& desk, ssh_session session, int fd, Waker waker)
@@ -81,7 +87,7 @@ void RelaySession::Run() {
         const bool waited = IsWriting();
         WaitForEvents();
         now_ = Clock::now();
-        if (polled_[1].revents != 0) {
+        if (polled_[kSshPlace].revents != 0) {
             HandleSsh();
         }
         clear_ = waited && IsWriting() ? clear_ : now_;
@@ -115,12 +121,12 @@ void RelaySession::WaitForEvents() {
     const bool writing = IsWriting();
     const bool accepting =
         port_ != nullptr && visitors_.size() < kMaxVisitors + kMaxLeaving && now_ >= rest_;
-    polled_.clear();
-    polled_.push_back({waker_.Get(), POLLIN, 0});
-    polled_.push_back(
-        {fd_, static_cast<short>((IsListening() ? POLLIN : 0) | (writing ? POLLOUT : 0)), 0});
-    polled_.push_back({accepting ? port_->Get() : -1, POLLIN, 0});
-    if (!visitors_.empty()) { // everybody comes first in turn
+    polled_.resize(kFirstVisitorPlace);
+    polled_[kWakerPlace] = {waker_.Get(), POLLIN, 0};
+    polled_[kSshPlace] = {
+        fd_, static_cast<short>((IsListening() ? POLLIN : 0) | (writing ? POLLOUT : 0)), 0};
+    polled_[kPortPlace] = {accepting ? port_->Get() : -1, POLLIN, 0};
+    if (!visitors_.empty()) { // each comes first in turn
         visitors_.splice(visitors_.end(), visitors_, visitors_.begin());
     }
     for (RelayVisitor& visitor : visitors_) {
@@ -175,7 +181,7 @@ void RelaySession::HandleSsh() {
 
 void RelaySession::HandleVisitors(bool heard) {
     bool overrun = false;
-    std::size_t place = 3;
+    std::size_t place = kFirstVisitorPlace;
     for (auto visitor = visitors_.begin(); visitor != visitors_.end();) {
         if (heard) {
             visitor->AwaitOpening();
@@ -196,7 +202,7 @@ void RelaySession::HandleVisitors(bool heard) {
 }
 
 void RelaySession::AcceptVisitors() {
-    if (state_ != State::Serving || polled_[2].revents == 0) {
+    if (state_ != State::Serving || polled_[kPortPlace].revents == 0) {
         return;
     }
     for (std::size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving;

@@ -11,7 +11,7 @@ namespace ZARO::RelayHub {
 std::string RandomText(std::size_t length) {
     constexpr std::string_view kLetters =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-    // Bytes from here on are dropped, so that every letter is as likely as every other.
+    // Bytes from this value on are dropped, so that all letters are equally likely.
     constexpr std::size_t kFair = 256 / kLetters.size() * kLetters.size();
     std::string text;
     while (text.size() < length) {

@@ -8,7 +8,7 @@ namespace {
 
 constexpr auto kGathering = std::chrono::milliseconds(200);
 
-/// On a full disk a change is tried again so often only.
+/// Between two attempts to write, as on a full disk.
 constexpr auto kRetry = std::chrono::seconds(10);
 
 } // namespace
@@ -16,7 +16,7 @@ constexpr auto kRetry = std::chrono::seconds(10);
 bool Waiters::Wait(std::int64_t device, int seen, bool mayHold, int& revision) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (mayHold && !stopping_) {
-        Seat& seat = seats_[device]; // seats stay for good, so the reference holds while unlocked
+        Seat& seat = seats_[device]; // seats are never erased, so it stays valid while unlocked
         ++seat.turn;
         seat.wake.notify_all();
         return Hold(lock, device, seat, seen, revision);
@@ -36,7 +36,7 @@ bool Waiters::Hold(std::unique_lock<std::mutex>& lock, std::int64_t device, Seat
             return false;
         }
         if (due || revision != seen) {
-            // The reply shows every status as it is now, so nothing must be left to report.
+            // The reply shows the current statuses, so no earlier change may stay pending.
             return Report(device, seat, revision);
         }
         seat.wake.wait_until(lock, seat.due ? std::min(end, *seat.due) : end);
@@ -49,7 +49,7 @@ bool Waiters::Report(std::int64_t device, Seat& seat, int& revision) {
             seat.due.reset();
             return true;
         }
-        seat.due = Clock::now() + kRetry; // what can be read is told all the same
+        seat.due = Clock::now() + kRetry; // the statuses can be told all the same
     }
     return store_.services.Revision(device, revision) == StoreResult::Done;
 }

@@ -6,8 +6,8 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/support/hub_kit.h"
 #include "tests/support/temp_root.h"
-#include "tests/test_hub_kit.h"
 
 namespace ZARO::RelayHub {
 namespace {
