@@ -2,21 +2,14 @@
 
 #include <exception>
 
+#include "hub/command.h"
 #include "hub/json.h"
 #include "hub/log.h"
-#include "hub/names.h"
 #include "hub/secret.h"
 
 namespace ZARO::RelayHub {
 
 namespace {
-
-constexpr Json::ArrayIndex kMaxCommands = 16;   // an honest batch has 3
-constexpr Json::ArrayIndex kMaxElements = 1024; // of any array within a command
-constexpr std::size_t kMaxText = 255;
-constexpr std::size_t kMaxAddressText = 45;   // an IPv6 address at its longest
-constexpr std::size_t kMaxInterfaceName = 15; // the kernel's own limit
-constexpr Json::ArrayIndex kMaxInterfaces = 32;
 
 Errno ErrnoOf(StoreResult result) {
     switch (result) {
@@ -33,74 +26,6 @@ Errno ErrnoOf(StoreResult result) {
         break;
     }
     return Errno::Unknown;
-}
-
-/// Takes the text at `key`, if there is one. False when the value is anything but a text of at most
-/// `longest` bytes.
-bool TakeText(const Json::Value& object, const char* key, std::string& text,
-              std::size_t longest = kMaxText) {
-    const Json::Value& value = object[key];
-    if (value.isNull() && !object.isMember(key)) {
-        return true;
-    }
-    if (!value.isString() || !IsShortText(value.asString(), longest)) {
-        return false;
-    }
-    text = value.asString();
-    return true;
-}
-
-bool TakeInt(const Json::Value& object, const char* key, int low, int high, int& number) {
-    const Json::Value& value = object[key];
-    if (!value.isInt() || value.asInt() < low || value.asInt() > high) {
-        return false;
-    }
-    number = value.asInt();
-    return true;
-}
-
-/// Calls `take` for each object in the array at `key`, if there is one. False when the value is
-/// anything but an array of objects, or when `take` returns false.
-template <typename Take> bool TakeEach(const Json::Value& object, const char* key, Take take) {
-    if (!object.isMember(key)) {
-        return true;
-    }
-    const Json::Value& list = object[key];
-    if (!list.isArray() || list.size() > kMaxElements) {
-        return false;
-    }
-    for (const Json::Value& element : list) {
-        if (!element.isObject() || !take(element)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool TakeIdentity(const Json::Value& auth, Identity& identity) {
-    std::string claimedId; // checked, but not used: the id follows from the MAC
-    if (!auth.isObject() || !TakeText(auth, "serial", identity.serial) ||
-        !TakeText(auth, "token", identity.token) || !TakeText(auth, "mac", identity.mac) ||
-        !TakeText(auth, "timezone", identity.timezone) || !TakeText(auth, "serverID", claimedId)) {
-        return false;
-    }
-    const std::optional<std::string> id = ServerIdOf(identity.mac);
-    if (!id || !IsSerial(identity.serial) || !IsToken(identity.token)) {
-        return false;
-    }
-    identity.serverId = *id;
-    return true;
-}
-
-bool TakeService(const Json::Value& object, ServiceRecord& service) {
-    if (!TakeText(object, "id", service.id) || !IsServiceId(service.id) ||
-        !TakeInt(object, "port", 1, 65535, service.port)) {
-        return false;
-    }
-    service.name = service.id;
-    return TakeText(object, "name", service.name) &&
-           (!object.isMember("ext_port") ||
-            TakeInt(object, "ext_port", -1, 65535, service.externalPort));
 }
 
 Json::Value Failure(Errno error) {
@@ -126,7 +51,7 @@ std::string Control::Answer(const std::string& body, const Origin& origin, std::
 std::string Control::AnswerArray(const std::string& body, Batch& batch) {
     Json::Value commands;
     Json::Value replies(Json::arrayValue);
-    if (!ParseJson(body, commands) || !commands.isArray() || commands.size() > kMaxCommands) {
+    if (!ParseBatch(body, commands)) {
         replies.append(Failure(Errno::Input));
         return ToLine(replies);
     }
@@ -181,7 +106,7 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& re
 
 Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value& reply) {
     Identity identity;
-    if (batch.hasRegistered || !TakeIdentity(command["auth"], identity)) {
+    if (batch.hasRegistered || !TakeIdentity(command, identity)) {
         return Errno::Input;
     }
     Device device;
@@ -208,30 +133,8 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value& r
 }
 
 Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value& reply) {
-    Json::Value network(Json::objectValue);
-    Json::Value& interfaces = network["interface"] = Json::Value(Json::arrayValue);
-    const auto take = [](const Json::Value& from, const char* key, std::size_t longest,
-                         Json::Value& to) {
-        std::string text;
-        const bool good = TakeText(from, key, text, longest);
-        to[key] = text;
-        return good;
-    };
-    const auto takeInterface = [&](const Json::Value& element) {
-        Json::Value kept(Json::objectValue);
-        const bool good = take(element, "name", kMaxInterfaceName, kept) &&
-                          take(element, "ip", kMaxAddressText, kept) &&
-                          take(element, "mask", kMaxAddressText, kept);
-        if (interfaces.size() < kMaxInterfaces) { // a container host may have any number
-            interfaces.append(kept);
-        }
-        return good;
-    };
-    const bool good = take(command, "gateway", kMaxAddressText, network) &&
-                      take(command, "ddns", kMaxText, network) &&
-                      take(command, "mode", kMaxAddressText, network) &&
-                      TakeEach(command, "interface", takeInterface);
-    if (!good) {
+    Json::Value network;
+    if (!TakeNetwork(command, network)) {
         return Errno::Input;
     }
     reply["mode"] = "relay";
@@ -242,21 +145,9 @@ Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Va
     std::vector<ServiceRecord> present;
     std::vector<std::string> removed;
     std::vector<std::string> gone;
-    const auto addService = [&present](const Json::Value& element) {
-        ServiceRecord service;
-        const bool good = TakeService(element, service);
-        present.push_back(std::move(service));
-        return good;
-    };
-    const auto addRemoved = [&removed](const Json::Value& element) {
-        removed.emplace_back();
-        return TakeText(element, "id", removed.back()) && IsServiceId(removed.back());
-    };
     // Even when the list is refused, the device has named its services: nothing is dropped then.
     batch.owesServices = false;
-    if (!TakeEach(command, "service_rm", addRemoved) ||
-        !TakeEach(command, "service_update", addService) ||
-        !TakeEach(command, "service_add", addService)) {
+    if (!TakeServices(command, present, removed)) {
         return Errno::Input;
     }
     const StoreResult result = store_.services.Update(batch.device->key, present, removed, gone);
@@ -268,17 +159,12 @@ Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Va
 
 Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply) {
     FinishRegistration(batch);
+    std::string serverId;
     int seen = 0;
-    const bool good = command["serverID"].isString() &&
-                      TakeInt(command, "revision", 0, 0x7fffffff, seen) &&
-                      TakeEach(command, "tunnels", [](const Json::Value& element) {
-                          std::string text;
-                          return TakeText(element, "id", text) && TakeText(element, "status", text);
-                      });
-    if (!good) {
+    if (!TakeWait(command, serverId, seen)) {
         return Errno::Input;
     }
-    if (command["serverID"].asString() != batch.device->serverId) {
+    if (serverId != batch.device->serverId) {
         return Errno::Auth;
     }
     // Only a batch's last command is held: otherwise the replies to those behind it would wait too.

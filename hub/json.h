@@ -8,7 +8,7 @@
 namespace ZARO::RelayHub {
 
 /// Parses one JSON document that is an array or an object of few levels, without comments or
-/// repeated keys, with nothing behind it, and with no more values than a batch can need.
+/// repeated keys and with nothing behind it.
 bool ParseJson(const std::string& text, Json::Value& value);
 
 /// One line of JSON, without a line end.
