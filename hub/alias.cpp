@@ -3,8 +3,8 @@
 #include <exception>
 #include <map>
 
+#include "base/json.h"
 #include "hub/http_form.h"
-#include "hub/json.h"
 #include "hub/log.h"
 #include "hub/names.h"
 #include "hub/net.h"
@@ -106,7 +106,7 @@ std::string Alias::Describe(const std::string& name, const Origin& origin) {
         service["relay_up"] = isUp_(tunnel.relayPort);
         services.append(service);
     }
-    return ToLine(reply);
+    return json::Compact(reply);
 }
 
 } // namespace ZARO::RelayHub

@@ -8,7 +8,9 @@
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
 
-#include <cstdlib>
+#include <ctime>
+#include <memory>
+#include <optional>
 
 #include "hub/files.h"
 #include "hub/names.h"
@@ -145,6 +147,27 @@ void AddInterfaceAddresses(std::set<std::string>& names) {
     }
 }
 
+/// A context without key and certificate. Null with the reason in `error`.
+SslContext MakeContext(std::string& error) {
+    SslContext context(SSL_CTX_new(TLS_server_method()));
+    if (context == nullptr) {
+        error = "can't set TLS up";
+        return nullptr;
+    }
+    SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
+    // The client chooses from this list. A large finite field would cost 0.15 s of CPU per
+    // handshake.
+    if (SSL_CTX_set1_groups_list(context.get(), "X25519:P-256") != 1) {
+        error = "can't restrict the key exchanges of TLS";
+        return nullptr;
+    }
+    SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE |
+                                        SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
+                                        SSL_MODE_RELEASE_BUFFERS);
+    return context;
+}
+
 } // namespace
 
 std::set<std::string> ServedNames(const std::set<std::string>& more) {
@@ -163,22 +186,12 @@ std::set<std::string> ServedNames(const std::set<std::string>& more) {
 
 SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
                    std::string& error) {
-    SslContext context(SSL_CTX_new(TLS_server_method()));
-    std::string pem;
-    if (context == nullptr || !ReadSmallFile(file, &pem, error)) {
+    SslContext context = MakeContext(error);
+    std::optional<std::string> kept;
+    if (context == nullptr || !ReadSmallFile(file, kept, error)) {
         return nullptr;
     }
-    SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
-    // The client chooses from this list. A large finite field would cost 0.15 s of CPU per
-    // handshake.
-    if (SSL_CTX_set1_groups_list(context.get(), "X25519:P-256") != 1) {
-        error = "can't restrict the key exchanges of TLS";
-        return nullptr;
-    }
-    SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
-    SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE |
-                                        SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
-                                        SSL_MODE_RELEASE_BUFFERS);
+    std::string pem = kept.value_or("");
     if (UsePem(pem, names, context.get())) {
         return context;
     }

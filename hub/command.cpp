@@ -4,7 +4,7 @@
 #include <optional>
 #include <utility>
 
-#include "hub/json.h"
+#include "base/json.h"
 #include "hub/names.h"
 
 namespace ZARO::RelayHub {
@@ -106,8 +106,8 @@ bool TakeService(const Json::Value& object, ServiceRecord& service) {
 } // namespace
 
 bool ParseBatch(const std::string& body, Json::Value& commands) {
-    return !HasManyValues(body) && ParseJson(body, commands) && commands.isArray() &&
-           commands.size() <= kMaxCommands;
+    return !HasManyValues(body) && json::Parse(body, commands, json::Grammar::Strict) &&
+           commands.isArray() && commands.size() <= kMaxCommands;
 }
 
 bool TakeIdentity(const Json::Value& command, Identity& identity) {

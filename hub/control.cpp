@@ -2,8 +2,8 @@
 
 #include <exception>
 
+#include "base/json.h"
 #include "hub/command.h"
-#include "hub/json.h"
 #include "hub/log.h"
 #include "hub/secret.h"
 
@@ -44,7 +44,7 @@ std::string Control::Answer(const std::string& body, const Origin& origin, std::
     } catch (const std::exception& fault) {
         Log(Level::Error, "control", "a batch failed: %s", fault.what());
         whole.append(Failure(Errno::Unknown));
-        return ToLine(whole);
+        return json::Compact(whole);
     }
 }
 
@@ -53,7 +53,7 @@ std::string Control::AnswerArray(const std::string& body, Batch& batch) {
     Json::Value replies(Json::arrayValue);
     if (!ParseBatch(body, commands)) {
         replies.append(Failure(Errno::Input));
-        return ToLine(replies);
+        return json::Compact(replies);
     }
     Device device;
     if (!batch.session.empty() &&
@@ -74,7 +74,7 @@ std::string Control::AnswerArray(const std::string& body, Batch& batch) {
         replies.append(reply);
     }
     FinishRegistration(batch);
-    return ToLine(replies);
+    return json::Compact(replies);
 }
 
 Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& reply) {
@@ -138,7 +138,7 @@ Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Val
         return Errno::Input;
     }
     reply["mode"] = "relay";
-    return ErrnoOf(store_.devices.SetNetwork(batch.device->key, ToLine(network)));
+    return ErrnoOf(store_.devices.SetNetwork(batch.device->key, json::Compact(network)));
 }
 
 Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value&) {

@@ -45,7 +45,7 @@ struct Hub::Parts {
               store, options.aliasTtl, [this](int port) { return relay.IsUp(port); },
               options.relayHost) {}
 
-    Fd lock;
+    UniqueFd lock;
     Store store;
     Waiters waiters;
     Relay relay;

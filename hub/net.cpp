@@ -38,9 +38,9 @@ void SetOption(int fd, int level, int option, int value) {
 }
 
 /// A bound socket; empty, with errno set, when the address can't be had.
-Fd BindTcp(const addrinfo& where) {
-    Fd fd(socket(where.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd) {
+UniqueFd BindTcp(const addrinfo& where) {
+    UniqueFd fd(socket(where.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd.IsOpen()) {
         return fd;
     }
     SetOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
@@ -49,7 +49,7 @@ Fd BindTcp(const addrinfo& where) {
     }
     if (bind(fd.Get(), where.ai_addr, where.ai_addrlen) != 0) {
         const int reason = errno;
-        fd.Reset();
+        (void)fd.Close();
         errno = reason;
     }
     return fd;
@@ -57,15 +57,15 @@ Fd BindTcp(const addrinfo& where) {
 
 } // namespace
 
-bool ListenTcp(const std::string& address, int port, Fd& listener, std::string& error) {
+bool ListenTcp(const std::string& address, int port, UniqueFd& listener, std::string& error) {
     const std::string where = ForUrl(address) + ":" + std::to_string(port);
     const AddressInfo info = ToAddress(address, port);
     if (info == nullptr) {
         error = "can't listen on " + where + ": not an IP address";
         return false;
     }
-    Fd fd = BindTcp(*info);
-    if (!fd || listen(fd.Get(), SOMAXCONN) != 0) {
+    UniqueFd fd = BindTcp(*info);
+    if (!fd.IsOpen() || listen(fd.Get(), SOMAXCONN) != 0) {
         error = "can't listen on " + where + ": " + strerror(errno);
         return false;
     }
@@ -85,8 +85,8 @@ int PortOf(int fd) {
 
 bool IsPortFree(const std::string& address, int port) {
     const AddressInfo info = ToAddress(address, port);
-    const Fd fd = info == nullptr ? Fd() : BindTcp(*info);
-    if (fd && listen(fd.Get(), 1) == 0) {
+    const UniqueFd fd = info == nullptr ? UniqueFd() : BindTcp(*info);
+    if (fd.IsOpen() && listen(fd.Get(), 1) == 0) {
         return true;
     }
     if (errno != EADDRINUSE && errno != EACCES) {
@@ -153,7 +153,7 @@ Acceptor::Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)
     : unit_(unit), mayAccept_(std::move(mayAccept)), onAccept_(std::move(onAccept)) {
 }
 
-bool Acceptor::Start(Fd listener, std::string& error) {
+bool Acceptor::Start(UniqueFd listener, std::string& error) {
     listener_ = std::move(listener);
     port_ = PortOf(listener_.Get());
     if (!stop_.IsValid()) {
@@ -174,15 +174,15 @@ void Acceptor::Stop() {
     if (thread_.joinable()) {
         thread_.join();
     }
-    waiting_.Reset();
-    listener_.Reset();
+    (void)waiting_.Close();
+    (void)listener_.Close();
 }
 
 void Acceptor::Run() {
     const auto pause = static_cast<int>(kAcceptPause.count());
     for (;;) {
         pollfd wait[] = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
-        (void)poll(wait, 2, waiting_ ? 0 : -1);
+        (void)poll(wait, 2, waiting_.IsOpen() ? 0 : -1);
         if (wait[0].revents != 0) {
             return;
         }
@@ -194,12 +194,13 @@ void Acceptor::Run() {
 }
 
 bool Acceptor::AcceptOne() {
-    if (!waiting_) {
-        waiting_.Reset(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!waiting_ && !IsShortage(errno)) {
+    if (!waiting_.IsOpen()) {
+        waiting_ =
+            UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!waiting_.IsOpen() && !IsShortage(errno)) {
             return true; // the peer is gone already, or another such fault of this one connection
         }
-        if (!waiting_) {
+        if (!waiting_.IsOpen()) {
             SetShortage(strerror(errno));
             return false;
         }

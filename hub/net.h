@@ -7,7 +7,8 @@
 #include <string>
 #include <thread>
 
-#include "hub/fd.h"
+#include "base/unique_fd.h"
+#include "hub/waker.h"
 
 namespace ZARO::RelayHub {
 
@@ -16,7 +17,7 @@ constexpr auto kAcceptPause = std::chrono::milliseconds(100);
 
 /// Listens on an IP address (IPv4 or IPv6 text) and a port, 0 = any free one, without blocking.
 /// False with the reason in `error`.
-bool ListenTcp(const std::string& address, int port, Fd& listener, std::string& error);
+bool ListenTcp(const std::string& address, int port, UniqueFd& listener, std::string& error);
 
 /// The port that a socket is bound to; 0 when unknown.
 int PortOf(int fd);
@@ -62,7 +63,7 @@ public:
     Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept);
     ~Acceptor() { Stop(); }
 
-    bool Start(Fd listener, std::string& error);
+    bool Start(UniqueFd listener, std::string& error);
     /// Returns when the thread is gone and the listener closed. May be called twice.
     void Stop();
     int Port() const { return port_; }
@@ -77,8 +78,8 @@ private:
     const char* unit_;
     MayAccept mayAccept_;
     OnAccept onAccept_;
-    Fd listener_;
-    Fd waiting_; ///< accepted, but there is no thread for it yet
+    UniqueFd listener_;
+    UniqueFd waiting_; ///< accepted, but there is no thread for it yet
     int port_ = 0;
     bool inShortage_ = false;
     Waker stop_;

@@ -34,6 +34,19 @@ HostKey KeyFrom(const std::string& text) {
     return HostKey(key);
 }
 
+/// A new key as text; "" when it can't be made.
+std::string MakeHostKey() {
+    ssh_key made = nullptr;
+    char* exported = nullptr;
+    if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &made) == SSH_OK) {
+        (void)ssh_pki_export_privkey_base64(made, nullptr, nullptr, nullptr, &exported);
+    }
+    const HostKey owner(made);
+    std::string text = exported == nullptr ? "" : exported;
+    ssh_string_free_char(exported);
+    return text;
+}
+
 } // namespace
 
 Relay::Relay(Store& store, std::string visitorAddress, StatusChanged statusChanged)
@@ -50,37 +63,29 @@ Relay::~Relay() {
 
 bool Relay::Start(const std::string& address, int port, const std::string& keyFile,
                   std::string& error) {
-    Fd listener;
+    UniqueFd listener;
     return UseHostKey(keyFile, error) && ListenTcp(address, port, listener, error) &&
            acceptor_.Start(std::move(listener), error);
 }
 
 bool Relay::UseHostKey(const std::string& keyFile, std::string& error) {
-    std::string text;
-    bool isThere = false;
-    if (!ReadSmallFile(keyFile, &text, error, &isThere)) {
+    std::optional<std::string> text;
+    if (!ReadSmallFile(keyFile, text, error)) {
         return false;
     }
-    if (!isThere) {
+    if (!text) {
         if (store_.devices.HasAny()) {
             Log(Level::Warning, "relay", "%s is gone: devices will refuse the new host key",
                 keyFile.c_str());
         }
-        ssh_key made = nullptr;
-        char* exported = nullptr;
-        if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &made) == SSH_OK) {
-            (void)ssh_pki_export_privkey_base64(made, nullptr, nullptr, nullptr, &exported);
-        }
-        const HostKey owner(made);
-        text = exported == nullptr ? "" : exported;
-        ssh_string_free_char(exported);
-        if (text.empty() || !WritePrivateFile(keyFile, text, error)) {
+        text = MakeHostKey();
+        if (text->empty() || !WritePrivateFile(keyFile, *text, error)) {
             error = error.empty() ? "can't make a host key" : error;
             return false;
         }
     }
-    HostKey key = KeyFrom(text);
-    const bool noFiles = false; // the machine's own SSH server settings are none of ours
+    HostKey key = KeyFrom(*text);
+    const bool noFiles = false; // the settings of the machine's own SSH server don't apply here
     if (key == nullptr || bind_ == nullptr ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_KEY_EXCHANGE, kKeyExchanges) != SSH_OK ||
@@ -121,14 +126,15 @@ bool Relay::MayAdmit() {
 
 bool Relay::Admit(int connection) {
     const int waker = spare_->Get();
-    if (!threads_.Start([this, connection, waker] { Serve(Fd(connection), Waker(Fd(waker))); })) {
+    if (!threads_.Start(
+            [this, connection, waker] { Serve(UniqueFd(connection), Waker(UniqueFd(waker))); })) {
         return false;
     }
     (void)spare_->Release(); // the thread owns both
     return true;
 }
 
-void Relay::Serve(Fd fd, Waker waker) {
+void Relay::Serve(UniqueFd fd, Waker waker) {
     ssh_session raw = ssh_new();
     if (raw == nullptr) {
         return;
@@ -222,7 +228,7 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
         }
         Seat* const seat = &found->second;
         if (seat->port == nullptr) {
-            Fd listener;
+            UniqueFd listener;
             std::string error;
             if (!ListenTcp(visitorAddress_, port, listener, error)) {
                 closedPorts_.Log("relay", "tunnel %s: %s", seat->tunnel.id.c_str(), error.c_str());

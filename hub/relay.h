@@ -12,11 +12,13 @@
 #include <string>
 #include <vector>
 
+#include "base/unique_fd.h"
 #include "hub/log.h"
 #include "hub/net.h"
 #include "hub/relay_session.h"
 #include "hub/store.h"
 #include "hub/threads.h"
+#include "hub/waker.h"
 
 namespace ZARO::RelayHub {
 
@@ -66,7 +68,7 @@ private:
     bool UseHostKey(const std::string& keyFile, std::string& error);
     bool MayAdmit();
     bool Admit(int connection);
-    void Serve(Fd fd, Waker waker);
+    void Serve(UniqueFd fd, Waker waker);
     /// Ends one when there are too many. To be called with the lock, as is the next.
     void DropStranger();
     void ForgetStranger(const RelaySession* session);

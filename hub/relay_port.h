@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <mutex>
 
-#include "hub/fd.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::RelayHub {
 
@@ -15,7 +15,7 @@ namespace ZARO::RelayHub {
 /// method.
 class RelayPort {
 public:
-    explicit RelayPort(Fd listener) : listener_(std::move(listener)) {}
+    explicit RelayPort(UniqueFd listener) : listener_(std::move(listener)) {}
 
     /// To poll for visitors.
     int Get() const { return listener_.Get(); }
@@ -33,19 +33,19 @@ public:
     }
 
     /// The next visitor, non-blocking; empty with errno set when there is none for `owner`.
-    Fd Accept(const void* owner) {
+    UniqueFd Accept(const void* owner) {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (owner_ != owner) {
             errno = EAGAIN;
-            return Fd();
+            return UniqueFd();
         }
-        return Fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        return UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     }
 
 private:
     std::mutex mutex_;
     const void* owner_ = nullptr;
-    const Fd listener_;
+    const UniqueFd listener_;
 };
 
 } // namespace ZARO::RelayHub

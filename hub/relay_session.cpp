@@ -207,8 +207,8 @@ void RelaySession::AcceptVisitors() {
     }
     for (std::size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving;
          ++i) {
-        Fd fd = port_->Accept(this);
-        if (!fd) {
+        UniqueFd fd = port_->Accept(this);
+        if (!fd.IsOpen()) {
             if (IsShortage(errno)) {
                 rest_ = now_ + kAcceptPause;
                 if (!inShortage_) {

@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "hub/fd.h"
 #include "hub/net.h"
 #include "hub/relay_port.h"
 #include "hub/relay_visitor.h"
 #include "hub/store.h"
+#include "hub/waker.h"
 
 namespace ZARO::RelayHub {
 

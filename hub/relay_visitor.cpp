@@ -21,7 +21,7 @@ constexpr auto kStuckTime = std::chrono::hours(1);
 
 } // namespace
 
-RelayVisitor::RelayVisitor(ssh_session session, Fd fd)
+RelayVisitor::RelayVisitor(ssh_session session, UniqueFd fd)
     : channel_(ssh_channel_new(session)), fd_(std::move(fd)) {
     SetNoDelay(fd_.Get());
     // A visitor whose machine vanished would hold its place and its channel for ever; one that only
@@ -88,7 +88,7 @@ void RelayVisitor::Move(short events, Clock::time_point now, char* buffer) {
     const bool ended =
         broken_ || (IsDrained() && (deviceClosed_ || (toldVisitor_ && visitorEnded_)));
     if (ended) {
-        fd_.Reset();
+        (void)fd_.Close();
     }
     if (ended && state_ == State::Open) {
         state_ = State::Leaving;

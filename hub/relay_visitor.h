@@ -3,11 +3,12 @@
 
 #include <libssh/callbacks.h>
 #include <libssh/libssh.h>
+#include <poll.h>
 
 #include <chrono>
 #include <string>
 
-#include "hub/fd.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::RelayHub {
 
@@ -22,7 +23,7 @@ public:
     /// How much is read from a visitor at once, so that it doesn't keep the others waiting.
     static constexpr std::size_t kChunk = std::size_t{32} * 1024;
 
-    RelayVisitor(ssh_session session, Fd fd);
+    RelayVisitor(ssh_session session, UniqueFd fd);
     RelayVisitor(const RelayVisitor&) = delete;
     RelayVisitor& operator=(const RelayVisitor&) = delete;
     ~RelayVisitor();
@@ -39,7 +40,7 @@ public:
     /// Ends the visitor's connection at once, and the channel with it.
     void End();
     /// Whether the visitor's connection has ended.
-    bool IsGone() const { return !fd_; }
+    bool IsGone() const { return !fd_.IsOpen(); }
     /// When a byte went to or came from the visitor last.
     Clock::time_point MovedAt() const { return movedAt_; }
     /// Whether both sides are through with it.
@@ -64,7 +65,7 @@ private:
 
     ssh_channel channel_;
     ssh_channel_callbacks_struct callbacks_{};
-    Fd fd_; ///< gone as soon as the visitor is
+    UniqueFd fd_; ///< gone as soon as the visitor is
     State state_ = State::Opening;
     std::string forwardAddress_; ///< as the device asked for it
     int forwardPort_ = 0;

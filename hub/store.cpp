@@ -6,19 +6,19 @@
 #include <cstring>
 #include <utility>
 
-#include "hub/fd.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::RelayHub {
 
 bool Store::Open(const std::string& file, PortPool pool, std::string& error) {
     services.UsePorts(std::move(pool));
     // SQLite gives the files beside it the mode of this one, so it is made private first.
-    Fd made(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!made) {
+    UniqueFd made(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!made.IsOpen()) {
         error = "can't open " + file + ": " + strerror(errno);
         return false;
     }
-    made.Reset(); // closed later, it would take SQLite's locks on the file with it
+    (void)made.Close(); // closed later, it would take SQLite's locks on the file with it
     try {
         access_.Open(file);
         return true;

@@ -116,7 +116,7 @@ private:
 
 class Web::Connection {
 public:
-    Connection(Fd fd, SSL_CTX* tls) : stream_(std::move(fd), tls) {}
+    Connection(UniqueFd fd, SSL_CTX* tls) : stream_(std::move(fd), tls) {}
 
     void Run(Protocol& protocol) {
         tIdleSince = &idleSince_;
@@ -150,7 +150,7 @@ Web::Web(const std::map<std::string, WebHandler>& pages, SslContext tls)
       acceptor_(
           "web", [this] { return threads_.Count() < kMaxConnections + kLeaving; },
           [this](int connection) {
-              return threads_.Start([this, connection] { Serve(Fd(connection)); });
+              return threads_.Start([this, connection] { Serve(UniqueFd(connection)); });
           }) {
 }
 
@@ -159,11 +159,11 @@ Web::~Web() {
 }
 
 bool Web::Start(const std::string& address, int port, std::string& error) {
-    Fd listener;
+    UniqueFd listener;
     return ListenTcp(address, port, listener, error) && acceptor_.Start(std::move(listener), error);
 }
 
-void Web::Serve(Fd fd) {
+void Web::Serve(UniqueFd fd) {
     try {
         Connection connection(std::move(fd), tls_.get());
         {

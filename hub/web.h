@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 
+#include "base/unique_fd.h"
 #include "hub/origin.h"
 #include "hub/net.h"
 #include "hub/store.h"
@@ -65,7 +66,7 @@ private:
     class Protocol;
     class Connection;
 
-    void Serve(Fd fd);
+    void Serve(UniqueFd fd);
     /// Ends the connection that has been idle longest. Under the lock.
     void DropIdle();
     void Forget(Connection* connection);

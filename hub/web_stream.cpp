@@ -1,6 +1,7 @@
 #include "hub/web_stream.h"
 
 #include <openssl/err.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -28,7 +29,7 @@ constexpr std::size_t kBodyBytes = 4 << 20;
 
 } // namespace
 
-WebStream::WebStream(Fd fd, SSL_CTX* tls)
+WebStream::WebStream(UniqueFd fd, SSL_CTX* tls)
     : fd_(std::move(fd)), tls_(tls == nullptr ? nullptr : SSL_new(tls)), buffer_{} {
     broken_ = tls != nullptr && (tls_ == nullptr || SSL_set_fd(tls_.get(), fd_.Get()) != 1);
 }

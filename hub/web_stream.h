@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "hub/fd.h"
+#include "base/unique_fd.h"
 #include "hub/web.h"
 
 namespace ZARO::RelayHub {
@@ -20,7 +20,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     /// `tls` null = plain.
-    WebStream(Fd fd, SSL_CTX* tls);
+    WebStream(UniqueFd fd, SSL_CTX* tls);
     ~WebStream() override;
 
     /// Does the TLS handshake, if there is one. False when the peer fails in it.
@@ -53,7 +53,7 @@ private:
     bool WaitForTls(int result, Clock::time_point deadline);
     bool WaitFor(short events, Clock::time_point deadline) const;
 
-    const Fd fd_;
+    const UniqueFd fd_;
     const SslHandle tls_;
     std::array<char, 4096> buffer_;
     std::size_t from_ = 0, to_ = 0; ///< the unread part of the buffer

@@ -1,4 +1,4 @@
-/// Owners of descriptors.
+/// Wakes a thread that waits for descriptors.
 #pragma once
 
 #include <poll.h>
@@ -8,45 +8,19 @@
 #include <cstdint>
 #include <utility>
 
+#include "base/unique_fd.h"
+
 namespace ZARO::RelayHub {
-
-/// Owns one descriptor and closes it.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(other.Release()) {}
-    Fd& operator=(Fd&& other) noexcept {
-        Reset(other.Release());
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { Reset(); }
-
-    int Get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int Release() { return std::exchange(fd_, -1); }
-    void Reset(int fd = -1) {
-        const int old = std::exchange(fd_, fd);
-        if (old >= 0) {
-            close(old);
-        }
-    }
-
-private:
-    int fd_ = -1;
-};
 
 /// Wakes a thread that sits in poll(). Any thread may call Wake(); the waiting thread polls Get().
 /// Without a descriptor left in the process IsValid() is false and nobody can be woken.
 class Waker {
 public:
     Waker() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    /// Takes over another one's descriptor.
-    explicit Waker(Fd fd) : fd_(std::move(fd)) {}
+    /// Takes the descriptor of another one over.
+    explicit Waker(UniqueFd fd) : fd_(std::move(fd)) {}
 
-    bool IsValid() const { return static_cast<bool>(fd_); }
+    bool IsValid() const { return fd_.IsOpen(); }
     int Get() const { return fd_.Get(); }
     int Release() { return fd_.Release(); }
     void Wake() {
@@ -61,7 +35,7 @@ public:
     }
 
 private:
-    Fd fd_;
+    UniqueFd fd_;
 };
 
 } // namespace ZARO::RelayHub
