@@ -17,7 +17,7 @@ namespace {
 /// all the time it needs. Many devices at one address fit in when they all come at once.
 constexpr std::size_t kMaxStrangers = 512;
 
-/// The cheap ones: strangers choose, and the others cost up to 0.3 s of a processor each.
+/// Only cheap ones, as strangers choose among them: others cost up to 0.3 s of CPU time each.
 constexpr char kKeyExchanges[] =
     "curve25519-sha256,curve25519-sha256@libssh.org,ecdh-sha2-nistp256";
 
@@ -111,8 +111,8 @@ void Relay::Stop() {
 }
 
 bool Relay::MayAdmit() {
-    // A session's second descriptor is had before its connection is accepted: when there is none,
-    // the connection waits instead of being lost.
+    // Gets the session's second descriptor before its connection is accepted. Without one the
+    // connection waits instead of being lost.
     if (!spare_ || !spare_->IsValid()) {
         spare_.emplace();
     }
@@ -248,7 +248,7 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
 }
 
 void Relay::Close(const std::vector<std::string>& users) {
-    // Those tunnels are off their device's list, which says more than a status could.
+    // No status to report: these tunnels are off their device's list already.
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const std::string& user : users) {
         const auto seat = seats_.find(user);

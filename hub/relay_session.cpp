@@ -71,7 +71,8 @@ bool RelaySession::Prepare() {
     ssh_set_blocking(session_.get(), 0);
     ssh_set_counters(session_.get(), &traffic_, nullptr);
     ssh_set_auth_methods(session_.get(), SSH_AUTH_METHOD_PASSWORD);
-    // The socket's own probes notice a lost line while data is under way; KeepAlive() the rest.
+    // The socket's own probes notice a lost line while data is under way, KeepAlive() at other
+    // times.
     SetKeepAlive(fd_, 5, 3, 3);
     SetUserTimeOut(fd_, static_cast<int>(milliseconds(kSilence).count()));
     return ssh_set_server_callbacks(session_.get(), &serverCallbacks_) == SSH_OK &&
@@ -251,7 +252,7 @@ void RelaySession::KeepAlive() {
         return;
     }
     probe_ = now_ + kNextProbe;
-    // The first call takes the answer to the former probe off, if there was one; the next sends.
+    // The first call takes in the answer to the last probe, if there is one; the second sends.
     (void)ssh_send_keepalive(session_.get());
     (void)ssh_send_keepalive(session_.get());
 }

@@ -15,8 +15,8 @@ namespace {
 /// More than any window that the library grants, so that only a device that ignores it gets here.
 constexpr std::size_t kMaxUntaken = 4 << 20;
 
-/// Data may wait so long for a visitor that takes none. The socket's own time-out is no use here:
-/// it would also stand in for the keep-alive's, which is much shorter.
+/// How long data may wait for a visitor that takes none. The socket's own time-out won't do, since
+/// it would also replace that of the keep-alive, which is much shorter.
 constexpr auto kStuckTime = std::chrono::hours(1);
 
 } // namespace
@@ -24,8 +24,8 @@ constexpr auto kStuckTime = std::chrono::hours(1);
 RelayVisitor::RelayVisitor(ssh_session session, UniqueFd fd)
     : channel_(ssh_channel_new(session)), fd_(std::move(fd)) {
     SetNoDelay(fd_.Get());
-    // A visitor whose machine vanished would hold its place and its channel for ever; one that only
-    // pauses, for however long, is left alone as long as nothing waits for it.
+    // Ends visitors whose machine vanished: they would keep their place and their channel. One that
+    // only pauses stays, as long as no data waits for it.
     SetKeepAlive(fd_.Get(), 60, 15, 4);
     callbacks_.userdata = this;
     callbacks_.channel_data_function = OnData;
@@ -73,8 +73,8 @@ pollfd RelayVisitor::Wanted(bool sending) {
                ssh_channel_window_size(channel_) > 0;
     const auto events =
         static_cast<short>((reading_ ? POLLIN : 0) | (open && !IsDrained() ? POLLOUT : 0));
-    // Without events it still tells of a lost connection. Once this side is shut, though, it would
-    // take the visitor's orderly end for one, whose last bytes may be unread yet.
+    // Even without events poll() reports a lost connection. Once this side is shut, it would report
+    // the visitor's orderly end as well, whose last bytes may still be unread.
     return {events == 0 && toldVisitor_ ? -1 : fd_.Get(), events, 0};
 }
 

@@ -30,12 +30,12 @@ public:
 
     /// Asks the device to open the channel; `address` and `port` are those of its forward request.
     void Open(const std::string& address, int port);
-    /// Looks whether it did; to be called when something came from the device.
+    /// Checks whether it did. To be called when something came from the device.
     void AwaitOpening();
-    /// What to poll() for; `sending` tells whether the session takes data for the device at the
-    /// moment.
+    /// What to poll() for. `sending` = the session takes data for the device at the moment.
     pollfd Wanted(bool sending);
-    /// Moves what can be moved; `events` are those that poll() gave. `buffer` has kChunk bytes.
+    /// Moves what can be moved; `events` are those that poll() gave. `buffer` is a scratch area of
+    /// kChunk bytes.
     void Move(short events, Clock::time_point now, char* buffer);
     /// Ends the visitor's connection at once, and the channel with it.
     void End();
@@ -59,7 +59,8 @@ private:
     void MoveOpen(short events, char* buffer);
     void ToDevice(char* buffer);
     void ToVisitor(char* buffer);
-    /// Sends to the visitor at once; how much it took. A broken connection takes everything.
+    /// Sends to the visitor what it takes at once, and returns how much. A broken connection takes
+    /// everything.
     std::size_t Send(const char* data, std::size_t size);
     bool IsDrained() const { return pending_.empty() && !backlog_; }
 

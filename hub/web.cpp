@@ -17,8 +17,8 @@ constexpr auto kStopTime = std::chrono::seconds(1);  // for the replies under wa
 /// Connections that were told to end take a moment; a flood must not pile up threads meanwhile.
 constexpr std::size_t kLeaving = 64;
 
-/// Tells when the connection that this thread serves began to be idle; 0 while a whole request is
-/// being answered.
+/// When the connection that this thread serves became idle; 0 while a whole request is being
+/// answered.
 thread_local std::atomic<std::int64_t>* tIdleSince = nullptr;
 
 std::int64_t Now() {
@@ -133,7 +133,8 @@ public:
     }
     void Shut(bool everything) { stream_.Shut(everything); }
     std::int64_t IdleSince() const { return idleSince_; }
-    /// Ends it unless it is busy by now. It counts as busy then: nobody needs to end it again.
+    /// Ends it if it has been idle since `since`. From then on it counts as busy, so that it is not
+    /// picked again.
     void DropIfIdle(std::int64_t since) {
         if (idleSince_.compare_exchange_strong(since, 0)) {
             Shut(true);

@@ -57,8 +57,8 @@ public:
     /// No further connection is accepted and no further request read. Returns at once; replies
     /// under way still go out.
     void Close();
-    /// Close(), and returns when every connection is gone, a second after the call at the latest
-    /// plus the time that handlers need. May be called twice.
+    /// Close(), then waits until every connection is gone: at most a second, plus the time that
+    /// handlers need. May be called twice.
     void Stop();
     int Port() const { return acceptor_.Port(); }
 

@@ -49,7 +49,7 @@ public:
     int HttpsPort() const { return first_ + 1; }
     int RelayPort() const { return first_ + 2; }
 
-    /// From its next start on it gives tunnels so many of its own ports.
+    /// From its next start on it gives tunnels `count` of its own ports.
     void UsePorts(int count) { count_ = count; }
 
     /// Returns when it listens.
