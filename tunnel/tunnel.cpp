@@ -16,16 +16,13 @@
 #include "daemon/log.h"
 #include "platform/new_file.h"
 #include "platform/paths.h"
+#include "platform/services.h"
 #include "platform/unique_fd.h"
 #include "tunnel/ssh_command.h"
 
 namespace ZARO::Relay {
 
 namespace {
-
-/// The one service whose local port is fixed.
-constexpr const char* kFixedPortService = "syncbay";
-constexpr int kFixedPort = 6691;
 
 /// The number of the error for which a forked child could not become the client, told to its
 /// parent. It lies in memory that both share: a log line in the child could wait for ever for a
@@ -75,10 +72,6 @@ bool WaitForLogin(pid_t child, const ChildsError& error) {
         return false;
     }
     return true;
-}
-
-int LocalPort(const ServiceConf& service) {
-    return service.id == kFixedPortService ? kFixedPort : service.port;
 }
 
 void LogClient(const ssh::Client& client) {
@@ -234,7 +227,8 @@ bool Tunnel::Create() {
     }
     // All that may run out of memory comes before the password file, which must not outlive this
     // call, and all that may lock comes before the fork.
-    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
+    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_,
+                                        services::LocalPort(service_.id, service_.port)});
     const std::string search = ssh::PidSearch(passFile);
     ChildsError error;
     if (!WritePassFile(passFile)) {
@@ -295,7 +289,8 @@ bool Tunnel::RunSSHTunnel(const char* passFile) const {
     if (passFile == nullptr) {
         return false;
     }
-    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
+    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_,
+                                        services::LocalPort(service_.id, service_.port)});
     LogClient(client);
     client.Execute();
     RELAY_LOG(3, "execl SSH failed, %s", strerror(errno));

@@ -72,6 +72,12 @@ bool IsAliasName(const std::string& name) {
     return !name.empty() && name.size() <= kLongestId && ConsistsOf(name, "_-.");
 }
 
+bool IsPlainAliasName(const std::string& name) {
+    return IsAliasName(name) && std::none_of(name.begin(), name.end(), [](char c) {
+               return c == '_' || c == '.' || (c >= 'A' && c <= 'Z');
+           });
+}
+
 bool IsShortText(const std::string& text) {
     return Printable(text) == text;
 }

@@ -24,8 +24,12 @@ bool IsRelayUser(const std::string& user);
 
 bool IsPort(int port);
 
-/// 1 to 63 of letters, digits, "_", "-", ".": nothing that has a meaning in a form.
+/// An alias that may go to a server: 1 to 63 of letters, digits, "_", "-", ".", of which none has a
+/// meaning in a form. Servers differ in what they accept, so the daemon leaves the rest to them.
 bool IsAliasName(const std::string& name);
+
+/// An alias that users may choose: 1 to 63 of a-z, 0-9, "-", which every server accepts.
+bool IsPlainAliasName(const std::string& name);
 
 /// The members that were checked, by name and type; empty or 0 for missing ones.
 std::string TextMember(const Json::Value& object, const char* key);

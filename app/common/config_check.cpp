@@ -8,7 +8,6 @@
 #include <fstream>
 #include <sstream>
 
-#include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
@@ -90,7 +89,8 @@ public:
     }
 
     template <std::size_t N>
-    void Check(const Json::Value& object, const Rule (&rules)[N], const std::string& prefix) {
+    void CheckMembers(const Json::Value& object, const Rule (&rules)[N],
+                      const std::string& prefix) {
         if (!object.isObject()) {
             return;
         }
@@ -126,7 +126,7 @@ void CheckServer(Report& report, const Json::Value& config, const char* key) {
     if (server == nullptr) {
         return;
     }
-    report.Check(*server, kServerRules, std::string(key) + ".");
+    report.CheckMembers(*server, kServerRules, std::string(key) + ".");
     const Json::Value* protocol = FindMember(*server, "protocol");
     if (protocol != nullptr && protocol->isString() && *protocol != "http" &&
         *protocol != "https") {
@@ -142,7 +142,7 @@ void CheckServices(Report& report, const Json::Value& config) {
     for (Json::ArrayIndex i = 0; i < list->size(); ++i) {
         const Json::Value& entry = (*list)[i];
         const std::string place = "service[" + std::to_string(i) + "]";
-        report.Check(entry, kServiceRules, place + ".");
+        report.CheckMembers(entry, kServiceRules, place + ".");
         const std::string id = TextMember(entry, "id");
         if (!IsServiceId(id)) {
             report.Add(place + ".id", "expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
@@ -152,11 +152,25 @@ void CheckServices(Report& report, const Json::Value& config) {
     }
 }
 
+void CheckDocument(Report& report, const Json::Value& config) {
+    report.CheckMembers(config, kTopRules, "");
+    CheckServer(report, config, "server_control");
+    CheckServer(report, config, "server_waitcmd");
+    if (const Json::Value* alias = FindMember(config, "server_alias")) {
+        report.CheckMembers(*alias, kAliasRules, "server_alias.");
+    }
+    CheckServices(report, config);
+    const std::string id = TextMember(config, "serverID");
+    if (TLIBRelaydVerifyServerId(id.c_str()) == 0) {
+        report.Add("serverID", "belongs to another device");
+    }
+}
+
 } // namespace
 
 bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& config,
                     std::string& fault) {
-    config = Json::Value(Json::objectValue);
+    config = Json::Value();
     struct stat info = {};
     const bool there = stat(path.c_str(), &info) == 0;
     if (!there && errno == ENOENT && mayBeMissing) {
@@ -182,55 +196,35 @@ bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& con
         return true;
     }
     fault = path + ": " + (wrong.empty() ? "expected a JSON object" : "expected JSON: " + wrong);
-    config = Json::Value(Json::objectValue);
+    config = Json::Value();
     return false;
 }
 
-namespace {
-
-std::vector<std::string> Check(const std::string& path, bool mayBeMissing, Json::Value& config,
-                               bool& unusable) {
+CheckedConfig CheckConfigFile(const std::string& path, bool mayBeMissing) {
     const Quiet quiet;
-    Report report(path);
+    CheckedConfig checked;
     std::string fault;
-    unusable = !ReadConfigFile(path, mayBeMissing, config, fault);
-    if (unusable) {
-        return {fault};
+    if (!ReadConfigFile(path, mayBeMissing, checked.document, fault)) {
+        checked.faults = {fault};
+        checked.unusable = true;
+        return checked;
     }
-    report.Check(config, kTopRules, "");
-    CheckServer(report, config, "server_control");
-    CheckServer(report, config, "server_waitcmd");
-    if (const Json::Value* alias = FindMember(config, "server_alias")) {
-        report.Check(*alias, kAliasRules, "server_alias.");
-    }
-    CheckServices(report, config);
-    const std::string id = TextMember(config, "serverID");
-    if (TLIBRelaydVerifyServerId(id.c_str()) == 0) {
-        report.Add("serverID", "belongs to another device");
-    }
-    RelaydConf conf(nullptr);
-    conf.Overwrite(config);
-    unusable = !conf.IsValid();
-    if (unusable && report.Lines().empty()) {
+    Report report(path);
+    CheckDocument(report, checked.document);
+    (void)checked.conf.Overwrite(checked.document); // false for a missing file: the defaults
+    checked.unusable = !checked.conf.IsValid();
+    if (checked.unusable && report.Lines().empty()) {
         report.Add("", "expected usable servers and services");
     }
-    return report.Lines();
+    checked.faults = report.Lines();
+    return checked;
 }
 
-} // namespace
-
-std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
-                                         bool& unusable) {
-    Json::Value config;
-    return Check(path, mayBeMissing, config, unusable);
-}
-
-std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable) {
-    Json::Value config;
-    std::vector<std::string> faults = Check(path, mayBeMissing, config, unusable);
-    const Json::Value* services = FindMember(config, "service");
-    unusable = unusable || (services != nullptr && !services->isArray());
-    return faults;
+CheckedConfig CheckReload(const std::string& path, bool mayBeMissing) {
+    CheckedConfig checked = CheckConfigFile(path, mayBeMissing);
+    const Json::Value* services = FindMember(checked.document, "service");
+    checked.unusable = checked.unusable || (services != nullptr && !services->isArray());
+    return checked;
 }
 
 } // namespace ZARO::Relay::app

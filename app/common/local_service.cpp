@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "app/common/checks.h"
+#include "platform/services.h"
 
 namespace ZARO::Relay::app {
 
@@ -17,7 +18,7 @@ namespace {
 constexpr int kProbeMilliseconds = 20;
 
 /// Connects to a loopback address; such a connection is accepted or refused almost at once.
-Reachable Probe(int family, const sockaddr* address, socklen_t length) {
+Reachable ProbeAddress(int family, const sockaddr* address, socklen_t length) {
     const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {
         return Reachable::Unknown;
@@ -40,7 +41,7 @@ Reachable Probe(int family, const sockaddr* address, socklen_t length) {
 } // namespace
 
 int LocalPort(const ServiceConf& service) {
-    return service.id == "syncbay" ? 6691 : service.port;
+    return services::LocalPort(service.id, service.port);
 }
 
 Reachable ProbeLocalPort(int port) {
@@ -51,7 +52,8 @@ Reachable ProbeLocalPort(int port) {
     v4.sin_family = AF_INET;
     v4.sin_port = htons(static_cast<uint16_t>(port));
     v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const Reachable overV4 = Probe(AF_INET, reinterpret_cast<const sockaddr*>(&v4), sizeof v4);
+    const Reachable overV4 =
+        ProbeAddress(AF_INET, reinterpret_cast<const sockaddr*>(&v4), sizeof v4);
     if (overV4 == Reachable::Yes) {
         return overV4;
     }
@@ -59,7 +61,8 @@ Reachable ProbeLocalPort(int port) {
     v6.sin6_family = AF_INET6;
     v6.sin6_port = htons(static_cast<uint16_t>(port));
     v6.sin6_addr = in6addr_loopback;
-    const Reachable overV6 = Probe(AF_INET6, reinterpret_cast<const sockaddr*>(&v6), sizeof v6);
+    const Reachable overV6 =
+        ProbeAddress(AF_INET6, reinterpret_cast<const sockaddr*>(&v6), sizeof v6);
     return overV6 == Reachable::Yes ? overV6 : overV4;
 }
 

@@ -98,7 +98,8 @@ void DescribeSettings(Commands& commands, Commands& service, Commands& alias, Co
             },
             "Tell whether an id is this device's: 0 yes, 1 no")
         ->type_name("ID");
-    commands.AddWithJson("check", "Check every link up to the relay, name what is broken", Check);
+    commands.AddWithJson("check", "Check every link up to the relay, name what is broken",
+                         CheckChain);
     commands.Add("version", "Print the version", [] {
         std::cout << kVersion << std::endl;
         return kSuccess;

@@ -116,9 +116,10 @@ int Reload() {
         return TellAbsent(presence, kNoAnswer);
     }
     const int code = Daemon::Hup();
-    bool unusable = false;
-    const auto faults = app::CheckReload(paths::ConfigFile(), true, unusable);
-    return unusable ? Fail(kUnusable, faults.front(), "the daemon keeps what it has") : code;
+    const app::CheckedConfig checked = app::CheckReload(paths::ConfigFile(), true);
+    return checked.unusable
+               ? Fail(kUnusable, checked.faults.front(), "the daemon keeps what it has")
+               : code;
 }
 
 int FetchDump(Json::Value& dump) {

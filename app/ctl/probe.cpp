@@ -15,7 +15,7 @@ using app::milliseconds;
 /// One connection; owns its handle and stays where it is, since libcurl points into it.
 class Connection {
 public:
-    Connection(Probe& probe, CURLM* multi, milliseconds patience)
+    Connection(ServerProbe& probe, CURLM* multi, milliseconds patience)
         : probe_(probe), multi_(multi), handle_(curl_easy_init()) {
         if (handle_ == nullptr || !Set(patience) ||
             curl_multi_add_handle(multi_, handle_) != CURLM_OK) {
@@ -90,7 +90,7 @@ private:
         return named > 0 ? Stage::Name : Stage::Nothing;
     }
 
-    Probe& probe_;
+    ServerProbe& probe_;
     CURLM* multi_;
     CURL* handle_;
     char error_[CURL_ERROR_SIZE] = "";
@@ -111,11 +111,11 @@ void TakeResults(CURLM* multi, std::vector<std::unique_ptr<Connection>>& connect
 
 } // namespace
 
-void Run(std::vector<Probe>& probes, milliseconds patience) {
+void RunProbes(std::vector<ServerProbe>& probes, milliseconds patience) {
     const std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi(curl_multi_init(),
                                                               curl_multi_cleanup);
     std::vector<std::unique_ptr<Connection>> connections;
-    for (Probe& probe : probes) {
+    for (ServerProbe& probe : probes) {
         if (probe.url.empty()) {
             continue;
         }

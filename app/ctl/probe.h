@@ -12,7 +12,7 @@ namespace ZARO::Relay::ctl {
 enum class Stage { Nothing, Name, Connected, Secured };
 
 /// One server to be tried, as the daemon would: its certificate is not verified, its name is.
-struct Probe {
+struct ServerProbe {
     std::string url;     ///< http or https, the page plays no part; an empty one is left out
     bool direct = false; ///< past any proxy, as the SSH client goes
     Stage reached = Stage::Nothing;
@@ -21,6 +21,6 @@ struct Probe {
 };
 
 /// Connects to all of them at once and closes again without sending a request, `patience` at most.
-void Run(std::vector<Probe>& probes, app::milliseconds patience);
+void RunProbes(std::vector<ServerProbe>& probes, app::milliseconds patience);
 
 } // namespace ZARO::Relay::ctl

@@ -21,13 +21,7 @@ namespace ZARO::Relay::ctl {
 
 namespace {
 
-constexpr std::size_t kLongestAlias = 63;
-
-bool IsAliasName(const std::string& name) {
-    static constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyz0123456789-";
-    return !name.empty() && name.size() <= kLongestAlias &&
-           name.find_first_not_of(kAllowed) == std::string::npos;
-}
+constexpr std::size_t kLongestId = 63; // columns
 
 /// While it stands, what the library writes to standard error is dropped: that no daemon runs is
 /// said in our own words, or is no fault.
@@ -52,11 +46,11 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
                     "start the daemon first, or remove that file");
     }
     ConfigChange file;
-    const int code = file.Begin();
+    const int code = file.CheckChangeable();
     if (code != kSuccess) {
         return code;
     }
-    if (file.Read().empty()) {
+    if (file.Found().document.empty()) {
         // The library changes files, but makes none.
         const int written = file.Write(Json::Value(Json::objectValue));
         if (written != kSuccess) {
@@ -65,7 +59,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
     }
     {
         const Silence silence;
-        if (change() != 0 || app::TextMember(file.Read(), "log_file") != logFile) {
+        if (change() != 0 || app::TextMember(file.ReadBack(), "log_file") != logFile) {
             return TellNotWritten();
         }
     }
@@ -82,9 +76,9 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
 
 int ShowAlias(bool json) {
     Json::Value config;
-    std::string fault;
-    if (!LookAtConfig(config, fault)) {
-        return Fail(kUnusable, fault, "correct the file");
+    const int code = ReadConfig(config);
+    if (code != kSuccess) {
+        return code;
     }
     const Json::Value* settings = app::FindMember(config, "server_alias");
     const std::string name = settings != nullptr ? app::TextMember(*settings, "alias") : "";
@@ -110,18 +104,18 @@ int ShowAlias(bool json) {
 }
 
 int SetAlias(const std::string& name) {
-    if (!name.empty() && !IsAliasName(name)) {
+    if (!name.empty() && !app::IsPlainAliasName(name)) {
         return Fail(kNoAnswer, "\"" + Clean(name) + "\" can't be an alias",
                     "expected 1 to 63 of a-z, 0-9 and \"-\"");
     }
     ConfigChange change;
-    const int code = change.Begin();
+    const int code = change.CheckChangeable();
     if (code != kSuccess) {
         return code;
     }
-    const std::string path = paths::ConfigFile();
-    if (!RelaydConf(path.c_str()).WriteAliasName(path, name) ||
-        app::TextMember(change.Read()["server_alias"], "alias") != name) {
+    RelaydConf conf = change.Found().conf;
+    if (!conf.WriteAliasName(paths::ConfigFile(), name) ||
+        app::TextMember(change.ReadBack()["server_alias"], "alias") != name) {
         return TellNotWritten();
     }
     return Apply(name.empty() ? "the alias is given up" : "the alias is " + name);
@@ -149,16 +143,16 @@ int StopLog() {
 
 int ShowServerId() {
     Json::Value config;
-    std::string fault;
-    if (!LookAtConfig(config, fault)) {
-        return Fail(kUnusable, fault, "correct the file");
+    const int code = ReadConfig(config);
+    if (code != kSuccess) {
+        return code;
     }
-    char id[64] = "";
-    if (TLIBRelaydGetServerId(nullptr, id, sizeof id) != 1) {
+    const std::string id = app::TextMember(config, "serverID").c_str(); // up to a zero byte
+    if (id.empty()) {
         return Fail(kNotRunning, "this device has no server id yet",
                     "it gets one when the daemon registers; see: zarorelayctl status");
     }
-    std::cout << Clean(id) << std::endl;
+    std::cout << Clean(id, kLongestId) << std::endl;
     return kSuccess;
 }
 

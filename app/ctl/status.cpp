@@ -12,6 +12,7 @@
 #include <zarorelayd/daemon.h>
 
 #include "app/common/checks.h"
+#include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "app/ctl/watch.h"
@@ -92,7 +93,7 @@ std::string StateWords(const std::string& state) {
 }
 
 Tone StateTone(const std::string& state) {
-    if (state == "connected" || state == "direct_connect") {
+    if (IsConnected(state)) {
         return Tone::Good;
     }
     return state == "error" || state == "not_running" || state == "unknown" ? Tone::Bad
@@ -137,12 +138,8 @@ Cell LocalCell(const std::string& local) {
 }
 
 std::string Address(const Json::Value& tunnel) {
-    if (!tunnel.isObject() || !app::IsPort(tunnel["relay_port"].asInt())) {
-        return "-";
-    }
-    const std::string host = Clean(tunnel["relay_ip"].asString());
-    const bool v6 = host.find(':') != std::string::npos;
-    return (v6 ? "[" + host + "]" : host) + ":" + tunnel["relay_port"].asString();
+    const int port = NumberMember(tunnel, "relay_port");
+    return app::IsPort(port) ? HostAndPort(Clean(tunnel["relay_ip"].asString()), port) : "-";
 }
 
 std::string RenderServices(const Json::Value& document, std::int64_t now, bool colour) {
@@ -194,9 +191,9 @@ int TellFault(const Status& status) {
             return Fail(status.code, "the daemon does not publish that service",
                         "see: zarorelayctl service list");
         }
-        return Fail(status.code, "the daemon is not running", "start it with: zarorelayctl start");
+        return TellAbsent(Presence::None, status.code);
     case kNoAnswer:
-        return Fail(status.code, "the daemon belongs to another user", "run this as root");
+        return TellAbsent(Presence::NotPermitted, status.code);
     case kUnusable:
         return Fail(status.code, paths::StatusFile() + " is unusable",
                     "make a new one with: zarorelayctl restart");
@@ -206,6 +203,10 @@ int TellFault(const Status& status) {
 }
 
 } // namespace
+
+bool IsConnected(const std::string& state) {
+    return state == "connected" || state == "direct_connect";
+}
 
 std::string ErrorWords(const std::string& error) {
     static const std::map<std::string, std::string> kWords = {

@@ -19,6 +19,9 @@ Status ReadStatus(const std::string& serviceId);
 /// The document for people, `now` for the ages in it.
 std::string RenderStatus(const Json::Value& document, std::int64_t now, bool colour);
 
+/// Whether a state word means that the device can be reached.
+bool IsConnected(const std::string& state);
+
 /// What a result code of the daemon means, in words.
 std::string ErrorWords(const std::string& error);
 

@@ -97,6 +97,11 @@ std::string Layout(const std::vector<std::vector<Cell>>& rows, bool colour) {
     return text;
 }
 
+std::string HostAndPort(const std::string& host, int port) {
+    const bool v6 = host.find(':') != std::string::npos;
+    return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
 bool IsTerminal() {
     return isatty(STDOUT_FILENO) == 1;
 }

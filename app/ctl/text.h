@@ -26,6 +26,9 @@ struct Cell {
 /// Without `colour` there is no escape sequence in it.
 std::string Layout(const std::vector<std::vector<Cell>>& rows, bool colour);
 
+/// A host and a port as a URL has them: an IPv6 address is put in brackets.
+std::string HostAndPort(const std::string& host, int port);
+
 /// Whether standard output is a terminal, and one whose user wants colours.
 bool IsTerminal();
 bool WantsColour();

@@ -30,6 +30,7 @@
 #include "app/daemon/instance.h"
 #include "app/daemon/privileges.h"
 #include "app/daemon/relay_daemon.h"
+#include "app/daemon/settings.h"
 #include "daemon/log.h"
 #include "platform/paths.h"
 
@@ -44,10 +45,9 @@ constexpr int kFailure = 1;
 constexpr int kUsage = 2;
 constexpr const char* kName = "zarorelayd";
 
-int Check(const std::string& file) {
+int TellConfigFaults(const std::string& file) {
     const std::string path = file.empty() ? paths::ConfigFile() : file;
-    bool unusable = false;
-    const auto faults = app::CheckConfigFile(path, false, unusable);
+    const auto faults = app::CheckConfigFile(path, false).faults;
     for (const std::string& fault : faults) {
         std::cerr << kName << ": " << fault << std::endl;
     }
@@ -111,11 +111,9 @@ int Serve(const RelaydConf& conf) {
 
 int RunDaemon(bool foreground) {
     (void)daemon_close_all(-1); // what was inherited would be held for years
-    const std::string path = paths::ConfigFile();
-    bool unusable = false;
-    const auto faults = app::CheckConfigFile(path, true, unusable);
-    if (unusable) {
-        std::cerr << kName << ": " << faults.front() << std::endl;
+    const app::CheckedConfig checked = app::CheckConfigFile(paths::ConfigFile(), true);
+    if (checked.unusable) {
+        std::cerr << kName << ": " << checked.faults.front() << std::endl;
         return kUsage;
     }
     Daemon::SetName(kName);
@@ -123,7 +121,7 @@ int RunDaemon(bool foreground) {
     if (!app::BecomeTheOnlyOne(instance)) {
         return kFailure;
     }
-    RelaydConf conf(path.c_str()); // before the fork, which logs where the configuration says
+    const RelaydConf conf = app::SettingsFrom(checked.document);
     // Where the fork goes: a relative log file must not mean one here and another there.
     if (!foreground && chdir("/") != 0) {
         std::cerr << kName << ": /: " << strerror(errno) << std::endl;
@@ -132,7 +130,7 @@ int RunDaemon(bool foreground) {
     // In the background the fork opens the log file; in the foreground whoever typed the command
     // still sees why it does not start.
     Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
-    for (const std::string& fault : faults) {
+    for (const std::string& fault : checked.faults) {
         RELAY_LOG(4, "%s", fault.c_str());
     }
     // Not by Init, which would tell the starter too soon.
@@ -155,7 +153,7 @@ int main(int argc, char** argv) {
             std::cerr << kName << ": --root: expected an existing folder" << std::endl;
             return kUsage;
         }
-        return options.check ? Check(options.checkFile) : RunDaemon(options.foreground);
+        return options.check ? TellConfigFaults(options.checkFile) : RunDaemon(options.foreground);
     } catch (const std::exception& fault) {
         RELAY_LOG(3, "out of resources: %s", fault.what());
         TellStarter(kFailure);

@@ -14,10 +14,9 @@ static std::string Again(const std::string& text, bool full) {
 
 void Fuzz(const std::string& input) {
     RelaydConf conf(nullptr);
-    bool unusable = false;
     gDevice.Write("/usr/zaro/etc/zarorelayd.conf", input);
-    const auto faults = app::CheckConfigFile(paths::ConfigFile(), false, unusable);
-    assert(conf.Reload() || (unusable && !faults.empty()));
+    const auto checked = app::CheckConfigFile(paths::ConfigFile(), false);
+    assert(conf.Reload() || (checked.unusable && !checked.faults.empty()));
     conf.serverIdCleared = false; // its notification would be a process
     assert(conf.WriteConfigFile(paths::ConfigFile()) && conf.ReadConfigFile(paths::ConfigFile()));
     // The first writing drops what is not kept; from then on nothing changes any more.
