@@ -15,8 +15,7 @@ namespace ZARO::Relay::app {
 
 namespace {
 
-constexpr const char* kDaemon = "zarorelayd";
-/// Behind the PID file's name, whose own ending is ".pid".
+/// Follows the PID file's name, which itself ends in ".pid".
 constexpr const char* kLockEnding = ".lock";
 constexpr std::size_t kShortName = 15; // bytes
 
@@ -28,7 +27,7 @@ std::string ShortName(const std::string& process) {
     return name;
 }
 
-/// The lock file that a process has open, as a daemon does for its life; empty for none, and when
+/// The lock file that a process has open, as a daemon does all its life; empty when it has none or
 /// this user may not look.
 std::string LockHeldBy(const std::string& process) {
     std::error_code error; // the process may end meanwhile
@@ -50,8 +49,8 @@ bool IsSameFile(const std::string& one, const std::string& other) {
     return std::filesystem::equivalent(one, other, missing);
 }
 
-/// Whether a process was told another root than ours on its command line. It tells no root that was
-/// given in another way.
+/// Whether a process's command line names another root than ours. A root that came from the
+/// environment does not show there.
 bool WasToldAnotherRoot(const std::string& process) {
     std::ifstream file("/proc/" + process + "/cmdline");
     const std::string option = "--root";
@@ -69,7 +68,13 @@ bool WasToldAnotherRoot(const std::string& process) {
 
 } // namespace
 
-std::string ProgramOf(const std::string& process) {
+pid_t ReadPidFile() {
+    std::ifstream file(Daemon::GetPidFile());
+    pid_t pid = 0;
+    return file >> pid ? pid : 0;
+}
+
+std::string ProgramPathOf(const std::string& process) {
     char target[PATH_MAX];
     const ssize_t length =
         readlink(("/proc/" + process + "/exe").c_str(), target, sizeof target - 1);
@@ -82,13 +87,17 @@ std::string ProgramOf(const std::string& process) {
         path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
         path.resize(path.size() - deleted.size());
     }
+    return path;
+}
+
+std::string ProgramOf(const std::string& process) {
+    const std::string path = ProgramPathOf(process);
     return path.substr(path.rfind('/') + 1);
 }
 
 bool RunsProgram(const std::string& process, const std::string& program) {
-    const std::string path = ProgramOf(process);
     // An upgrade may have renamed the file; the process keeps the name that it was started with.
-    return path == program || ShortName(process) == program.substr(0, kShortName);
+    return ProgramOf(process) == program || ShortName(process) == program.substr(0, kShortName);
 }
 
 std::string InstanceLockFile() {
@@ -98,7 +107,7 @@ std::string InstanceLockFile() {
 bool IsDaemonOfThisRoot(pid_t process) {
     const std::string name = std::to_string(process);
     if (process <= 0 || process == getpid() || access(("/proc/" + name).c_str(), F_OK) != 0 ||
-        !RunsProgram(name, kDaemon)) {
+        !RunsProgram(name, kDaemonName)) {
         return false;
     }
     const std::string lock = LockHeldBy(name);

@@ -1,13 +1,11 @@
 #include "app/ctl/control.h"
 
-#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 
 #include <zarorelayd/config.h>
@@ -28,40 +26,33 @@ using app::Clock;
 using app::milliseconds;
 using app::StyledJson;
 
-constexpr const char* kDaemon = "zarorelayd";
-
-/// The daemon does other things now and then; a dump is asked for again that long.
+/// The daemon may be busy with something else; this is how long to retry for a dump.
 constexpr milliseconds kDumpPatience{2000};
 constexpr int kDumpPause = 20; // milliseconds
 
 /// The daemon that was installed together with this program, else the device's own.
 std::string DaemonProgram() {
-    char self[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
-    if (length > 0 && length < static_cast<ssize_t>(sizeof self)) {
-        const std::string own(self, static_cast<std::size_t>(length));
-        std::string beside = own.substr(0, own.rfind('/') + 1) + kDaemon;
-        if (access(beside.c_str(), X_OK) == 0) {
-            return beside;
-        }
+    const std::string own = app::ProgramPathOf("self");
+    std::string beside = own.substr(0, own.rfind('/') + 1) + app::kDaemonName;
+    if (!own.empty() && access(beside.c_str(), X_OK) == 0) {
+        return beside;
     }
-    return paths::ProgramDir() + "/" + kDaemon;
+    return paths::ProgramDir() + "/" + app::kDaemonName;
 }
 
 } // namespace
 
 Presence FindDaemon() {
-    long pid = 0;
-    std::ifstream file(Daemon::GetPidFile());
-    if (!(file >> pid) || pid <= 0 || pid > INT_MAX) {
+    const pid_t pid = app::ReadPidFile();
+    if (pid <= 0) {
         return Presence::None;
     }
-    const bool permitted = kill(static_cast<pid_t>(pid), 0) == 0;
+    const bool permitted = kill(pid, 0) == 0;
     if (!permitted && errno != EPERM) {
         return Presence::None;
     }
     const bool known = permitted || !app::ProgramOf(std::to_string(pid)).empty();
-    if (known && !app::IsDaemonOfThisRoot(static_cast<pid_t>(pid))) {
+    if (known && !app::IsDaemonOfThisRoot(pid)) {
         return Presence::Foreign;
     }
     return permitted ? Presence::Running : Presence::NotPermitted;
@@ -77,7 +68,7 @@ int TellAbsent(Presence presence, int code) {
 int Start() {
     // The daemon takes this process's place, so that its exit code is the program's.
     const std::string program = DaemonProgram();
-    std::string name = kDaemon;
+    std::string name = app::kDaemonName;
     std::string option = "--root";
     std::string root = paths::Root();
     char* arguments[] = {name.data(), root.empty() ? nullptr : option.data(), root.data(), nullptr};

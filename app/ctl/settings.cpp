@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include <zarorelayd/config.h>
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
 #include "app/common/checks.h"
@@ -42,7 +43,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
     const Presence presence = FindDaemon();
     if (presence == Presence::Foreign) {
         return Fail(kNoAnswer,
-                    "the process in " + paths::PidFile("zarorelayd") + " is not this daemon",
+                    "the process in " + std::string(Daemon::GetPidFile()) + " is not this daemon",
                     "start the daemon first, or remove that file");
     }
     ConfigChange file;

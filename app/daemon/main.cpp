@@ -43,7 +43,7 @@ namespace paths = ZARO::Relay::paths;
 
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
-constexpr const char* kName = "zarorelayd";
+constexpr const char* kName = app::kDaemonName;
 
 int TellConfigFaults(const std::string& file) {
     const std::string path = file.empty() ? paths::ConfigFile() : file;
