@@ -10,7 +10,7 @@ namespace ZARO::Relay::app {
 /// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
 bool IsServiceId(const std::string& id);
 
-/// A host name, "_" allowed as in local networks, or an IPv4 or IPv6 address.
+/// A host name, in which "_" is allowed as in local networks, or an IPv4 or IPv6 address.
 bool IsRelayHost(const std::string& host);
 
 /// A host as it stands in a URL, where an IPv6 address is in brackets.
@@ -31,14 +31,14 @@ bool IsAliasName(const std::string& name);
 /// An alias that users may choose: 1 to 63 of a-z, 0-9, "-", which every server accepts.
 bool IsPlainAliasName(const std::string& name);
 
-/// The members that were checked, by name and type; empty or 0 for missing ones.
+/// A member of an object; empty or 0 when it is missing or has another type.
 std::string TextMember(const Json::Value& object, const char* key);
 int NumberMember(const Json::Value& object, const char* key);
 
-/// Whether a short text of printable ASCII.
+/// Whether a text is short and of printable ASCII.
 bool IsShortText(const std::string& text);
 
-/// A foreign text for a log line: at most 64 bytes, anything but printable ASCII as "?".
+/// A foreign text for a log line: at most 64 bytes of it, with "?" for all but printable ASCII.
 std::string Printable(const std::string& text);
 
 } // namespace ZARO::Relay::app

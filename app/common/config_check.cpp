@@ -18,7 +18,7 @@ namespace ZARO::Relay::app {
 
 namespace {
 
-constexpr off_t kLargestFile = off_t{1} << 20; // bytes; the library takes no larger one
+constexpr off_t kLargestFile = off_t{1} << 20; // bytes; the library refuses larger ones too
 
 enum class Kind { Text, Port, Level, Seconds, Object, List };
 
@@ -109,7 +109,7 @@ private:
     std::vector<std::string> lines_;
 };
 
-/// Keeps the library's own lines about the same faults off.
+/// Keeps the library from logging the same faults in its own words.
 class Quiet {
 public:
     Quiet() : level_(Daemon::_logLevel) { Daemon::_logLevel = -1; }
@@ -177,7 +177,7 @@ bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& con
         return true;
     }
     const char* reason = !there                        ? strerror(errno)
-                         : !S_ISREG(info.st_mode)      ? "not a file" // a FIFO would block
+                         : !S_ISREG(info.st_mode)      ? "not a file" // reading a FIFO would block
                          : info.st_size > kLargestFile ? "larger than 1 MiB"
                                                        : nullptr;
     std::ifstream file;
@@ -211,7 +211,7 @@ CheckedConfig CheckConfigFile(const std::string& path, bool mayBeMissing) {
     }
     Report report(path);
     CheckDocument(report, checked.document);
-    (void)checked.conf.Overwrite(checked.document); // false for a missing file: the defaults
+    (void)checked.conf.Overwrite(checked.document); // without a document the defaults hold
     checked.unusable = !checked.conf.IsValid();
     if (checked.unusable && report.Lines().empty()) {
         report.Add("", "expected usable servers and services");

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kProbeMilliseconds = 20;
 
-/// Connects to a loopback address; such a connection is accepted or refused almost at once.
+/// Tries a loopback address, where a connection is accepted or refused almost at once.
 Reachable ProbeAddress(int family, const sockaddr* address, socklen_t length) {
     const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (fd < 0) {

@@ -8,15 +8,15 @@
 
 namespace ZARO::Relay::app {
 
-/// An advisory lock on a file that other users can't open. The file is never removed: a lock on a
-/// removed file excludes nobody. A child shares the lock after a fork, a program that it executes
-/// does not. The lock ends with this object, or with the last process that shares it.
+/// An advisory lock on a file that other users can't open. The file is never removed, since a lock
+/// on a removed file excludes nobody. A forked child shares the lock until it executes a program.
+/// The lock ends with this object, or with the last process that shares it.
 class OwnLock {
 public:
     explicit OwnLock(std::string path);
 
-    /// Makes the file if need be and waits up to `patience` for another holder. False, with errno,
-    /// when there is still one (EWOULDBLOCK), or when the file can't be made, opened or locked.
+    /// Makes the file if it is missing, and waits up to `patience` for another holder. False, with
+    /// errno: EWOULDBLOCK when somebody still holds it, else why the file can't be locked.
     bool Take(milliseconds patience);
 
 private:

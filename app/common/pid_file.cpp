@@ -82,7 +82,7 @@ std::string ProgramPathOf(const std::string& process) {
         return "";
     }
     std::string path(target, static_cast<std::size_t>(length));
-    const std::string deleted = " (deleted)"; // the program was upgraded while it runs
+    const std::string deleted = " (deleted)"; // of a program that was upgraded while it runs
     if (path.size() > deleted.size() &&
         path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
         path.resize(path.size() - deleted.size());

@@ -1,4 +1,4 @@
-/// What tells a running daemon of this root from what a killed one left.
+/// Finds out whether the daemon of this root runs.
 #pragma once
 
 #include <sys/types.h>

@@ -127,7 +127,7 @@ void CheckServices(Chain& chain, const Device& device) {
 
 // --- servers
 
-/// One server's links, of which each needs the one before.
+/// Adds one server's links. Each needs the one before.
 void ReportServer(Chain& chain, const std::string& server, const ServerProbe& probe) {
     const bool named = probe.reached >= Stage::Name;
     const bool connected = probe.reached >= Stage::Connected;
@@ -164,7 +164,7 @@ void CheckServers(Chain& chain, const Device& device) {
     struct Server {
         const char* name;
         std::string url;
-        const char* unless; ///< why it has none
+        const char* unless; ///< why there is no URL
     };
     const auto urlOf = [&](bool known, const std::string& url) {
         return !device.config.unusable && known ? url : "";
@@ -190,9 +190,9 @@ void CheckServers(Chain& chain, const Device& device) {
     }
 }
 
-// --- the daemon and what it keeps up
+// --- the daemon and its relays
 
-/// Whether it is connected.
+/// Gives whether it is connected.
 bool CheckDaemon(Chain& chain, const Device& device) {
     const Json::Value& document = device.status.document;
     const std::string state = document["state"].asString();
@@ -256,8 +256,8 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
 int CheckChain(bool json) {
     const Device device = ReadDevice();
     Chain chain;
-    // First, since another device's server id counts as a fault of the file too, where the remedy
-    // would be less plain.
+    // First: another device's server id is a fault of the file as well, but the remedy is clearer
+    // here.
     CheckIdentity(chain, device);
     CheckConfiguration(chain, device);
     CheckCredentials(chain);

@@ -1,4 +1,4 @@
-/// The whole chain from the configuration to the relay, link by link.
+/// Checks the whole chain from the configuration to the relay, link by link.
 #pragma once
 
 namespace ZARO::Relay::ctl {

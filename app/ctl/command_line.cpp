@@ -21,7 +21,7 @@ namespace {
 constexpr int kGoOn = -1;
 constexpr const char* kVersion = "zarorelayctl " ZARO_VERSION;
 
-/// Everything that options and arguments are read into.
+/// The values of all options and arguments.
 struct Values {
     StatusOptions status;
     std::string text;
@@ -31,7 +31,7 @@ struct Values {
 
 using Action = std::function<int()>;
 
-/// Adds commands below one parser; the last one that was given decides the action.
+/// Adds commands to one parser. The last one on the command line sets the action.
 class Commands {
 public:
     Commands(CLI::App& parser, Action& action, Values& values)

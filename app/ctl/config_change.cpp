@@ -57,7 +57,7 @@ int ConfigChange::CheckChangeable() const {
 }
 
 int ConfigChange::Write(const Json::Value& config) const {
-    // The library also calls it a success when only the rename failed.
+    // Reads back, since the library reports success even when the final rename failed.
     return RelaydConf::WriteJsonFile(path_, config) && ReadBack() == config ? kSuccess
                                                                             : TellNotWritten();
 }

@@ -9,30 +9,29 @@
 namespace ZARO::Relay::ctl {
 
 /// Reads the device's configuration file; `document` stays null when there is none. 0, or the exit
-/// code with the reason told.
+/// code after printing the reason.
 int ReadConfig(Json::Value& document);
 
-/// One change of the file. Locked while this object lives, so that of two programs that change the
-/// file at the same time neither loses its change.
+/// One change of the file, which is locked while this object lives.
 class ConfigChange {
 public:
-    /// Takes the lock, for which it waits 5 s at most, and reads the file once.
+    /// Waits up to 5 s for the lock, then reads the file in any case.
     ConfigChange();
 
-    /// What was read. A broken file stays as it is.
+    /// The file as it was read.
     const app::CheckedConfig& Found() const { return found_; }
 
     /// What ReadConfig would give for the file that was read.
     int CheckReadable() const;
 
-    /// 0 when the file may be changed, or the exit code with the reason told: no right to write,
-    /// locked by others, or a broken file.
+    /// 0 when the file may be changed. Else the exit code, after printing the reason: this user may
+    /// not write there, another program holds the lock, or the file is broken.
     int CheckChangeable() const;
 
-    /// Replaces the content. 0, or the exit code with the reason told.
+    /// Replaces the content. 0, or the exit code after printing the reason.
     int Write(const Json::Value& config) const;
 
-    /// Reads the file again, after the library changed it.
+    /// Reads the file again, to see whether a change is in it.
     Json::Value ReadBack() const;
 
 private:
@@ -43,7 +42,7 @@ private:
     app::CheckedConfig found_;
 };
 
-/// Says that the file could not be written and gives the code.
+/// Prints that the file could not be written and gives the exit code.
 int TellNotWritten();
 
 } // namespace ZARO::Relay::ctl

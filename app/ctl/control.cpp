@@ -30,7 +30,7 @@ using app::StyledJson;
 constexpr milliseconds kDumpPatience{2000};
 constexpr int kDumpPause = 20; // milliseconds
 
-/// The daemon that was installed together with this program, else the device's own.
+/// The daemon in the same folder as this program; if there is none, the device's own.
 std::string DaemonProgram() {
     const std::string own = app::ProgramPathOf("self");
     std::string beside = own.substr(0, own.rfind('/') + 1) + app::kDaemonName;
@@ -66,7 +66,7 @@ int TellAbsent(Presence presence, int code) {
 }
 
 int Start() {
-    // The daemon takes this process's place, so that its exit code is the program's.
+    // The daemon replaces this process, so that its exit code becomes this program's.
     const std::string program = DaemonProgram();
     std::string name = app::kDaemonName;
     std::string option = "--root";
@@ -83,7 +83,7 @@ int Stop() {
     if (presence != Presence::Running) {
         return TellAbsent(presence, kNoAnswer);
     }
-    if (Daemon::Kill() != 0 && FindDaemon() != Presence::None) { // not one that ended by itself
+    if (Daemon::Kill() != 0 && FindDaemon() != Presence::None) { // else it had ended by itself
         return Fail(kNoAnswer, "the daemon did not end within 10 s",
                     "look at its log, or end the process in " + std::string(Daemon::GetPidFile()));
     }

@@ -1,4 +1,4 @@
-/// The device as a check finds it.
+/// What a check needs to know of the device.
 #pragma once
 
 #include <zarorelayd/config.h>
@@ -8,7 +8,7 @@
 
 namespace ZARO::Relay::ctl {
 
-/// What all links of the chain are judged by, read once.
+/// Read once, for all links of the chain.
 struct Device {
     app::CheckedConfig config;
     Status status;

@@ -12,7 +12,7 @@ namespace {
 using app::Clock;
 using app::milliseconds;
 
-/// One connection; owns its handle and stays where it is, since libcurl points into it.
+/// One connection and its handle. Must not be moved, since libcurl keeps pointers to it.
 class Connection {
 public:
     Connection(ServerProbe& probe, CURLM* multi, milliseconds patience)
@@ -41,7 +41,7 @@ public:
             probe_.address = address;
         }
         probe_.reached = Reached(result);
-        long error = 0; // of the last connect
+        long error = 0; // of the last attempt to connect
         (void)curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &error);
         if (result == CURLE_COULDNT_CONNECT && error != 0) {
             probe_.fault = strerror(static_cast<int>(error));
@@ -65,14 +65,14 @@ private:
         return set(CURLOPT_URL, probe_.url.c_str()) && set(CURLOPT_CONNECT_ONLY, 1L) &&
                set(CURLOPT_PROTOCOLS_STR, "http,https") && set(CURLOPT_SSL_VERIFYPEER, 0L) &&
                set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(patience.count())) &&
-               // A look-up that hangs must not hold up the end.
+               // A name lookup that hangs must not delay the end.
                set(CURLOPT_QUICK_EXIT, 1L) && set(CURLOPT_NOSIGNAL, 1L) &&
                set(CURLOPT_SSL_CTX_FUNCTION, &Connection::OnTls) &&
                set(CURLOPT_SSL_CTX_DATA, this) && set(CURLOPT_ERRORBUFFER, error_) &&
                (!probe_.direct || set(CURLOPT_PROXY, ""));
     }
 
-    /// Called when TLS begins, so that the connection stands; libcurl has no time for that then.
+    /// libcurl calls this when TLS begins, so the connection is there. It keeps no time for that.
     static CURLcode OnTls(CURL*, void*, void* self) noexcept {
         static_cast<Connection*>(self)->connected_ = true;
         return CURLE_OK;

@@ -34,7 +34,7 @@ struct Entry {
 
 using Entries = std::map<std::string, Entry>;
 
-/// Everything that the device defines.
+/// All services that the device defines.
 Entries ReadDefinitions() {
     Entries entries;
     std::error_code fault;
@@ -48,7 +48,7 @@ Entries ReadDefinitions() {
     return entries;
 }
 
-/// Adds what the configuration publishes, whose own settings win over a definition's.
+/// Adds the published services. Settings in the configuration win over those of the definition.
 void AddPublished(const Json::Value& config, Entries& entries) {
     const Json::Value* list = FindMember(config, "service");
     if (list == nullptr || !list->isArray()) {
@@ -70,7 +70,7 @@ Entries ReadPublished(const ConfigChange& change) {
     return entries;
 }
 
-/// What a wrong id could have been.
+/// A remedy for a wrong id: the ids that would be right.
 std::string Expected() {
     std::string ids;
     for (const auto& [id, entry] : ReadDefinitions()) {
@@ -120,7 +120,7 @@ std::string Render(const Json::Value& document) {
     return Layout(rows, WantsColour());
 }
 
-/// The list without the entries of that id; empty for what is no list.
+/// The list without the entries that have the id; empty when `list` is not a list.
 Json::Value Without(const std::string& id, const Json::Value& list) {
     Json::Value rest(Json::arrayValue);
     for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
@@ -131,8 +131,7 @@ Json::Value Without(const std::string& id, const Json::Value& list) {
     return rest;
 }
 
-/// Changes the list of the file and nothing else of it. Success, without a write, when it is as
-/// wanted already.
+/// Changes only the list of services in the file. Writes nothing when there is nothing to change.
 int ChangeList(const ConfigChange& change, const std::string& id, bool publish) {
     int code = change.CheckChangeable();
     if (code != kSuccess) {

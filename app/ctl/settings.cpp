@@ -24,8 +24,8 @@ namespace {
 
 constexpr std::size_t kLongestId = 63; // columns
 
-/// While it stands, what the library writes to standard error is dropped: that no daemon runs is
-/// said in our own words, or is no fault.
+/// While it exists, drops what the library writes to standard error. That no daemon runs is no
+/// fault here, or is reported in our own words.
 class Silence {
 public:
     Silence() : buffer_(std::cerr.rdbuf(nullptr)) {}
@@ -52,7 +52,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
         return code;
     }
     if (file.Found().document.empty()) {
-        // The library changes files, but makes none.
+        // The library can change a file, but does not make one.
         const int written = file.Write(Json::Value(Json::objectValue));
         if (written != kSuccess) {
             return written;
@@ -65,7 +65,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
         }
     }
     if (presence == Presence::NotPermitted) {
-        return Apply(done); // tells what is left to do
+        return Apply(done); // prints what is left to do
     }
     std::cout << done
               << (presence == Presence::Running ? "" : "; this holds when the daemon starts")
@@ -86,7 +86,8 @@ int ShowAlias(bool json) {
     std::string status;
     std::string extra;
     if (!name.empty()) {
-        (void)AliasStatus().GetStatus(name, status, extra); // both stay empty: not known yet
+        (void)AliasStatus().GetStatus(name, status,
+                                      extra); // both stay empty when it is not known yet
     }
     if (json) {
         Json::Value document;

@@ -27,11 +27,14 @@ using app::FindMember;
 using app::NumberMember;
 using app::TextMember;
 
-/// A daemon has a few services; what claims to have more was not written by one.
+/// A daemon has a few services; a file with more was not written by one.
 constexpr Json::ArrayIndex kMostServices = 1000;
 
-/// The server tells whether the relay's port answers some time after the tunnel stands.
-constexpr std::int64_t kYoung = 15;  // seconds
+/// The server reports only after a while that the relay's port answers, so a younger tunnel without
+/// that report is no fault.
+constexpr std::int64_t kYoung = 15; // seconds
+
+/// A daemon refreshes the status file more often than that.
 constexpr std::int64_t kStale = 150; // seconds
 
 Json::Value MemberOf(const Json::Value& object, const char* key) {
@@ -75,7 +78,8 @@ Json::Value TakeServices(const Json::Value& list, const std::string& wanted) {
     return services;
 }
 
-/// Signal 0 is refused for another user's process, which the library takes for a dead one.
+/// Whether the daemon belongs to another user. The library can't send it signal 0 and takes it for
+/// dead.
 bool IsOthers(const Json::Value& file) {
     const int pid = NumberMember(file, "pid");
     return pid > 0 && kill(pid, 0) != 0 && errno == EPERM;
@@ -173,7 +177,7 @@ std::string AliasWords(const Json::Value& alias) {
            (extra.empty() ? "" : ", " + extra) + ")";
 }
 
-/// The daemon marks the file as fresh every minute, unless what it should hold can't be written.
+/// Warns about an old file: a daemon that can write its status touches the file every minute.
 int TellAge() {
     const std::string path = paths::StatusFile();
     struct stat info = {};
