@@ -3,13 +3,13 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 
 #include "app/common/checks.h"
 #include "platform/services.h"
+#include "platform/unique_fd.h"
 
 namespace ZARO::Relay::app {
 
@@ -19,19 +19,19 @@ constexpr int kProbeMilliseconds = 20;
 
 /// Tries a loopback address, where a connection is accepted or refused almost at once.
 Reachable ProbeAddress(int family, const sockaddr* address, socklen_t length) {
-    const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
+    const UniqueFd fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd.IsOpen()) {
         return Reachable::Unknown;
     }
-    int error = connect(fd, address, length) == 0 ? 0 : errno;
+    int error = connect(fd.Get(), address, length) == 0 ? 0 : errno;
     if (error == EINPROGRESS) {
-        pollfd entry = {fd, POLLOUT, 0};
+        pollfd entry = {fd.Get(), POLLOUT, 0};
         socklen_t size = sizeof error;
         if (poll(&entry, 1, kProbeMilliseconds) == 1) {
-            (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size); // else still in progress
+            (void)getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error,
+                             &size); // else still in progress
         }
     }
-    close(fd);
     if (error == 0) {
         return Reachable::Yes;
     }

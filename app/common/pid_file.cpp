@@ -19,6 +19,11 @@ namespace {
 constexpr const char* kLockEnding = ".lock";
 constexpr std::size_t kShortName = 15; // bytes
 
+bool EndsWith(const std::string& text, const std::string& ending) {
+    return text.size() > ending.size() &&
+           text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+}
+
 /// The first 15 bytes of a process's name.
 std::string ShortName(const std::string& process) {
     std::ifstream file("/proc/" + process + "/comm");
@@ -36,8 +41,7 @@ std::string LockHeldBy(const std::string& process) {
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         std::error_code closed;
         std::string path = std::filesystem::read_symlink(*entry, closed);
-        if (path.size() > ending.size() &&
-            path.compare(path.size() - ending.size(), ending.size(), ending) == 0) {
+        if (EndsWith(path, ending)) {
             return path;
         }
     }
@@ -83,8 +87,7 @@ std::string ProgramPathOf(const std::string& process) {
     }
     std::string path(target, static_cast<std::size_t>(length));
     const std::string deleted = " (deleted)"; // of a program that was upgraded while it runs
-    if (path.size() > deleted.size() &&
-        path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
+    if (EndsWith(path, deleted)) {
         path.resize(path.size() - deleted.size());
     }
     return path;

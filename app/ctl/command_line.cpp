@@ -109,10 +109,9 @@ void DescribeSettings(Commands& commands, Commands& service, Commands& alias, Co
     service.AddWithText("remove", "Withdraw a service", "ID", RemoveService);
     alias.AddWithJson("show", "The alias and its last outcome", ShowAlias);
     alias.AddWithText("set", "Take an alias", "NAME", [](const std::string& name) {
-        return name.empty() ? Fail(kNoAnswer, "an alias is not empty",
-                                   "see: zarorelayctl alias "
-                                   "clear")
-                            : SetAlias(name);
+        return name.empty()
+                   ? Fail(kNoAnswer, "an alias is not empty", "see: zarorelayctl alias clear")
+                   : SetAlias(name);
     });
     alias.Add("clear", "Give the alias up", [] { return SetAlias(""); });
     log.AddWithText("start", "Write a debug log", "FILE", StartLog);

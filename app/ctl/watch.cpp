@@ -17,6 +17,7 @@
 #include "app/ctl/text.h"
 #include "app/common/json_io.h"
 #include "platform/paths.h"
+#include "platform/unique_fd.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -67,20 +68,16 @@ public:
             sigaddset(&wanted, number);
         }
         (void)sigprocmask(SIG_BLOCK, &wanted, &before_); // can't fail with a set of real signals
-        signals_ = signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK);
-        changes_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        signals_ = UniqueFd(signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
+        changes_ = UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
         const std::string path = paths::StatusFile();
         name_ = path.substr(path.rfind('/') + 1);
         // If it fails, the redraw once per second shows the change.
-        (void)inotify_add_watch(changes_, path.substr(0, path.rfind('/')).c_str(),
+        (void)inotify_add_watch(changes_.Get(), path.substr(0, path.rfind('/')).c_str(),
                                 IN_MOVED_TO | IN_DELETE | IN_CLOSE_WRITE);
     }
 
-    ~Events() {
-        close(signals_);
-        close(changes_);
-        (void)sigprocmask(SIG_SETMASK, &before_, nullptr);
-    }
+    ~Events() { (void)sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
     Events(const Events&) = delete;
     Events& operator=(const Events&) = delete;
@@ -88,8 +85,8 @@ public:
     /// Waits for the next event, a second at most. Gives Stop when signals can't be received.
     Event Next() {
         const auto deadline = Clock::now() + kEvery;
-        pollfd entries[] = {{signals_, POLLIN, 0}, {changes_, POLLIN, 0}};
-        while (signals_ >= 0) {
+        pollfd entries[] = {{signals_.Get(), POLLIN, 0}, {changes_.Get(), POLLIN, 0}};
+        while (signals_.IsOpen()) {
             const auto left =
                 std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
             // However many notices come of other files, the redraw is on time.
@@ -97,7 +94,7 @@ public:
                 return Event::Redraw;
             }
             signalfd_siginfo signal{};
-            if (read(signals_, &signal, sizeof signal) == sizeof signal) {
+            if (read(signals_.Get(), &signal, sizeof signal) == sizeof signal) {
                 return EventOf(static_cast<int>(signal.ssi_signo));
             }
             if (StatusChanged()) {
@@ -120,7 +117,7 @@ private:
         alignas(inotify_event) char buffer[16 * (sizeof(inotify_event) + NAME_MAX + 1)];
         bool changed = false;
         ssize_t length = 0;
-        while ((length = read(changes_, buffer, sizeof buffer)) > 0) {
+        while ((length = read(changes_.Get(), buffer, sizeof buffer)) > 0) {
             for (ssize_t at = 0; at < length;) {
                 const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
                 changed = changed || (event->len > 0 && name_ == event->name);
@@ -131,8 +128,8 @@ private:
     }
 
     sigset_t before_{};
-    int signals_;
-    int changes_;
+    UniqueFd signals_;
+    UniqueFd changes_;
     std::string name_;
 };
 
