@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 // The check of a firewall definition's name holds in every build.
@@ -10,10 +11,10 @@
 #include <ostream>
 #include <utility>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/json.h"
+#include "base/log.h"
 #include "platform/include/zaro/platform.h"
-#include "platform/services.h"
+#include "base/services.h"
 
 namespace ZARO::Relay {
 
@@ -179,7 +180,7 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     const int count = ZAROFwServiceEnum(&found);
     const ServiceList list(count >= 0 ? found : nullptr); // a failure hands nothing over
     if (count <= 0) {
-        RELAY_LOG(3, "enum fw service failed [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Error, "enum fw service failed [0x%04X]", TLIBCErrGet());
         return false;
     }
     const ZARO_FW_SERVICE* pService =

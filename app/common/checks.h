@@ -1,10 +1,7 @@
 /// What texts and numbers from outside must look like before anything is done with them.
 #pragma once
 
-#include <json/value.h>
-
 #include <string>
-
 namespace ZARO::Relay::app {
 
 /// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
@@ -30,15 +27,5 @@ bool IsAliasName(const std::string& name);
 
 /// An alias that users may choose: 1 to 63 of a-z, 0-9, "-", which every server accepts.
 bool IsPlainAliasName(const std::string& name);
-
-/// A member of an object; empty or 0 when it is missing or has another type.
-std::string TextMember(const Json::Value& object, const char* key);
-int NumberMember(const Json::Value& object, const char* key);
-
-/// Whether a text is short and of printable ASCII.
-bool IsShortText(const std::string& text);
-
-/// A foreign text for a log line: at most 64 bytes of it, with "?" for all but printable ASCII.
-std::string Printable(const std::string& text);
 
 } // namespace ZARO::Relay::app

@@ -1,24 +1,18 @@
 #include "app/common/config_check.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
 #include "app/common/checks.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
+#include "base/read_file.h"
 
 namespace ZARO::Relay::app {
 
 namespace {
-
-constexpr off_t kLargestFile = off_t{1} << 20; // bytes; the library refuses larger ones too
 
 enum class Kind { Text, Port, Level, Seconds, Object, List };
 
@@ -95,7 +89,7 @@ public:
             return;
         }
         for (const Rule& rule : rules) {
-            const Json::Value* member = FindMember(object, rule.key);
+            const Json::Value* member = json::Find(object, rule.key);
             if (member != nullptr && !Fits(*member, rule.kind)) {
                 Add(prefix + rule.key, std::string("expected ") + Expected(rule.kind));
             }
@@ -122,12 +116,12 @@ private:
 };
 
 void CheckServer(Report& report, const Json::Value& config, const char* key) {
-    const Json::Value* server = FindMember(config, key);
+    const Json::Value* server = json::Find(config, key);
     if (server == nullptr) {
         return;
     }
     report.CheckMembers(*server, kServerRules, std::string(key) + ".");
-    const Json::Value* protocol = FindMember(*server, "protocol");
+    const Json::Value* protocol = json::Find(*server, "protocol");
     if (protocol != nullptr && protocol->isString() && *protocol != "http" &&
         *protocol != "https") {
         report.Add(std::string(key) + ".protocol", "expected \"http\" or \"https\"");
@@ -135,7 +129,7 @@ void CheckServer(Report& report, const Json::Value& config, const char* key) {
 }
 
 void CheckServices(Report& report, const Json::Value& config) {
-    const Json::Value* list = FindMember(config, "service");
+    const Json::Value* list = json::Find(config, "service");
     if (list == nullptr || !list->isArray()) {
         return;
     }
@@ -143,7 +137,7 @@ void CheckServices(Report& report, const Json::Value& config) {
         const Json::Value& entry = (*list)[i];
         const std::string place = "service[" + std::to_string(i) + "]";
         report.CheckMembers(entry, kServiceRules, place + ".");
-        const std::string id = TextMember(entry, "id");
+        const std::string id = json::TextOf(entry, "id");
         if (!IsServiceId(id)) {
             report.Add(place + ".id", "expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
         } else if (!ServiceConf(entry, true).IsValid()) {
@@ -156,13 +150,26 @@ void CheckDocument(Report& report, const Json::Value& config) {
     report.CheckMembers(config, kTopRules, "");
     CheckServer(report, config, "server_control");
     CheckServer(report, config, "server_waitcmd");
-    if (const Json::Value* alias = FindMember(config, "server_alias")) {
+    if (const Json::Value* alias = json::Find(config, "server_alias")) {
         report.CheckMembers(*alias, kAliasRules, "server_alias.");
     }
     CheckServices(report, config);
-    const std::string id = TextMember(config, "serverID");
+    const std::string id = json::TextOf(config, "serverID");
     if (TLIBRelaydVerifyServerId(id.c_str()) == 0) {
         report.Add("serverID", "belongs to another device");
+    }
+}
+
+/// Why a file could not be read.
+const char* ReasonOf(int error) {
+    switch (error) {
+    case EISDIR:
+    case EINVAL:
+        return "not a file";
+    case EFBIG:
+        return "larger than 1 MiB";
+    default:
+        return strerror(error);
     }
 }
 
@@ -171,28 +178,17 @@ void CheckDocument(Report& report, const Json::Value& config) {
 bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& config,
                     std::string& fault) {
     config = Json::Value();
-    struct stat info = {};
-    const bool there = stat(path.c_str(), &info) == 0;
-    if (!there && errno == ENOENT && mayBeMissing) {
+    FileText file;
+    const Reading reading = ReadFile(path, file, Trust::Anybodys);
+    if (reading == Reading::Missing && errno == ENOENT && mayBeMissing) {
         return true;
     }
-    const char* reason = !there                        ? strerror(errno)
-                         : !S_ISREG(info.st_mode)      ? "not a file" // reading a FIFO would block
-                         : info.st_size > kLargestFile ? "larger than 1 MiB"
-                                                       : nullptr;
-    std::ifstream file;
-    if (reason == nullptr) {
-        file.open(path);
-        reason = file ? nullptr : strerror(errno);
-    }
-    if (reason != nullptr) {
-        fault = path + ": can't be read: " + reason;
+    if (reading != Reading::Done) {
+        fault = path + ": can't be read: " + ReasonOf(errno);
         return false;
     }
-    std::ostringstream text;
-    text << file.rdbuf();
     std::string wrong;
-    if (ParseJson(text.str(), config, &wrong) && config.isObject()) {
+    if (json::Parse(file.text, config, wrong) && config.isObject()) {
         return true;
     }
     fault = path + ": " + (wrong.empty() ? "expected a JSON object" : "expected JSON: " + wrong);
@@ -222,7 +218,7 @@ CheckedConfig CheckConfigFile(const std::string& path, bool mayBeMissing) {
 
 CheckedConfig CheckReload(const std::string& path, bool mayBeMissing) {
     CheckedConfig checked = CheckConfigFile(path, mayBeMissing);
-    const Json::Value* services = FindMember(checked.document, "service");
+    const Json::Value* services = json::Find(checked.document, "service");
     checked.unusable = checked.unusable || (services != nullptr && !services->isArray());
     return checked;
 }

@@ -8,8 +8,8 @@
 #include <cstdint>
 
 #include "app/common/checks.h"
-#include "platform/services.h"
-#include "platform/unique_fd.h"
+#include "base/services.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
 

@@ -1,15 +1,17 @@
 #include "app/common/pid_file.h"
 
-#include <limits.h>
 #include <unistd.h>
 
+#include <climits>
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string>
 
 #include <zarorelayd/daemon.h>
 
-#include "platform/paths.h"
+#include "base/paths.h"
+#include "base/read_file.h"
 
 namespace ZARO::Relay::app {
 
@@ -19,6 +21,13 @@ namespace {
 constexpr const char* kLockEnding = ".lock";
 constexpr std::size_t kShortName = 15; // bytes
 
+/// The text of a file; empty when it can't be read.
+std::string TextOf(const std::string& path) {
+    FileText file;
+    (void)ReadFile(path, file, Trust::Anybodys);
+    return file.text;
+}
+
 bool EndsWith(const std::string& text, const std::string& ending) {
     return text.size() > ending.size() &&
            text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
@@ -26,10 +35,8 @@ bool EndsWith(const std::string& text, const std::string& ending) {
 
 /// The first 15 bytes of a process's name.
 std::string ShortName(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/comm");
-    std::string name;
-    std::getline(file, name);
-    return name;
+    const std::string name = TextOf("/proc/" + process + "/comm");
+    return name.substr(0, name.find('\n'));
 }
 
 /// The lock file that a process has open, as a daemon does all its life; empty when it has none or
@@ -56,12 +63,12 @@ bool IsSameFile(const std::string& one, const std::string& other) {
 /// Whether a process's command line names another root than ours. A root that came from the
 /// environment does not show there.
 bool WasToldAnotherRoot(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/cmdline");
+    std::istringstream words(TextOf("/proc/" + process + "/cmdline"));
     const std::string option = "--root";
     std::string root;
-    for (std::string word; std::getline(file, word, '\0');) {
+    for (std::string word; std::getline(words, word, '\0');) {
         if (word == option) {
-            std::getline(file, root, '\0');
+            std::getline(words, root, '\0');
         } else if (word.compare(0, option.size() + 1, option + "=") == 0) {
             root = word.substr(option.size() + 1);
         }
@@ -73,9 +80,8 @@ bool WasToldAnotherRoot(const std::string& process) {
 } // namespace
 
 pid_t ReadPidFile() {
-    std::ifstream file(Daemon::GetPidFile());
-    pid_t pid = 0;
-    return file >> pid ? pid : 0;
+    const long pid = strtol(TextOf(Daemon::GetPidFile()).c_str(), nullptr, 10);
+    return pid > 0 && pid <= INT_MAX ? static_cast<pid_t>(pid) : 0;
 }
 
 std::string ProgramPathOf(const std::string& process) {

@@ -19,8 +19,8 @@
 #include "app/ctl/report.h"
 #include "app/ctl/status.h"
 #include "app/ctl/text.h"
-#include "app/common/json_io.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -39,7 +39,7 @@ constexpr const char* kStockSsh = "/usr/bin/ssh";
 void CheckIdentity(Chain& chain, const Device& device) {
     const char* name = "hardware address";
     const std::string mac = AuthConf::RelaydGetMacAddressByIf("eth0");
-    const std::string id = app::TextMember(device.config.document, "serverID");
+    const std::string id = json::TextOf(device.config.document, "serverID");
     if (mac.empty()) {
         chain.Broken(name, "the device has none",
                      "name the network interface in " + paths::InfoFile() + " as nic=\"...\"");
@@ -226,8 +226,8 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
     for (const Json::Value& service : device.status.document["service"]) {
         const Json::Value& tunnel = service["tunnel"];
         const std::string name = "relay for " + service["id"].asString();
-        const std::string host = app::TextMember(tunnel, "relay_ip");
-        const int port = app::NumberMember(tunnel, "relay_port");
+        const std::string host = json::TextOf(tunnel, "relay_ip");
+        const int port = json::NumberOf(tunnel, "relay_port");
         if (!app::IsRelayHost(host) || !app::IsPort(port)) {
             chain.Broken(name, "the server has assigned no tunnel",
                          "wait a moment, or ask whoever runs the server");
@@ -266,7 +266,7 @@ int CheckChain(bool json) {
     CheckSsh(chain);
     CheckServices(chain, device);
     CheckRelays(chain, device, CheckDaemon(chain, device));
-    std::cout << (json ? app::StyledJson(chain.Document()) : chain.Render(WantsColour()));
+    std::cout << (json ? json::Pretty(chain.Document()) : chain.Render(WantsColour()));
     return chain.Holds() ? kSuccess : kNotRunning;
 }
 

@@ -8,9 +8,10 @@
 
 #include <zarorelayd/config.h>
 
+#include "app/common/clock.h"
 #include "app/ctl/report.h"
-#include "platform/new_file.h"
-#include "platform/paths.h"
+#include "base/paths.h"
+#include "base/replace_file.h"
 
 namespace ZARO::Relay::ctl {
 

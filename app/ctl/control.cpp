@@ -13,10 +13,10 @@
 
 #include "app/common/clock.h"
 #include "app/common/config_check.h"
-#include "app/ctl/report.h"
-#include "app/common/json_io.h"
 #include "app/common/pid_file.h"
-#include "platform/paths.h"
+#include "app/ctl/report.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -24,7 +24,6 @@ namespace {
 
 using app::Clock;
 using app::milliseconds;
-using app::StyledJson;
 
 /// The daemon may be busy with something else; this is how long to retry for a dump.
 constexpr milliseconds kDumpPatience{2000};
@@ -132,7 +131,7 @@ int Debug() {
     const int code = FetchDump(dump);
     switch (code) {
     case kSuccess:
-        std::cout << StyledJson(dump);
+        std::cout << json::Pretty(dump);
         return 0;
     case kNotRunning:
         return TellAbsent(Presence::None, code);

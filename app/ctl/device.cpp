@@ -1,28 +1,26 @@
 #include "app/ctl/device.h"
 
-#include "app/common/json_io.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
 namespace {
 
-using app::FindMember;
-
 /// The wait-command server is named by the file or, to a running daemon, by the control server.
 ServerConf FindWaitServer(const Device& device) {
     Json::Value dump;
     if (FindDaemon() == Presence::Running && FetchDump(dump) == kSuccess) {
-        const Json::Value* config = FindMember(dump, "config");
+        const Json::Value* config = json::Find(dump, "config");
         const Json::Value* server =
-            config != nullptr ? FindMember(*config, "server_waitcmd") : nullptr;
+            config != nullptr ? json::Find(*config, "server_waitcmd") : nullptr;
         if (server != nullptr && device.status.document["state"] == "connected") {
             return ServerConf(*server);
         }
     }
-    const bool named = FindMember(device.config.document, "server_waitcmd") != nullptr;
+    const bool named = json::Find(device.config.document, "server_waitcmd") != nullptr;
     return named ? device.config.conf.waitcmd : ServerConf(nullptr, nullptr);
 }
 

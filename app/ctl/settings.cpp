@@ -10,13 +10,13 @@
 #include <zarorelayd/zarorelayd.h>
 
 #include "app/common/checks.h"
+#include "app/common/strangers_file.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
-#include "app/common/json_io.h"
-#include "app/common/strangers_file.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -60,7 +60,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
     }
     {
         const Silence silence;
-        if (change() != 0 || app::TextMember(file.ReadBack(), "log_file") != logFile) {
+        if (change() != 0 || json::TextOf(file.ReadBack(), "log_file") != logFile) {
             return TellNotWritten();
         }
     }
@@ -81,8 +81,8 @@ int ShowAlias(bool json) {
     if (code != kSuccess) {
         return code;
     }
-    const Json::Value* settings = app::FindMember(config, "server_alias");
-    const std::string name = settings != nullptr ? app::TextMember(*settings, "alias") : "";
+    const Json::Value* settings = json::Find(config, "server_alias");
+    const std::string name = settings != nullptr ? json::TextOf(*settings, "alias") : "";
     std::string status;
     std::string extra;
     if (!name.empty()) {
@@ -94,7 +94,7 @@ int ShowAlias(bool json) {
         document["name"] = name;
         document["status"] = status;
         document["extra"] = extra;
-        std::cout << app::StyledJson(document);
+        std::cout << json::Pretty(document);
     } else if (name.empty()) {
         std::cout << "no alias" << std::endl;
     } else {
@@ -117,7 +117,7 @@ int SetAlias(const std::string& name) {
     }
     RelaydConf conf = change.Found().conf;
     if (!conf.WriteAliasName(paths::ConfigFile(), name) ||
-        app::TextMember(change.ReadBack()["server_alias"], "alias") != name) {
+        json::TextOf(change.ReadBack()["server_alias"], "alias") != name) {
         return TellNotWritten();
     }
     return Apply(name.empty() ? "the alias is given up" : "the alias is " + name);
@@ -149,7 +149,7 @@ int ShowServerId() {
     if (code != kSuccess) {
         return code;
     }
-    const std::string id = app::TextMember(config, "serverID").c_str(); // up to a zero byte
+    const std::string id = json::TextOf(config, "serverID").c_str(); // up to a zero byte
     if (id.empty()) {
         return Fail(kNotRunning, "this device has no server id yet",
                     "it gets one when the daemon registers; see: zarorelayctl status");

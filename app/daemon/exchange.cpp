@@ -7,16 +7,18 @@
 #include <set>
 #include <utility>
 
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/tunnel.h>
 
 #include "app/common/checks.h"
 #include "app/common/config_check.h"
 #include "app/common/config_lock.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
 #include "app/daemon/server_reply.h"
 #include "app/daemon/session.h"
-#include "daemon/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/text.h"
 
 namespace ZARO::Relay::app {
 
@@ -86,7 +88,7 @@ bool Exchange::OnWaitDone(boost::shared_ptr<Request> request) {
 }
 
 void Exchange::GaveUp(Line& line, const char* why) {
-    RELAY_LOG(3, "a reply could not be taken in: %s", why);
+    RELAY_LOG(log::Error, "a reply could not be taken in: %s", why);
     batchDue_ = batchDue_ || &line == &batch_;
     Failed(line, RELAYD_RET_UNKNOWN, false, Clock::now());
 }
@@ -238,7 +240,7 @@ void Exchange::BatchDone(Request& request, Time now) {
         if (request.GetResponse(reply)) {
             result = TakeBatchReply(reply, request, refused, now);
         } else {
-            RELAY_LOG(3, "the control server's reply is no JSON");
+            RELAY_LOG(log::Error, "the control server's reply is no JSON");
             result = RELAYD_RET_UNKNOWN;
         }
     }
@@ -258,7 +260,7 @@ void Exchange::BatchDone(Request& request, Time now) {
 RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& refused, Time now) {
     bool goodServer = true;
     if (!CleanBatchReply(reply, goodServer)) {
-        RELAY_LOG(3, "refused an id or a mode from the control server");
+        RELAY_LOG(log::Error, "refused an id or a mode from the control server");
     }
     const ServerConf formerWait = conf_.waitcmd;
     const bool registered = commands_[0U]["command"] == "register" && reply.isArray() &&
@@ -268,13 +270,13 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
         // The library writes the id into the file, which a command line may be changing, and it
         // would move a broken one aside: a typo would cost all services. An id that can't be
         // written holds for this run only.
-        const Json::Value* id = registered ? FindMember(reply[0U], "serverID") : nullptr;
+        const Json::Value* id = registered ? json::Find(reply[0U], "serverID") : nullptr;
         ConfigLock lock;
         Json::Value config;
         std::string fault = ConfigLock::Path() + ": held by another program";
         if (id != nullptr && id->isString() &&
             (IsHeldByOther(lock) || !ReadConfigFile(paths::ConfigFile(), true, config, fault))) {
-            RELAY_LOG(4, "the server id is not written: %s", fault.c_str());
+            RELAY_LOG(log::Warning, "the server id is not written: %s", fault.c_str());
             conf_.serverID = id->asString();
             reply[0U].removeMember("serverID");
         }
@@ -285,13 +287,13 @@ RELAYD_RET Exchange::TakeBatchReply(Json::Value& reply, Request& request, bool& 
         goodServer = false;
     }
     if (!goodServer) {
-        RELAY_LOG(3, "refused the wait-command server that the control server named");
+        RELAY_LOG(log::Error, "refused the wait-command server that the control server named");
         RegisterAnew();
         return RELAYD_RET_NOT_SUPPORT;
     }
     if (registered) {
         registered_ = true;
-        RELAY_LOG(6, "registered as [%s]", conf_.serverID.c_str());
+        RELAY_LOG(log::Info, "registered as [%s]", conf_.serverID.c_str());
         TakeSession(request);
         RestartWait(now);
     }
@@ -410,16 +412,16 @@ void Exchange::WaitDone(Request& request, Time now) {
 RELAYD_RET Exchange::TakeWaitReply(const Json::Value& reply, Time now) {
     const RELAYSERVER_ERR error = ParseServerError(reply);
     if (error != RELAYSERVER_ERR_SUCCESS) {
-        RELAY_LOG(4, "wait_command failed: %s", GetServerErrorStr(error).c_str());
+        RELAY_LOG(log::Warning, "wait_command failed: %s", GetServerErrorStr(error).c_str());
         return RespErrMap(error);
     }
     const Json::Value& answer = reply.isArray() ? reply[0U] : reply;
-    const Json::Value* tunnels = FindMember(answer, "tunnels");
+    const Json::Value* tunnels = json::Find(answer, "tunnels");
     if (tunnels == nullptr || !keeper_.Reconcile(*tunnels, conf_.services, now)) {
-        RELAY_LOG(3, "the wait_command reply holds no list of tunnels");
+        RELAY_LOG(log::Error, "the wait_command reply holds no list of tunnels");
         return RELAYD_RET_UNKNOWN;
     }
-    revision_ = NumberMember(answer, "revision");
+    revision_ = json::NumberOf(answer, "revision");
     LookForLoss(*tunnels, now);
     return RELAYD_RET_SUCCESS;
 }
@@ -431,11 +433,11 @@ void Exchange::LookForLoss(const Json::Value& tunnels, Time now) {
     }
     std::set<std::string> listed;
     for (const Json::Value& tunnel : tunnels) {
-        listed.insert(TextMember(tunnel, "id"));
+        listed.insert(json::TextOf(tunnel, "id"));
     }
     for (const ServiceConf& service : conf_.services) {
         if (listed.count(service.id) == 0) {
-            RELAY_LOG(4, "the server lists no tunnel for %s, registering anew",
+            RELAY_LOG(log::Warning, "the server lists no tunnel for %s, registering anew",
                       Printable(service.id).c_str());
             lossLookAt_ = now + kBetweenLosses; // one that never gives us a tunnel is not stormed
             RegisterAnew();
@@ -448,7 +450,8 @@ void Exchange::LookForLoss(const Json::Value& tunnels, Time now) {
 
 void Exchange::Succeeded(Line& line, Time now) {
     if (line.error != RELAYD_RET_SUCCESS) {
-        RELAY_LOG(4, "%s works again", &line == &batch_ ? "registration" : "wait_command");
+        RELAY_LOG(log::Warning, "%s works again",
+                  &line == &batch_ ? "registration" : "wait_command");
     }
     line.error = RELAYD_RET_SUCCESS;
     line.backoff.Succeeded(now);
@@ -458,8 +461,8 @@ void Exchange::Succeeded(Line& line, Time now) {
 /// `refused`: trying again soon can't help.
 void Exchange::Failed(Line& line, RELAYD_RET result, bool refused, Time now) {
     if (line.error != result) {
-        RELAY_LOG(4, "%s failed: %s, trying on", &line == &batch_ ? "registration" : "wait_command",
-                  GetErrorStr(result).c_str());
+        RELAY_LOG(log::Warning, "%s failed: %s, trying on",
+                  &line == &batch_ ? "registration" : "wait_command", GetErrorStr(result).c_str());
     }
     line.runs = false;
     line.error = result;

@@ -1,7 +1,7 @@
 #include "app/daemon/settings.h"
 
 #include "app/common/record_form.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::app {
 

@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <set>
 
+#include <zarorelayd/daemon.h>
+
 #include "app/common/checks.h"
 #include "app/daemon/login_guard.h"
 #include "app/daemon/lost_sockets.h"
 #include "app/daemon/server_reply.h"
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -73,11 +75,11 @@ TunnelKeeper::TakeAssigned(const Json::Value& assigned, const std::list<ServiceC
         ++refused;
         if (reasons.size() < kMostRefusals && reasons.insert(why).second &&
             refused_.count(why) == 0) {
-            RELAY_LOG(3, "refused a tunnel from the server: %s", why.c_str());
+            RELAY_LOG(log::Error, "refused a tunnel from the server: %s", why.c_str());
         }
     }
     if (refused > kMostRefusals && refused_.size() < kMostRefusals) {
-        RELAY_LOG(3, "refused %u tunnels from the server", refused);
+        RELAY_LOG(log::Error, "refused %u tunnels from the server", refused);
     }
     refused_.swap(reasons);
     return wanted;
@@ -97,7 +99,7 @@ bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<Servic
             ++tunnel;
             continue;
         }
-        RELAY_LOG(6, "closing the tunnel of %s: %s", id.c_str(),
+        RELAY_LOG(log::Info, "closing the tunnel of %s: %s", id.c_str(),
                   found == wanted.end() ? "withdrawn" : "changed");
         tunnel->Destroy();
         tunnel = tunnels_.erase(tunnel);
@@ -150,7 +152,8 @@ void TunnelKeeper::NoticeEnded(Time now) {
             const bool told =
                 upkeep.lossToldAt != Time() && now - upkeep.lossToldAt < kBetweenLosses;
             upkeep.lossToldAt = told ? upkeep.lossToldAt : now;
-            RELAY_LOG(told ? 6 : 4, "tunnel of %s is down, rebuilding it", id.c_str());
+            RELAY_LOG(told ? log::Info : log::Warning, "tunnel of %s is down, rebuilding it",
+                      id.c_str());
             SpreadLost(id, upkeep.pace, now);
         } else {
             Troubled(upkeep, id, "does not stand");
@@ -173,7 +176,7 @@ void TunnelKeeper::NoticeSteady(Time now) {
         }
         if (upkeep.troubled) {
             upkeep.troubled = false;
-            RELAY_LOG(4, "tunnel of %s works again", tunnel.GetServiceId().c_str());
+            RELAY_LOG(log::Warning, "tunnel of %s works again", tunnel.GetServiceId().c_str());
         }
     }
 }
@@ -228,7 +231,7 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
     }
     upkeep.pace.LoggedIn(now);
     ++upkeep.starts;
-    RELAY_LOG(6, "tunnel of %s is up", id.c_str());
+    RELAY_LOG(log::Info, "tunnel of %s is up", id.c_str());
 }
 
 bool TunnelKeeper::LogIn(Tunnel& tunnel) {
@@ -255,7 +258,8 @@ bool TunnelKeeper::LogIn(Tunnel& tunnel) {
 }
 
 void TunnelKeeper::Troubled(Upkeep& upkeep, const std::string& id, const char* how) const {
-    RELAY_LOG(upkeep.troubled ? 6 : 4, "tunnel of %s %s, trying on", id.c_str(), how);
+    RELAY_LOG(upkeep.troubled ? log::Info : log::Warning, "tunnel of %s %s, trying on", id.c_str(),
+              how);
     upkeep.troubled = true;
 }
 
@@ -312,7 +316,7 @@ void TunnelKeeper::DropWithdrawn(const std::list<ServiceConf>& services, Time no
         if (service != services.end() && service->port == tunnel.GetServiceConf().port) {
             return false;
         }
-        RELAY_LOG(6, "closing the tunnel of %s: not published any more", id.c_str());
+        RELAY_LOG(log::Info, "closing the tunnel of %s: not published any more", id.c_str());
         tunnel.Destroy();
         return true;
     });
@@ -324,7 +328,7 @@ void TunnelKeeper::DropLostAddresses(Time now) {
     for (Tunnel& tunnel : tunnels_) {
         const pid_t pid = PidOf(tunnel);
         if (pid > 0 && lost.Has(pid)) {
-            RELAY_LOG(5, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
+            RELAY_LOG(log::Notice, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
             tunnel.Destroy();
         }
     }

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-namespace ZARO::Relay::services {
+namespace ZARO::services {
 
 /// A service that the firewall's definitions have under another name.
 struct Renamed {
@@ -44,4 +44,4 @@ inline std::int32_t LocalPort(const std::string& id, std::int32_t port) {
     return id == "syncbay" ? 6691 : port;
 }
 
-} // namespace ZARO::Relay::services
+} // namespace ZARO::services
