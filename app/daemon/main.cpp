@@ -1,5 +1,4 @@
 // zarorelayd: keeps the services of this device reachable from the internet.
-#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -34,6 +33,7 @@
 #include "base/log.h"
 #include "base/own_lock.h"
 #include "base/paths.h"
+#include "base/standard_descriptors.h"
 
 namespace {
 
@@ -57,18 +57,6 @@ int TellConfigFaults(const std::string& file) {
         std::cout << path << ": good" << std::endl;
     }
     return faults.empty() ? 0 : kUsage;
-}
-
-/// A process started without standard descriptors must not get a socket in their place, which log
-/// lines would then be written into.
-void FillStandardDescriptors() {
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
 }
 
 /// Sets up the process: what the kernel shall do for it, and what it must not leave behind.
@@ -142,7 +130,7 @@ int RunDaemon(bool foreground) {
 } // namespace
 
 int main(int argc, char** argv) {
-    FillStandardDescriptors();
+    ZARO::FillStandardDescriptors();
     try {
         app::Options options;
         const int code = app::ReadOptions(argc, argv, options);
