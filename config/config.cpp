@@ -1,7 +1,7 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
-// The check of a firewall definition's name holds in every build.
+// The assertion in this file stays on in every build.
 #undef NDEBUG
 #include <cassert>
 
@@ -13,8 +13,8 @@
 
 #include "base/json.h"
 #include "base/log.h"
-#include "platform/include/zaro/platform.h"
 #include "base/services.h"
+#include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
 
@@ -117,7 +117,7 @@ std::string ServerConf::GetUrl(const char* path) const {
     if (!IsValid()) {
         return "";
     }
-    // The port is written out even where it is the scheme's own.
+    // The port is written out even where it is the scheme's default.
     return protocol + "://" + (host.empty() ? ip : host) + ":" + std::to_string(port) + "/" +
            (path != nullptr ? path : page);
 }
@@ -178,7 +178,8 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     id = serviceId;
     ZARO_FW_SERVICE_LIST* found = nullptr;
     const int count = ZAROFwServiceEnum(&found);
-    const ServiceList list(count >= 0 ? found : nullptr); // a failure hands nothing over
+    const ServiceList list(count >= 0 ? found
+                                      : nullptr); // after a failure there is nothing to free
     if (count <= 0) {
         RELAY_LOG(log::Error, "enum fw service failed [0x%04X]", TLIBCErrGet());
         return false;
@@ -197,7 +198,7 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     } else if (pService->szTitle[0] != '\0') {
         name = pService->szTitle;
     }
-    // A service with several ports has no one port to publish; its JSON may name one.
+    // With several ports the configuration has to say which one to publish.
     if (pService->pPorts != nullptr && pService->pPorts->nItem == 1) {
         if (const char* only = TLIBCSzListGet(pService->pPorts, 0)) {
             port = ToPort(only);

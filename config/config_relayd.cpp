@@ -117,7 +117,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
     json::Object(v);
     control.Write(v["server_control"], full);
     waitcmd.Write(v["server_waitcmd"], full);
-    alias.Write(v["server_alias"], true); // compact, which is that record's own reading of the flag
+    alias.Write(v["server_alias"], true); // compact: this record's flag means that
     if (!serverID.empty()) {
         v["serverID"] = serverID;
     }
@@ -140,7 +140,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
 
 bool RelaydConf::ReadConfigFile(const std::string& file) {
     Json::Value v;
-    if (!ReadJsonFile(file, v)) { // never, as it is now; whoever changes that finds it handled
+    if (!ReadJsonFile(file, v)) { // it never fails now; handled in case it ever does
         RELAY_LOG(log::Error, "invalid config: %s", file.c_str());
         return false;
     }
@@ -192,8 +192,8 @@ bool RelaydConf::Reload() {
         RELAY_LOG(log::Error, "reload config failed");
         return false;
     }
-    // What the running daemon got from the platform and from the control server stays; sync does
-    // not, and so is off after every reload.
+    // Keeps what the running daemon got from the platform and the control server. sync is not
+    // kept, so every reload turns it off.
     fresh.auth = auth;
     fresh.debug = debug;
     fresh.waitcmd = waitcmd;
@@ -209,8 +209,7 @@ bool RelaydConf::Reload() {
 bool RelaydConf::AddServiceById(const std::string& id) {
     const ServiceConf service(id.c_str());
     if (!service.IsValid()) {
-        RELAY_LOG(log::Error, "invalid service config: %d",
-                  0); // the text asks for an index; there is none
+        RELAY_LOG(log::Error, "invalid service config: %d", 0); // an index, which is missing here
         return false;
     }
     if (GetServiceById(service.id) == services.end()) {
@@ -265,7 +264,7 @@ bool RelaydConf::WriteAliasName(const std::string& file, const std::string& alia
 bool RelaydConf::WriteJsonFileWithNotification(const std::string& file, const Json::Value& value) {
     const bool written = WriteJsonFile(file, value);
     if (written && serverIdCleared) {
-        // That the notifier failed changes nothing: one notification, sent or lost, a clearing.
+        // One attempt per dropped id, whether or not the notifier succeeds.
         (void)TLIBCExec(paths::NotifyProgram().c_str(), "@administrators",
                         "relayservice:relayservice_serverid_change_title",
                         "relayservice:relayservice_serverid_change_msg", nullptr);

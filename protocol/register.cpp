@@ -194,7 +194,8 @@ bool Register::ParseRegisterResponse(RelaydConf& conf, const Json::Value&,
     RELAY_LOG(log::Debug, "register success");
     registered_ = true;
     if (json::Get(reply, "serverID", conf.serverID)) {
-        (void)conf.WriteServerId(""); // logged; the id holds for this run and comes with the next
+        (void)conf.WriteServerId(
+            ""); // logged; the id holds for this run, and the next gets it again
     }
     const Json::Value* waitcmd = json::Find(reply, "server_wait_cmd");
     if (waitcmd != nullptr && waitcmd->isObject()) {

@@ -14,7 +14,7 @@ namespace ZARO::Relay::ssh {
 
 namespace {
 
-/// Ours are close-on-exec anyway, and the process's limit may be millions.
+/// Where the loop stops: the process's limit may be millions, and ours are close-on-exec anyway.
 constexpr int kMostDescriptors = 4096;
 
 /// Keeps every descriptor but the standard ones from the program that is about to be executed;
@@ -28,8 +28,8 @@ void KeepDescriptors() {
     }
 }
 
-/// A path inside the double quotes of a shell command, as a pattern for grep. Paths without
-/// characters that either gives a meaning come out as they are; "." does, and only matches more.
+/// Escapes a path for grep's pattern inside the double quotes of a shell command. "." stays as it
+/// is: it only matches more.
 std::string AsQuotedPattern(const std::string& path) {
     std::string quoted;
     for (const char c : path) {
