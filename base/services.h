@@ -1,7 +1,6 @@
-/// What the device's parts know about single services, each fact once.
+/// The names that services have in different parts of the device.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 namespace ZARO::services {
@@ -36,12 +35,6 @@ inline std::string IdOf(const std::string& definition) {
         }
     }
     return definition;
-}
-
-/// The port that a tunnel for the service leads to: its own, but for one service that has a fixed
-/// one.
-inline std::int32_t LocalPort(const std::string& id, std::int32_t port) {
-    return id == "syncbay" ? 6691 : port;
 }
 
 } // namespace ZARO::services

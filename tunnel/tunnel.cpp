@@ -17,13 +17,16 @@
 #include "base/log.h"
 #include "base/replace_file.h"
 #include "base/paths.h"
-#include "base/services.h"
 #include "base/unique_fd.h"
 #include "tunnel/ssh_command.h"
 
 namespace ZARO::Relay {
 
 namespace {
+
+/// The one service whose local port is fixed.
+constexpr const char* kFixedPortService = "syncbay";
+constexpr int kFixedPort = 6691;
 
 /// Carries the errno of a failed exec from the forked child to its parent, in shared memory: a log
 /// line in the child could wait for ever for a lock that another thread held at the fork.
@@ -72,6 +75,10 @@ bool WaitForLogin(pid_t child, const ChildsError& error) {
         return false;
     }
     return true;
+}
+
+int LocalPort(const ServiceConf& service) {
+    return service.id == kFixedPortService ? kFixedPort : service.port;
 }
 
 void LogClient(const ssh::Client& client) {
@@ -227,8 +234,7 @@ bool Tunnel::Create() {
     }
     // Everything that allocates comes before the password file, which must not outlive this call;
     // everything that locks comes before the fork.
-    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_,
-                                        services::LocalPort(service_.id, service_.port)});
+    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
     const std::string search = ssh::PidSearch(passFile);
     ChildsError error;
     if (!WritePassFile(passFile)) {
@@ -288,8 +294,7 @@ bool Tunnel::RunSSHTunnel(const char* passFile) const {
     if (passFile == nullptr) {
         return false;
     }
-    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_,
-                                        services::LocalPort(service_.id, service_.port)});
+    const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
     LogClient(client);
     client.Execute();
     RELAY_LOG(log::Error, "execl SSH failed, %s", strerror(errno));

@@ -8,7 +8,6 @@
 #include <cstdint>
 
 #include "app/common/checks.h"
-#include "base/services.h"
 #include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
@@ -41,7 +40,7 @@ Reachable ProbeAddress(int family, const sockaddr* address, socklen_t length) {
 } // namespace
 
 int LocalPort(const ServiceConf& service) {
-    return services::LocalPort(service.id, service.port);
+    return service.id == "syncbay" ? 6691 : service.port;
 }
 
 Reachable ProbeLocalPort(int port) {

@@ -11,7 +11,7 @@ Reachable ProbeLocalPort(int port);
 /// "reachable", "refused" or "unknown", as the status file and the command line show it.
 const char* ReachabilityWord(Reachable reachable);
 
-/// The port that a service's tunnel leads to.
+/// The port that a service's tunnel leads to: one service has a fixed one.
 int LocalPort(const ServiceConf& service);
 
 } // namespace ZARO::Relay::app
