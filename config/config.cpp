@@ -13,7 +13,7 @@
 
 #include "base/json.h"
 #include "base/log.h"
-#include "base/services.h"
+#include "base/service_names.h"
 #include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {

@@ -15,7 +15,7 @@
 #include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/paths.h"
-#include "base/services.h"
+#include "base/service_names.h"
 
 namespace ZARO::Relay::ctl {
 
