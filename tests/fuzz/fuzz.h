@@ -12,8 +12,10 @@
 
 #include "app/common/checks.h"
 #include "app/daemon/exchange.h"
+#include "app/daemon/server_reply.h"
 #include "tests/support/temp_root.h"
 
+using namespace ZARO;
 using namespace ZARO::Relay;
 
 /// The target, and the device that it runs on.
