@@ -37,14 +37,6 @@ void ReadServices(const Json::Value& list, std::list<ServiceConf>& services) {
     }
 }
 
-bool HaveSameSettings(const AliasConf& a, const AliasConf& b) {
-    Json::Value settingsOfA;
-    Json::Value settingsOfB;
-    a.Write(settingsOfA, AliasConf::kEverySetting);
-    b.Write(settingsOfB, AliasConf::kEverySetting);
-    return settingsOfA == settingsOfB;
-}
-
 } // namespace
 
 RelaydConf::RelaydConf(const char* file)
@@ -192,16 +184,9 @@ bool RelaydConf::Reload() {
         RELAY_LOG(log::Error, "reload config failed");
         return false;
     }
-    // Keeps what the running daemon got from the platform and the control server. sync is not
-    // kept, so every reload turns it off.
-    fresh.auth = auth;
-    fresh.debug = debug;
-    fresh.waitcmd = waitcmd;
+    fresh.TakeOver(*this);
     fresh.network.ReadConf();
     fresh.network.mode = network.mode;
-    if (alias.IsChanged() || !HaveSameSettings(alias, fresh.alias)) {
-        fresh.alias.MarkChanged();
-    }
     *this = fresh;
     return true;
 }

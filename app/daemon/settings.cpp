@@ -4,18 +4,6 @@
 
 namespace ZARO::Relay::app {
 
-namespace {
-
-bool HaveSameSettings(const AliasConf& one, const AliasConf& other) {
-    Json::Value settings;
-    Json::Value others;
-    (void)one.Write(settings, AliasConf::kEverySetting); // both always succeed
-    (void)other.Write(others, AliasConf::kEverySetting);
-    return settings == others;
-}
-
-} // namespace
-
 RelaydConf SettingsFrom(const Json::Value& document) {
     // For an empty name the library looks at no file and logs that there is none.
     RelaydConf conf(document.isNull() ? "" : nullptr);
@@ -26,14 +14,11 @@ RelaydConf SettingsFrom(const Json::Value& document) {
 
 RelaydConf SettingsAfter(const RelaydConf& current, const Json::Value& document) {
     RelaydConf fresh = SettingsFrom(document);
-    fresh.auth = current.auth;
+    const ServerConf named = fresh.waitcmd;
+    fresh.TakeOver(current);
     fresh.network = current.network;
-    fresh.debug = current.debug;
-    if (fresh.control == current.control) {
-        fresh.waitcmd = current.waitcmd;
-    }
-    if (current.alias.IsChanged() || !HaveSameSettings(current.alias, fresh.alias)) {
-        fresh.alias.MarkChanged();
+    if (fresh.control != current.control) {
+        fresh.waitcmd = named;
     }
     return fresh;
 }

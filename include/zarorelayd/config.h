@@ -235,6 +235,18 @@ public:
     /// that IsValid refuses.
     bool Reload();
 
+    /// For a record that takes the place of a running daemon's: takes over credentials, debug flag
+    /// and wait-command server, and raises the alias settings' changed flag when they differ or
+    /// that daemon has not acted on a change yet.
+    void TakeOver(const RelaydConf& running) {
+        auth = running.auth;
+        debug = running.debug;
+        waitcmd = running.waitcmd;
+        if (running.alias.IsChanged() || !alias.HasSameSettings(running.alias)) {
+            alias.MarkChanged();
+        }
+    }
+
     /// Adds a service that the platform knows. True also when it is in the list already; false,
     /// logged, when the platform has no usable definition.
     bool AddServiceById(const std::string& id);

@@ -42,6 +42,12 @@ public:
     /// For whoever finds a change, as RelaydConf::Reload does: raises the flag until CommitChange.
     void MarkChanged();
 
+    /// Whether alias, URL and interval are the same.
+    bool HasSameSettings(const AliasConf& other) const {
+        return alias_name == other.alias_name && url == other.url &&
+               poll_seconds == other.poll_seconds;
+    }
+
     /// Whether an alias is set.
     bool IsAliasEnabled() const;
 
