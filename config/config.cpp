@@ -13,6 +13,7 @@
 
 #include "base/json.h"
 #include "base/log.h"
+#include "base/service_names.h"
 #include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
@@ -35,22 +36,6 @@ std::int32_t ToPort(const char* text) {
                : -1;
 }
 
-/// Four of our services have other names in the firewall.
-std::string FirewallName(const std::string& id) {
-    static constexpr std::pair<const char*, const char*> kNames[] = {
-        {"gallery_http", "http"},
-        {"gallery_https", "https"},
-        {"music_http", "panel"},
-        {"music_https", "panel_https"},
-    };
-    for (const auto& [ours, firewalls] : kNames) {
-        if (id == ours) {
-            return firewalls;
-        }
-    }
-    return id;
-}
-
 /// The port that the router forwards to a service; -1 when it forwards none.
 std::int32_t RouterPort(const char* service) {
     const char* file = TLIBServiceRouterBasepathGet();
@@ -71,7 +56,7 @@ std::int32_t RouterPort(const char* service) {
 
 std::ostream& operator<<(std::ostream& out, const Config& config) {
     Json::Value value;
-    config.Write(value, true);
+    config.Write(value, kFullForm);
     return out << json::OneLine(value);
 }
 
@@ -199,7 +184,8 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
         RELAY_LOG(log::Error, "enum fw service failed [0x%04X]", TLIBCErrGet());
         return false;
     }
-    const ZARO_FW_SERVICE* pService = ZAROFWServiceFind(list.get(), FirewallName(id).c_str());
+    const ZARO_FW_SERVICE* pService =
+        ZAROFWServiceFind(list.get(), services::DefinitionOf(id).c_str());
     if (pService == nullptr) {
         return false;
     }

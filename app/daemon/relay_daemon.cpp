@@ -18,9 +18,9 @@
 #include "app/common/config_check.h"
 #include "app/daemon/log_target.h"
 #include "app/daemon/secrets.h"
+#include "app/daemon/settings.h"
 #include "base/log.h"
 #include "base/paths.h"
-#include "base/text.h"
 
 namespace ZARO::Relay::app {
 
@@ -30,18 +30,6 @@ namespace {
 constexpr milliseconds kNetworkSettles{200};
 constexpr seconds kProbeEvery{60};
 constexpr milliseconds kStopPatience{700};
-
-const char* ReachableText(Reachable reachable) {
-    switch (reachable) {
-    case Reachable::Yes:
-        return "reachable";
-    case Reachable::Refuses:
-        return "refused";
-    case Reachable::Unknown:
-        break;
-    }
-    return "unknown";
-}
 
 } // namespace
 
@@ -210,31 +198,23 @@ void RelayDaemon::ReloadByUser() {
 bool RelayDaemon::Reload() {
     // For the library a broken or missing file means the defaults, without services; a typo, or an
     // editor that is just replacing the file, must not end every tunnel.
-    bool unusable = false;
-    const std::string path = paths::ConfigFile();
-    const auto faults = CheckReload(path, !hasFile_, unusable);
-    for (const std::string& fault : faults) {
-        RELAY_LOG(unusable ? log::Error : log::Warning, "%s", fault.c_str());
+    const CheckedConfig checked = CheckReload(paths::ConfigFile(), !hasFile_);
+    for (const std::string& fault : checked.faults) {
+        RELAY_LOG(checked.unusable ? log::Error : log::Warning, "%s", fault.c_str());
     }
     const bool wasEnabled = conf_.enable;
-    const NetworkConf network = conf_.network;
-    const ServerConf control = conf_.control;
-    const std::string id = conf_.serverID;
-    if (unusable || !conf_.Reload()) {
+    if (checked.unusable) {
         conf_.enable = conf_.GetEnableConf(); // it is in another file; all else stays as it was
         SwitchedFrom(wasEnabled);
         return false;
     }
-    hasFile_ = access(path.c_str(), F_OK) == 0;
-    if (conf_.control != control) { // the former one's wait-command server knows nothing of us
-        conf_.waitcmd = RelaydConf(path.c_str()).waitcmd;
-    }
+    const std::string id = conf_.serverID;
+    conf_ = SettingsAfter(conf_, checked.document);
+    hasFile_ = !checked.document.isNull();
     if (conf_.serverID != id) { // an older copy of the file: the server knows the right one
         exchange_.RegisterAnew();
     }
-    // The reload has looked at the network as well; a change is dealt with where all changes are.
-    conf_.network = network;
-    networkCheck_ = Clock::now();
+    networkCheck_ = Clock::now(); // a change is dealt with where all changes are
     ApplyLogSettings(conf_);
     RELAY_LOG(log::Info, "configuration reloaded");
     keeper_.DropWithdrawn(conf_.services, Clock::now());
@@ -292,7 +272,7 @@ void RelayDaemon::ProbeServices(Time now) {
             if (before != probe.reachable &&
                 (before == Reachable::Refuses || probe.reachable == Reachable::Refuses)) {
                 RELAY_LOG(log::Warning, "service %s, port %d: %s", Printable(service.id).c_str(),
-                          port, ReachableText(probe.reachable));
+                          port, ReachabilityWord(probe.reachable));
             }
         }
     }
@@ -338,7 +318,7 @@ Json::Value RelayDaemon::ServiceStatus() const {
         entry["tunnel"] = keeper_.Describe(service.id);
         const auto probe = probes_.find(service.id);
         entry["local"] =
-            ReachableText(probe != probes_.end() ? probe->second.reachable : Reachable::Unknown);
+            ReachabilityWord(probe != probes_.end() ? probe->second.reachable : Reachable::Unknown);
     }
     return list;
 }
@@ -364,8 +344,8 @@ void RelayDaemon::WriteStatus() {
 
 Json::Value RelayDaemon::Dump() const {
     Json::Value dump;
-    conf_.Write(dump["config"], true);
-    conf_.auth.Write(dump["config"]["auth"], false);
+    conf_.Write(dump["config"], kFullForm);
+    conf_.auth.Write(dump["config"]["auth"], AuthConf::kWithoutToken);
     queue_.Write(dump["queue"]);
     dump["tunnels"] = keeper_.Dump();
     dump["exchange"] = exchange_.Dump();

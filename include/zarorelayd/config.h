@@ -166,6 +166,10 @@ public:
     bool Overwrite(const Json::Value& v) override;
     /// Whether serial, MAC and token are set.
     bool IsValid() const override;
+    /// The forms of Write.
+    static constexpr bool kWithoutToken = false;
+    static constexpr bool kWithToken = true;
+
     /// Includes the token only on request.
     bool Write(Json::Value& out, bool withToken) const override;
     virtual ~AuthConf();
@@ -230,6 +234,18 @@ public:
     /// which means the defaults, without services. False, logged and nothing changed, for settings
     /// that IsValid refuses.
     bool Reload();
+
+    /// For a record that takes the place of a running daemon's: takes over credentials, debug flag
+    /// and wait-command server, and raises the alias settings' changed flag when they differ or
+    /// that daemon has not acted on a change yet.
+    void TakeOver(const RelaydConf& running) {
+        auth = running.auth;
+        debug = running.debug;
+        waitcmd = running.waitcmd;
+        if (running.alias.IsChanged() || !alias.HasSameSettings(running.alias)) {
+            alias.MarkChanged();
+        }
+    }
 
     /// Adds a service that the platform knows. True also when it is in the list already; false,
     /// logged, when the platform has no usable definition.

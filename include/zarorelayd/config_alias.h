@@ -25,6 +25,10 @@ public:
     /// feature off.
     bool IsValid() const override;
 
+    /// The forms of Write.
+    static constexpr bool kEverySetting = false;
+    static constexpr bool kCompact = true;
+
     /// "alias" always; "url" and "poll_seconds" always, or with `compact` only where they differ
     /// from the defaults. True.
     bool Write(Json::Value& out, bool compact) const override;
@@ -37,6 +41,12 @@ public:
     void CommitChange();
     /// For whoever finds a change, as RelaydConf::Reload does: raises the flag until CommitChange.
     void MarkChanged();
+
+    /// Whether alias, URL and interval are the same.
+    bool HasSameSettings(const AliasConf& other) const {
+        return alias_name == other.alias_name && url == other.url &&
+               poll_seconds == other.poll_seconds;
+    }
 
     /// Whether an alias is set.
     bool IsAliasEnabled() const;

@@ -16,10 +16,9 @@ static std::string Again(const std::string& text, bool full) {
 
 void Fuzz(const std::string& input) {
     RelaydConf conf(nullptr);
-    bool unusable = false;
     gDevice.Write("/usr/zaro/etc/zarorelayd.conf", input);
-    const auto faults = app::CheckConfigFile(paths::ConfigFile(), false, unusable);
-    assert(conf.Reload() || (unusable && !faults.empty()));
+    const auto checked = app::CheckConfigFile(paths::ConfigFile(), false);
+    assert(conf.Reload() || (checked.unusable && !checked.faults.empty()));
     conf.serverIdCleared = false; // the notification would start a process
     assert(conf.WriteConfigFile(paths::ConfigFile()) && conf.ReadConfigFile(paths::ConfigFile()));
     // The first write drops what a record does not keep; after that nothing changes.

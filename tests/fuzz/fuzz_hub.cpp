@@ -4,6 +4,7 @@
 
 #include "hub/alias.h"
 #include "hub/control.h"
+#include "hub/http_form.h"
 
 using namespace ZARO::RelayHub;
 
@@ -11,7 +12,7 @@ void Fuzz(const std::string& input) {
     Store store;
     std::string line, session = CookieValue(input, "session");
     // An empty file appears in the current folder, even for a database in memory.
-    assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, &line));
+    assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, line));
     Waiters waiters(store, std::chrono::milliseconds(0));
     const auto isUp = [](int) { return true; };
     Control control(store, waiters, {isUp, [](const auto&) {}}, "");
@@ -22,7 +23,7 @@ void Fuzz(const std::string& input) {
     while (std::getline(lines, line)) {
         assert(alias.Update(line) != "911" && alias.Query(line, origin) != "911");
         Json::Value replies, tunnel;
-        bool isTaken = json::Parse(control.Answer(line, origin, &session), replies);
+        bool isTaken = json::Parse(control.Answer(line, origin, session), replies);
         assert(isTaken && app::CleanBatchReply(replies, isTaken) && isTaken);
         for (const Json::Value& reply : replies) {
             assert(reply["errno"] == 0 || (reply.size() == 1 && reply["errno"] != 1));

@@ -1,6 +1,6 @@
 /// Replies to registration batches, one per line, while the device's settings change in between.
-#include "base/text.h"
 #include "base/json.h"
+#include "base/text.h"
 #include "tests/fuzz/fuzz.h"
 
 void Fuzz(const std::string& input) {

@@ -1,7 +1,7 @@
 /// A tunnel object: nothing in it breaks out of the quotes in the shell command, moves a file to
 /// another folder or, once checked, looks like an option.
-#include "base/paths.h"
 #include "base/json.h"
+#include "base/paths.h"
 #include "tests/fuzz/fuzz.h"
 
 #include "tunnel/ssh_command.h"
