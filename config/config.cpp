@@ -56,7 +56,7 @@ std::int32_t RouterPort(const char* service) {
 
 std::ostream& operator<<(std::ostream& out, const Config& config) {
     Json::Value value;
-    config.Write(value, true);
+    config.Write(value, kFullForm);
     return out << json::OneLine(value);
 }
 

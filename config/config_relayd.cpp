@@ -40,8 +40,8 @@ void ReadServices(const Json::Value& list, std::list<ServiceConf>& services) {
 bool HaveSameSettings(const AliasConf& a, const AliasConf& b) {
     Json::Value settingsOfA;
     Json::Value settingsOfB;
-    a.Write(settingsOfA, false);
-    b.Write(settingsOfB, false);
+    a.Write(settingsOfA, AliasConf::kEverySetting);
+    b.Write(settingsOfB, AliasConf::kEverySetting);
     return settingsOfA == settingsOfB;
 }
 
@@ -117,7 +117,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
     json::Object(v);
     control.Write(v["server_control"], full);
     waitcmd.Write(v["server_waitcmd"], full);
-    alias.Write(v["server_alias"], true); // compact: this record's flag means that
+    alias.Write(v["server_alias"], AliasConf::kCompact);
     if (!serverID.empty()) {
         v["serverID"] = serverID;
     }
@@ -133,7 +133,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
         v["mode"] = sync ? "sync" : "async";
         v["debug"] = debug;
         v["pid"] = getpid();
-        network.Write(v["network"], true);
+        network.Write(v["network"], kFullForm);
     }
     return true;
 }
@@ -171,7 +171,7 @@ bool RelaydConf::WriteConfigFile(const std::string& file) {
         return false;
     }
     Json::Value fresh;
-    Write(fresh, false);
+    Write(fresh, kFileForm);
     // These stay in the file only where somebody put them; defaults are never written out.
     for (const char* key : {"log_level", "log_file", "server_control", "server_waitcmd"}) {
         if (json::Find(old, key) == nullptr) {
@@ -257,7 +257,7 @@ bool RelaydConf::WriteAliasName(const std::string& file, const std::string& alia
         return false;
     }
     alias.SetAliasName(aliasName);
-    alias.Write(json::Object(v)["server_alias"], true);
+    alias.Write(json::Object(v)["server_alias"], AliasConf::kCompact);
     return WriteJsonFileWithNotification(target, v);
 }
 
@@ -292,11 +292,11 @@ bool RelaydConf::GetEnableConf() const {
 }
 
 void RelaydConf::DumpDataForAliasReq(Json::Value& v) {
-    alias.Write(v, false);
+    alias.Write(v, AliasConf::kEverySetting);
     if (auth.serial.empty() || auth.token.empty()) {
         (void)auth.ReadConf(); // logged; a request without credentials is refused later
     }
-    auth.Write(v, true);
+    auth.Write(v, AuthConf::kWithToken);
     v["id"] = serverID;
 }
 

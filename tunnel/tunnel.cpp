@@ -119,7 +119,7 @@ bool Tunnel::IsValid() const {
 }
 
 bool Tunnel::Write(Json::Value& out, bool full) const {
-    if (!service_.Write(out, true)) {
+    if (!service_.Write(out, kFullForm)) {
         return false;
     }
     out["relay_ip"] = relay_ip_;

@@ -166,6 +166,10 @@ public:
     bool Overwrite(const Json::Value& v) override;
     /// Whether serial, MAC and token are set.
     bool IsValid() const override;
+    /// The forms of Write.
+    static constexpr bool kWithoutToken = false;
+    static constexpr bool kWithToken = true;
+
     /// Includes the token only on request.
     bool Write(Json::Value& out, bool withToken) const override;
     virtual ~AuthConf();

@@ -25,6 +25,10 @@ public:
     /// feature off.
     bool IsValid() const override;
 
+    /// The forms of Write.
+    static constexpr bool kEverySetting = false;
+    static constexpr bool kCompact = true;
+
     /// "alias" always; "url" and "poll_seconds" always, or with `compact` only where they differ
     /// from the defaults. True.
     bool Write(Json::Value& out, bool compact) const override;

@@ -9,6 +9,11 @@
 
 namespace ZARO::Relay {
 
+/// The forms that a record is written in, for the flag of Config::Write. A record whose flag means
+/// something else names its own.
+constexpr bool kFileForm = false; ///< what the configuration file keeps
+constexpr bool kFullForm = true;  ///< every field
+
 /// Base of every record that is filled from JSON, checked and written back. It has no virtual
 /// destructor: a record is deleted only through its own type.
 class ZARORELAYD_API Config {

@@ -1,5 +1,5 @@
-/// What the fuzz targets share. A target asserts what must hold whatever it is given; an exception
-/// that leaves it is a finding too. libFuzzer's option -close_fd_mask=3 keeps the terminal quiet.
+/// What the fuzz targets share. A target asserts what must hold for every input; an exception that
+/// escapes is a finding too. libFuzzer's option -close_fd_mask=3 keeps the terminal quiet.
 #pragma once
 
 #include <syslog.h>
