@@ -63,4 +63,16 @@ Reachable ProbeLocalPort(int port) {
     return overV6 == Reachable::Yes ? overV6 : overV4;
 }
 
+const char* ReachabilityWord(Reachable reachable) {
+    switch (reachable) {
+    case Reachable::Yes:
+        return "reachable";
+    case Reachable::Refuses:
+        return "refused";
+    case Reachable::Unknown:
+        break;
+    }
+    return "unknown";
+}
+
 } // namespace ZARO::Relay::app

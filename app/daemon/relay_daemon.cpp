@@ -30,18 +30,6 @@ constexpr milliseconds kNetworkSettles{200};
 constexpr seconds kProbeEvery{60};
 constexpr milliseconds kStopPatience{700};
 
-const char* ReachableText(Reachable reachable) {
-    switch (reachable) {
-    case Reachable::Yes:
-        return "reachable";
-    case Reachable::Refuses:
-        return "refused";
-    case Reachable::Unknown:
-        break;
-    }
-    return "unknown";
-}
-
 } // namespace
 
 RelayDaemon::RelayDaemon(const RelaydConf& conf)
@@ -291,7 +279,7 @@ void RelayDaemon::ProbeServices(Time now) {
             if (before != probe.reachable &&
                 (before == Reachable::Refuses || probe.reachable == Reachable::Refuses)) {
                 RELAY_LOG(4, "service %s, port %d: %s", Printable(service.id).c_str(), port,
-                          ReachableText(probe.reachable));
+                          ReachabilityWord(probe.reachable));
             }
         }
     }
@@ -337,7 +325,7 @@ Json::Value RelayDaemon::ServiceStatus() const {
         entry["tunnel"] = keeper_.Describe(service.id);
         const auto probe = probes_.find(service.id);
         entry["local"] =
-            ReachableText(probe != probes_.end() ? probe->second.reachable : Reachable::Unknown);
+            ReachabilityWord(probe != probes_.end() ? probe->second.reachable : Reachable::Unknown);
     }
     return list;
 }
