@@ -23,10 +23,6 @@ namespace ZARO::Relay {
 
 namespace {
 
-/// The one service whose local port is fixed.
-constexpr const char* kFixedPortService = "syncbay";
-constexpr int kFixedPort = 6691;
-
 /// The number of the error for which a forked child could not become the client, told to its
 /// parent. It lies in memory that both share: a log line in the child could wait for ever for a
 /// lock that another thread held at the fork.
@@ -75,10 +71,6 @@ bool WaitForLogin(pid_t child, const ChildsError& error) {
         return false;
     }
     return true;
-}
-
-int LocalPort(const ServiceConf& service) {
-    return service.id == kFixedPortService ? kFixedPort : service.port;
 }
 
 void LogClient(const ssh::Client& client) {

@@ -1,7 +1,7 @@
 /// The services of this device, as a tunnel reaches them.
 #pragma once
 
-#include <zarorelayd/config.h>
+#include <zarorelayd/tunnel.h>
 
 namespace ZARO::Relay::app {
 
@@ -11,7 +11,6 @@ Reachable ProbeLocalPort(int port);
 /// "reachable", "refused" or "unknown", as the status file and the command line show it.
 const char* ReachabilityWord(Reachable reachable);
 
-/// The port that a service's tunnel leads to: one service has a fixed one.
-int LocalPort(const ServiceConf& service);
+using Relay::LocalPort;
 
 } // namespace ZARO::Relay::app

@@ -33,26 +33,7 @@ constexpr Json::ArrayIndex kMostTunnels = 256;
 /// How many refusals of one reply are logged.
 constexpr std::size_t kMostRefusals = 5;
 
-std::string RelayOf(const Tunnel& tunnel) {
-    Json::Value settings;
-    tunnel.Write(settings, false);
-    return settings["relay_ip"].asString();
-}
-
-/// Makes a tunnel one that was never started; the process it knew is not its own.
-void ForgetProcess(Tunnel& tunnel) {
-    Json::Value settings;
-    tunnel.Write(settings, true);
-    tunnel = Tunnel(settings);
-}
-
 } // namespace
-
-pid_t PidOf(const Tunnel& tunnel) {
-    Json::Value all;
-    tunnel.Write(all, true);
-    return all["pid"].asInt();
-}
 
 std::map<std::string, Json::Value>
 TunnelKeeper::TakeAssigned(const Json::Value& assigned, const std::list<ServiceConf>& services) {
@@ -196,7 +177,7 @@ void TunnelKeeper::EndDropped(Time now) {
     std::set<pid_t> owned;
     std::set<std::string> ids;
     for (const Tunnel& tunnel : tunnels_) {
-        owned.insert(PidOf(tunnel));
+        owned.insert(tunnel.GetPid());
         ids.insert(tunnel.GetServiceId());
     }
     children_.EndUnowned(owned, now);
@@ -243,13 +224,13 @@ bool TunnelKeeper::LogIn(Tunnel& tunnel) {
     }
     // The search for the process also finds that of a service whose id only begins with this one's.
     const std::string ending = std::to_string(daemon) + "." + tunnel.GetServiceId();
-    if (good && ServesPasswordFile(PidOf(tunnel), ending) && children_.Add(PidOf(tunnel))) {
+    if (good && ServesPasswordFile(tunnel.GetPid(), ending) && children_.Add(tunnel.GetPid())) {
         return true;
     }
     // The process that could not be found may run all the same; it must not hold the port.
     EndStrays([&](const std::string& file) { return file == ending; });
     if (good) {
-        ForgetProcess(tunnel);
+        tunnel.ForgetProcess();
     }
     return false;
 }
@@ -263,10 +244,9 @@ void TunnelKeeper::Troubled(Upkeep& upkeep, const std::string& id, const char* h
 /// holds the loop for a whole log-in, so they wait as well instead of trying one after the other;
 /// and one that has come back has come back for all of them.
 std::vector<Pace*> TunnelKeeper::OthersWithoutRelay(const Tunnel& tunnel) {
-    const std::string host = RelayOf(tunnel);
     std::vector<Pace*> others;
     for (const Tunnel& other : tunnels_) {
-        if (&other == &tunnel || RelayOf(other) != host) {
+        if (&other == &tunnel || other.GetRelayHost() != tunnel.GetRelayHost()) {
             continue;
         }
         if (other.GetStatus() == TUNNEL_STATUS_READY) {
@@ -322,7 +302,7 @@ void TunnelKeeper::DropWithdrawn(const std::list<ServiceConf>& services, Time no
 void TunnelKeeper::DropLostAddresses(Time now) {
     const LostSockets lost;
     for (Tunnel& tunnel : tunnels_) {
-        const pid_t pid = PidOf(tunnel);
+        const pid_t pid = tunnel.GetPid();
         if (pid > 0 && lost.Has(pid)) {
             RELAY_LOG(5, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
             tunnel.Destroy();
@@ -357,12 +337,10 @@ Json::Value TunnelKeeper::Describe(const std::string& id) const {
     if (tunnel == nullptr || upkeep == upkeep_.end()) {
         return Json::Value();
     }
-    Json::Value short_form;
-    tunnel->Write(short_form, false);
     Json::Value description;
     description["status"] = Tunnel::GetStatusStr(tunnel->GetStatus());
-    description["relay_ip"] = short_form["relay_ip"];
-    description["relay_port"] = short_form["relay_port"];
+    description["relay_ip"] = tunnel->GetRelayHost();
+    description["relay_port"] = tunnel->GetRelayPort();
     description["since"] = static_cast<Json::Int64>(upkeep->second.since.Seconds());
     description["restarts"] = std::max(0, upkeep->second.starts - 1);
     return description;

@@ -103,7 +103,4 @@ private:
     std::set<std::string> refused_; ///< what the last reply was refused for, to log it once
 };
 
-/// The ssh process of a tunnel, -1 when none is known.
-pid_t PidOf(const Tunnel& tunnel);
-
 } // namespace ZARO::Relay::app

@@ -20,6 +20,12 @@ enum TUNNEL_STATUS : int {
     TUNNEL_STATUS_INVALID_CONF = 4, ///< for users of the class; it never sets this itself
 };
 
+/// The port of this machine that a service's tunnel leads to: the service's own, which is -1 while
+/// it is unknown, except for the one service whose port is fixed.
+inline int LocalPort(const ServiceConf& service) {
+    return service.id == "syncbay" ? 6691 : service.port;
+}
+
 /// An SSH reverse tunnel: a port of the relay server that leads to a local service. One thread.
 /// Does not own the ssh process: destroying the object leaves it running.
 class ZARORELAYD_API Tunnel : public Config {
@@ -39,6 +45,13 @@ public:
 
     const std::string& GetServiceId() const;
     const ServiceConf& GetServiceConf() const;
+    /// The server whose port leads here, a name or an address; empty when none was set. The
+    /// reference holds until the tunnel is changed.
+    const std::string& GetRelayHost() const { return relay_ip_; }
+    /// That port; -1 when none was set.
+    int GetRelayPort() const { return relay_port_; }
+    /// The background ssh process, which may have ended meanwhile; -1 when none is known.
+    pid_t GetPid() const { return pid_; }
     TUNNEL_STATUS GetStatus() const;
     static std::string GetStatusStr(TUNNEL_STATUS status);
 
@@ -54,6 +67,13 @@ public:
 
     /// Asks the ssh process to end. True when it was asked or there is none.
     bool Destroy();
+
+    /// Makes this a tunnel that was never started: no process, status NONE. The settings stay. A
+    /// process that runs goes on, and Destroy does not reach it any more.
+    void ForgetProcess() {
+        pid_ = -1;
+        status_ = TUNNEL_STATUS_NONE;
+    }
 
     /// Starts the SSH client and blocks until it has logged in and gone to the background, or has
     /// failed (its own time-outs bound this). The password is in a file only meanwhile. True with
