@@ -217,7 +217,7 @@ bool RelayDaemon::Reload() {
         conf_.waitcmd = RelaydConf(path.c_str()).waitcmd;
     }
     if (conf_.serverID != id) { // an older copy of the file: the server knows the right one
-        exchange_.RegisterAnew();
+        exchange_.RegisterAgain();
     }
     // The reload has looked at the network as well; a change is dealt with where all changes are.
     conf_.network = network;

@@ -41,6 +41,10 @@ bool IsServer(const Json::Value& server) {
 
 } // namespace
 
+const Json::Value& AnswerOf(const Json::Value& reply) {
+    return reply.isArray() ? reply[0U] : reply;
+}
+
 bool CleanBatchReply(Json::Value& reply, bool& goodServer) {
     bool good = true;
     goodServer = true;

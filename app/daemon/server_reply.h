@@ -11,6 +11,9 @@
 
 namespace ZARO::Relay::app {
 
+/// The answer to a single command, which comes alone or as the first element of an array.
+const Json::Value& AnswerOf(const Json::Value& reply);
+
 /// Checks a tunnel that a server assigns and takes only the members that belong to one. It must be
 /// for one of `services`, with that service's port: no server may choose which ports of the device
 /// are reachable. False with the reason in `why`.
