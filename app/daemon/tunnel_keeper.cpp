@@ -1,14 +1,10 @@
 #include "app/daemon/tunnel_keeper.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <set>
 
-#include "app/common/checks.h"
-#include "app/daemon/login_guard.h"
+#include "app/daemon/login.h"
 #include "app/daemon/lost_sockets.h"
-#include "app/daemon/server_reply.h"
 #include "daemon/log.h"
 
 namespace ZARO::Relay::app {
@@ -27,53 +23,22 @@ constexpr seconds kSilent{3};
 /// After a log-in that failed the loop is free for as long as that held it, so that many refused
 /// tunnels do not keep it from everything else; but no longer than this.
 constexpr seconds kLongestFree{1};
-constexpr seconds kBetweenLosses{60};
-/// More than any device publishes.
-constexpr Json::ArrayIndex kMostTunnels = 256;
-/// How many refusals of one reply are logged.
-constexpr std::size_t kMostRefusals = 5;
 
 } // namespace
 
-std::map<std::string, Json::Value>
-TunnelKeeper::TakeAssigned(const Json::Value& assigned, const std::list<ServiceConf>& services) {
-    std::map<std::string, Json::Value> wanted;
-    std::set<std::string> reasons;
-    unsigned refused = 0;
-    for (Json::ArrayIndex i = 0; i < assigned.size(); ++i) {
-        Json::Value tunnel;
-        std::string why;
-        if (CheckTunnel(assigned[i], services, tunnel, why)) {
-            const std::string id = tunnel["id"].asString();
-            if (wanted.emplace(id, tunnel).second) {
-                const Json::Value& answers = assigned[i]["relay_up"];
-                upkeep_[id].relayAnswers = !answers.isBool() || answers.asBool();
-            }
-            continue;
-        }
-        ++refused;
-        if (reasons.size() < kMostRefusals && reasons.insert(why).second &&
-            refused_.count(why) == 0) {
-            RELAY_LOG(3, "refused a tunnel from the server: %s", why.c_str());
-        }
-    }
-    if (refused > kMostRefusals && refused_.size() < kMostRefusals) {
-        RELAY_LOG(3, "refused %u tunnels from the server", refused);
-    }
-    refused_.swap(reasons);
-    return wanted;
-}
-
 bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services,
                              Time now) {
-    if (!assigned.isArray() || assigned.size() > kMostTunnels) {
+    if (!assigned.isArray() || assigned.size() > AssignedTunnels::kMost) {
         return false;
     }
-    std::map<std::string, Json::Value> wanted = TakeAssigned(assigned, services);
+    auto wanted = assigned_.Read(assigned, services);
+    for (const auto& [id, entry] : wanted) {
+        upkeep_[id].relayAnswers = entry.relayAnswers;
+    }
     for (auto tunnel = tunnels_.begin(); tunnel != tunnels_.end();) {
         const std::string id = tunnel->GetServiceId();
         const auto found = wanted.find(id);
-        if (found != wanted.end() && Tunnel(found->second) == *tunnel) {
+        if (found != wanted.end() && found->second.tunnel == *tunnel) {
             wanted.erase(found);
             ++tunnel;
             continue;
@@ -83,8 +48,8 @@ bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<Servic
         tunnel->Destroy();
         tunnel = tunnels_.erase(tunnel);
     }
-    for (const auto& [id, tunnel] : wanted) {
-        tunnels_.emplace_back(tunnel);
+    for (const auto& [id, entry] : wanted) {
+        tunnels_.push_back(entry.tunnel);
         upkeep_[id].pace.StartOver(now, milliseconds(0));
     }
     EndDropped(now);
@@ -124,17 +89,8 @@ void TunnelKeeper::NoticeEnded(Time now) {
         }
         const std::string& id = tunnel.GetServiceId();
         Upkeep& upkeep = upkeep_[id];
-        upkeep.since = Beginning();
-        upkeep.stands = false;
-        if (upkeep.pace.Lost(now)) {
-            // A line that breaks again and again is told of once a minute.
-            const bool told =
-                upkeep.lossToldAt != Time() && now - upkeep.lossToldAt < kBetweenLosses;
-            upkeep.lossToldAt = told ? upkeep.lossToldAt : now;
-            RELAY_LOG(told ? 6 : 4, "tunnel of %s is down, rebuilding it", id.c_str());
+        if (upkeep.Ended(id, now)) {
             SpreadLost(id, upkeep.pace, now);
-        } else {
-            Troubled(upkeep, id, "does not stand");
         }
     }
 }
@@ -142,19 +98,11 @@ void TunnelKeeper::NoticeEnded(Time now) {
 /// A trouble has ended when a tunnel stands, not each time that it is up for a moment.
 void TunnelKeeper::NoticeSteady(Time now) {
     for (const Tunnel& tunnel : tunnels_) {
-        Upkeep& upkeep = upkeep_[tunnel.GetServiceId()];
-        if (upkeep.stands || tunnel.GetStatus() != TUNNEL_STATUS_READY ||
-            now < upkeep.pace.SteadyFrom()) {
-            continue;
-        }
-        upkeep.stands = true;
-        upkeep.pace.Stood();
-        for (Pace* other : OthersWithoutRelay(tunnel)) {
-            other->StartOver(now, kSpread);
-        }
-        if (upkeep.troubled) {
-            upkeep.troubled = false;
-            RELAY_LOG(4, "tunnel of %s works again", tunnel.GetServiceId().c_str());
+        const std::string& id = tunnel.GetServiceId();
+        if (tunnel.GetStatus() == TUNNEL_STATUS_READY && upkeep_[id].BeginsToStand(id, now)) {
+            for (Pace* other : OthersWithoutRelay(tunnel)) {
+                other->StartOver(now, kSpread);
+            }
         }
     }
 }
@@ -191,10 +139,10 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
     Upkeep& upkeep = upkeep_[id];
     const TUNNEL_STATUS before = tunnel.GetStatus();
     const Time begun = Clock::now();
-    const bool good = LogIn(tunnel);
+    const bool good = LogIn(tunnel, children_);
     const Time now = Clock::now();
     if (tunnel.GetStatus() != before) {
-        upkeep.since = Beginning();
+        upkeep.ChangeStatus();
     }
     if (!good) {
         upkeep.pace.Failed(begun, now);
@@ -204,40 +152,11 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
                 other->Failed(now, now);
             }
         }
-        Troubled(upkeep, id, "could not be built");
+        upkeep.Trouble(id, "could not be built");
         return;
     }
-    upkeep.pace.LoggedIn(now);
-    ++upkeep.starts;
+    upkeep.LoggedIn(now);
     RELAY_LOG(6, "tunnel of %s is up", id.c_str());
-}
-
-bool TunnelKeeper::LogIn(Tunnel& tunnel) {
-    const pid_t daemon = getpid();
-    bool good = false;
-    {
-        const LoginGuard guard;
-        good = tunnel.Create();
-        if (getpid() != daemon) {
-            _exit(127); // the child whose SSH client could not be executed
-        }
-    }
-    // The search for the process also finds that of a service whose id only begins with this one's.
-    const std::string ending = std::to_string(daemon) + "." + tunnel.GetServiceId();
-    if (good && ServesPasswordFile(tunnel.GetPid(), ending) && children_.Add(tunnel.GetPid())) {
-        return true;
-    }
-    // The process that could not be found may run all the same; it must not hold the port.
-    EndStrays([&](const std::string& file) { return file == ending; });
-    if (good) {
-        tunnel.ForgetProcess();
-    }
-    return false;
-}
-
-void TunnelKeeper::Troubled(Upkeep& upkeep, const std::string& id, const char* how) const {
-    RELAY_LOG(upkeep.troubled ? 6 : 4, "tunnel of %s %s, trying on", id.c_str(), how);
-    upkeep.troubled = true;
 }
 
 /// The other tunnels to the same relay, if none of them is up. A relay that does not even refuse
@@ -266,8 +185,8 @@ Time TunnelKeeper::NextDue() const {
         }
         if (tunnel.GetStatus() != TUNNEL_STATUS_READY) {
             due = std::min(due, std::max(upkeep->second.pace.Next(), freeUntil_));
-        } else if (!upkeep->second.stands) {
-            due = std::min(due, upkeep->second.pace.SteadyFrom());
+        } else {
+            due = std::min(due, upkeep->second.StandsFrom());
         }
     }
     return due;
@@ -341,8 +260,8 @@ Json::Value TunnelKeeper::Describe(const std::string& id) const {
     description["status"] = Tunnel::GetStatusStr(tunnel->GetStatus());
     description["relay_ip"] = tunnel->GetRelayHost();
     description["relay_port"] = tunnel->GetRelayPort();
-    description["since"] = static_cast<Json::Int64>(upkeep->second.since.Seconds());
-    description["restarts"] = std::max(0, upkeep->second.starts - 1);
+    description["since"] = static_cast<Json::Int64>(upkeep->second.Since());
+    description["restarts"] = std::max(0, upkeep->second.Starts() - 1);
     return description;
 }
 
@@ -360,9 +279,9 @@ Json::Value TunnelKeeper::Dump() const {
         tunnel.Write(entry, true);
         const auto upkeep = upkeep_.find(tunnel.GetServiceId());
         if (upkeep != upkeep_.end()) {
-            entry["starts"] = upkeep->second.starts;
+            entry["starts"] = upkeep->second.Starts();
             entry["relay_up"] = upkeep->second.relayAnswers;
-            entry["since"] = static_cast<Json::Int64>(upkeep->second.since.Seconds());
+            entry["since"] = static_cast<Json::Int64>(upkeep->second.Since());
         }
     }
     return list;

@@ -3,19 +3,17 @@
 
 #include <json/value.h>
 
-#include <ctime>
 #include <list>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/tunnel.h>
 
-#include "app/daemon/beginning.h"
+#include "app/daemon/assigned_tunnels.h"
 #include "app/daemon/child_watch.h"
-#include "app/daemon/pace.h"
+#include "app/daemon/upkeep.h"
 
 namespace ZARO::Relay::app {
 
@@ -70,37 +68,22 @@ public:
     Json::Value Dump() const;
 
 private:
-    /// What is known of one assigned service beside its tunnel.
-    struct Upkeep {
-        Pace pace;
-        Beginning since; ///< of its state
-        int starts = 0;
-        Time lossToldAt{};        ///< when a loss was last logged as a warning
-        bool stands = false;      ///< it has been up for a while
-        bool troubled = false;    ///< it can't log in or does not stand, which the log has told
-        bool relayAnswers = true; ///< what the server said last about the relay's own port
-    };
-
-    std::map<std::string, Json::Value> TakeAssigned(const Json::Value& assigned,
-                                                    const std::list<ServiceConf>& services);
     void NoticeEnded(Time now);
     void NoticeSteady(Time now);
     void SpreadLost(const std::string& id, Pace& pace, Time now);
     void EndDropped(Time now);
     void Retry(Time now, milliseconds spread);
     void Start(Tunnel& tunnel);
-    bool LogIn(Tunnel& tunnel);
-    void Troubled(Upkeep& upkeep, const std::string& id, const char* how) const;
     std::vector<Pace*> OthersWithoutRelay(const Tunnel& tunnel);
     const Tunnel* Find(const std::string& id) const;
 
     std::list<Tunnel> tunnels_;
     std::map<std::string, Upkeep> upkeep_;
     ChildWatch children_;
+    AssignedTunnels assigned_;
     std::string lost_; ///< whose tunnel was lost last
     Time lostAt_{};
-    Time freeUntil_{};              ///< until then no log-in holds the loop
-    std::set<std::string> refused_; ///< what the last reply was refused for, to log it once
+    Time freeUntil_{}; ///< until then no log-in holds the loop
 };
 
 } // namespace ZARO::Relay::app
