@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 // The check of a firewall definition's name holds in every build.
@@ -10,8 +11,8 @@
 #include <ostream>
 #include <utility>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/json.h"
+#include "base/log.h"
 #include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
@@ -194,7 +195,7 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     const int count = ZAROFwServiceEnum(&found);
     const ServiceList list(count >= 0 ? found : nullptr); // a failure hands nothing over
     if (count <= 0) {
-        RELAY_LOG(3, "enum fw service failed [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Error, "enum fw service failed [0x%04X]", TLIBCErrGet());
         return false;
     }
     const ZARO_FW_SERVICE* pService = ZAROFWServiceFind(list.get(), FirewallName(id).c_str());

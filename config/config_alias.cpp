@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config_alias.h>
 
 #include <algorithm>
@@ -7,10 +8,12 @@
 
 #include <zarorelayd/config.h>
 
+#include "base/read_file.h"
+#include "base/json.h"
 #include "config/defaults.h"
 #include "config/json_file.h"
-#include "daemon/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay {
 
@@ -52,11 +55,11 @@ bool AliasConf::Overwrite(const Json::Value& v) {
 
 bool AliasConf::IsValid() const {
     if (url.empty()) {
-        RELAY_LOG(3, "URL is empty");
+        RELAY_LOG(log::Error, "URL is empty");
         return false;
     }
     if (poll_seconds == 0) {
-        RELAY_LOG(3, "Polling second is empty");
+        RELAY_LOG(log::Error, "Polling second is empty");
         return false;
     }
     return true;
@@ -126,30 +129,30 @@ AliasStatus::~AliasStatus() = default;
 bool AliasStatus::Reload() {
     // Whoever set the alias wrote it, under whatever user; a link may lead to anything.
     bool readable = false;
-    return ReadJsonFile(paths::AliasStatusFile(), status_, readable, json::Links::Refuse);
+    return ReadJsonFile(paths::AliasStatusFile(), status_, readable, Trust::NoLink);
 }
 
 bool AliasStatus::IsValid() const {
     if (!status_.isObject()) {
-        RELAY_LOG(3, "status should be array"); // an object, in truth; the text stays
+        RELAY_LOG(log::Error, "status should be array"); // an object, in truth; the text stays
         return false;
     }
     const Json::Value* alias = json::Find(status_, "alias_name");
     const Json::Value* status = json::Find(status_, "status");
     if (alias == nullptr) {
-        RELAY_LOG(3, "alias name is not object member");
+        RELAY_LOG(log::Error, "alias name is not object member");
         return false;
     }
     if (status == nullptr) {
-        RELAY_LOG(3, "status is not object member");
+        RELAY_LOG(log::Error, "status is not object member");
         return false;
     }
     if (!IsFilledText(alias)) {
-        RELAY_LOG(3, "alias name is not string or empty");
+        RELAY_LOG(log::Error, "alias name is not string or empty");
         return false;
     }
     if (!IsFilledText(status)) {
-        RELAY_LOG(3, "status is not string or empty");
+        RELAY_LOG(log::Error, "status is not string or empty");
         return false;
     }
     return true;

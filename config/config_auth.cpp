@@ -1,4 +1,5 @@
 #define RELAY_LOG_UNIT "config.cpp"
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <algorithm>
@@ -6,10 +7,11 @@
 #include <cstdio>
 #include <new>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/read_file.h"
+#include "base/json.h"
+#include "base/log.h"
 #include "platform/include/zaro/platform.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay {
 
@@ -45,14 +47,14 @@ void CheckMemory() {
 
 /// The factory's MAC, which the kernel keeps for machines whose port has none of its own.
 std::string FactoryMac() {
-    json::FileText file;
-    (void)json::ReadText(paths::MacFile(), file); // no file: no word
+    FileText file;
+    (void)ReadFile(paths::MacFile(), file, Trust::Anybodys); // no file: no word
     const std::size_t begin = std::min(file.text.find_first_not_of(kBlanks), file.text.size());
     std::string word = file.text.substr(begin, file.text.find_first_of(kBlanks, begin) - begin);
     if (word.size() == kBareMacLength) {
         return word;
     }
-    RELAY_LOG(3, "invalid mac address");
+    RELAY_LOG(log::Error, "invalid mac address");
     return "";
 }
 
@@ -70,7 +72,7 @@ bool AuthConf::ReadConf() {
     char newSerial[kSerialText] = "";
     char newToken[kTokenText] = "";
     if (ZAROWstokenGetToken(newSerial, sizeof newSerial, newToken, sizeof newToken) < 0) {
-        RELAY_LOG(3, "ZAROWstokenGetToken failed: [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Error, "ZAROWstokenGetToken failed: [0x%04X]", TLIBCErrGet());
         return false;
     }
     serial = newSerial;
@@ -91,7 +93,7 @@ bool AuthConf::Overwrite(const Json::Value& v) {
     if (newToken.empty()) {
         char made[kTokenText] = "";
         if (ZAROWstokenGenerateToken(newSerial.c_str(), made, sizeof made) < 0) {
-            RELAY_LOG(3, "gen token failed");
+            RELAY_LOG(log::Error, "gen token failed");
             made[0] = '\0';
         }
         newToken = made;
@@ -122,7 +124,7 @@ std::string AuthConf::GetMacAddress() {
     }
     std::string mac = RelaydGetMacAddressByIf(kFirstPort);
     if (mac.size() != kBareMacLength) {
-        RELAY_LOG(3, "invalid mac address");
+        RELAY_LOG(log::Error, "invalid mac address");
         return mac;
     }
     for (std::size_t at = 10; at >= 2; at -= 2) {

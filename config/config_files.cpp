@@ -1,8 +1,8 @@
 // RelaydConf's JSON files.
 #define RELAY_LOG_UNIT "config.cpp"
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,26 +11,19 @@
 #include <iostream>
 #include <new>
 
+#include "base/read_file.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/replace_file.h"
 #include "config/json_file.h"
-#include "daemon/log.h"
-#include "platform/new_file.h"
-#include "platform/unique_fd.h"
 
 namespace ZARO::Relay {
 
 namespace {
 
-/// Makes the rename survive a power cut. Where the file system can't, the rename still holds.
-void SyncFolderOf(const std::string& path) {
-    const UniqueFd fd(open(FolderOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.IsOpen()) {
-        (void)fsync(fd.Get());
-    }
-}
-
 /// Puts a broken file out of the way, so that it is never read twice; unless another process has
 /// replaced it since by one that was not looked at.
-void MoveAside(const std::string& path, const json::FileText& broken) {
+void MoveAside(const std::string& path, const FileText& broken) {
     struct stat now = {};
     if (lstat(path.c_str(), &now) != 0) {
         return; // another reader was quicker
@@ -40,30 +33,25 @@ void MoveAside(const std::string& path, const json::FileText& broken) {
     }
     const std::string aside = path + ".bad";
     if (rename(path.c_str(), aside.c_str()) != 0) {
-        RELAY_LOG(3, "rename %s to .bad failed. %m", path.c_str());
+        RELAY_LOG(log::Error, "rename %s to .bad failed. %m", path.c_str());
         unlink(path.c_str());
     }
 }
 
-/// Whether what was written is on the disk, as far as the file system can tell.
-bool Sync(int fd) {
-    return fsync(fd) == 0 || (errno != EIO && errno != ENOSPC && errno != EDQUOT);
-}
-
 } // namespace
 
-bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, json::Links links) {
+bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, Trust trust) {
     out = Json::Value();
     readable = true;
     if (path.empty()) {
         return true;
     }
-    json::FileText file;
+    FileText file;
     try {
-        const json::Reading reading = json::ReadText(path, file, links);
-        readable = reading != json::Reading::Unreadable;
-        if (reading == json::Reading::Done && !json::Parse(file.text, out)) {
-            RELAY_LOG(3, "bad json format [%s]", path.c_str());
+        const Reading reading = ReadFile(path, file, trust);
+        readable = reading != Reading::Unreadable;
+        if (reading == Reading::Done && !json::Parse(file.text, out)) {
+            RELAY_LOG(log::Error, "bad json format [%s]", path.c_str());
             MoveAside(path, file);
         }
     } catch (const std::bad_alloc&) { // it says nothing about the file
@@ -72,7 +60,7 @@ bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, jso
         errno = ENOMEM;
     }
     if (!readable) {
-        RELAY_LOG(3, "can not read [%s], %m", path.c_str());
+        RELAY_LOG(log::Error, "can not read [%s], %m", path.c_str());
     }
     return true; // also for a missing or broken file: callers look at what `out` is
 }
@@ -88,24 +76,23 @@ bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value
         std::cout << text << std::flush;
         return true;
     }
-    const std::string temporary = NewFileOf(path);
-    UniqueFd fd(path.empty() ? -1 : OpenNewFile(path));
-    if (!fd.IsOpen()) {
-        RELAY_LOG(3, "open failed [%s]", temporary.c_str());
+    NewFile file;
+    file.mode = 0644;
+    file.needsMode = false;
+    const Replaced replaced = path.empty() ? Replaced::NotOpened : ReplaceFile(path, text, file);
+    switch (replaced) {
+    case Replaced::NotOpened:
+        RELAY_LOG(log::Error, "open failed [%s]", NewFileOf(path).c_str());
         return false;
-    }
-    (void)fchmod(fd.Get(), 0644); // some file systems have no modes
-    if (!WriteAll(fd.Get(), text) || !Sync(fd.Get()) || !fd.Close()) {
-        RELAY_LOG(3, "write failed [%s], %m", temporary.c_str());
-        unlink(temporary.c_str());
+    case Replaced::NotWritten:
+        RELAY_LOG(log::Error, "write failed [%s], %m", NewFileOf(path).c_str());
         return false;
+    case Replaced::NotPlaced: // the content was produced; only its placing failed
+        RELAY_LOG(log::Error, "rename to %s failed %m", path.c_str());
+        break;
+    case Replaced::Done:
+        break;
     }
-    if (rename(temporary.c_str(), path.c_str()) != 0) {
-        RELAY_LOG(3, "rename to %s failed %m", path.c_str());
-        unlink(temporary.c_str());
-        return true; // the content was produced; only its placing failed
-    }
-    SyncFolderOf(path);
     return true;
 }
 

@@ -1,14 +1,15 @@
 #define RELAY_LOG_UNIT "config.cpp"
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <strings.h>
 
 #include <algorithm>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/json.h"
+#include "base/log.h"
 #include "platform/include/zaro/platform.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay {
 
@@ -24,7 +25,7 @@ void AppendInterfaces(std::list<InterfaceConf>& interfaces) {
     _tag_TLIB_NETIF records[kMostInterfaces] = {};
     const int count = TLIBNetGetInterfaceInfo(records, kMostInterfaces, kAllInterfaces);
     if (count <= 0) {
-        RELAY_LOG(7, "TLIBNetGetInterfaceInfo failed: [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Debug, "TLIBNetGetInterfaceInfo failed: [0x%04X]", TLIBCErrGet());
         return;
     }
     for (int i = 0; i < std::min(count, kMostInterfaces); ++i) {
@@ -41,7 +42,7 @@ void AppendPppoe(std::list<InterfaceConf>& interfaces) {
     char ip[kAddressText] = "";
     char mask[kAddressText] = "";
     if (ZAROPPPoeNetInfoGet(ip, sizeof ip, mask, sizeof mask) < 0) {
-        RELAY_LOG(7, "ZAROPPPoeNetInfoGet failed: [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Debug, "ZAROPPPoeNetInfoGet failed: [0x%04X]", TLIBCErrGet());
         return;
     }
     interfaces.emplace_back("pppoe", ip, mask);
@@ -50,7 +51,7 @@ void AppendPppoe(std::list<InterfaceConf>& interfaces) {
 void ReadGateway(std::string& gateway) {
     char text[kGatewayText] = "";
     if (ZARONetDefaultGatewayGet(text, sizeof text) < 0) {
-        RELAY_LOG(7, "ZARONetDefaultGatewayGet failed: [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Debug, "ZARONetDefaultGatewayGet failed: [0x%04X]", TLIBCErrGet());
         return;
     }
     gateway = text;
@@ -72,12 +73,12 @@ void ReadDdns(std::string& ddns) {
     }
     char provider[128] = "";
     if (TLIBCFileGetKeyValue(settings.c_str(), "ddns_select", provider, sizeof provider, 0) < 1) {
-        RELAY_LOG(3, "get ddns provider failed");
+        RELAY_LOG(log::Error, "get ddns provider failed");
         return;
     }
     _tag_ZARO_DDNS record = {};
     if (ZARODDNSConfigGet(provider, &record) < 0) {
-        RELAY_LOG(3, "ZARODDNSConfigGet failed: [0x%04X]", TLIBCErrGet());
+        RELAY_LOG(log::Error, "ZARODDNSConfigGet failed: [0x%04X]", TLIBCErrGet());
         return;
     }
     ddns = record.szHostname;

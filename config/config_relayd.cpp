@@ -1,4 +1,5 @@
 #define RELAY_LOG_UNIT "config.cpp"
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <strings.h>
@@ -9,10 +10,11 @@
 
 #include <zarorelayd/zarorelayd.h>
 
+#include "base/json.h"
 #include "config/json_file.h"
-#include "daemon/log.h"
+#include "base/log.h"
 #include "platform/include/zaro/platform.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay {
 
@@ -28,7 +30,7 @@ void ReadServices(const Json::Value& list, std::list<ServiceConf>& services) {
     for (Json::ArrayIndex i = 0; i < list.size(); ++i) {
         const ServiceConf service(list[i], true);
         if (!service.IsValid()) {
-            RELAY_LOG(3, "invalid service config: %d", static_cast<int>(i));
+            RELAY_LOG(log::Error, "invalid service config: %d", static_cast<int>(i));
         } else if (std::none_of(services.begin(), services.end(), CmprServiceId(service.id))) {
             services.push_back(service);
         }
@@ -91,20 +93,20 @@ bool RelaydConf::Overwrite(const Json::Value& v) {
 
 bool RelaydConf::IsValid() const {
     if (!control.IsValid()) {
-        RELAY_LOG(3, "wrong control server config");
+        RELAY_LOG(log::Error, "wrong control server config");
         return false;
     }
     if (!waitcmd.IsValid()) {
-        RELAY_LOG(3, "wrong wait cmd server config");
+        RELAY_LOG(log::Error, "wrong wait cmd server config");
         return false;
     }
     if (!alias.IsValid()) {
-        RELAY_LOG(3, "wrong alias cmd server config");
+        RELAY_LOG(log::Error, "wrong alias cmd server config");
         return false;
     }
     for (const ServiceConf& service : services) {
         if (!service.IsValid()) {
-            RELAY_LOG(3, "wrong service [%s] config", service.id.c_str());
+            RELAY_LOG(log::Error, "wrong service [%s] config", service.id.c_str());
             return false;
         }
     }
@@ -139,16 +141,16 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
 bool RelaydConf::ReadConfigFile(const std::string& file) {
     Json::Value v;
     if (!ReadJsonFile(file, v)) { // never, as it is now; whoever changes that finds it handled
-        RELAY_LOG(3, "invalid config: %s", file.c_str());
+        RELAY_LOG(log::Error, "invalid config: %s", file.c_str());
         return false;
     }
     path = file;
     if (!Overwrite(v)) {
-        RELAY_LOG(3, "invalid relayd config: can not overwrite default");
+        RELAY_LOG(log::Error, "invalid relayd config: can not overwrite default");
         return false;
     }
     if (!IsValid()) {
-        RELAY_LOG(3, "invalid relayd config");
+        RELAY_LOG(log::Error, "invalid relayd config");
         return false;
     }
     return true;
@@ -156,13 +158,13 @@ bool RelaydConf::ReadConfigFile(const std::string& file) {
 
 bool RelaydConf::WriteConfigFile(const std::string& file) {
     if (!IsValid()) {
-        RELAY_LOG(3, "invalid relayd config");
+        RELAY_LOG(log::Error, "invalid relayd config");
         return false;
     }
     Json::Value old;
     bool readable = false;
     if (!Relay::ReadJsonFile(file, old, readable)) {
-        RELAY_LOG(4, "drop crrupted config: [%s]", file.c_str());
+        RELAY_LOG(log::Warning, "drop crrupted config: [%s]", file.c_str());
         old = Json::Value(Json::objectValue);
     }
     if (!readable) {
@@ -187,7 +189,7 @@ bool RelaydConf::Reload() {
     // Always the default file, whichever this record was read from.
     RelaydConf fresh(paths::ConfigFile().c_str());
     if (!fresh.IsValid()) {
-        RELAY_LOG(3, "reload config failed");
+        RELAY_LOG(log::Error, "reload config failed");
         return false;
     }
     // What the running daemon got from the platform and from the control server stays; sync does
@@ -207,7 +209,8 @@ bool RelaydConf::Reload() {
 bool RelaydConf::AddServiceById(const std::string& id) {
     const ServiceConf service(id.c_str());
     if (!service.IsValid()) {
-        RELAY_LOG(3, "invalid service config: %d", 0); // the text asks for an index; there is none
+        RELAY_LOG(log::Error, "invalid service config: %d",
+                  0); // the text asks for an index; there is none
         return false;
     }
     if (GetServiceById(service.id) == services.end()) {
@@ -231,7 +234,7 @@ std::list<ServiceConf>::const_iterator RelaydConf::GetServiceById(const std::str
 
 bool RelaydConf::ReadForRewrite(const std::string& file, Json::Value& v) const {
     if (!IsValid()) {
-        RELAY_LOG(3, "invalid relayd config");
+        RELAY_LOG(log::Error, "invalid relayd config");
         return false;
     }
     bool readable = false;
@@ -274,7 +277,7 @@ bool RelaydConf::WriteJsonFileWithNotification(const std::string& file, const Js
 bool RelaydConf::SetEnableConf(bool on) const {
     const char* value = on ? "yes" : "no";
     if (TLIBCINFOSetKeyValue("runrelayd", value) < 0) {
-        RELAY_LOG(3, "write zaroinfo [runrelayd=%s] failed", value);
+        RELAY_LOG(log::Error, "write zaroinfo [runrelayd=%s] failed", value);
         return false;
     }
     return true;

@@ -7,7 +7,7 @@
 
 #include "config/defaults.h"
 #include "platform/include/zaro/platform.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay {
 

@@ -5,13 +5,13 @@
 
 #include <string>
 
-#include "config/json_text.h"
+#include "base/read_file.h"
 
 namespace ZARO::Relay {
 
 /// RelaydConf::ReadJsonFile, true in every case as well. Not `readable`, and logged: the file is
-/// there and what it holds is not known, so that nobody may replace it.
+/// there and what it holds is not known, so nobody may replace it.
 bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable,
-                  json::Links links = json::Links::Follow);
+                  Trust trust = Trust::Anybodys);
 
 } // namespace ZARO::Relay

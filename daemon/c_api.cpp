@@ -9,14 +9,14 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 
-#include "config/json_text.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 using ZARO::Relay::AuthConf;
 using ZARO::Relay::Daemon;
 using ZARO::Relay::RelaydConf;
-namespace json = ZARO::Relay::json;
-namespace paths = ZARO::Relay::paths;
+namespace json = ZARO::json;
+namespace paths = ZARO::paths;
 
 namespace {
 

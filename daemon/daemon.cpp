@@ -18,9 +18,9 @@
 #include <libdaemon/dpid.h>
 #include <libdaemon/dsignal.h>
 
-#include "daemon/log.h"
-#include "platform/paths.h"
-#include "platform/unique_fd.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/unique_fd.h"
 
 int gblRun = 0;
 int gblShowDebug = 0;
@@ -116,9 +116,10 @@ private:
 [[noreturn]] void ExitWithChildsResult() {
     const int value = daemon_retval_wait(kStartTimeoutSeconds);
     if (value < 0) {
-        RELAY_LOG(3, "Could not recieve return value from daemon process: %s", strerror(errno));
+        RELAY_LOG(log::Error, "Could not recieve return value from daemon process: %s",
+                  strerror(errno));
     }
-    RELAY_LOG(value == 0 ? 6 : 3, "%s returned %i",
+    RELAY_LOG(value == 0 ? log::Info : log::Error, "%s returned %i",
               daemon_log_ident != nullptr ? daemon_log_ident : "", value);
     exit(value);
 }
@@ -158,7 +159,7 @@ bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
         path.c_str(), openFlags | O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK | O_NOFOLLOW, 0600));
     const int fd = file.Get();
     if (fd < 0) {
-        RELAY_LOG(3, "open log file [%s] failed", path.c_str());
+        RELAY_LOG(log::Error, "open log file [%s] failed", path.c_str());
         return false;
     }
     struct stat info = {};
@@ -172,7 +173,7 @@ bool Daemon::OpenLogFile(const std::string& path, int targetFd, int openFlags) {
     }
     const bool moved = dup2(fd, targetFd) >= 0;
     if (!moved) {
-        RELAY_LOG(3, "dup fd failed");
+        RELAY_LOG(log::Error, "dup fd failed");
     }
     return moved;
 }
@@ -220,7 +221,7 @@ bool Daemon::SetPidFile(const char* path) {
         return false;
     }
     if (path[0] != '/') {
-        RELAY_LOG(3, "pid file must be absolute path");
+        RELAY_LOG(log::Error, "pid file must be absolute path");
         return false;
     }
     // libdaemon is left alone on purpose: whoever sets a PID file of his own calls SetName too.
@@ -238,12 +239,12 @@ bool Daemon::IsForked() {
 
 bool Daemon::Fork() {
     if (daemon_retval_init() < 0) {
-        RELAY_LOG(3, "Failed to create pipe.");
+        RELAY_LOG(log::Error, "Failed to create pipe.");
         return false;
     }
     const pid_t pid = daemon_fork();
     if (pid < 0) {
-        RELAY_LOG(3, "fork failed: %s", strerror(errno));
+        RELAY_LOG(log::Error, "fork failed: %s", strerror(errno));
         daemon_retval_done();
         return false;
     }
@@ -259,16 +260,17 @@ bool Daemon::Fork() {
 
 bool Daemon::Init(bool doFork) {
     if (daemon_reset_sigs(-1) < 0) {
-        RELAY_LOG(3, "Failed to reset all signal handlers: %s", strerror(errno));
+        RELAY_LOG(log::Error, "Failed to reset all signal handlers: %s", strerror(errno));
         return false;
     }
     if (daemon_unblock_sigs(-1) < 0) {
-        RELAY_LOG(3, "Failed to unblock all signals: %s", strerror(errno));
+        RELAY_LOG(log::Error, "Failed to unblock all signals: %s", strerror(errno));
         return false;
     }
     const pid_t other = daemon_pid_file_is_running();
     if (other >= 0) {
-        RELAY_LOG(3, "Daemon already running on PID file %u", static_cast<unsigned>(other));
+        RELAY_LOG(log::Error, "Daemon already running on PID file %u",
+                  static_cast<unsigned>(other));
         return false;
     }
     if (doFork && !Fork()) {
@@ -276,13 +278,13 @@ bool Daemon::Init(bool doFork) {
     }
     const HoldRequests hold;
     if (daemon_pid_file_create() < 0) {
-        RELAY_LOG(3, "Could not create PID file (%s).", strerror(errno));
+        RELAY_LOG(log::Error, "Could not create PID file (%s).", strerror(errno));
         (void)daemon_retval_send(kStartFailed); // without a fork there is no pipe, and no harm
         return false;
     }
-    RELAY_LOG(6, "daemon start");
+    RELAY_LOG(log::Info, "daemon start");
     if (daemon_signal_init(SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGHUP, SIGUSR1, 0) < 0) {
-        RELAY_LOG(3, "Could not register signal handlers (%s).", strerror(errno));
+        RELAY_LOG(log::Error, "Could not register signal handlers (%s).", strerror(errno));
         (void)daemon_retval_send(kStartFailed);
         (void)daemon_pid_file_remove(); // nobody runs who could be meant by it
         return false;
@@ -296,7 +298,7 @@ bool Daemon::Init(bool doFork) {
 
 int Daemon::Kill() {
     if (!HasRunningInstance() || daemon_pid_file_kill_wait(SIGTERM, kStopTimeoutSeconds) < 0) {
-        RELAY_LOG(4, "Failed to kill daemon: %m");
+        RELAY_LOG(log::Warning, "Failed to kill daemon: %m");
         return 2;
     }
     return 0;

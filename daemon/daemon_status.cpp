@@ -14,10 +14,11 @@
 #include <zarorelayd/file_lock.h>
 #include <zarorelayd/result.h>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
-#include "platform/new_file.h"
-#include "platform/paths.h"
+#include "base/text.h"
+#include "base/json.h"
+#include "base/paths.h"
+#include "base/read_file.h"
+#include "base/replace_file.h"
 
 // These functions run in the asking program. They report to the system log themselves: the
 // logging facility's settings are the daemon's.
@@ -60,9 +61,9 @@ void DropPlanted(const std::string& path) {
 
 /// The user that a process runs as; false when there is no such process.
 bool UserOf(pid_t process, uid_t& user) {
-    json::FileText file;
+    FileText file;
     const std::string key = "\nUid:"; // then the real user and the effective one
-    (void)json::ReadText("/proc/" + std::to_string(process) + "/status", file);
+    (void)ReadFile("/proc/" + std::to_string(process) + "/status", file, Trust::Anybodys);
     const std::size_t at = file.text.find(key);
     return at != std::string::npos &&
            sscanf(file.text.c_str() + at + key.size(), "%*u %u", &user) == 1;
@@ -70,12 +71,10 @@ bool UserOf(pid_t process, uid_t& user) {
 
 /// Whether to believe a status file, which anybody could have made: its owner must be root, the
 /// asker, the folder's owner, or the user of the process that the file names.
-bool IsDaemons(const std::string& path, const json::FileText& file, const Json::Value& status) {
-    struct stat folder = {};
+bool IsDaemons(const std::string& path, const FileText& file, const Json::Value& status) {
     uid_t user = 0;
     int pid = -1;
-    return file.owner == 0 || file.owner == geteuid() ||
-           (stat(FolderOf(path).c_str(), &folder) == 0 && folder.st_uid == file.owner) ||
+    return IsTrustedOwner(path, file.owner) ||
            (json::Get(status, "pid", pid) && UserOf(pid, user) && user == file.owner);
 }
 
@@ -84,8 +83,8 @@ int CollectDump(const std::string& path, Json::Value& out) {
     usleep(kBeforeFirstAttempt);
     int result = RELAYD_RET_LOCK;
     for (int attempt = 0; attempt < kDumpAttempts; ++attempt) {
-        json::FileText file;
-        (void)json::ReadText(path, file, json::Links::Refuse);
+        FileText file;
+        (void)ReadFile(path, file, Trust::NoLink);
         if (!file.opened) {
             syslog(LOG_ERR, "%s:%d zarorelayd status file is not ready", kUnit, __LINE__);
             result = RELAYD_RET_UNKNOWN;
@@ -110,13 +109,13 @@ int CollectDump(const std::string& path, Json::Value& out) {
 int Daemon::GetStatus(Json::Value& out) {
     out = Json::Value();
     LibInit();
-    json::FileText file;
+    FileText file;
     const std::string path = paths::StatusFile();
-    const json::Reading reading = json::ReadText(path, file, json::Links::Refuse);
+    const Reading reading = ReadFile(path, file, Trust::NoLink);
     if (!file.opened) {
         return kNotRunning;
     }
-    const bool parsed = reading == json::Reading::Done && json::Parse(file.text, out);
+    const bool parsed = reading == Reading::Done && json::Parse(file.text, out);
     if (!IsDaemons(path, file, out)) {
         out = Json::Value();
         return kNotRunning;
@@ -201,7 +200,7 @@ int Daemon::Status(bool debug) {
         std::cout << "get status failed" << std::endl;
         return kNoStatus;
     }
-    const log::Harmless harmless(serverId.c_str());
+    const Harmless harmless(serverId.c_str());
     const char* shown = isatty(STDOUT_FILENO) != 0 ? harmless.Value() : serverId.c_str();
     std::cout << "serverID: " << shown << std::endl << "state: " << state << std::endl;
     if (error != "success") {

@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/register.h>
 
 #include <algorithm>
@@ -5,8 +6,8 @@
 
 #include <zarorelayd/result.h>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/json.h"
+#include "base/log.h"
 
 namespace ZARO::Relay {
 
@@ -26,7 +27,7 @@ void RemoveTunnel(std::list<Tunnel>& tunnels, std::list<Tunnel>::iterator tunnel
     if (tunnel == tunnels.end()) {
         return;
     }
-    RELAY_LOG(7, "remove tunnel: %s", tunnel->GetServiceId().c_str());
+    RELAY_LOG(log::Debug, "remove tunnel: %s", tunnel->GetServiceId().c_str());
     tunnel->Destroy();
     tunnels.erase(tunnel);
 }
@@ -52,7 +53,7 @@ bool Register::GetReigsterCommand(const RelaydConf& conf, Json::Value& out) {
     out = NewCommand("register");
     Json::Value& auth = out["auth"];
     if (!conf.auth.Write(auth, true)) {
-        RELAY_LOG(3, "get auth token failed");
+        RELAY_LOG(log::Error, "get auth token failed");
         return true;
     }
     if (!conf.serverID.empty()) {
@@ -68,7 +69,7 @@ bool Register::GetNetworkChanges(const RelaydConf& old, const RelaydConf& cur, J
     }
     out = NewCommand("update_network");
     if (!cur.network.Write(out, true)) {
-        RELAY_LOG(3, "get network info failed");
+        RELAY_LOG(log::Error, "get network info failed");
     }
     return true;
 }
@@ -81,13 +82,13 @@ bool Register::GetServiceChanges(const RelaydConf& old, const RelaydConf& cur,
     out = NewCommand("update_service");
     for (const ServiceConf& service : cur.services) {
         const auto known = old.GetServiceById(service.id);
-        RELAY_LOG(7, "check: %s", service.id.c_str());
+        RELAY_LOG(log::Debug, "check: %s", service.id.c_str());
         if (known != old.services.end() && *known == service) {
             continue;
         }
         Json::Value entry;
         if (!service.Write(entry, true)) {
-            RELAY_LOG(3, "service to json failed");
+            RELAY_LOG(log::Error, "service to json failed");
             continue;
         }
         entry.removeMember("name");
@@ -100,7 +101,7 @@ bool Register::GetServiceChanges(const RelaydConf& old, const RelaydConf& cur,
     }
     for (const ServiceConf& service : old.services) {
         const auto current = cur.GetServiceById(service.id);
-        RELAY_LOG(7, "check: %s", service.id.c_str());
+        RELAY_LOG(log::Debug, "check: %s", service.id.c_str());
         if (current != cur.services.end()) {
             continue;
         }
@@ -131,7 +132,7 @@ bool Register::GetChanges(const RelaydConf& conf, std::list<Tunnel>& tunnels, Js
     if (!registered_) {
         GetReigsterCommand(conf, command);
         out.append(command);
-        RELAY_LOG(7, "register clear previous data");
+        RELAY_LOG(log::Debug, "register clear previous data");
         previous_.network = NetworkConf(false);
         previous_.services.clear();
     }
@@ -163,7 +164,7 @@ bool Register::GetDirConnRequest(const RelaydConf& conf, std::list<Tunnel>& tunn
 bool Register::ParseResponse(RelaydConf& conf, const Json::Value& request,
                              const Json::Value& response) {
     if (!request.isArray() || !response.isArray()) {
-        RELAY_LOG(3, "register request/response parse failed");
+        RELAY_LOG(log::Error, "register request/response parse failed");
         return false;
     }
     bool result = request.size() <= response.size();
@@ -172,7 +173,7 @@ bool Register::ParseResponse(RelaydConf& conf, const Json::Value& request,
         json::Get(request[i], "command", command);
         const RELAYSERVER_ERR err = ParseServerError(response[i]);
         if (err != RELAYSERVER_ERR_SUCCESS) {
-            RELAY_LOG(3, "%s failed: %d", command.c_str(), static_cast<int>(err));
+            RELAY_LOG(log::Error, "%s failed: %d", command.c_str(), static_cast<int>(err));
             result = false;
         } else if (command == "register") {
             ParseRegisterResponse(conf, request[i], response[i]);
@@ -190,7 +191,7 @@ bool Register::ParseResponse(RelaydConf& conf, const Json::Value& request,
 
 bool Register::ParseRegisterResponse(RelaydConf& conf, const Json::Value&,
                                      const Json::Value& reply) {
-    RELAY_LOG(7, "register success");
+    RELAY_LOG(log::Debug, "register success");
     registered_ = true;
     if (json::Get(reply, "serverID", conf.serverID)) {
         (void)conf.WriteServerId(""); // logged; the id holds for this run and comes with the next
@@ -198,16 +199,16 @@ bool Register::ParseRegisterResponse(RelaydConf& conf, const Json::Value&,
     const Json::Value* waitcmd = json::Find(reply, "server_wait_cmd");
     if (waitcmd != nullptr && waitcmd->isObject()) {
         conf.waitcmd.Overwrite(*waitcmd);
-        RELAY_LOG(7, "change waitcmd server to: %s", conf.waitcmd.GetUrl(nullptr).c_str());
+        RELAY_LOG(log::Debug, "change waitcmd server to: %s", conf.waitcmd.GetUrl(nullptr).c_str());
     }
     return true;
 }
 
 bool Register::ParseNetworkResponse(RelaydConf& conf, const Json::Value& cmd,
                                     const Json::Value& reply) {
-    RELAY_LOG(7, "update_network success");
+    RELAY_LOG(log::Debug, "update_network success");
     if (!cmd.isObject()) {
-        RELAY_LOG(3, "network response parse failed");
+        RELAY_LOG(log::Error, "network response parse failed");
         return false;
     }
     previous_.network.Overwrite(cmd);
@@ -217,7 +218,7 @@ bool Register::ParseNetworkResponse(RelaydConf& conf, const Json::Value& cmd,
 }
 
 bool Register::ParseServiceResponse(const RelaydConf&, const Json::Value& cmd, const Json::Value&) {
-    RELAY_LOG(7, "update_service success");
+    RELAY_LOG(log::Debug, "update_service success");
     for (const Json::Value& entry : ArrayMember(cmd, "service_rm")) {
         std::string id;
         if (json::Get(entry, "id", id)) {

@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/request_alias.h>
 
 #include <syslog.h>
@@ -7,8 +8,8 @@
 
 #include <curl/curl.h>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/json.h"
+#include "base/log.h"
 
 namespace ZARO::Relay {
 
@@ -90,30 +91,30 @@ AliasRequest::~AliasRequest() = default;
 
 bool AliasRequest::IsDataValid(const Json::Value& data) const {
     if (!data.isObject()) {
-        RELAY_LOG(3, "data should be an object");
+        RELAY_LOG(log::Error, "data should be an object");
         return false;
     }
     const auto has = [&](const char* key) { return json::Find(data, key) != nullptr; };
     if (!has("alias")) {
-        RELAY_LOG(3, "alias name is not found");
+        RELAY_LOG(log::Error, "alias name is not found");
     } else if (!has("serial")) {
-        RELAY_LOG(3, "serial is not found");
+        RELAY_LOG(log::Error, "serial is not found");
     } else if (!has("token")) {
-        RELAY_LOG(3, "token is not found");
+        RELAY_LOG(log::Error, "token is not found");
     } else if (!has("url")) {
-        RELAY_LOG(3, "url is not found");
+        RELAY_LOG(log::Error, "url is not found");
     } else if (!has("id")) {
-        RELAY_LOG(3, "farlink_id is not found");
+        RELAY_LOG(log::Error, "farlink_id is not found");
     } else if (!IsFilledText(data, "alias")) {
-        RELAY_LOG(3, "alias name is not string or empty");
+        RELAY_LOG(log::Error, "alias name is not string or empty");
     } else if (!IsFilledText(data, "serial")) {
-        RELAY_LOG(3, "serial is not string or empty");
+        RELAY_LOG(log::Error, "serial is not string or empty");
     } else if (!IsFilledText(data, "token")) {
-        RELAY_LOG(3, "token is not string or empty");
+        RELAY_LOG(log::Error, "token is not string or empty");
     } else if (!IsFilledText(data, "url")) {
-        RELAY_LOG(3, "url is not string or empty");
+        RELAY_LOG(log::Error, "url is not string or empty");
     } else if (!IsFilledText(data, "id")) {
-        RELAY_LOG(3, "id is not string or empty");
+        RELAY_LOG(log::Error, "id is not string or empty");
     } else {
         return true;
     }
@@ -186,7 +187,7 @@ boost::shared_ptr<Request> AliasRequest::GetSharedRequest() const {
 
 bool AliasRequest::Send(ALIAS_RET& ret, ALIAS_RESPONSE_TYPE& type) {
     if (!request_.IsValid()) {
-        RELAY_LOG(3, "No valid request found!! Please call SetRequest() first");
+        RELAY_LOG(log::Error, "No valid request found!! Please call SetRequest() first");
         return false;
     }
     (void)request_.Send(); // the outcome is read from the request below
@@ -247,7 +248,7 @@ bool AliasRequest::GetResponseForDaemon(HTTPResponse& r, ALIAS_RET& ret, std::st
         return true;
     }
     if (!ParseServerResponse(body, outcome)) {
-        RELAY_LOG(3, "Unknown response: %s", body.c_str());
+        RELAY_LOG(log::Error, "Unknown response: %s", body.c_str());
         return false;
     }
     const std::size_t colon = body.find(':');
@@ -263,7 +264,7 @@ bool AliasRequest::GetAliasName(boost::shared_ptr<Request> req, std::string& ali
     const std::string data = "&" + req->GetData();
     const std::size_t at = data.find("&" + kKey);
     if (at == std::string::npos) {
-        RELAY_LOG(3, "not found alias name from post data [%s]", req->GetData().c_str());
+        RELAY_LOG(log::Error, "not found alias name from post data [%s]", req->GetData().c_str());
         return false;
     }
     const std::size_t begin = at + 1 + kKey.size();
@@ -287,18 +288,19 @@ bool AliasRequest::ParseServerResponse(const std::string& body, ALIAS_RET& ret) 
 bool AliasRequest::ParseCURLHttp(HTTPResponse& r, ALIAS_RET& ret, std::string& body,
                                  int& httpStatus) {
     if (r.curlResult != CURLE_OK) {
-        RELAY_LOG(3, "curl error: %s", curl_easy_strerror(static_cast<CURLcode>(r.curlResult)));
+        RELAY_LOG(log::Error, "curl error: %s",
+                  curl_easy_strerror(static_cast<CURLcode>(r.curlResult)));
         ret = ALIAS_RET_UNKNOWN;
         return false;
     }
     Trim(r.body);
-    RELAY_LOG(6, "HTTP: %d, Response: %s", r.status, r.body.c_str());
+    RELAY_LOG(log::Info, "HTTP: %d, Response: %s", r.status, r.body.c_str());
     httpStatus = r.status;
     if (r.status == 200) {
         body = r.body;
         return true;
     }
-    RELAY_LOG(3, "http status: %d", r.status);
+    RELAY_LOG(log::Error, "http status: %d", r.status);
     ret = ALIAS_RET_UNKNOWN;
     return false;
 }

@@ -1,6 +1,6 @@
 #include <zarorelayd/result.h>
 
-#include "config/json_text.h"
+#include "base/json.h"
 
 namespace ZARO::Relay {
 

@@ -26,7 +26,7 @@ zaro_test(test_torture TIMEOUT 180
     SOURCES test_torture.cpp $<TARGET_OBJECTS:zarorelayd_lib> $<TARGET_OBJECTS:zaro_platform>
         $<TARGET_OBJECTS:zaro_app_common>
         $<TARGET_OBJECTS:zaro_app_daemon>
-    LIBRARIES zaro::files PkgConfig::JSONCPP PkgConfig::CURL PkgConfig::DAEMON ${web})
+    LIBRARIES zaro::base PkgConfig::JSONCPP PkgConfig::CURL PkgConfig::DAEMON ${web})
 target_include_directories(test_torture PRIVATE
     ${CMAKE_SOURCE_DIR}/include ${CMAKE_SOURCE_DIR}/platform/include)
 target_compile_definitions(test_torture PRIVATE

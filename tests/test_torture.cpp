@@ -70,7 +70,7 @@ long Counted(long handle) {
 extern "C" {
 MINUS(fstat) MINUS(stat) MINUS(lstat) MINUS(fchmod) MINUS(rename) MINUS(unlink) MINUS(link)
 MINUS(flock) MINUS(dup2) MINUS(read) MINUS(time) MINUS(fork) MINUS(open)
-ZERO(realpath) ZERO(opendir) ZERO(popen) LATE(close, -1) LATE(pclose, -1) LATE(waitpid, -1)
+ZERO(realpath) ZERO(popen) LATE(close, -1) LATE(pclose, -1) LATE(waitpid, -1)
 WRAP(write, REAL(write), gFault.error != 0 ? -1 : __real_write(a, b, (c + 1) / 2, d, e, f))
 MINUS(TLIBCFileGetKeyValue) MINUS(TLIBCINFOSetKeyValue) MINUS(TLIBCFileGetSectionByValue)
 MINUS(TLIBCFileGetSectionValue) MINUS(ZARONetIFGetInfo) MINUS(ZARONetDefaultGatewayGet)

@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/jobqueue.h>
 
 #include <algorithm>
@@ -8,8 +9,9 @@
 #include <limits>
 #include <utility>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/text.h"
+#include "base/json.h"
+#include "base/log.h"
 
 namespace ZARO::Relay {
 
@@ -52,11 +54,11 @@ bool Job::Write(Json::Value& out) const {
 JobQueue::JobQueue() : multi_(nullptr), running_(0) {
     // These two texts end their own line, and so leave an empty one: it is how they are known.
     if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
-        RELAY_LOG(3, "curl_global_init() failed\n");
+        RELAY_LOG(log::Error, "curl_global_init() failed\n");
     }
     multi_ = curl_multi_init();
     if (multi_ == nullptr) {
-        RELAY_LOG(3, "%d: curl_multi_init() failed", __LINE__);
+        RELAY_LOG(log::Error, "%d: curl_multi_init() failed", __LINE__);
     }
 }
 
@@ -80,7 +82,7 @@ bool JobQueue::Add(boost::shared_ptr<Request> request, JobCallback callback, int
     long schedule = 0;
     if (delay > 0) {
         if (!ReadClock(schedule)) {
-            RELAY_LOG(3, "get time now failed %m");
+            RELAY_LOG(log::Error, "get time now failed %m");
             return false;
         }
         schedule += delay;
@@ -94,7 +96,7 @@ bool JobQueue::Add(Job& job) {
         return false;
     }
     if (!job.IsValid()) {
-        RELAY_LOG(3, "bad job config");
+        RELAY_LOG(log::Error, "bad job config");
         return false;
     }
     if (!CheckStart(job)) {
@@ -107,7 +109,7 @@ bool JobQueue::Add(Job& job) {
 bool JobQueue::CheckStart(Job& job) {
     long now = 0;
     if (!ReadClock(now)) {
-        RELAY_LOG(3, "get time now failed %m");
+        RELAY_LOG(log::Error, "get time now failed %m");
         return false;
     }
     if (job.schedule > now) {
@@ -115,11 +117,11 @@ bool JobQueue::CheckStart(Job& job) {
     }
     if (Daemon::IsLogEnable(7)) {
         std::cerr << "\033[34madd request\033[0m: "
-                  << log::Harmless(job.request->GetUrl().c_str()).Value() << " "
+                  << Harmless(job.request->GetUrl().c_str()).Value() << " "
                   << job.request->GetData() << std::flush;
     }
     if (!job.request->JobAdd(multi_)) {
-        RELAY_LOG(7, "add %s failed", job.request->GetData().c_str());
+        RELAY_LOG(log::Debug, "add %s failed", job.request->GetData().c_str());
         return false;
     }
     job.schedule = 0;
@@ -149,7 +151,7 @@ bool JobQueue::GetFdSet(fd_set* read, fd_set* write, fd_set* except, int* maxfd)
         return false;
     }
     if (curl_multi_fdset(multi_, read, write, except, maxfd) != CURLM_OK) {
-        RELAY_LOG(3, "curl_multi_fdset() error\n");
+        RELAY_LOG(log::Error, "curl_multi_fdset() error\n");
         return false;
     }
     return true;
@@ -172,11 +174,11 @@ int JobQueue::GetTimeOffset() const {
 
 bool JobQueue::CheckDoneJobs() {
     Perform();
-    RELAY_LOG(7, "queue check done jobs. running: %d (%zu)", running_, jobs_.size());
+    RELAY_LOG(log::Debug, "queue check done jobs. running: %d (%zu)", running_, jobs_.size());
     int left = 0;
     while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
         if (message->msg != CURLMSG_DONE) {
-            RELAY_LOG(7, "WARN!! not msg done??");
+            RELAY_LOG(log::Debug, "WARN!! not msg done??");
         } else if (!Finish(*message)) {
             return false;
         }
@@ -191,7 +193,8 @@ bool JobQueue::Finish(CURLMsg& message) {
         return *entry.request == static_cast<const void*>(message.easy_handle);
     });
     if (job == jobs_.end()) {
-        RELAY_LOG(3, "unregistered easy_handler: %p", static_cast<void*>(message.easy_handle));
+        RELAY_LOG(log::Error, "unregistered easy_handler: %p",
+                  static_cast<void*>(message.easy_handle));
         return false;
     }
     const boost::shared_ptr<Request> request = job->request;
@@ -200,7 +203,7 @@ bool JobQueue::Finish(CURLMsg& message) {
     (void)request->JobRemove(multi_);            // logged; the job has ended all the same
     jobs_.erase(job);                            // before the callback, which may add jobs
     if (callback != nullptr && !callback(request)) {
-        RELAY_LOG(7, "callback execute failed");
+        RELAY_LOG(log::Debug, "callback execute failed");
     }
     return true;
 }
@@ -215,7 +218,7 @@ bool JobQueue::Remove(JobCallback callback) {
             continue;
         }
         if (job->schedule == 0 && !job->request->JobRemove(multi_)) {
-            RELAY_LOG(3, "remove job[%s] failed", job->request->GetUrl().c_str());
+            RELAY_LOG(log::Error, "remove job[%s] failed", job->request->GetUrl().c_str());
             return false;
         }
         job = jobs_.erase(job);
@@ -229,7 +232,7 @@ bool JobQueue::RemoveAll() {
     }
     for (const Job& job : jobs_) {
         if (job.schedule == 0 && !job.request->JobRemove(multi_)) {
-            RELAY_LOG(3, "remove job[%s] failed", job.request->GetUrl().c_str());
+            RELAY_LOG(log::Error, "remove job[%s] failed", job.request->GetUrl().c_str());
         }
     }
     jobs_.clear();

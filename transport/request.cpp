@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/request.h>
 
 #include <openssl/ssl.h>
@@ -8,8 +9,8 @@
 #include <map>
 #include <utility>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
+#include "base/json.h"
+#include "base/log.h"
 #include "transport/set_option.h"
 
 namespace ZARO::Relay {
@@ -190,7 +191,7 @@ bool Request::Set(const std::string& url, const std::string& data, bool post) {
         return Release();
     }
     if (!InitSend()) {
-        RELAY_LOG(3, "init send failed");
+        RELAY_LOG(log::Error, "init send failed");
         return false;
     }
     if (!SET_OPTION(handle_, CURLOPT_URL, url_.c_str())) {
@@ -225,7 +226,7 @@ bool Request::SetTransferOptions() {
         return false;
     }
     if (blForbidConnReuse) {
-        RELAY_LOG(7, "Forbid reuse conn");
+        RELAY_LOG(log::Debug, "Forbid reuse conn");
         if (!SET_OPTION(handle_, CURLOPT_FORBID_REUSE, 1L)) {
             return false;
         }
@@ -323,7 +324,7 @@ bool Request::Send() {
     }
     curlResult_ = curl_easy_perform(handle_);
     if (curlResult_ != CURLE_OK) {
-        RELAY_LOG(3, "curl_easy_perform failed (%d): [%s]", static_cast<int>(curlResult_),
+        RELAY_LOG(log::Error, "curl_easy_perform failed (%d): [%s]", static_cast<int>(curlResult_),
                   url_.c_str());
         return false;
     }
@@ -337,7 +338,7 @@ bool Request::JobAdd(void* multi) {
         return false;
     }
     if (curl_multi_add_handle(static_cast<CURLM*>(multi), handle_) != CURLM_OK) {
-        RELAY_LOG(3, "curl_multi_add_handle() failed");
+        RELAY_LOG(log::Error, "curl_multi_add_handle() failed");
         return false;
     }
     inMulti_ = true;
@@ -349,7 +350,7 @@ bool Request::JobRemove(void* multi) {
         return false;
     }
     if (curl_multi_remove_handle(static_cast<CURLM*>(multi), handle_) != CURLM_OK) {
-        RELAY_LOG(3, "curl_multi_remove_handle() failed");
+        RELAY_LOG(log::Error, "curl_multi_remove_handle() failed");
         return false;
     }
     inMulti_ = false;
@@ -375,7 +376,7 @@ long Request::GetHttpStatus() {
     long code = 0;
     const CURLcode result = curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &code);
     if (result != CURLE_OK) {
-        RELAY_LOG(3, "Fail to get curl http info: %s", curl_easy_strerror(result));
+        RELAY_LOG(log::Error, "Fail to get curl http info: %s", curl_easy_strerror(result));
         return -1;
     }
     (void)SaveCookies(); // logged; the reply counts without them
@@ -387,7 +388,7 @@ bool Request::SaveCookies() {
     const CURLcode result = curl_easy_getinfo(handle_, CURLINFO_COOKIELIST, &list);
     const std::unique_ptr<curl_slist, void (*)(curl_slist*)> owner(list, curl_slist_free_all);
     if (result != CURLE_OK) {
-        RELAY_LOG(3, "curl_easy_getinfo failed: %d", static_cast<int>(result));
+        RELAY_LOG(log::Error, "curl_easy_getinfo failed: %d", static_cast<int>(result));
         return false;
     }
     Lines all;
@@ -411,7 +412,7 @@ bool Request::SaveCookies() {
 }
 
 RELAYD_RET Request::CurlError() const {
-    RELAY_LOG(5, "%s", buffers_->error);
+    RELAY_LOG(log::Notice, "%s", buffers_->error);
     switch (curlResult_) {
     case CURLE_COULDNT_RESOLVE_HOST:
         return RELAYD_RET_RESOLV;
@@ -423,7 +424,7 @@ RELAYD_RET Request::CurlError() const {
     case CURLE_AGAIN:
         return RELAYD_RET_NETWORK;
     default:
-        RELAY_LOG(6, "curl error: %d", static_cast<int>(curlResult_));
+        RELAY_LOG(log::Info, "curl error: %d", static_cast<int>(curlResult_));
         return static_cast<RELAYD_RET>(2); // reserved, without a name
     }
 }
@@ -435,7 +436,7 @@ RELAYD_RET Request::GetError() const {
     if (status_ == 200) {
         return RELAYD_RET_SUCCESS;
     }
-    RELAY_LOG(5, "http status: %d", static_cast<int>(status_));
+    RELAY_LOG(log::Notice, "http status: %d", static_cast<int>(status_));
     if (status_ >= 400 && status_ <= 499) {
         return RELAYD_RET_NETWORK;
     }
@@ -451,7 +452,7 @@ bool Request::GetResponse(Json::Value& out) const {
         return false;
     }
     if (!json::Parse(buffers_->response, out)) {
-        RELAY_LOG(7, "failed to parse response: %s", buffers_->response.c_str());
+        RELAY_LOG(log::Debug, "failed to parse response: %s", buffers_->response.c_str());
         return false;
     }
     return true;
@@ -459,7 +460,7 @@ bool Request::GetResponse(Json::Value& out) const {
 
 bool Request::GetData(Json::Value& out) const {
     if (!json::Parse(buffers_->data, out)) {
-        RELAY_LOG(7, "failed to parse response: %s", buffers_->data.c_str());
+        RELAY_LOG(log::Debug, "failed to parse response: %s", buffers_->data.c_str());
         return false;
     }
     return true;

@@ -1,5 +1,6 @@
 // What all requests of the process have in common: cookies and resolved names.
 #define RELAY_LOG_UNIT "request.cpp"
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/request.h>
 
 #include <netinet/in.h>
@@ -9,7 +10,7 @@
 #include <algorithm>
 #include <vector>
 
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace ZARO::Relay {
 
@@ -39,7 +40,7 @@ bool ShareData(CURLSH* share, curl_lock_data data, const char* name) {
     if (curl_share_setopt(share, CURLSHOPT_SHARE, data) == CURLSHE_OK) {
         return true;
     }
-    RELAY_LOG(3, "set %s failed", name);
+    RELAY_LOG(log::Error, "set %s failed", name);
     return false;
 }
 
@@ -50,7 +51,7 @@ CURLSH* Request::GetCurlShare(bool reset) {
         CleanRetiredShares();
         const CURLSHcode result = curl_share_cleanup(_share);
         if (result != CURLSHE_OK) {
-            RELAY_LOG(3, "curl_share_cleanup failed. [%s]", curl_share_strerror(result));
+            RELAY_LOG(log::Error, "curl_share_cleanup failed. [%s]", curl_share_strerror(result));
             if (_share != nullptr) {
                 RetiredShares().push_back(_share);
             }
@@ -63,7 +64,7 @@ CURLSH* Request::GetCurlShare(bool reset) {
     }
     _share = curl_share_init();
     if (_share == nullptr) {
-        RELAY_LOG(3, "curl_share_init failed");
+        RELAY_LOG(log::Error, "curl_share_init failed");
         return nullptr;
     }
     if (!ShareData(_share, CURL_LOCK_DATA_COOKIE, "CURL_LOCK_DATA_COOKIE") ||

@@ -4,8 +4,10 @@
 
 #include <curl/curl.h>
 
-#include "daemon/log.h"
+#include <zarorelayd/daemon.h>
+
+#include "base/log.h"
 
 #define SET_OPTION(handle, option, value)                                                          \
     (curl_easy_setopt(handle, option, value) == CURLE_OK ||                                        \
-     (RELAY_LOG(3, "set " #option "to curl handle failed"), false))
+     (RELAY_LOG(log::Error, "set " #option "to curl handle failed"), false))

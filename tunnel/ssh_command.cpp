@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ssh {
 

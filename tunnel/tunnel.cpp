@@ -1,3 +1,4 @@
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/tunnel.h>
 
 #include <fcntl.h>
@@ -12,11 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "config/json_text.h"
-#include "daemon/log.h"
-#include "platform/new_file.h"
-#include "platform/paths.h"
-#include "platform/unique_fd.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/replace_file.h"
+#include "base/paths.h"
+#include "base/unique_fd.h"
 #include "tunnel/ssh_command.h"
 
 namespace ZARO::Relay {
@@ -62,19 +63,19 @@ bool WaitForLogin(pid_t child, const ChildsError& error) {
         return false;
     }
     if (error.Get() != 0) {
-        RELAY_LOG(3, "execl SSH failed, %s", strerror(error.Get()));
+        RELAY_LOG(log::Error, "execl SSH failed, %s", strerror(error.Get()));
     }
     const int code = (st >> 8) & 0xff;
-    RELAY_LOG(7, "ssh returned: %d", code);
+    RELAY_LOG(log::Debug, "ssh returned: %d", code);
     if ((st & 0x7f) != 0 || code != 0) {
-        RELAY_LOG(3, "tunnel create failed");
+        RELAY_LOG(log::Error, "tunnel create failed");
         return false;
     }
     return true;
 }
 
 void LogClient(const ssh::Client& client) {
-    RELAY_LOG(7, "/usr/zaro/bin/ssh -d %s %s %s", client.PassFile(), client.Forward(),
+    RELAY_LOG(log::Debug, "/usr/zaro/bin/ssh -d %s %s %s", client.PassFile(), client.Forward(),
               client.Destination());
 }
 
@@ -100,11 +101,11 @@ bool Tunnel::Overwrite(const Json::Value& v) {
 
 bool Tunnel::IsValid() const {
     if (!service_.IsValid()) {
-        RELAY_LOG(7, "wrong service info");
+        RELAY_LOG(log::Debug, "wrong service info");
         return false;
     }
     if (relay_ip_.empty() || relay_port_ < 0 || relay_pass_.empty() || relay_user_.empty()) {
-        RELAY_LOG(7, "invalid tunnel server info");
+        RELAY_LOG(log::Debug, "invalid tunnel server info");
         return false;
     }
     return true;
@@ -187,7 +188,7 @@ bool Tunnel::Destroy() {
     if (!IsAlive()) {
         return true;
     }
-    RELAY_LOG(7, "kill ssh %d", pid_);
+    RELAY_LOG(log::Debug, "kill ssh %d", pid_);
     return kill(pid_, SIGTERM) == 0;
 }
 
@@ -200,15 +201,15 @@ bool Tunnel::WritePassFile(const std::string& path) const {
         const bool folder =
             errno == EEXIST && lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
         errno = folder ? EISDIR : errno; // what is wrong, not what was tried
-        RELAY_LOG(3, "open [%s] failed, %s", path.c_str(), strerror(errno));
+        RELAY_LOG(log::Error, "open [%s] failed, %s", path.c_str(), strerror(errno));
         unlink(path.c_str());
         return false;
     }
     bool good = fchmod(fd.Get(), 0600) == 0;
     if (!good) {
-        RELAY_LOG(3, "chmod [%s] failed, %s", path.c_str(), strerror(errno));
+        RELAY_LOG(log::Error, "chmod [%s] failed, %s", path.c_str(), strerror(errno));
     } else if (!WriteAll(fd.Get(), relay_pass_)) {
-        RELAY_LOG(3, "write pass failed, %s", strerror(errno));
+        RELAY_LOG(log::Error, "write pass failed, %s", strerror(errno));
         good = false;
     }
     if (!good) {
@@ -241,7 +242,7 @@ bool Tunnel::Create() {
     }
     bool good = false;
     if (pid_ < 0) {
-        RELAY_LOG(3, "fork failed %s", strerror(errno));
+        RELAY_LOG(log::Error, "fork failed %s", strerror(errno));
     } else {
         good = WaitForLogin(pid_, error) && FindBackgroundPid(search.c_str());
     }
@@ -255,7 +256,7 @@ bool Tunnel::FindBackgroundPid(const char* search) {
     FILE* output = popen(search, "re");
     if (output == nullptr) {
         pid_ = -1;
-        RELAY_LOG(3, "get ssh info failed");
+        RELAY_LOG(log::Error, "get ssh info failed");
         return false;
     }
     // Nothing found counts as success with the foreground's pid: the tunnel may stand all the same,
@@ -266,9 +267,9 @@ bool Tunnel::FindBackgroundPid(const char* search) {
     if (getline(&line, &size, output) >= 0) {
         good = sscanf(line, "%d", &pid_) == 1;
         if (good) {
-            RELAY_LOG(7, "tunnel running: %d", pid_);
+            RELAY_LOG(log::Debug, "tunnel running: %d", pid_);
         } else {
-            RELAY_LOG(7, "get tunnel pid failed");
+            RELAY_LOG(log::Debug, "get tunnel pid failed");
             pid_ = -1;
         }
     }
@@ -277,7 +278,7 @@ bool Tunnel::FindBackgroundPid(const char* search) {
     while (getline(&line, &size, output) >= 0) {
     }
     if (pclose(output) != 0) {
-        RELAY_LOG(3, "pclose failed");
+        RELAY_LOG(log::Error, "pclose failed");
     }
     free(line);
     return good;
@@ -290,7 +291,7 @@ bool Tunnel::RunSSHTunnel(const char* passFile) const {
     const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
     LogClient(client);
     client.Execute();
-    RELAY_LOG(3, "execl SSH failed, %s", strerror(errno));
+    RELAY_LOG(log::Error, "execl SSH failed, %s", strerror(errno));
     return false;
 }
 

@@ -6,8 +6,6 @@
 #include <cctype>
 #include <cstring>
 
-#include "app/common/json_io.h"
-
 namespace ZARO::Relay::app {
 
 namespace {
@@ -15,7 +13,6 @@ namespace {
 constexpr std::size_t kLongestId = 63;
 constexpr std::size_t kLongestHost = 253;
 constexpr std::size_t kLongestUser = 255;
-constexpr std::size_t kLongestQuote = 64;
 
 bool IsLetterOrDigit(char c) {
     return std::isalnum(static_cast<unsigned char>(c)) != 0 && static_cast<unsigned char>(c) < 128;
@@ -70,27 +67,6 @@ bool IsPort(int port) {
 
 bool IsAliasName(const std::string& name) {
     return !name.empty() && name.size() <= kLongestId && ConsistsOf(name, "_-.");
-}
-
-bool IsShortText(const std::string& text) {
-    return Printable(text) == text;
-}
-
-std::string TextMember(const Json::Value& object, const char* key) {
-    const Json::Value* member = FindMember(object, key);
-    return member != nullptr && member->isString() ? member->asString() : "";
-}
-
-int NumberMember(const Json::Value& object, const char* key) {
-    const Json::Value* member = FindMember(object, key);
-    return member != nullptr && member->isInt() ? member->asInt() : 0;
-}
-
-std::string Printable(const std::string& text) {
-    std::string printable = text.substr(0, kLongestQuote);
-    std::replace_if(
-        printable.begin(), printable.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
-    return printable;
 }
 
 } // namespace ZARO::Relay::app

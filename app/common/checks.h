@@ -1,10 +1,7 @@
 /// What texts and numbers from outside must look like before anything is done with them.
 #pragma once
 
-#include <json/value.h>
-
 #include <string>
-
 namespace ZARO::Relay::app {
 
 /// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
@@ -26,15 +23,5 @@ bool IsPort(int port);
 
 /// 1 to 63 of letters, digits, "_", "-", ".": nothing that has a meaning in a form.
 bool IsAliasName(const std::string& name);
-
-/// The members that were checked, by name and type; empty or 0 for missing ones.
-std::string TextMember(const Json::Value& object, const char* key);
-int NumberMember(const Json::Value& object, const char* key);
-
-/// Whether a short text of printable ASCII.
-bool IsShortText(const std::string& text);
-
-/// A foreign text for a log line: at most 64 bytes, anything but printable ASCII as "?".
-std::string Printable(const std::string& text);
 
 } // namespace ZARO::Relay::app

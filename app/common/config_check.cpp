@@ -13,7 +13,7 @@
 #include <zarorelayd/zarorelayd.h>
 
 #include "app/common/checks.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
 
 namespace ZARO::Relay::app {
 
@@ -95,7 +95,7 @@ public:
             return;
         }
         for (const Rule& rule : rules) {
-            const Json::Value* member = FindMember(object, rule.key);
+            const Json::Value* member = json::Find(object, rule.key);
             if (member != nullptr && !Fits(*member, rule.kind)) {
                 Add(prefix + rule.key, std::string("expected ") + Expected(rule.kind));
             }
@@ -122,12 +122,12 @@ private:
 };
 
 void CheckServer(Report& report, const Json::Value& config, const char* key) {
-    const Json::Value* server = FindMember(config, key);
+    const Json::Value* server = json::Find(config, key);
     if (server == nullptr) {
         return;
     }
     report.Check(*server, kServerRules, std::string(key) + ".");
-    const Json::Value* protocol = FindMember(*server, "protocol");
+    const Json::Value* protocol = json::Find(*server, "protocol");
     if (protocol != nullptr && protocol->isString() && *protocol != "http" &&
         *protocol != "https") {
         report.Add(std::string(key) + ".protocol", "expected \"http\" or \"https\"");
@@ -135,7 +135,7 @@ void CheckServer(Report& report, const Json::Value& config, const char* key) {
 }
 
 void CheckServices(Report& report, const Json::Value& config) {
-    const Json::Value* list = FindMember(config, "service");
+    const Json::Value* list = json::Find(config, "service");
     if (list == nullptr || !list->isArray()) {
         return;
     }
@@ -143,7 +143,7 @@ void CheckServices(Report& report, const Json::Value& config) {
         const Json::Value& entry = (*list)[i];
         const std::string place = "service[" + std::to_string(i) + "]";
         report.Check(entry, kServiceRules, place + ".");
-        const std::string id = TextMember(entry, "id");
+        const std::string id = json::TextOf(entry, "id");
         if (!IsServiceId(id)) {
             report.Add(place + ".id", "expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
         } else if (!ServiceConf(entry, true).IsValid()) {
@@ -178,7 +178,7 @@ bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& con
     std::ostringstream text;
     text << file.rdbuf();
     std::string wrong;
-    if (ParseJson(text.str(), config, &wrong) && config.isObject()) {
+    if (json::Parse(text.str(), config, wrong) && config.isObject()) {
         return true;
     }
     fault = path + ": " + (wrong.empty() ? "expected a JSON object" : "expected JSON: " + wrong);
@@ -200,11 +200,11 @@ std::vector<std::string> Check(const std::string& path, bool mayBeMissing, Json:
     report.Check(config, kTopRules, "");
     CheckServer(report, config, "server_control");
     CheckServer(report, config, "server_waitcmd");
-    if (const Json::Value* alias = FindMember(config, "server_alias")) {
+    if (const Json::Value* alias = json::Find(config, "server_alias")) {
         report.Check(*alias, kAliasRules, "server_alias.");
     }
     CheckServices(report, config);
-    const std::string id = TextMember(config, "serverID");
+    const std::string id = json::TextOf(config, "serverID");
     if (TLIBRelaydVerifyServerId(id.c_str()) == 0) {
         report.Add("serverID", "belongs to another device");
     }
@@ -228,7 +228,7 @@ std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMiss
 std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable) {
     Json::Value config;
     std::vector<std::string> faults = Check(path, mayBeMissing, config, unusable);
-    const Json::Value* services = FindMember(config, "service");
+    const Json::Value* services = json::Find(config, "service");
     unusable = unusable || (services != nullptr && !services->isArray());
     return faults;
 }

@@ -3,9 +3,9 @@
 
 #include <string>
 
-#include "app/common/own_lock.h"
-#include "platform/new_file.h"
-#include "platform/paths.h"
+#include "base/own_lock.h"
+#include "base/replace_file.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::app {
 

@@ -9,7 +9,7 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::app {
 

@@ -21,14 +21,13 @@
 #include "app/ctl/report.h"
 #include "app/ctl/status.h"
 #include "app/ctl/text.h"
-#include "app/common/json_io.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
 namespace {
 
-using app::FindMember;
 using app::milliseconds;
 
 constexpr milliseconds kServerPatience{4000}; // for all of them together
@@ -51,14 +50,14 @@ struct Device {
 ServerConf FindWaitServer(const Device& device) {
     Json::Value dump;
     if (FindDaemon() == Presence::Running && FetchDump(dump) == kSuccess) {
-        const Json::Value* config = FindMember(dump, "config");
+        const Json::Value* config = json::Find(dump, "config");
         const Json::Value* server =
-            config != nullptr ? FindMember(*config, "server_waitcmd") : nullptr;
+            config != nullptr ? json::Find(*config, "server_waitcmd") : nullptr;
         if (server != nullptr && device.status.document["state"] == "connected") {
             return ServerConf(*server);
         }
     }
-    const bool named = FindMember(device.config, "server_waitcmd") != nullptr;
+    const bool named = json::Find(device.config, "server_waitcmd") != nullptr;
     return named ? device.conf.waitcmd : ServerConf(nullptr, nullptr);
 }
 
@@ -77,7 +76,7 @@ Device Look() {
 void CheckIdentity(Chain& chain, const Device& device) {
     const char* name = "hardware address";
     const std::string mac = AuthConf::RelaydGetMacAddressByIf("eth0");
-    const std::string id = app::TextMember(device.config, "serverID");
+    const std::string id = json::TextOf(device.config, "serverID");
     if (mac.empty()) {
         chain.Broken(name, "the device has none",
                      "name the network interface in " + paths::InfoFile() + " as nic=\"...\"");
@@ -265,8 +264,8 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
     for (const Json::Value& service : device.status.document["service"]) {
         const Json::Value& tunnel = service["tunnel"];
         const std::string name = "relay for " + service["id"].asString();
-        const std::string host = app::TextMember(tunnel, "relay_ip");
-        const int port = app::NumberMember(tunnel, "relay_port");
+        const std::string host = json::TextOf(tunnel, "relay_ip");
+        const int port = json::NumberOf(tunnel, "relay_port");
         if (!app::IsRelayHost(host) || !app::IsPort(port)) {
             chain.Broken(name, "the server has assigned no tunnel",
                          "wait a moment, or ask whoever runs the server");
@@ -306,7 +305,7 @@ int Check(bool json) {
     CheckSsh(chain);
     CheckServices(chain, device);
     CheckRelays(chain, device, CheckDaemon(chain, device));
-    std::cout << (json ? app::StyledJson(chain.Document()) : chain.Render(WantsColour()));
+    std::cout << (json ? json::Pretty(chain.Document()) : chain.Render(WantsColour()));
     return chain.Holds() ? kSuccess : kNotRunning;
 }
 

@@ -9,10 +9,11 @@
 
 #include <zarorelayd/config.h>
 
+#include "app/common/clock.h"
 #include "app/common/config_check.h"
 #include "app/ctl/report.h"
-#include "platform/new_file.h"
-#include "platform/paths.h"
+#include "base/replace_file.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 

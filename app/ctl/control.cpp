@@ -16,9 +16,9 @@
 #include "app/common/clock.h"
 #include "app/common/config_check.h"
 #include "app/ctl/report.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
 #include "app/common/pid_file.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -26,7 +26,6 @@ namespace {
 
 using app::Clock;
 using app::milliseconds;
-using app::StyledJson;
 
 constexpr const char* kDaemon = "zarorelayd";
 
@@ -140,7 +139,7 @@ int Debug() {
     const int code = FetchDump(dump);
     switch (code) {
     case kSuccess:
-        std::cout << StyledJson(dump);
+        std::cout << json::Pretty(dump);
         return 0;
     case kNotRunning:
         return TellAbsent(Presence::None, code);

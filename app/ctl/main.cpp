@@ -8,13 +8,13 @@
 
 #include "app/ctl/command_line.h"
 #include "app/ctl/report.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace {
 
 using ZARO::Relay::Daemon;
 namespace ctl = ZARO::Relay::ctl;
-namespace paths = ZARO::Relay::paths;
+namespace paths = ZARO::paths;
 
 int Run(int argc, char** argv) {
     ctl::CommandLine line;

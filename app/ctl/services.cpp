@@ -13,16 +13,14 @@
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
-#include "app/common/json_io.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
 namespace {
 
-using app::FindMember;
 using app::IsPort;
-using app::TextMember;
 
 struct Entry {
     explicit Entry(const ServiceConf& service) : conf(service) {}
@@ -70,12 +68,12 @@ bool ReadPublished(Entries& entries, int& code) {
         code = Fail(kUnusable, fault, "correct the file");
         return false;
     }
-    const Json::Value* list = FindMember(config, "service");
+    const Json::Value* list = json::Find(config, "service");
     if (list == nullptr || !list->isArray()) {
         return true;
     }
     for (const Json::Value& item : *list) {
-        const std::string id = TextMember(item, "id");
+        const std::string id = json::TextOf(item, "id");
         if (!id.empty()) {
             Entry entry(ServiceConf(item, app::IsServiceId(id)));
             entry.published = true;
@@ -151,7 +149,7 @@ std::string Render(const Json::Value& document) {
 Json::Value Without(const std::string& id, const Json::Value& list) {
     Json::Value rest(Json::arrayValue);
     for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
-        if (TextMember(list[i], "id") != id) {
+        if (json::TextOf(list[i], "id") != id) {
             rest.append(list[i]);
         }
     }
@@ -197,7 +195,7 @@ int ListServices(bool json) {
         return code;
     }
     const Json::Value document = Describe(entries);
-    std::cout << (json ? app::StyledJson(document) : Render(document));
+    std::cout << (json ? json::Pretty(document) : Render(document));
     return kSuccess;
 }
 

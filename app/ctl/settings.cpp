@@ -13,9 +13,9 @@
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
 #include "app/common/strangers_file.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -65,7 +65,7 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
     }
     {
         const Silence silence;
-        if (change() != 0 || app::TextMember(file.Read(), "log_file") != logFile) {
+        if (change() != 0 || json::TextOf(file.Read(), "log_file") != logFile) {
             return TellNotWritten();
         }
     }
@@ -86,8 +86,8 @@ int ShowAlias(bool json) {
     if (!LookAtConfig(config, fault)) {
         return Fail(kUnusable, fault, "correct the file");
     }
-    const Json::Value* settings = app::FindMember(config, "server_alias");
-    const std::string name = settings != nullptr ? app::TextMember(*settings, "alias") : "";
+    const Json::Value* settings = json::Find(config, "server_alias");
+    const std::string name = settings != nullptr ? json::TextOf(*settings, "alias") : "";
     std::string status;
     std::string extra;
     if (!name.empty()) {
@@ -98,7 +98,7 @@ int ShowAlias(bool json) {
         document["name"] = name;
         document["status"] = status;
         document["extra"] = extra;
-        std::cout << app::StyledJson(document);
+        std::cout << json::Pretty(document);
     } else if (name.empty()) {
         std::cout << "no alias" << std::endl;
     } else {
@@ -121,7 +121,7 @@ int SetAlias(const std::string& name) {
     }
     const std::string path = paths::ConfigFile();
     if (!RelaydConf(path.c_str()).WriteAliasName(path, name) ||
-        app::TextMember(change.Read()["server_alias"], "alias") != name) {
+        json::TextOf(change.Read()["server_alias"], "alias") != name) {
         return TellNotWritten();
     }
     return Apply(name.empty() ? "the alias is given up" : "the alias is " + name);

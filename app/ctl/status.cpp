@@ -15,16 +15,12 @@
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "app/ctl/watch.h"
-#include "app/common/json_io.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
 namespace {
-
-using app::FindMember;
-using app::NumberMember;
-using app::TextMember;
 
 /// A daemon has a few services; what claims to have more was not written by one.
 constexpr Json::ArrayIndex kMostServices = 1000;
@@ -34,7 +30,7 @@ constexpr std::int64_t kYoung = 15;  // seconds
 constexpr std::int64_t kStale = 150; // seconds
 
 Json::Value MemberOf(const Json::Value& object, const char* key) {
-    const Json::Value* member = FindMember(object, key);
+    const Json::Value* member = json::Find(object, key);
     return member != nullptr ? *member : Json::Value();
 }
 
@@ -48,27 +44,27 @@ Json::Value TakeTunnel(const Json::Value& from) {
         return Json::Value();
     }
     Json::Value tunnel;
-    tunnel["status"] = TextMember(from, "status");
-    tunnel["relay_ip"] = TextMember(from, "relay_ip");
-    tunnel["relay_port"] = NumberMember(from, "relay_port");
+    tunnel["status"] = json::TextOf(from, "status");
+    tunnel["relay_ip"] = json::TextOf(from, "relay_ip");
+    tunnel["relay_port"] = json::NumberOf(from, "relay_port");
     tunnel["since"] = TimeMember(from);
-    tunnel["restarts"] = NumberMember(from, "restarts");
+    tunnel["restarts"] = json::NumberOf(from, "restarts");
     return tunnel;
 }
 
 Json::Value TakeServices(const Json::Value& list, const std::string& wanted) {
     Json::Value services(Json::arrayValue);
     for (Json::ArrayIndex i = 0; list.isArray() && i < list.size() && i < kMostServices; ++i) {
-        const std::string id = TextMember(list[i], "id");
+        const std::string id = json::TextOf(list[i], "id");
         if (!list[i].isObject() || (!wanted.empty() && id != wanted)) {
             continue;
         }
         Json::Value& service = services.append(Json::Value());
         service["id"] = id;
-        service["name"] = TextMember(list[i], "name");
-        service["port"] = NumberMember(list[i], "port");
+        service["name"] = json::TextOf(list[i], "name");
+        service["port"] = json::NumberOf(list[i], "port");
         service["up"] = MemberOf(list[i], "up") == Json::Value(true);
-        service["local"] = TextMember(list[i], "local");
+        service["local"] = json::TextOf(list[i], "local");
         service["tunnel"] = TakeTunnel(MemberOf(list[i], "tunnel"));
     }
     return services;
@@ -76,7 +72,7 @@ Json::Value TakeServices(const Json::Value& list, const std::string& wanted) {
 
 /// Signal 0 is refused for another user's process, which the library takes for a dead one.
 bool IsOthers(const Json::Value& file) {
-    const int pid = NumberMember(file, "pid");
+    const int pid = json::NumberOf(file, "pid");
     return pid > 0 && kill(pid, 0) != 0 && errno == EPERM;
 }
 
@@ -246,15 +242,15 @@ Status ReadStatus(const std::string& serviceId) {
     const bool known = status.code == kSuccess || status.code == kNotRunning;
     Json::Value& out = status.document;
     out["running"] = known ? Json::Value(running) : Json::Value();
-    out["pid"] = running ? Json::Value(NumberMember(file, "pid")) : Json::Value();
+    out["pid"] = running ? Json::Value(json::NumberOf(file, "pid")) : Json::Value();
     out["state"] = known ? state : "unknown";
     out["error"] = known ? error : "success";
     out["serverID"] = known ? serverId : "";
     out["since"] = status.code == kSuccess ? TimeMember(file) : Json::Value();
-    out["version"] = running ? TextMember(file, "version") : "";
+    out["version"] = running ? json::TextOf(file, "version") : "";
     const Json::Value alias = running ? MemberOf(file, "alias") : Json::Value();
     for (const char* key : {"name", "status", "extra"}) {
-        out["alias"][key] = TextMember(alias, key);
+        out["alias"][key] = json::TextOf(alias, key);
     }
     out["service"] = TakeServices(running ? MemberOf(file, "service") : Json::Value(), serviceId);
     return status;
@@ -291,7 +287,7 @@ int ShowStatus(const StatusOptions& options) {
         return Watch(options);
     }
     const Status status = ReadStatus(options.service);
-    std::cout << (options.json ? app::StyledJson(status.document)
+    std::cout << (options.json ? json::Pretty(status.document)
                                : RenderStatus(status.document, time(nullptr), WantsColour()))
               << std::flush;
     return TellFault(status);

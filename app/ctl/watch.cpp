@@ -15,8 +15,8 @@
 #include "app/common/clock.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
-#include "app/common/json_io.h"
-#include "platform/paths.h"
+#include "base/json.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -137,7 +137,7 @@ private:
 };
 
 std::string Text(const Status& status, const StatusOptions& options) {
-    return options.json ? app::CompactJson(status.document) + "\n"
+    return options.json ? json::Compact(status.document) + "\n"
                         : RenderStatus(status.document, time(nullptr), WantsColour());
 }
 

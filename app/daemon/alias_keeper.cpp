@@ -3,11 +3,14 @@
 #include <exception>
 #include <utility>
 
+#include <zarorelayd/daemon.h>
+
 #include "app/common/checks.h"
-#include "app/daemon/status_file.h"
-#include "daemon/log.h"
-#include "platform/new_file.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/read_file.h"
+#include "base/paths.h"
+#include "base/json.h"
+#include "base/text.h"
 
 namespace ZARO::Relay::app {
 
@@ -57,7 +60,7 @@ bool AliasKeeper::OnDone(boost::shared_ptr<Request> request) {
         gAliasKeeper->Done(request, Clock::now());
         return true;
     } catch (const std::exception& fault) { // nothing may cross libcurl's queue
-        RELAY_LOG(3, "an alias reply could not be taken in: %s", fault.what());
+        RELAY_LOG(log::Error, "an alias reply could not be taken in: %s", fault.what());
         gAliasKeeper->Schedule(ALIAS_RET_SERVER_BUSY, "", Clock::now());
         return false;
     }
@@ -82,8 +85,8 @@ void AliasKeeper::TakeChange(Time now) {
         if (IsTrustedFile(paths::AliasStatusFile())) { // in a folder that anybody may write to
             RelaydConf::ReadJsonFile(paths::AliasStatusFile(), file);
         }
-        const std::string alias = TextMember(file, "alias_name");
-        if (TextMember(file, "status") == "success" && IsAliasName(alias)) {
+        const std::string alias = json::TextOf(file, "alias_name");
+        if (json::TextOf(file, "status") == "success" && IsAliasName(alias)) {
             mapped_ = alias;
         }
     }
@@ -94,7 +97,7 @@ void AliasKeeper::TakeChange(Time now) {
     known_ = true;
     refused_ = conf_.alias.IsAliasEnabled() && !IsAliasName(conf_.alias.GetAliasName());
     if (refused_) {
-        RELAY_LOG(3,
+        RELAY_LOG(log::Error,
                   "server_alias.alias: expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
     }
     backoff_.Reset();
@@ -138,11 +141,10 @@ void AliasKeeper::Done(const boost::shared_ptr<Request>& request, Time now) {
     AliasRequest::ResponseToString(outcome, status_);
     extra_ = Printable(extra);
     const bool gone = running_ == ALIAS_REQUEST_DELETE && IsGone(outcome);
-    MoveFolderAway(paths::AliasStatusFile());
     AliasStatus().SetStatus(alias, gone ? "deleted" : status_, extra_, true);
     if (former != status_) {
-        RELAY_LOG(outcome == ALIAS_RET_SUCCESS ? 6 : 4, "alias [%s]: %s", Printable(alias).c_str(),
-                  status_.c_str());
+        RELAY_LOG(outcome == ALIAS_RET_SUCCESS ? log::Info : log::Warning, "alias [%s]: %s",
+                  Printable(alias).c_str(), status_.c_str());
     }
     Schedule(outcome, alias, now);
 }

@@ -1,7 +1,9 @@
 #include "app/daemon/assigned_tunnels.h"
 
 #include "app/daemon/server_reply.h"
-#include "daemon/log.h"
+#include <zarorelayd/daemon.h>
+
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -29,11 +31,11 @@ AssignedTunnels::Read(const Json::Value& list, const std::list<ServiceConf>& ser
         ++refused;
         if (reasons.size() < kMostRefusals && reasons.insert(why).second &&
             refused_.count(why) == 0) {
-            RELAY_LOG(3, "refused a tunnel from the server: %s", why.c_str());
+            RELAY_LOG(log::Error, "refused a tunnel from the server: %s", why.c_str());
         }
     }
     if (refused > kMostRefusals && refused_.size() < kMostRefusals) {
-        RELAY_LOG(3, "refused %u tunnels from the server", refused);
+        RELAY_LOG(log::Error, "refused %u tunnels from the server", refused);
     }
     refused_.swap(reasons);
     return good;

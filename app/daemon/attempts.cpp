@@ -1,6 +1,7 @@
 #include "app/daemon/attempts.h"
 
-#include "daemon/log.h"
+#include "base/log.h"
+#include <zarorelayd/daemon.h>
 
 namespace ZARO::Relay::app {
 
@@ -31,7 +32,7 @@ void Attempts::StartOver(Time now) {
 
 void Attempts::Succeeded(Time now) {
     if (error_ != RELAYD_RET_SUCCESS) {
-        RELAY_LOG(4, "%s works again", kind_);
+        RELAY_LOG(log::Warning, "%s works again", kind_);
     }
     error_ = RELAYD_RET_SUCCESS;
     backoff_.Succeeded(now);
@@ -40,7 +41,7 @@ void Attempts::Succeeded(Time now) {
 
 void Attempts::Failed(RELAYD_RET result) {
     if (error_ != result) {
-        RELAY_LOG(4, "%s failed: %s, trying on", kind_, GetErrorStr(result).c_str());
+        RELAY_LOG(log::Warning, "%s failed: %s, trying on", kind_, GetErrorStr(result).c_str());
     }
     error_ = result;
 }

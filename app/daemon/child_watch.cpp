@@ -16,8 +16,10 @@
 #include <memory>
 #include <string>
 
-#include "daemon/log.h"
-#include "platform/paths.h"
+#include <zarorelayd/daemon.h>
+
+#include "base/log.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::app {
 
@@ -136,7 +138,7 @@ bool ChildWatch::Add(pid_t pid) {
         pidfd = -1;
     }
     if (pidfd < 0) { // an old kernel, or too few descriptors: a tunnel is a tunnel all the same
-        RELAY_LOG(6, "process %d is looked at every second", pid);
+        RELAY_LOG(log::Info, "process %d is looked at every second", pid);
     }
     const bool fresh = children_.emplace(pid, Child{pidfd, Time::max(), Time::max()}).second;
     if (!fresh) {
@@ -232,7 +234,7 @@ void EndStrays(const std::function<bool(const std::string&)>& isStray) {
         }
         const std::string ending = FileEnding(CommandLine(pid), prefix);
         if (!ending.empty() && isStray(ending) && strays.Add(atoi(pid.c_str()))) {
-            RELAY_LOG(5, "ending left-over ssh %s", pid.c_str());
+            RELAY_LOG(log::Notice, "ending left-over ssh %s", pid.c_str());
         }
     });
     strays.EndAll(kGrace);

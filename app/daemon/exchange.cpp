@@ -4,8 +4,10 @@
 #include <exception>
 #include <utility>
 
+#include <zarorelayd/daemon.h>
+
 #include "app/daemon/server_reply.h"
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -20,7 +22,7 @@ constexpr int kMostResends = 3;
 Exchange* gExchange = nullptr;
 
 void LogLost(const std::exception& fault) {
-    RELAY_LOG(3, "a reply could not be taken in: %s", fault.what());
+    RELAY_LOG(log::Error, "a reply could not be taken in: %s", fault.what());
 }
 
 } // namespace
@@ -185,7 +187,7 @@ Outcome Exchange::TakeBatchReply(Request& request, Time now) {
     }
     Json::Value reply;
     if (!request.GetResponse(reply)) {
-        RELAY_LOG(3, "the control server's reply is no JSON");
+        RELAY_LOG(log::Error, "the control server's reply is no JSON");
         return {RELAYD_RET_UNKNOWN};
     }
     switch (registration_.Apply(reply)) {

@@ -9,8 +9,10 @@
 
 #include <zarorelayd/daemon.h>
 
+#include "base/own_lock.h"
 #include "app/common/pid_file.h"
-#include "daemon/log.h"
+#include "app/common/clock.h"
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -33,19 +35,19 @@ bool BecomeTheOnlyOne(OwnLock& lock) {
     const int error = errno;
     const pid_t named = ReadPid();
     if (!locked && error == EWOULDBLOCK) {
-        RELAY_LOG(3, "Daemon already running on PID file %d", named);
+        RELAY_LOG(log::Error, "Daemon already running on PID file %d", named);
         return false;
     }
     if (!locked) { // no reason not to run
-        RELAY_LOG(4, "no lock on [%s], %s", InstanceLockFile().c_str(), strerror(error));
+        RELAY_LOG(log::Warning, "no lock on [%s], %s", InstanceLockFile().c_str(), strerror(error));
     }
     // The lock is free for one that could not take it, or was begun before there was a lock.
     if (IsDaemonOfThisRoot(named)) {
-        RELAY_LOG(3, "Daemon already running on PID file %d", named);
+        RELAY_LOG(log::Error, "Daemon already running on PID file %d", named);
         return false;
     }
     if (unlink(Daemon::GetPidFile()) == 0) {
-        RELAY_LOG(4, "removed the stale PID file [%s]", Daemon::GetPidFile());
+        RELAY_LOG(log::Warning, "removed the stale PID file [%s]", Daemon::GetPidFile());
     }
     return true;
 }

@@ -1,7 +1,7 @@
 /// One daemon per root.
 #pragma once
 
-#include "app/common/own_lock.h"
+#include "base/own_lock.h"
 
 namespace ZARO::Relay::app {
 

@@ -10,7 +10,7 @@
 #include <zarorelayd/daemon.h>
 
 #include "app/common/strangers_file.h"
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -20,14 +20,15 @@ std::string UsableLogFile(const RelaydConf& conf) {
     }
     // Whoever planted the file could read what a trace holds, or have another one written over.
     if (IsStrangersFile(conf.log_file)) {
-        RELAY_LOG(3, "log file [%s] is a link or another user's", conf.log_file.c_str());
+        RELAY_LOG(log::Error, "log file [%s] is a link or another user's", conf.log_file.c_str());
         return "";
     }
     const int fd =
         open(conf.log_file.c_str(),
              O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
-        RELAY_LOG(3, "log file [%s] can't be opened, %s", conf.log_file.c_str(), strerror(errno));
+        RELAY_LOG(log::Error, "log file [%s] can't be opened, %s", conf.log_file.c_str(),
+                  strerror(errno));
         return "";
     }
     struct stat info = {};

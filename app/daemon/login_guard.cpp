@@ -10,7 +10,7 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "platform/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
 

@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <string>
 
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/tunnel.h>
 
 #include "app/common/checks.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
 #include "app/daemon/server_reply.h"
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -83,16 +84,16 @@ void LongPoll::Stop() {
 RELAYD_RET LongPoll::Apply(const Json::Value& reply, Time now) {
     const RELAYSERVER_ERR error = ParseServerError(reply);
     if (error != RELAYSERVER_ERR_SUCCESS) {
-        RELAY_LOG(4, "wait_command failed: %s", GetServerErrorStr(error).c_str());
+        RELAY_LOG(log::Warning, "wait_command failed: %s", GetServerErrorStr(error).c_str());
         return RespErrMap(error);
     }
     const Json::Value& answer = AnswerOf(reply);
-    const Json::Value* tunnels = FindMember(answer, "tunnels");
+    const Json::Value* tunnels = json::Find(answer, "tunnels");
     if (tunnels == nullptr || !keeper_.Reconcile(*tunnels, conf_.services, now)) {
-        RELAY_LOG(3, "the wait_command reply holds no list of tunnels");
+        RELAY_LOG(log::Error, "the wait_command reply holds no list of tunnels");
         return RELAYD_RET_UNKNOWN;
     }
-    revision_ = NumberMember(answer, "revision");
+    revision_ = json::NumberOf(answer, "revision");
     return RELAYD_RET_SUCCESS;
 }
 

@@ -4,8 +4,12 @@
 #include <set>
 #include <string>
 
+#include <zarorelayd/daemon.h>
+
 #include "app/common/checks.h"
-#include "daemon/log.h"
+#include "base/log.h"
+#include "base/json.h"
+#include "base/text.h"
 
 namespace ZARO::Relay::app {
 
@@ -22,7 +26,7 @@ bool LossWatch::FindsLoss(const Json::Value& tunnels, const std::list<ServiceCon
     }
     std::set<std::string> listed;
     for (const Json::Value& tunnel : tunnels) {
-        listed.insert(TextMember(tunnel, "id"));
+        listed.insert(json::TextOf(tunnel, "id"));
     }
     const auto lost =
         std::find_if(services.begin(), services.end(),
@@ -30,7 +34,7 @@ bool LossWatch::FindsLoss(const Json::Value& tunnels, const std::list<ServiceCon
     if (lost == services.end()) {
         return false;
     }
-    RELAY_LOG(4, "the server lists no tunnel for %s, registering anew",
+    RELAY_LOG(log::Warning, "the server lists no tunnel for %s, registering anew",
               Printable(lost->id).c_str());
     quietUntil_ = now + kBetweenLosses;
     return true;

@@ -21,6 +21,7 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 
+#include "base/own_lock.h"
 #include "app/daemon/child_watch.h"
 #include "app/common/config_check.h"
 #include "app/daemon/log_target.h"
@@ -30,15 +31,16 @@
 #include "app/daemon/instance.h"
 #include "app/daemon/privileges.h"
 #include "app/daemon/relay_daemon.h"
-#include "daemon/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
 
 namespace {
 
 using ZARO::Relay::Daemon;
 using ZARO::Relay::RelaydConf;
 namespace app = ZARO::Relay::app;
-namespace paths = ZARO::Relay::paths;
+namespace log = ZARO::log;
+namespace paths = ZARO::paths;
 
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
@@ -119,7 +121,7 @@ int RunDaemon(bool foreground) {
         return kUsage;
     }
     Daemon::SetName(kName);
-    app::OwnLock instance(app::InstanceLockFile());
+    ZARO::OwnLock instance(app::InstanceLockFile());
     if (!app::BecomeTheOnlyOne(instance)) {
         return kFailure;
     }
@@ -133,7 +135,7 @@ int RunDaemon(bool foreground) {
     // still sees why it does not start.
     Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
     for (const std::string& fault : faults) {
-        RELAY_LOG(4, "%s", fault.c_str());
+        RELAY_LOG(log::Warning, "%s", fault.c_str());
     }
     // Not by Init, which would tell the starter too soon.
     return foreground || Daemon::Fork() ? Serve(conf) : kFailure;
@@ -157,7 +159,7 @@ int main(int argc, char** argv) {
         }
         return options.check ? Check(options.checkFile) : RunDaemon(options.foreground);
     } catch (const std::exception& fault) {
-        RELAY_LOG(3, "out of resources: %s", fault.what());
+        RELAY_LOG(log::Error, "out of resources: %s", fault.what());
         TellStarter(kFailure);
         return kFailure;
     }

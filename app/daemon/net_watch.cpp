@@ -11,7 +11,9 @@
 
 #include <cerrno>
 
-#include "daemon/log.h"
+#include <zarorelayd/daemon.h>
+
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -27,7 +29,7 @@ NetWatch::NetWatch()
         fd_ = -1;
     }
     if (fd_ < 0) {
-        RELAY_LOG(4, "network changes can't be watched, time-outs have to do");
+        RELAY_LOG(log::Warning, "network changes can't be watched, time-outs have to do");
     }
 }
 

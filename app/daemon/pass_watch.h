@@ -7,8 +7,10 @@
 #include <string>
 #include <string_view>
 
+#include <zarorelayd/daemon.h>
+
 #include "app/common/clock.h"
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -39,7 +41,7 @@ public:
         Step(nullptr);
         Keep("a whole pass", pass_);
         if (pass_ >= kTooLong) {
-            RELAY_LOG(4, "a pass of the loop took %ld ms, most of it for %s",
+            RELAY_LOG(log::Warning, "a pass of the loop took %ld ms, most of it for %s",
                       static_cast<long>(pass_.count()), mostFor_);
         }
         pass_ = most_ = milliseconds(0);

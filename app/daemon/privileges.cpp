@@ -9,7 +9,9 @@
 #include <cstdint>
 #include <cstring>
 
-#include "daemon/log.h"
+#include <zarorelayd/daemon.h>
+
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -58,7 +60,7 @@ void DropPrivileges() {
     permitted &= kKept;
     good = good && Capabilities(SYS_capset, effective, permitted);
     if (!good) {
-        RELAY_LOG(4, "capabilities can't be given up, %s", strerror(errno));
+        RELAY_LOG(log::Warning, "capabilities can't be given up, %s", strerror(errno));
     }
 }
 

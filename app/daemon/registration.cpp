@@ -3,12 +3,14 @@
 #include <cerrno>
 #include <string>
 
+#include <zarorelayd/daemon.h>
+
 #include "app/common/config_check.h"
 #include "app/common/config_lock.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
 #include "app/daemon/server_reply.h"
-#include "daemon/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
 
 namespace ZARO::Relay::app {
 
@@ -27,12 +29,12 @@ bool IsHeldByOther(ConfigLock& lock) {
 /// answer, so that the library does not try. The file must be whole, because the library would move
 /// a broken one aside, and a typo would cost all services.
 void HoldBackServerId(Json::Value& answer, ConfigLock& lock, RelaydConf& conf) {
-    const Json::Value* id = FindMember(answer, "serverID");
+    const Json::Value* id = json::Find(answer, "serverID");
     Json::Value config;
     std::string fault = ConfigLock::Path() + ": held by another program";
     if (id != nullptr && id->isString() &&
         (IsHeldByOther(lock) || !ReadConfigFile(paths::ConfigFile(), true, config, fault))) {
-        RELAY_LOG(4, "the server id is not written: %s", fault.c_str());
+        RELAY_LOG(log::Warning, "the server id is not written: %s", fault.c_str());
         conf.serverID = id->asString();
         answer.removeMember("serverID");
     }
@@ -85,7 +87,7 @@ void Registration::Resend(Time now) {
 Registration::Applied Registration::Apply(Json::Value& reply) {
     bool goodServer = true;
     if (!CleanBatchReply(reply, goodServer)) {
-        RELAY_LOG(3, "refused an id or a mode from the control server");
+        RELAY_LOG(log::Error, "refused an id or a mode from the control server");
     }
     const ServerConf formerWait = conf_.waitcmd;
     const bool registered = HasRegistered(reply);
@@ -95,7 +97,7 @@ Registration::Applied Registration::Apply(Json::Value& reply) {
         goodServer = false;
     }
     if (!goodServer) {
-        RELAY_LOG(3, "refused the wait-command server that the control server named");
+        RELAY_LOG(log::Error, "refused the wait-command server that the control server named");
         RegisterAgain();
         return Applied::Refused;
     }
@@ -103,7 +105,7 @@ Registration::Applied Registration::Apply(Json::Value& reply) {
         return Applied::Updated;
     }
     registered_ = true;
-    RELAY_LOG(6, "registered as [%s]", conf_.serverID.c_str());
+    RELAY_LOG(log::Info, "registered as [%s]", conf_.serverID.c_str());
     return Applied::Registered;
 }
 

@@ -18,8 +18,9 @@
 #include "app/common/config_check.h"
 #include "app/daemon/log_target.h"
 #include "app/daemon/secrets.h"
-#include "daemon/log.h"
-#include "platform/paths.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/text.h"
 
 namespace ZARO::Relay::app {
 
@@ -47,7 +48,7 @@ bool RelayDaemon::Run() {
             Pass();
         }
     } catch (const std::exception& fault) {
-        RELAY_LOG(3, "out of resources, stopping: %s", fault.what());
+        RELAY_LOG(log::Error, "out of resources, stopping: %s", fault.what());
         Stop();
         return false;
     }
@@ -160,7 +161,7 @@ void RelayDaemon::OnSignals() {
         case SIGTERM:
         case SIGINT:
         case SIGQUIT:
-            RELAY_LOG(6, "stopping on signal %d", signal);
+            RELAY_LOG(log::Info, "stopping on signal %d", signal);
             gblRun = 0;
             return;
         case SIGHUP:
@@ -201,7 +202,7 @@ bool RelayDaemon::Reload() {
     const std::string path = paths::ConfigFile();
     const auto faults = CheckReload(path, !hasFile_, unusable);
     for (const std::string& fault : faults) {
-        RELAY_LOG(unusable ? 3 : 4, "%s", fault.c_str());
+        RELAY_LOG(unusable ? log::Error : log::Warning, "%s", fault.c_str());
     }
     const bool wasEnabled = conf_.enable;
     const NetworkConf network = conf_.network;
@@ -223,7 +224,7 @@ bool RelayDaemon::Reload() {
     conf_.network = network;
     networkCheck_ = Clock::now();
     ApplyLogSettings(conf_);
-    RELAY_LOG(6, "configuration reloaded");
+    RELAY_LOG(log::Info, "configuration reloaded");
     keeper_.DropWithdrawn(conf_.services, Clock::now());
     SwitchedFrom(wasEnabled);
     return true;
@@ -231,7 +232,7 @@ bool RelayDaemon::Reload() {
 
 void RelayDaemon::SwitchedFrom(bool wasEnabled) {
     if (wasEnabled && !conf_.enable) {
-        RELAY_LOG(5, "the relay service is switched off");
+        RELAY_LOG(log::Notice, "the relay service is switched off");
         exchange_.Stop();
         alias_.Stop();
         keeper_.CloseAll();
@@ -253,7 +254,7 @@ void RelayDaemon::CheckNetwork(Time now) {
     if (current == conf_.network && addresses == addresses_) {
         return;
     }
-    RELAY_LOG(5, "the network changed");
+    RELAY_LOG(log::Notice, "the network changed");
     conf_.network = current;
     addresses_ = std::move(addresses);
     if (conf_.enable) {
@@ -278,8 +279,8 @@ void RelayDaemon::ProbeServices(Time now) {
             probe.reachable = ProbeLocalPort(port);
             if (before != probe.reachable &&
                 (before == Reachable::Refuses || probe.reachable == Reachable::Refuses)) {
-                RELAY_LOG(4, "service %s, port %d: %s", Printable(service.id).c_str(), port,
-                          ReachabilityWord(probe.reachable));
+                RELAY_LOG(log::Warning, "service %s, port %d: %s", Printable(service.id).c_str(),
+                          port, ReachabilityWord(probe.reachable));
             }
         }
     }
@@ -335,7 +336,7 @@ void RelayDaemon::WriteStatus() {
     if (state != shownState_) {
         shownState_ = state;
         since_ = Beginning();
-        RELAY_LOG(6, "state: %s", GetStateStr(state).c_str());
+        RELAY_LOG(log::Info, "state: %s", GetStateStr(state).c_str());
     }
     Json::Value status;
     status["pid"] = getpid();

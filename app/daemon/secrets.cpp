@@ -4,7 +4,7 @@
 #include <iterator>
 #include <string>
 
-#include "app/common/json_io.h"
+#include "base/json.h"
 
 namespace ZARO::Relay::app {
 
@@ -19,9 +19,10 @@ bool IsSecretName(const std::string& name) {
 /// Masks a request body: a JSON document, or a form.
 std::string MaskBody(const std::string& body) {
     Json::Value document;
-    if (ParseJson(body, document) && (document.isObject() || document.isArray())) {
+    if (json::Parse(body, document, json::Grammar::Whole) &&
+        (document.isObject() || document.isArray())) {
         MaskSecrets(document);
-        return CompactJson(document);
+        return json::Compact(document);
     }
     std::string masked;
     for (std::size_t at = 0; at <= body.size();) {

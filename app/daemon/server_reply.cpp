@@ -3,7 +3,8 @@
 #include <algorithm>
 
 #include "app/common/checks.h"
-#include "app/common/json_io.h"
+#include "base/json.h"
+#include "base/text.h"
 
 namespace ZARO::Relay::app {
 
@@ -20,7 +21,7 @@ bool IsPassword(const std::string& password) {
 /// Whether every member of a server that another server names is one that a URL may be made of.
 bool IsServer(const Json::Value& server) {
     const auto fits = [&](const char* key, auto isGood) {
-        const Json::Value* member = FindMember(server, key);
+        const Json::Value* member = json::Find(server, key);
         return member == nullptr || isGood(*member);
     };
     const auto isHost = [](const Json::Value& host) {
@@ -53,12 +54,12 @@ bool CleanBatchReply(Json::Value& reply, bool& goodServer) {
     }
     for (Json::Value& answer : reply) {
         for (const char* key : {"serverID", "mode"}) {
-            if (!IsShortText(TextMember(answer, key))) {
+            if (!IsPrintable(json::TextOf(answer, key))) {
                 answer.removeMember(key);
                 good = false;
             }
         }
-        const Json::Value* server = FindMember(answer, "server_wait_cmd");
+        const Json::Value* server = json::Find(answer, "server_wait_cmd");
         if (server != nullptr && !IsServer(*server)) {
             answer.removeMember("server_wait_cmd");
             goodServer = false;
@@ -69,25 +70,25 @@ bool CleanBatchReply(Json::Value& reply, bool& goodServer) {
 
 bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& services,
                  Json::Value& tunnel, std::string& why) {
-    const std::string id = TextMember(assigned, "id");
+    const std::string id = json::TextOf(assigned, "id");
     if (!IsServiceId(id)) {
         why = "bad service id [" + Printable(id) + "]";
         return false;
     }
     const auto service = std::find_if(services.begin(), services.end(), CmprServiceId(id));
-    const std::string host = TextMember(assigned, "relay_ip");
-    const std::string user = TextMember(assigned, "relay_user");
+    const std::string host = json::TextOf(assigned, "relay_ip");
+    const std::string user = json::TextOf(assigned, "relay_user");
     if (service == services.end()) {
         why = "no such service";
-    } else if (NumberMember(assigned, "port") != service->port || !IsPort(service->port)) {
+    } else if (json::NumberOf(assigned, "port") != service->port || !IsPort(service->port)) {
         why = "not the service's port";
     } else if (!IsRelayHost(host)) {
         why = "bad relay host [" + Printable(host) + "]";
-    } else if (!IsPort(NumberMember(assigned, "relay_port"))) {
+    } else if (!IsPort(json::NumberOf(assigned, "relay_port"))) {
         why = "bad relay port";
     } else if (!IsRelayUser(user)) {
         why = "bad relay user [" + Printable(user) + "]";
-    } else if (!IsPassword(TextMember(assigned, "relay_pass"))) {
+    } else if (!IsPassword(json::TextOf(assigned, "relay_pass"))) {
         why = "bad relay password";
     } else {
         tunnel = Json::Value(Json::objectValue);

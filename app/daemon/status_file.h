@@ -31,10 +31,6 @@ private:
     bool failing_ = false;
 };
 
-/// Whether a file in a folder that anybody may write to was made by us, by root or by the folder's
-/// owner, and is no link.
-bool IsTrustedFile(const std::string& path);
-
 /// Writes a dump into the file that an asker made for it, in one piece; a file that is not there,
 /// is a link, or belongs to somebody else than root or us is left alone.
 void WriteDump(const Json::Value& dump);

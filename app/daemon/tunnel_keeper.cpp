@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <set>
 
+#include <zarorelayd/daemon.h>
+
 #include "app/daemon/login.h"
 #include "app/daemon/lost_sockets.h"
-#include "daemon/log.h"
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 
@@ -43,7 +45,7 @@ bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<Servic
             ++tunnel;
             continue;
         }
-        RELAY_LOG(6, "closing the tunnel of %s: %s", id.c_str(),
+        RELAY_LOG(log::Info, "closing the tunnel of %s: %s", id.c_str(),
                   found == wanted.end() ? "withdrawn" : "changed");
         tunnel->Destroy();
         tunnel = tunnels_.erase(tunnel);
@@ -156,7 +158,7 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
         return;
     }
     upkeep.LoggedIn(now);
-    RELAY_LOG(6, "tunnel of %s is up", id.c_str());
+    RELAY_LOG(log::Info, "tunnel of %s is up", id.c_str());
 }
 
 /// The other tunnels to the same relay, if none of them is up. A relay that does not even refuse
@@ -211,7 +213,7 @@ void TunnelKeeper::DropWithdrawn(const std::list<ServiceConf>& services, Time no
         if (service != services.end() && service->port == tunnel.GetServiceConf().port) {
             return false;
         }
-        RELAY_LOG(6, "closing the tunnel of %s: not published any more", id.c_str());
+        RELAY_LOG(log::Info, "closing the tunnel of %s: not published any more", id.c_str());
         tunnel.Destroy();
         return true;
     });
@@ -223,7 +225,7 @@ void TunnelKeeper::DropLostAddresses(Time now) {
     for (Tunnel& tunnel : tunnels_) {
         const pid_t pid = tunnel.GetPid();
         if (pid > 0 && lost.Has(pid)) {
-            RELAY_LOG(5, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
+            RELAY_LOG(log::Notice, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
             tunnel.Destroy();
         }
     }

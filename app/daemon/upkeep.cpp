@@ -1,6 +1,7 @@
 #include "app/daemon/upkeep.h"
 
-#include "daemon/log.h"
+#include "base/log.h"
+#include <zarorelayd/daemon.h>
 
 namespace ZARO::Relay::app {
 
@@ -25,7 +26,7 @@ bool Upkeep::Ended(const std::string& id, Time now) {
     // A connection that breaks again and again gets one warning per minute.
     const bool told = lossToldAt_ != Time() && now - lossToldAt_ < kBetweenLosses;
     lossToldAt_ = told ? lossToldAt_ : now;
-    RELAY_LOG(told ? 6 : 4, "tunnel of %s is down, rebuilding it", id.c_str());
+    RELAY_LOG(told ? log::Info : log::Warning, "tunnel of %s is down, rebuilding it", id.c_str());
     return true;
 }
 
@@ -37,13 +38,13 @@ bool Upkeep::BeginsToStand(const std::string& id, Time now) {
     pace.Stood();
     if (troubled_) {
         troubled_ = false;
-        RELAY_LOG(4, "tunnel of %s works again", id.c_str());
+        RELAY_LOG(log::Warning, "tunnel of %s works again", id.c_str());
     }
     return true;
 }
 
 void Upkeep::Trouble(const std::string& id, const char* how) {
-    RELAY_LOG(troubled_ ? 6 : 4, "tunnel of %s %s, trying on", id.c_str(), how);
+    RELAY_LOG(troubled_ ? log::Info : log::Warning, "tunnel of %s %s, trying on", id.c_str(), how);
     troubled_ = true;
 }
 

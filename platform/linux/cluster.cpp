@@ -2,6 +2,7 @@
 
 #include <ctype.h>
 
+#include "base/paths.h"
 #include "lines.h"
 #include "mac.h"
 

@@ -15,20 +15,15 @@
 
 // Everything is built with hidden symbols; only the contract's functions leave the library.
 #pragma GCC visibility push(default)
+#include "base/paths.h"
 #include "zaro/platform.h"
 #pragma GCC visibility pop
 
-#include "platform/paths.h"
-#include "platform/unique_fd.h"
+#include "base/read_file.h"
 
 namespace ZARO::Platform {
 
-namespace paths = ZARO::Relay::paths;
-using ZARO::Relay::UniqueFd;
-
-/// The largest file that is read or written, in bytes: far above any settings file, and a bound on
-/// what a damaged or planted one can cost.
-constexpr size_t kMaxFileSize = 1 << 20;
+namespace paths = ZARO::paths; // for the C functions, which are in no namespace
 
 /// Keeps `error` for TLIBCErrGet. Always -1.
 int Fail(int error) noexcept;
@@ -46,20 +41,13 @@ template <typename Body> int Guard(Body body) noexcept {
     }
 }
 
-/// Reads a regular file from where its descriptor stands to its end; EFBIG above `limit` bytes.
-int ReadAll(int fd, size_t limit, std::string& text);
-
-/// Reads a whole regular file. Anything else is refused, without ever waiting on it.
-int ReadFile(const std::string& path, std::string& text);
+/// Reads a whole regular file. Anything else is refused, without ever waiting on it. `text` is
+/// untouched on failure.
+int ReadWhole(const std::string& path, std::string& text, Trust trust = Trust::Anybodys,
+              size_t most = kSmallFile);
 
 /// Gives the names in a folder in order of their bytes, hidden ones left out.
 int ListFolder(const std::string& path, std::vector<std::string>& names);
-
-int WriteAll(int fd, std::string_view text);
-
-/// Makes what was renamed, linked or removed in `folder` last over a power cut, as far as the file
-/// system can: by then it has happened, so there is nothing to report.
-void SyncFolder(const std::string& folder);
 
 /// Puts `text` into a caller's buffer of `size` > 0 bytes, cut to fit and never within a UTF-8
 /// character. Returns the length it has there.

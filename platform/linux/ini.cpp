@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "base/paths.h"
 #include "lines.h"
 
 namespace ZARO::Platform {
@@ -60,7 +61,7 @@ int TLIBCFileGetSectionByValue(const char* file, const char* value, char* sectio
             return Fail(EINVAL);
         }
         std::string text;
-        if (const int error = ReadFile(file, text)) {
+        if (const int error = ReadWhole(file, text)) {
             return Fail(error);
         }
         int error = ENOENT;
@@ -86,7 +87,7 @@ int TLIBCFileGetSectionValue(const char* file, const char* section, const char* 
             return Fail(EINVAL);
         }
         std::string text;
-        if (const int error = ReadFile(file, text)) {
+        if (const int error = ReadWhole(file, text)) {
             return Fail(error);
         }
         const auto value = FindInSection(text, section, key);
@@ -109,7 +110,7 @@ int ZARODDNSConfigGet(const char* provider, struct _tag_ZARO_DDNS* record) {
             return Fail(EINVAL);
         }
         std::string text;
-        if (const int error = ReadFile(paths::DdnsFile(), text)) {
+        if (const int error = ReadWhole(paths::DdnsFile(), text)) {
             return Fail(error);
         }
         const auto hostname = FindInSection(text, provider, "hostname");

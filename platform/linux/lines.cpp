@@ -99,7 +99,7 @@ std::optional<std::string_view> FindValue(std::string_view text, std::string_vie
 
 std::string ReadValue(const std::string& file, std::string_view key) {
     std::string text;
-    if (ReadFile(file, text) != 0) {
+    if (ReadWhole(file, text) != 0) {
         return "";
     }
     return std::string(FindValue(text, key).value_or(""));

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "base/paths.h"
 #include "lines.h"
 #include "mac.h"
 #include "number.h"
@@ -28,7 +29,7 @@ std::optional<Mac> ReadMac(const std::string& name) {
     std::string text;
     if (name.empty() || name.size() >= IFNAMSIZ || name.front() == '.' ||
         name.find('/') != name.npos ||
-        ReadFile(paths::NetClassDir() + "/" + name + "/address", text) != 0) {
+        ReadWhole(paths::NetClassDir() + "/" + name + "/address", text) != 0) {
         return std::nullopt;
     }
     return ParseMac(std::string_view(text).substr(0, text.find('\n')));

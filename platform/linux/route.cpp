@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "base/paths.h"
 #include "common.h"
 #include "lines.h"
 #include "number.h"
@@ -40,7 +41,7 @@ bool ParseRoute(std::string_view line, DefaultRoute& route, unsigned int& metric
 
 int FindDefaultRoute(DefaultRoute& best) {
     std::string text;
-    if (const int error = ReadFile(paths::RouteFile(), text)) {
+    if (const int error = ReadWhole(paths::RouteFile(), text)) {
         return error;
     }
     bool found = false;

@@ -7,6 +7,7 @@
 #include <memory>
 #include <vector>
 
+#include "base/paths.h"
 #include "lines.h"
 #include "number.h"
 
@@ -118,7 +119,7 @@ int ZAROFwServiceEnum(ZARO_FW_SERVICE_LIST** list) {
         for (const std::string& file : files) {
             const std::string name(ServiceName(file));
             std::string text;
-            if (!name.empty() && ReadFile(folder + file, text) == 0 &&
+            if (!name.empty() && ReadWhole(folder + file, text) == 0 &&
                 !FillService(name, text, found->services[name])) {
                 found->services.erase(name);
             }

@@ -1,23 +1,22 @@
 #include "common.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <memory>
 
+#include "base/read_file.h"
+#include "base/paths.h"
+#include "base/own_lock.h"
+#include "base/replace_file.h"
 #include "lines.h"
-#include "platform/new_file.h"
 
 namespace ZARO::Platform {
 namespace {
 
 // Who holds the lock is replacing one small file; a disk that wakes up takes seconds.
-constexpr int kLockWaitMs = 10000;
-constexpr int kLockStepMs = 5;
+constexpr std::chrono::seconds kLockPatience{10};
 
 /// Gives the file that `path` stands for, behind its symbolic links. One that is missing stands for
 /// itself, but a link that leads nowhere is an error: replacing it would cut it off its target.
@@ -35,73 +34,9 @@ int ResolveTarget(const std::string& path, std::string& target) {
     return 0;
 }
 
-/// The hidden companion of a file, in the same folder.
-std::string Companion(const std::string& file, const char* suffix) {
-    const size_t name = file.rfind('/') + 1;
-    return file.substr(0, name) + "." + file.substr(name) + suffix;
-}
-
-/// Takes the lock that the writers of a file share, until it is closed. Nobody else can open that
-/// file, so nobody else can hold the lock up. It stays there: removing it would let two writers
-/// lock two files of one name.
-int Lock(const std::string& path, UniqueFd& lock) {
-    lock = UniqueFd(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
-                         S_IRUSR | S_IWUSR));
-    struct stat info {};
-    if (!lock.IsOpen() || fstat(lock.Get(), &info) != 0) {
-        return errno;
-    }
-    if (!S_ISREG(info.st_mode) || fchmod(lock.Get(), S_IRUSR | S_IWUSR) != 0) {
-        return EPERM;
-    }
-    for (int waited = 0; waited < kLockWaitMs; waited += kLockStepMs) {
-        if (flock(lock.Get(), LOCK_EX | LOCK_NB) == 0) {
-            return 0;
-        }
-        if (errno != EWOULDBLOCK && errno != EINTR) {
-            return errno;
-        }
-        poll(nullptr, 0, kLockStepMs);
-    }
-    return EBUSY;
-}
-
-/// Writes a new file completely, with the owner and mode that `like` tells.
-int WriteNew(const std::string& path, const std::string& text, const struct stat& like) {
-    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
-                           S_IRUSR | S_IWUSR));
-    if (!fd.IsOpen()) {
-        return errno;
-    }
-    if (const int error = WriteAll(fd.Get(), text)) {
-        return error;
-    }
-    if (fchown(fd.Get(), like.st_uid, like.st_gid) != 0) {
-        // Only root may give a file away: whoever else may write here keeps it.
-    }
-    if (fchmod(fd.Get(), like.st_mode & 07777) != 0 || fsync(fd.Get()) != 0) {
-        return errno;
-    }
-    return 0;
-}
-
-/// Replaces a file by rename, so that it is whole at every instant. The caller holds its lock,
-/// which is why a fixed name does for the new file: what a killed writer left is removed here.
-int Replace(const std::string& file, const std::string& text, const struct stat& like) {
-    const std::string fresh = Companion(file, ".new");
-    if (unlink(fresh.c_str()) != 0 && errno != ENOENT) {
-        return errno;
-    }
-    int error = WriteNew(fresh, text, like);
-    if (error == 0 && rename(fresh.c_str(), file.c_str()) != 0) {
-        error = errno;
-    }
-    if (error != 0) {
-        (void)unlink(fresh.c_str()); // the next writer removes it, if this one can't
-        return error;
-    }
-    SyncFolder(ZARO::Relay::FolderOf(file));
-    return 0;
+/// The file by which the writers of another take turns: its hidden companion in the same folder.
+std::string LockOf(const std::string& file) {
+    return FolderOf(file) + "." + file.substr(file.rfind('/') + 1) + ".lock";
 }
 
 /// `text` with every line of `key` set to `value`, so that a reader for which the first one counts
@@ -128,34 +63,39 @@ std::string WithValue(std::string_view text, std::string_view key, std::string_v
     return result;
 }
 
+/// The text of a settings file, and the owner and mode that its successor gets.
+int ReadFormer(const std::string& file, std::string& text, struct stat& like) {
+    if (stat(file.c_str(), &like) == 0) {
+        return ReadWhole(file, text);
+    }
+    like.st_uid = geteuid();
+    like.st_gid = getegid();
+    like.st_mode = 0644;
+    return errno == ENOENT ? 0 : errno;
+}
+
 int SetValue(const std::string& path, std::string_view key, std::string_view value) {
     std::string file;
-    UniqueFd lock;
-    int error = ResolveTarget(path, file);
-    if (error == 0) {
-        error = Lock(Companion(file, ".lock"), lock);
-    }
-    if (error != 0) {
+    if (const int error = ResolveTarget(path, file)) {
         return error;
+    }
+    OwnLock lock(LockOf(file));
+    if (!lock.Take(kLockPatience)) {
+        return errno == EWOULDBLOCK ? EBUSY : errno;
     }
     struct stat like {};
     std::string before;
-    if (stat(file.c_str(), &like) == 0) {
-        error = ReadFile(file, before);
-    } else {
-        error = errno == ENOENT ? 0 : errno;
-        like.st_uid = geteuid();
-        like.st_gid = getegid();
-        like.st_mode = 0644;
-    }
-    if (error != 0) {
+    if (const int error = ReadFormer(file, before, like)) {
         return error;
     }
     const std::string after = WithValue(before, key, value);
-    if (after.size() > kMaxFileSize) {
+    if (after.size() > kSmallFile) {
         return EFBIG;
     }
-    return after == before ? 0 : Replace(file, after, like);
+    NewFile kind;
+    kind.like = &like;
+    const bool good = after == before || ReplaceFile(file, after, kind) == Replaced::Done;
+    return good ? 0 : errno;
 }
 
 } // namespace
@@ -169,7 +109,7 @@ int TLIBCFileGetKeyValue(const char* file, const char* key, char* buf, int size,
             return Fail(EINVAL);
         }
         std::string text;
-        if (const int error = ReadFile(file, text)) {
+        if (const int error = ReadWhole(file, text)) {
             return Fail(error);
         }
         return CopyCut(FindValue(text, key).value_or(""), buf, size);

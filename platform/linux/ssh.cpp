@@ -25,12 +25,10 @@
 #include <vector>
 
 #include "number.h"
-#include "platform/paths.h"
+#include "base/paths.h"
 
 namespace ZARO::Platform {
 namespace {
-
-namespace paths = ZARO::Relay::paths;
 
 constexpr char kClient[] = "/usr/bin/ssh";
 constexpr char kKnownHostsVariable[] = "ZARO_SSH_KNOWN_HOSTS";

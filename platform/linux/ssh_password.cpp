@@ -1,11 +1,12 @@
 #include "ssh_password.h"
 
-#include <fcntl.h>
 #include <stdlib.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <string_view>
+
+#include "base/read_file.h"
 
 namespace ZARO::Platform {
 namespace {
@@ -28,24 +29,19 @@ bool IsPasswordPrompt(std::string_view prompt) {
 } // namespace
 
 const char* ReadPassword(const char* file, std::string& password) {
-    // One byte more than allowed, so that a file that is too long shows.
-    char text[kMaxPassword + 1];
-    struct stat info {};
-    const int fd = open(file, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
+    FileText content;
+    const Reading reading = ReadFile(file, content, Trust::Private, kMaxPassword);
+    if (!content.opened) {
         return "can't open the password file";
     }
-    const bool closed = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
-                        info.st_uid == geteuid() && (info.st_mode & 077) == 0;
-    const ssize_t size = closed ? read(fd, text, sizeof text) : 0;
-    close(fd);
-    if (!closed) {
+    const bool tooLong = reading == Reading::Unreadable && errno == EFBIG;
+    if (reading != Reading::Done && !tooLong) {
         return "the password file must be a regular file of this user, closed to others";
     }
-    if (size <= 0 || static_cast<size_t>(size) > kMaxPassword) {
+    password = content.text;
+    if (password.empty()) {
         return "the password file must hold 1 to 4096 bytes";
     }
-    password.assign(text, static_cast<size_t>(size));
     const bool oneLine = password.find_first_of(std::string_view("\0\r\n", 3)) == password.npos;
     return oneLine ? nullptr : "the password file must hold one line without an end";
 }

@@ -1,6 +1,5 @@
 #include "common.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <sys/random.h>
@@ -9,9 +8,11 @@
 #include <algorithm>
 #include <array>
 
+#include "base/read_file.h"
+#include "base/paths.h"
 #include "lines.h"
 #include "number.h"
-#include "platform/new_file.h"
+#include "base/replace_file.h"
 
 namespace ZARO::Platform {
 namespace {
@@ -62,22 +63,16 @@ bool IsSerial(std::string_view text) {
 
 /// Reads the key file; ENOENT when the device has none yet, EBADMSG when it is damaged.
 int ReadIdentity(const std::string& path, Identity& identity) {
-    const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
-    struct stat info {};
-    if (!fd.IsOpen() || fstat(fd.Get(), &info) != 0) {
+    FileText file;
+    if (ReadFile(path, file, Trust::NoLink, kMaxKeyFile) != Reading::Done) {
         return errno;
     }
-    if (S_ISREG(info.st_mode) && (info.st_mode & 077) != 0 &&
-        fchmod(fd.Get(), S_IRUSR | S_IWUSR) != 0) {
+    if ((file.mode & 077) != 0 && chmod(path.c_str(), S_IRUSR | S_IWUSR) != 0) {
         return errno;
     }
-    std::string text;
-    if (const int error = ReadAll(fd.Get(), kMaxKeyFile, text)) {
-        return error;
-    }
-    identity.serial = FindValue(text, "serial").value_or("");
+    identity.serial = FindValue(file.text, "serial").value_or("");
     const bool whole = IsSerial(identity.serial) &&
-                       ParseSecret(FindValue(text, "secret").value_or(""), identity.secret);
+                       ParseSecret(FindValue(file.text, "secret").value_or(""), identity.secret);
     return whole ? 0 : EBADMSG;
 }
 
@@ -93,11 +88,6 @@ int DrawIdentity(Identity& identity) {
     return 0;
 }
 
-int WriteSynced(int fd, const std::string& text) {
-    const int error = WriteAll(fd, text);
-    return error == 0 && fsync(fd) != 0 ? errno : error;
-}
-
 /// Makes the device's identity. Of processes that do so at once the first one wins: the link is
 /// made only where no file is, and by then the file is complete.
 int MakeIdentity(const std::string& path) {
@@ -105,24 +95,16 @@ int MakeIdentity(const std::string& path) {
     if (const int error = DrawIdentity(identity)) {
         return error;
     }
-    const UniqueFd fd(ZARO::Relay::OpenNewFile(path));
-    if (!fd.IsOpen()) {
-        return errno;
-    }
-    const std::string fresh = ZARO::Relay::NewFileOf(path);
-    int error = WriteSynced(fd.Get(), "serial=\"" + identity.serial + "\"\nsecret=\"" +
-                                          ToHex(identity.secret) + "\"\n");
-    if (error == 0 && link(fresh.c_str(), path.c_str()) != 0 && errno != EEXIST) {
-        error = errno;
-    }
-    (void)unlink(fresh.c_str()); // what stays only its owner can read, and the next process removes
-    SyncFolder(ZARO::Relay::FolderOf(path));
-    return error;
+    const std::string text =
+        "serial=\"" + identity.serial + "\"\nsecret=\"" + ToHex(identity.secret) + "\"\n";
+    NewFile kind;
+    kind.onlyIfMissing = true;
+    return ReplaceFile(path, text, kind) == Replaced::Done ? 0 : errno;
 }
 
 int LoadIdentity(Identity& identity) {
     const std::string path = paths::DeviceKeyFile();
-    ZARO::Relay::RemoveLeftNewFiles(path); // here, since there may never be another writer
+    RemoveLeftNewFiles(path); // here, since there may never be another writer
     int error = ReadIdentity(path, identity);
     if (error == ENOENT) {
         error = MakeIdentity(path);

@@ -12,7 +12,6 @@
 
 #include "app/common/checks.h"
 #include "app/daemon/exchange.h"
-#include "config/json_text.h"
 #include "tests/support/temp_root.h"
 
 using namespace ZARO::Relay;

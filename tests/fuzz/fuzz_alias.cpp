@@ -1,4 +1,5 @@
 /// What the alias server says, and the form that asks it. The first byte is "2" for status 200.
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 #include <zarorelayd/request_alias.h>

@@ -1,4 +1,6 @@
 /// A configuration file as somebody left it: checked, reloaded, written and read again.
+#include "base/paths.h"
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 #include "app/common/config_check.h"

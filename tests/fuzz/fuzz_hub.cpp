@@ -1,4 +1,5 @@
 /// The hub, as a series of requests behind a host: each line is taken as a batch and as a form.
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 #include "hub/alias.h"

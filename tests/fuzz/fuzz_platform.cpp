@@ -1,5 +1,6 @@
 /// The platform's files, one text for all of them; its first two lines are a key and a value to
 /// set.
+#include "base/paths.h"
 #include "tests/fuzz/fuzz.h"
 
 #include <zaro/platform.h>

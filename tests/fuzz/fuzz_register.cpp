@@ -1,4 +1,6 @@
 /// Replies to registration batches, one a line, while the device's settings change in between.
+#include "base/text.h"
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 void Fuzz(const std::string& input) {
@@ -17,7 +19,7 @@ void Fuzz(const std::string& input) {
         Register(device).ParseResponse(trusting, sent, reply);
         app::CleanBatchReply(reply, goodServer);
         const bool good = device.ParseResponse(conf, sent, reply);
-        assert(app::IsShortText(conf.serverID) && app::IsShortText(conf.network.mode));
+        assert(IsPrintable(conf.serverID) && IsPrintable(conf.network.mode));
         assert(conf.waitcmd.GetUrl(nullptr).find_first_of(" \r\n\"<>@#?") == std::string::npos);
         device.GetChanges(conf, tunnels, next); // again what the server did not acknowledge
         assert(good == (reply.isArray() && next.empty()) && next.size() <= sent.size());

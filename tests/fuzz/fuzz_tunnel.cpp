@@ -1,5 +1,7 @@
 /// A tunnel object: nothing in it leaves its quotes in the shell's text, leads a file elsewhere or,
 /// once checked, reads as an option.
+#include "base/paths.h"
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 #include "tunnel/ssh_command.h"

@@ -1,4 +1,5 @@
 /// Replies to the long poll, one a line: the tunnels that the daemon takes from them.
+#include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 void Fuzz(const std::string& input) {

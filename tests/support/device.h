@@ -6,6 +6,7 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/result.h>
 
+#include "base/paths.h"
 #include "tests/support/hub_process.h"
 #include "tests/support/json_text.h"
 #include "tests/support/temp_root.h"
@@ -91,7 +92,7 @@ public:
     }
 
     void Enter() const {
-        ZARO::Relay::paths::SetRoot(root.Dir());
+        ZARO::paths::SetRoot(root.Dir());
         ZARO::Relay::Daemon::SetName("zarorelayd");
     }
 

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "platform/paths.h"
+#include "base/paths.h"
 #include "tests/support/processes.h"
 
 /// Makes an empty root with a device's usual folders, makes it this process's root (and that of the
@@ -18,10 +18,10 @@ public:
     TempRoot() {
         umask(022); // whatever this user's is
         std::string pattern = (std::filesystem::temp_directory_path() / "zaro.XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr || !ZARO::Relay::paths::SetRoot(pattern)) {
+        if (mkdtemp(pattern.data()) == nullptr || !ZARO::paths::SetRoot(pattern)) {
             throw std::runtime_error("can't make a root " + pattern);
         }
-        dir_ = ZARO::Relay::paths::Root();
+        dir_ = ZARO::paths::Root();
         for (const char* folder : {"/etc", "/tmp", "/usr/zaro/bin", "/usr/zaro/etc/services.d",
                                    "/var/run", "/proc/net", "/proc/sys/kernel", "/sys/class/net"}) {
             std::filesystem::create_directories(dir_ + folder);

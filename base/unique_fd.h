@@ -1,20 +1,20 @@
-/// One owner for each descriptor.
+/// The one owner of a descriptor.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
 
-namespace ZARO::Relay {
+namespace ZARO {
 
-/// Owns a descriptor, or none (-1), and closes it when it goes.
+/// Owns a descriptor, or none (-1), and closes it when it goes. Any thread, one at a time.
 class UniqueFd {
 public:
     explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd() { (void)Close(); } // whoever cares about the result closes it himself
+    ~UniqueFd() { (void)Close(); } // who cares about the result calls Close
     UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept {
-        std::swap(fd_, other.fd_);
+        UniqueFd former(std::exchange(fd_, other.Release()));
         return *this;
     }
     int Get() const { return fd_; }
@@ -23,11 +23,11 @@ public:
     /// Gives the descriptor to the caller.
     int Release() { return std::exchange(fd_, -1); }
 
-    /// Closes it now. False, with errno, when close() tells of a failed write; true without one.
+    /// Closes it now. False, with errno, when close() reports a failed write; true for none.
     bool Close() { return fd_ < 0 || close(Release()) == 0; }
 
 private:
     int fd_;
 };
 
-} // namespace ZARO::Relay
+} // namespace ZARO

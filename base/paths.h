@@ -12,7 +12,7 @@
 
 #include <string>
 
-namespace ZARO::Relay::paths {
+namespace ZARO::paths {
 
 /// The root without a trailing slash; empty on an appliance.
 inline std::string Root() {
@@ -78,4 +78,4 @@ inline std::string NetClassDir() { return Below("/sys/class/net"); }
 inline std::string RouteFile() { return Below("/proc/net/route"); }
 // clang-format on
 
-} // namespace ZARO::Relay::paths
+} // namespace ZARO::paths

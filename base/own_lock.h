@@ -1,12 +1,12 @@
-/// Locks that only the daemon's own user can hold.
+/// Locks that only one user can hold.
 #pragma once
 
+#include <chrono>
 #include <string>
 
-#include "app/common/clock.h"
-#include "platform/unique_fd.h"
+#include "base/unique_fd.h"
 
-namespace ZARO::Relay::app {
+namespace ZARO {
 
 /// An advisory lock on a file that other users can't open. The file is never removed: a lock on a
 /// removed file excludes nobody. A child shares the lock after a fork, a program that it executes
@@ -17,13 +17,14 @@ public:
 
     /// Makes the file if need be and waits up to `patience` for another holder. False, with errno,
     /// when there is still one (EWOULDBLOCK), or when the file can't be made, opened or locked.
-    bool Take(milliseconds patience);
+    bool Take(std::chrono::milliseconds patience);
 
 private:
+    bool Open();
     bool TryOnce();
 
     std::string path_;
     UniqueFd fd_;
 };
 
-} // namespace ZARO::Relay::app
+} // namespace ZARO
