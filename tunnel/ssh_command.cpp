@@ -14,12 +14,11 @@ namespace ZARO::Relay::ssh {
 
 namespace {
 
-/// Ours are close-on-exec anyway, and the process's limit may be millions.
+/// Our own are close-on-exec anyway, and the process may have a limit of millions.
 constexpr int kMostDescriptors = 4096;
 
-/// Keeps every descriptor but the standard ones from the program that is about to be executed;
-/// libraries open some without asking.
-void KeepDescriptors() {
+/// Marks every descriptor but the standard ones as close-on-exec; libraries open some without it.
+void HideDescriptors() {
     if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
         return;
     }
@@ -28,8 +27,8 @@ void KeepDescriptors() {
     }
 }
 
-/// A path inside the double quotes of a shell command, as a pattern for grep. Paths without
-/// characters that either gives a meaning come out as they are; "." does, and only matches more.
+/// A path as a pattern for grep, inside the double quotes of a shell command. Escapes what has a
+/// meaning there; only "." stays as it is, and matches more than itself.
 std::string AsQuotedPattern(const std::string& path) {
     std::string quoted;
     for (const char c : path) {
@@ -93,7 +92,7 @@ Client::Client(const std::string& passFile, const Way& way)
 }
 
 void Client::Execute() const {
-    KeepDescriptors();
+    HideDescriptors();
     execv(argv_[0], argv_.data());
 }
 

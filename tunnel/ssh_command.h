@@ -9,11 +9,11 @@ namespace ZARO::Relay::ssh {
 /// A service id as part of a file name: it can't lead to another folder or break a line.
 std::string AsFileName(const std::string& id);
 
-/// The shell command that lists the ssh process whose command line names that password file. Quotes
-/// the path, whatever it holds but a zero byte.
+/// The shell command that lists the ssh process whose command line names that password file. Any
+/// path is safe, unless it holds a zero byte.
 std::string PidSearch(const std::string& passFile);
 
-/// What tells one tunnel's ssh from another's.
+/// What differs between the clients of two tunnels.
 struct Way {
     std::string user;
     std::string host;
@@ -29,7 +29,7 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // The arguments that are not the same for every client.
+    // The arguments that differ between clients.
     const char* PassFile() const { return arguments_[2].c_str(); }
     const char* Forward() const { return arguments_[7].c_str(); }
     const char* Destination() const { return arguments_[8].c_str(); }

@@ -15,8 +15,8 @@
 
 #include "base/json.h"
 #include "base/log.h"
-#include "base/replace_file.h"
 #include "base/paths.h"
+#include "base/replace_file.h"
 #include "base/unique_fd.h"
 #include "tunnel/ssh_command.h"
 
@@ -44,7 +44,7 @@ public:
             *static_cast<volatile int*>(shared_) = error;
         }
     }
-    /// 0 when the child did become the client; also when there is no memory to tell.
+    /// 0 when the child became the client, and when the shared memory could not be had.
     int Get() const { return shared_ != MAP_FAILED ? *static_cast<volatile int*>(shared_) : 0; }
 
 private:
@@ -172,7 +172,7 @@ bool Tunnel::IsAlive() {
     if (kill(pid_, 0) == 0) {
         return true;
     }
-    pid_ = -1; // whatever the error: a process that can't be asked is not ours any more
+    pid_ = -1; // whatever the error: a process that we may not signal is not ours any more
     return false;
 }
 
@@ -200,7 +200,7 @@ bool Tunnel::WritePassFile(const std::string& path) const {
         struct stat info = {};
         const bool folder =
             errno == EEXIST && lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-        errno = folder ? EISDIR : errno; // what is wrong, not what was tried
+        errno = folder ? EISDIR : errno; // EEXIST would not say what is wrong
         RELAY_LOG(log::Error, "open [%s] failed, %s", path.c_str(), strerror(errno));
         unlink(path.c_str());
         return false;
@@ -273,8 +273,7 @@ bool Tunnel::FindBackgroundPid(const char* search) {
             pid_ = -1;
         }
     }
-    // Ids that begin alike match too; the rest is read off, so that grep does not end on a closed
-    // pipe and count as failed.
+    // Ids that begin alike match too. The rest is read as well: grep would fail on a closed pipe.
     while (getline(&line, &size, output) >= 0) {
     }
     if (pclose(output) != 0) {

@@ -82,9 +82,9 @@ Time Exchange::NextDue() const {
     return std::min({poll_.Deadline(), ResendDue(), registration_.NextSend(), NextWait()});
 }
 
-/// While libcurl connects it has timers that no descriptor tells of. How long that takes isn't
-/// known: so a long poll gets its turns less often as it grows older, and no timer is late by more
-/// than half its age.
+/// While libcurl connects it has timers that no descriptor shows, and nobody knows how long that
+/// takes. So a long poll gets its turns less often as it grows older, and no timer is late by more
+/// than half the poll's age.
 Time Exchange::NextTurn(Time now) const {
     if (registration_.Batches().IsOut()) {
         return now + kTurn;

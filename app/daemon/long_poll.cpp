@@ -7,8 +7,8 @@
 #include <zarorelayd/tunnel.h>
 
 #include "app/common/checks.h"
-#include "base/json.h"
 #include "app/daemon/server_reply.h"
+#include "base/json.h"
 #include "base/log.h"
 
 namespace ZARO::Relay::app {

@@ -7,8 +7,8 @@
 #include <zarorelayd/daemon.h>
 
 #include "app/common/checks.h"
-#include "base/log.h"
 #include "base/json.h"
+#include "base/log.h"
 #include "base/text.h"
 
 namespace ZARO::Relay::app {

@@ -7,8 +7,8 @@
 
 #include "app/common/config_check.h"
 #include "app/common/config_lock.h"
-#include "base/json.h"
 #include "app/daemon/server_reply.h"
+#include "base/json.h"
 #include "base/log.h"
 #include "base/paths.h"
 

@@ -60,7 +60,7 @@ private:
     StatusFile status_;
     ServiceProbes probes_;
     Time refreshDue_{};
-    Time networkCheck_ = Time::max(); ///< when a change of the network is looked at
+    Time networkCheck_ = Time::max(); ///< when to look for a change of the network
     bool hasFile_;                    ///< the configuration in force came from a file
     bool stopping_ = false;
     RELAYD_STATE shownState_ = RELAYD_STATE_STARTING;

@@ -20,9 +20,9 @@ const Json::Value& AnswerOf(const Json::Value& reply);
 bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& services,
                  Json::Value& tunnel, std::string& why);
 
-/// Takes out of a reply to a batch what the library would take on trust and the daemon does not: a
-/// server id or a mode that is no short text, false when there was one, and a wait-command server
-/// that no URL may be made of, which `goodServer` tells.
+/// Removes from a reply to a batch what the library would trust and the daemon does not. False when
+/// that was a server id or a mode that is not a short printable text. `goodServer` becomes false
+/// when it was a wait-command server that must not become part of a URL, else true.
 bool CleanBatchReply(Json::Value& reply, bool& goodServer);
 
 } // namespace ZARO::Relay::app

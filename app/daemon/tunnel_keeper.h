@@ -21,21 +21,22 @@ namespace ZARO::Relay::app {
 /// for one log-in at most.
 class TunnelKeeper {
 public:
-    /// The list that Register edits too: a tunnel that it drops is ended here.
+    /// The library's Register edits this list too. A tunnel that it drops is ended here.
     std::list<Tunnel>& Tunnels() { return tunnels_; }
 
     /// Takes the whole list that the server assigns: closes tunnels that are not in it or differ,
-    /// keeps equal ones, starts missing ones one by one. What fails the checks is refused
-    /// and logged. False when it is no list.
+    /// keeps equal ones, starts missing ones one by one. What fails the checks is refused and
+    /// logged. False, and nothing changes, for what is not a list or is far too long.
     bool Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services, Time now);
 
-    /// Notices ended processes and ends dropped ones. On every pass, whatever else is off.
+    /// Notices ended processes and ends dropped ones. To be called on every pass, even while the
+    /// service is switched off.
     void Notice(Time now);
 
     /// Starts at most one tunnel.
     void StartDue(Time now);
 
-    /// When the two are to be called next, at the latest.
+    /// When Notice or StartDue is to be called next, at the latest.
     Time NextDue() const;
 
     /// The path to the servers is back: waiting tunnels are tried at once.
@@ -54,9 +55,10 @@ public:
     /// Closes all tunnels and forgets what was assigned; for a service that is switched off.
     void CloseAll();
 
-    /// Ends every ssh process, within `patience` and the time to kill.
+    /// Ends every ssh process and waits for that; kills those that take longer than `patience`.
     void Stop(milliseconds patience);
 
+    /// Adds the descriptors by which the end of a process shows.
     void AddTo(fd_set& read, int& maxfd) const { children_.AddTo(read, maxfd); }
 
     /// Status of a service's tunnel for the status file; null when it has none.
