@@ -8,9 +8,9 @@
 
 namespace ZARO {
 
-/// An advisory lock on a file that other users can't open. The file is never removed: a lock on a
-/// removed file excludes nobody. A child shares the lock after a fork, a program that it executes
-/// does not. The lock ends with this object, or with the last process that shares it.
+/// An advisory lock on a file that other users can't open. The file is never removed, since a lock
+/// on a removed file excludes nobody. A forked child shares the lock until it executes a program.
+/// The lock ends with this object, or with the last process that shares it.
 class OwnLock {
 public:
     explicit OwnLock(std::string path);

@@ -1,5 +1,5 @@
 /// A hub and many devices on one machine: how long until every service can be reached, how they
-/// come back when the relay is lost for all of them at once, and what it costs.
+/// recover when all of them lose the relay at once, and how much memory it takes.
 ///
 ///   scale [DEVICES] [SERVICES]
 ///
@@ -18,12 +18,12 @@
 namespace {
 
 constexpr milliseconds kAllBack{60000 * kSlow};
-/// From a second after the relay's return on, no such window may hold more than a tenth of the
-/// log-ins. What comes sooner is what a single device is promised, and may have; the whole first
-/// second may hold half of them.
+/// From one second after the relay's return, no window of this length may hold more than a tenth of
+/// the log-ins. The first second is for the quick recovery that a single device is promised; it may
+/// hold half of them.
 constexpr milliseconds kWindow{200};
 constexpr milliseconds kFirst{1000};
-constexpr std::size_t kFewTunnels = 300; ///< with fewer, chance alone can fill a window
+constexpr std::size_t kFewTunnels = 300; ///< with fewer, a window can fill up by chance
 
 int gMissed = 0;
 
@@ -59,7 +59,7 @@ struct Memory {
     }
 };
 
-/// When the tunnels came up, as the hub tells it; watched by a thread of its own.
+/// When the tunnels came up, according to the hub's log. A thread of its own reads the log.
 class LogIns : NoCopy {
 public:
     explicit LogIns(const HubProcess& hub) : log_(hub.LogFile()), thread_([this] { Watch(); }) {}
@@ -81,7 +81,7 @@ public:
 private:
     void Watch() {
         for (std::string line; !over_; poll(nullptr, 0, 10)) {
-            log_.clear(); // the end of the file is no end: the hub writes on
+            log_.clear(); // the hub appends to the file
             while (std::getline(log_, line)) {
                 const std::lock_guard<std::mutex> lock(mutex_);
                 if (line.find("relay ssh://") != line.npos) {
@@ -116,7 +116,7 @@ struct Fleet : NoCopy {
         }
     }
 
-    /// Waits until a visitor gets through to every service; how many did.
+    /// Waits until a visitor gets through to every service; returns how many did.
     std::size_t Reach(milliseconds limit) {
         std::size_t done = 0;
         const std::size_t each = services.size() / devices.size();
@@ -147,12 +147,12 @@ struct Fleet : NoCopy {
         clients.Print("ssh");
     }
 
-    HubProcess hub{50, {}, "10000-19999"}; // it passes over those that others have
+    HubProcess hub{50, {}, "10000-19999"}; // the hub skips ports in use
     std::deque<WebService> services;
     std::deque<Device> devices;
 };
 
-/// The most that fell into one window, after the first second.
+/// The highest number of log-ins in one window after the first second.
 std::size_t Densest(const std::vector<long>& times) {
     std::size_t most = 0;
     for (auto from = std::lower_bound(times.begin(), times.end(), kFirst.count());
@@ -163,7 +163,7 @@ std::size_t Densest(const std::vector<long>& times) {
     return most;
 }
 
-/// Takes the hub from everybody for a while.
+/// Takes the hub away from all devices for a while.
 void Lose(Fleet& fleet, LogIns& logIns, milliseconds away) {
     const std::size_t all = fleet.services.size();
     printf("\nhub killed, back after %ld s\n", static_cast<long>(away.count() / 1000));
@@ -195,7 +195,7 @@ void Lose(Fleet& fleet, LogIns& logIns, milliseconds away) {
     }
 }
 
-/// Whether the machine lets us; the hub needs most.
+/// Raises the limit of open files for the hub. False where the machine does not allow it.
 bool RaiseLimits(rlim_t tunnels) {
     const rlim_t needed = 200 + tunnels * 6;
     rlimit limit{};

@@ -1,7 +1,7 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
-// The check of a firewall definition's name holds in every build.
+// The assertion in this file stays on in every build.
 #undef NDEBUG
 #include <cassert>
 
@@ -13,6 +13,7 @@
 
 #include "base/json.h"
 #include "base/log.h"
+#include "base/service_names.h"
 #include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
@@ -35,22 +36,6 @@ std::int32_t ToPort(const char* text) {
                : -1;
 }
 
-/// The firewall knows four of our services under names of its own.
-std::string FirewallName(const std::string& id) {
-    static constexpr std::pair<const char*, const char*> kNames[] = {
-        {"gallery_http", "http"},
-        {"gallery_https", "https"},
-        {"music_http", "panel"},
-        {"music_https", "panel_https"},
-    };
-    for (const auto& [ours, firewalls] : kNames) {
-        if (id == ours) {
-            return firewalls;
-        }
-    }
-    return id;
-}
-
 /// The port that the router forwards to a service; -1 when it forwards none.
 std::int32_t RouterPort(const char* service) {
     const char* file = TLIBServiceRouterBasepathGet();
@@ -71,7 +56,7 @@ std::int32_t RouterPort(const char* service) {
 
 std::ostream& operator<<(std::ostream& out, const Config& config) {
     Json::Value value;
-    config.Write(value, true);
+    config.Write(value, kFullForm);
     return out << json::OneLine(value);
 }
 
@@ -132,7 +117,7 @@ std::string ServerConf::GetUrl(const char* path) const {
     if (!IsValid()) {
         return "";
     }
-    // The port is written out even where it is the scheme's own.
+    // The port is written out even where it is the scheme's default.
     return protocol + "://" + (host.empty() ? ip : host) + ":" + std::to_string(port) + "/" +
            (path != nullptr ? path : page);
 }
@@ -193,12 +178,14 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     id = serviceId;
     ZARO_FW_SERVICE_LIST* found = nullptr;
     const int count = ZAROFwServiceEnum(&found);
-    const ServiceList list(count >= 0 ? found : nullptr); // a failure hands nothing over
+    const ServiceList list(count >= 0 ? found
+                                      : nullptr); // after a failure there is nothing to free
     if (count <= 0) {
         RELAY_LOG(log::Error, "enum fw service failed [0x%04X]", TLIBCErrGet());
         return false;
     }
-    const ZARO_FW_SERVICE* pService = ZAROFWServiceFind(list.get(), FirewallName(id).c_str());
+    const ZARO_FW_SERVICE* pService =
+        ZAROFWServiceFind(list.get(), services::DefinitionOf(id).c_str());
     if (pService == nullptr) {
         return false;
     }
@@ -211,7 +198,7 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     } else if (pService->szTitle[0] != '\0') {
         name = pService->szTitle;
     }
-    // A service with several ports has no one port to publish; its JSON may name one.
+    // With several ports the configuration has to say which one to publish.
     if (pService->pPorts != nullptr && pService->pPorts->nItem == 1) {
         if (const char* only = TLIBCSzListGet(pService->pPorts, 0)) {
             port = ToPort(only);

@@ -112,7 +112,7 @@ std::string AliasConf::GetUrl() const {
 
 int AliasConf::GetPollingTime() const {
     if (poll_seconds <= 0) {
-        return kDefaultPollSeconds; // no valid record gets here; nothing may divide by zero
+        return kDefaultPollSeconds; // not a valid record; avoids dividing by zero
     }
     const long seconds = poll_seconds + random() % poll_seconds;
     return static_cast<int>(std::min<long>(seconds, std::numeric_limits<int>::max()));
@@ -127,14 +127,14 @@ AliasStatus::AliasStatus() {
 AliasStatus::~AliasStatus() = default;
 
 bool AliasStatus::Reload() {
-    // Whoever set the alias wrote it, under whatever user; a link may lead to anything.
+    // Any user may have set the alias and so written the file; a link could lead anywhere.
     bool readable = false;
     return ReadJsonFile(paths::AliasStatusFile(), status_, readable, Trust::NoLink);
 }
 
 bool AliasStatus::IsValid() const {
     if (!status_.isObject()) {
-        RELAY_LOG(log::Error, "status should be array"); // an object, in truth; the text stays
+        RELAY_LOG(log::Error, "status should be array"); // it means an object; the text is kept
         return false;
     }
     const Json::Value* alias = json::Find(status_, "alias_name");

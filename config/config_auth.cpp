@@ -38,17 +38,17 @@ std::string WithoutSeparators(std::string mac) {
     return mac;
 }
 
-/// What the platform answered last counts only if it had the memory to look.
+/// Throws if the platform's last answer only means that it ran out of memory.
 void CheckMemory() {
     if (errno == ENOMEM) {
         throw std::bad_alloc();
     }
 }
 
-/// The factory's MAC, which the kernel keeps for machines whose port has none of its own.
+/// The factory's MAC, which the kernel keeps for machines whose port has no MAC.
 std::string FactoryMac() {
     FileText file;
-    (void)ReadFile(paths::MacFile(), file, Trust::Anybodys); // no file: no word
+    (void)ReadFile(paths::MacFile(), file, Trust::Anybodys); // a missing file reads as empty
     const std::size_t begin = std::min(file.text.find_first_not_of(kBlanks), file.text.size());
     std::string word = file.text.substr(begin, file.text.find_first_of(kBlanks, begin) - begin);
     if (word.size() == kBareMacLength) {
@@ -120,7 +120,7 @@ bool AuthConf::Write(Json::Value& out, bool withToken) const {
 
 std::string AuthConf::GetMacAddress() {
     if (ZAROHAIsRunning() != 0) {
-        return ClusterMac(); // the platform's own form
+        return ClusterMac(); // as the platform writes it
     }
     std::string mac = RelaydGetMacAddressByIf(kFirstPort);
     if (mac.size() != kBareMacLength) {

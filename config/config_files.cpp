@@ -21,8 +21,8 @@ namespace ZARO::Relay {
 
 namespace {
 
-/// Puts a broken file out of the way, so that it is never read twice; unless another process has
-/// replaced it since by one that was not looked at.
+/// Moves a broken file out of the way, so that it is not read again, unless another process has
+/// replaced it since.
 void MoveAside(const std::string& path, const FileText& broken) {
     struct stat now = {};
     if (lstat(path.c_str(), &now) != 0) {
@@ -54,15 +54,15 @@ bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable, Tru
             RELAY_LOG(log::Error, "bad json format [%s]", path.c_str());
             MoveAside(path, file);
         }
-    } catch (const std::bad_alloc&) { // it says nothing about the file
-        out = Json::Value();          // which may be half read
+    } catch (const std::bad_alloc&) { // says nothing about the file
+        out = Json::Value();          // may be half read
         readable = false;
         errno = ENOMEM;
     }
     if (!readable) {
         RELAY_LOG(log::Error, "can not read [%s], %m", path.c_str());
     }
-    return true; // also for a missing or broken file: callers look at what `out` is
+    return true; // also for a missing or broken file: callers look at the type of `out`
 }
 
 bool RelaydConf::ReadJsonFile(const std::string& path, Json::Value& out) {
@@ -87,7 +87,7 @@ bool RelaydConf::WriteJsonFile(const std::string& path, const Json::Value& value
     case Replaced::NotWritten:
         RELAY_LOG(log::Error, "write failed [%s], %m", NewFileOf(path).c_str());
         return false;
-    case Replaced::NotPlaced: // the content was produced; only its placing failed
+    case Replaced::NotPlaced: // the text was written; only the rename failed
         RELAY_LOG(log::Error, "rename to %s failed %m", path.c_str());
         break;
     case Replaced::Done:

@@ -65,7 +65,7 @@ bool IsDdnsOn(const std::string& settings) {
     return strcasecmp(update, "yes") == 0;
 }
 
-// What is missing above is routine on some devices; a DDNS that is on and can't be read is not.
+// Some devices lack the above, so that is no error; a DDNS that is on but can't be read is one.
 void ReadDdns(std::string& ddns) {
     const std::string settings = paths::InfoFile();
     if (TLIBCSupportGet("supportddns") == 0 || !IsDdnsOn(settings)) {

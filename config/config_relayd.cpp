@@ -37,14 +37,6 @@ void ReadServices(const Json::Value& list, std::list<ServiceConf>& services) {
     }
 }
 
-bool HaveSameSettings(const AliasConf& a, const AliasConf& b) {
-    Json::Value settingsOfA;
-    Json::Value settingsOfB;
-    a.Write(settingsOfA, false);
-    b.Write(settingsOfB, false);
-    return settingsOfA == settingsOfB;
-}
-
 } // namespace
 
 RelaydConf::RelaydConf(const char* file)
@@ -117,7 +109,7 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
     json::Object(v);
     control.Write(v["server_control"], full);
     waitcmd.Write(v["server_waitcmd"], full);
-    alias.Write(v["server_alias"], true); // compact, which is that record's own reading of the flag
+    alias.Write(v["server_alias"], AliasConf::kCompact);
     if (!serverID.empty()) {
         v["serverID"] = serverID;
     }
@@ -133,14 +125,14 @@ bool RelaydConf::Write(Json::Value& v, bool full) const {
         v["mode"] = sync ? "sync" : "async";
         v["debug"] = debug;
         v["pid"] = getpid();
-        network.Write(v["network"], true);
+        network.Write(v["network"], kFullForm);
     }
     return true;
 }
 
 bool RelaydConf::ReadConfigFile(const std::string& file) {
     Json::Value v;
-    if (!ReadJsonFile(file, v)) { // never, as it is now; whoever changes that finds it handled
+    if (!ReadJsonFile(file, v)) { // it never fails now; handled in case it ever does
         RELAY_LOG(log::Error, "invalid config: %s", file.c_str());
         return false;
     }
@@ -171,7 +163,7 @@ bool RelaydConf::WriteConfigFile(const std::string& file) {
         return false;
     }
     Json::Value fresh;
-    Write(fresh, false);
+    Write(fresh, kFileForm);
     // These stay in the file only where somebody put them; defaults are never written out.
     for (const char* key : {"log_level", "log_file", "server_control", "server_waitcmd"}) {
         if (json::Find(old, key) == nullptr) {
@@ -192,16 +184,9 @@ bool RelaydConf::Reload() {
         RELAY_LOG(log::Error, "reload config failed");
         return false;
     }
-    // What the running daemon got from the platform and from the control server stays; sync does
-    // not, and so is off after every reload.
-    fresh.auth = auth;
-    fresh.debug = debug;
-    fresh.waitcmd = waitcmd;
+    fresh.TakeOver(*this);
     fresh.network.ReadConf();
     fresh.network.mode = network.mode;
-    if (alias.IsChanged() || !HaveSameSettings(alias, fresh.alias)) {
-        fresh.alias.MarkChanged();
-    }
     *this = fresh;
     return true;
 }
@@ -209,8 +194,7 @@ bool RelaydConf::Reload() {
 bool RelaydConf::AddServiceById(const std::string& id) {
     const ServiceConf service(id.c_str());
     if (!service.IsValid()) {
-        RELAY_LOG(log::Error, "invalid service config: %d",
-                  0); // the text asks for an index; there is none
+        RELAY_LOG(log::Error, "invalid service config: %d", 0); // an index, which is missing here
         return false;
     }
     if (GetServiceById(service.id) == services.end()) {
@@ -258,14 +242,14 @@ bool RelaydConf::WriteAliasName(const std::string& file, const std::string& alia
         return false;
     }
     alias.SetAliasName(aliasName);
-    alias.Write(json::Object(v)["server_alias"], true);
+    alias.Write(json::Object(v)["server_alias"], AliasConf::kCompact);
     return WriteJsonFileWithNotification(target, v);
 }
 
 bool RelaydConf::WriteJsonFileWithNotification(const std::string& file, const Json::Value& value) {
     const bool written = WriteJsonFile(file, value);
     if (written && serverIdCleared) {
-        // That the notifier failed changes nothing: one notification, sent or lost, a clearing.
+        // One attempt per dropped id, whether or not the notifier succeeds.
         (void)TLIBCExec(paths::NotifyProgram().c_str(), "@administrators",
                         "relayservice:relayservice_serverid_change_title",
                         "relayservice:relayservice_serverid_change_msg", nullptr);
@@ -293,11 +277,11 @@ bool RelaydConf::GetEnableConf() const {
 }
 
 void RelaydConf::DumpDataForAliasReq(Json::Value& v) {
-    alias.Write(v, false);
+    alias.Write(v, AliasConf::kEverySetting);
     if (auth.serial.empty() || auth.token.empty()) {
         (void)auth.ReadConf(); // logged; a request without credentials is refused later
     }
-    auth.Write(v, true);
+    auth.Write(v, AuthConf::kWithToken);
     v["id"] = serverID;
 }
 

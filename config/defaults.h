@@ -1,5 +1,5 @@
-/// The servers that hold without a configuration. A deployment sets its own: the build system's
-/// variables of the same names come here as definitions.
+/// The default servers. A deployment sets its own in CMake variables of the same names, which
+/// arrive here as definitions.
 #pragma once
 
 #ifndef ZARO_CONTROL_HOST_A

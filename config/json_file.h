@@ -1,4 +1,4 @@
-/// A JSON file, read with what RelaydConf::ReadJsonFile does not tell.
+/// RelaydConf::ReadJsonFile for callers who must know whether the file could be read.
 #pragma once
 
 #include <json/value.h>
@@ -9,8 +9,8 @@
 
 namespace ZARO::Relay {
 
-/// RelaydConf::ReadJsonFile, true in every case as well. Not `readable`, and logged: the file is
-/// there and what it holds is not known, so nobody may replace it.
+/// As RelaydConf::ReadJsonFile, and true in every case like it. `readable` becomes false, logged,
+/// when the file exists but its content is unknown: then nobody may replace it.
 bool ReadJsonFile(const std::string& path, Json::Value& out, bool& readable,
                   Trust trust = Trust::Anybodys);
 

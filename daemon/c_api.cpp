@@ -20,8 +20,8 @@ namespace paths = ZARO::paths;
 
 namespace {
 
-/// Runs a C entry point's body; no exception leaves it. errno is ENOMEM afterwards when memory ran
-/// out, and else as it was.
+/// Runs the body of a C entry point and lets no exception out. errno becomes ENOMEM when memory ran
+/// out; otherwise it stays as it was.
 template <typename Body> int Guarded(int onException, Body body) noexcept {
     int error = errno;
     int result = onException;
@@ -40,7 +40,7 @@ bool ReadConfig(Json::Value& config) {
     return RelaydConf::ReadJsonFile(paths::ConfigFile(), config) && config.isObject();
 }
 
-/// Writes the configuration and makes a running daemon take it in; that none runs is no failure.
+/// Writes the configuration and makes a running daemon reload. It is no failure if none runs.
 int WriteConfigAndReload(const Json::Value& config) {
     if (!RelaydConf::WriteJsonFile(paths::ConfigFile(), config)) {
         return -1;
@@ -112,10 +112,10 @@ int VerifyServerId(const char* serverId) {
         (void)json::Get(config, "serverID", id);
     }
     if (id.empty()) {
-        return 1; // whatever the hardware says, so it is not asked
+        return 1; // no need to ask the hardware
     }
     const std::string mac = AuthConf::RelaydGetMacAddressByIf("eth0");
-    return !mac.empty() && ComputeServerId(mac) == id.c_str() ? 1 : 0; // up to a zero byte
+    return !mac.empty() && ComputeServerId(mac) == id.c_str() ? 1 : 0; // up to its first zero byte
 }
 
 int LogStart(const char* logFile) {

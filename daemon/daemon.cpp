@@ -40,14 +40,14 @@ constexpr int kStartTimeoutSeconds = 20;
 constexpr int kStopTimeoutSeconds = 10;
 constexpr int kStartFailed = 4;
 
-/// libdaemon and the system log keep pointers to the daemon's name, also while the process ends.
+/// libdaemon and the system log keep pointers to the daemon's name, even while the process exits.
 std::string& Identity() {
     static std::string& name = *new std::string;
     return name;
 }
 
-/// libdaemon applies every level but calls most of them invalid in a line of its own; it is kept
-/// quiet meanwhile.
+/// libdaemon accepts every level but logs that most of them are invalid, so its log is off
+/// meanwhile.
 void SetLibdaemonVerbosity(int level) {
     const auto use = daemon_log_use;
     daemon_log_use = static_cast<enum daemon_log_flags>(0);
@@ -65,11 +65,11 @@ void PrintTimeStamp() {
     if (length > 0 && stamp[length - 1] == '\n') {
         stamp[length - 1] = '\0';
     }
-    (void)fprintf(stderr, "%s ", stamp); // nobody is left to tell
+    (void)fprintf(stderr, "%s ", stamp); // a failure can't be reported
 }
 
-/// Whether the PID file names a process. An empty one, as a power cut or a daemon in the middle of
-/// its start leaves it, reads as process 0, and a signal to that would hit our own process group.
+/// Whether the PID file names a process. An empty file (after a power cut, or while a daemon
+/// starts) reads as process 0; a signal to that would hit our own process group.
 bool HasRunningInstance() {
     const pid_t pid = daemon_pid_file_is_running();
     if (pid == 0) {
@@ -78,8 +78,8 @@ bool HasRunningInstance() {
     return pid > 0;
 }
 
-/// Keeps the ends of libdaemon's signal pipe from the programs that the daemon starts. The end for
-/// writing is libdaemon's secret; it is found as the other descriptor of the same pipe.
+/// Keeps both ends of libdaemon's signal pipe from the programs that the daemon starts. libdaemon
+/// does not tell the end for writing: it is the other descriptor of the same pipe.
 void CloseSignalPipeOnExec() {
     struct stat pipe = {};
     if (fstat(daemon_signal_fd(), &pipe) != 0) {
@@ -93,8 +93,8 @@ void CloseSignalPipeOnExec() {
     }
 }
 
-/// Holds back the signals that other programs send to a daemon as soon as they see its PID file,
-/// until it can take them.
+/// Blocks the signals that other programs may send as soon as they see the PID file, until the
+/// daemon can handle them.
 class HoldRequests {
 public:
     HoldRequests() {
@@ -224,7 +224,7 @@ bool Daemon::SetPidFile(const char* path) {
         RELAY_LOG(log::Error, "pid file must be absolute path");
         return false;
     }
-    // libdaemon is left alone on purpose: whoever sets a PID file of his own calls SetName too.
+    // Leaves libdaemon alone on purpose: whoever sets a PID file also calls SetName.
     _strPidFile = path;
     return true;
 }
@@ -279,14 +279,14 @@ bool Daemon::Init(bool doFork) {
     const HoldRequests hold;
     if (daemon_pid_file_create() < 0) {
         RELAY_LOG(log::Error, "Could not create PID file (%s).", strerror(errno));
-        (void)daemon_retval_send(kStartFailed); // without a fork there is no pipe, and no harm
+        (void)daemon_retval_send(kStartFailed); // harmless without a fork, where there is no pipe
         return false;
     }
     RELAY_LOG(log::Info, "daemon start");
     if (daemon_signal_init(SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGHUP, SIGUSR1, 0) < 0) {
         RELAY_LOG(log::Error, "Could not register signal handlers (%s).", strerror(errno));
         (void)daemon_retval_send(kStartFailed);
-        (void)daemon_pid_file_remove(); // nobody runs who could be meant by it
+        (void)daemon_pid_file_remove(); // no daemon will run
         return false;
     }
     CloseSignalPipeOnExec();

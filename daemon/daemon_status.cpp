@@ -20,14 +20,14 @@
 #include "base/read_file.h"
 #include "base/replace_file.h"
 
-// These functions run in the asking program. They report to the system log themselves: the
-// logging facility's settings are the daemon's.
+// These functions run in other programs and report to the system log themselves: the settings of
+// the logging facility are the daemon's.
 
 namespace ZARO::Relay {
 
 namespace {
 
-constexpr const char* kUnit = "daemon.cpp"; // that of the whole facade
+constexpr const char* kUnit = "daemon.cpp"; // the whole facade logs under it
 constexpr int kRunning = 0;
 constexpr int kNotRunning = 1;
 constexpr int kNoStatus = 2;
@@ -49,8 +49,8 @@ bool PublishesService(const Json::Value& status, const char* serviceId) {
     return false;
 }
 
-/// Removes a link, a folder or a FIFO that has the dump file's name: it would keep every asker out
-/// for ever. A regular file stays, since another asker may be at work with it.
+/// Removes a link, a folder or a FIFO that has the dump file's name: it would keep every caller out
+/// for ever. A regular file stays, since another caller may be using it.
 void DropPlanted(const std::string& path) {
     struct stat info = {};
     if (lstat(path.c_str(), &info) != 0 || S_ISREG(info.st_mode)) {
@@ -70,7 +70,7 @@ bool UserOf(pid_t process, uid_t& user) {
 }
 
 /// Whether to believe a status file, which anybody could have made: its owner must be root, the
-/// asker, the folder's owner, or the user of the process that the file names.
+/// caller, the folder's owner, or the user of the process that the file names.
 bool IsDaemons(const std::string& path, const FileText& file, const Json::Value& status) {
     uid_t user = 0;
     int pid = -1;
@@ -149,7 +149,7 @@ bool Daemon::GetStatus(std::string& serverId, std::string& state, std::string& e
     if (wanted) {
         (void)json::Get(status, "serverID", serverId); // what is missing keeps its default
         (void)json::Get(status, "error", errorValue);
-        // A stale file still tells who the device is and what went wrong, not that it runs.
+        // Of a stale file only id and error count: its daemon does not run.
         if (running == kRunning) {
             (void)json::Get(status, "state", stateValue);
         }

@@ -46,14 +46,14 @@ bool FileLock::Lock(int operation) {
         if (*fd >= 0) {
             continue;
         }
-        // The files lie where anybody may plant a link, so none is followed.
+        // Anybody may plant a link where these files are, so links are not followed.
         const int opened =
             open(file->c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0644);
         if (opened < 0) {
             Unlock();
             return false;
         }
-        // A file that its former owner removed in between is not the one that others lock now.
+        // If its former owner has removed the file meanwhile, others will lock a new one.
         if (flock(opened, operation | LOCK_NB) != 0 || !IsStillThere(opened, *file)) {
             close(opened);
             Unlock();

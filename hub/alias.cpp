@@ -3,7 +3,10 @@
 #include <exception>
 #include <map>
 
+#include "base/json.h"
+#include "hub/http_form.h"
 #include "hub/log.h"
+#include "hub/names.h"
 #include "hub/net.h"
 
 namespace ZARO::RelayHub {
@@ -16,22 +19,22 @@ constexpr char kBadAuth[] = "badauth";
 constexpr char kBadParam[] = "badparam";
 constexpr char kInUse[] = "alias_inused";
 constexpr char kNotFound[] = "alias_not_found";
-constexpr char kBadSystem[] = "badsys"; // full, or nothing to be done about it
+constexpr char kBadSystem[] = "badsys"; // out of room
 constexpr char kInternal[] = "911";
 
 std::string WordFor(StoreResult result) {
     switch (result) {
-    case StoreResult::kDone:
+    case StoreResult::Done:
         return kGood;
-    case StoreResult::kRefused:
+    case StoreResult::Refused:
         return kBadAuth;
-    case StoreResult::kNotFound:
+    case StoreResult::NotFound:
         return kNotFound;
-    case StoreResult::kTaken:
+    case StoreResult::Taken:
         return kInUse;
-    case StoreResult::kFull:
+    case StoreResult::Full:
         return kBadSystem;
-    case StoreResult::kFault:
+    case StoreResult::Fault:
         break;
     }
     return kInternal;
@@ -51,18 +54,18 @@ std::string Alias::Update(const std::string& form) {
         }
         Device device;
         StoreResult result =
-            store_.Authenticate(fields["serial"], fields["token"], fields["id"], &device);
-        if (result == StoreResult::kDone) {
-            result = action == "map_alias"      ? store_.MapAlias(name, device.key, ttl_)
-                     : action == "delete_alias" ? store_.DeleteAlias(name, device.key)
-                                                : store_.KeepAlias(name, device.key, ttl_);
+            store_.devices.Authenticate(fields["serial"], fields["token"], fields["id"], device);
+        if (result == StoreResult::Done) {
+            result = action == "map_alias"      ? store_.aliases.Map(name, device.key, ttl_)
+                     : action == "delete_alias" ? store_.aliases.Delete(name, device.key)
+                                                : store_.aliases.Keep(name, device.key, ttl_);
         }
         std::string word = WordFor(result);
-        Log(Level::kDebug, "alias", "%s %s of %s: %s", action.c_str(), name.c_str(),
+        Log(Level::Debug, "alias", "%s %s of %s: %s", action.c_str(), name.c_str(),
             fields["serial"].c_str(), word.c_str());
         return word;
     } catch (const std::exception& fault) {
-        Log(Level::kError, "alias", "an update failed: %s", fault.what());
+        Log(Level::Error, "alias", "an update failed: %s", fault.what());
         return kInternal;
     }
 }
@@ -75,7 +78,7 @@ std::string Alias::Query(const std::string& form, const Origin& origin) {
         }
         return Describe(fields["alias"], origin);
     } catch (const std::exception& fault) {
-        Log(Level::kError, "alias", "a query failed: %s", fault.what());
+        Log(Level::Error, "alias", "a query failed: %s", fault.what());
         return kInternal;
     }
 }
@@ -83,11 +86,11 @@ std::string Alias::Query(const std::string& form, const Origin& origin) {
 std::string Alias::Describe(const std::string& name, const Origin& origin) {
     Device device;
     std::vector<TunnelRecord> tunnels;
-    StoreResult result = store_.FindAlias(name, &device);
-    if (result == StoreResult::kDone) {
-        result = store_.ListTunnels(device.key, &tunnels);
+    StoreResult result = store_.aliases.Find(name, device);
+    if (result == StoreResult::Done) {
+        result = store_.services.ListTunnels(device.key, tunnels);
     }
-    if (result != StoreResult::kDone) {
+    if (result != StoreResult::Done) {
         return WordFor(result);
     }
     const std::string host = visitorHost_.empty() ? origin.host : ForUrl(visitorHost_);
@@ -103,7 +106,7 @@ std::string Alias::Describe(const std::string& name, const Origin& origin) {
         service["relay_up"] = isUp_(tunnel.relayPort);
         services.append(service);
     }
-    return ToLine(reply);
+    return json::Compact(reply);
 }
 
 } // namespace ZARO::RelayHub

@@ -1,11 +1,11 @@
-/// The alias server's two pages: a form in, a word or a JSON object out.
+/// The alias server's two pages: a form comes in, a word or a JSON object goes out.
 #pragma once
 
 #include <chrono>
 #include <functional>
 #include <string>
 
-#include "hub/forms.h"
+#include "hub/origin.h"
 #include "hub/store.h"
 
 namespace ZARO::RelayHub {
@@ -14,14 +14,14 @@ namespace ZARO::RelayHub {
 class Alias {
 public:
     /// A name lasts for `ttl` after it was last kept alive. `visitorHost` is the host that visitors
-    /// are shown; empty = the one of their own request.
+    /// are shown; empty = the host of their own request.
     Alias(Store& store, std::chrono::seconds ttl, std::function<bool(int port)> isUp,
           std::string visitorHost)
         : store_(store), ttl_(ttl), isUp_(std::move(isUp)), visitorHost_(std::move(visitorHost)) {}
 
-    /// Maps, renews or deletes a name of the device whose credentials come along.
+    /// Maps, renews or deletes a name of the device whose credentials the form has. Returns a word.
     std::string Update(const std::string& form);
-    /// Tells where the services of a name are. Anybody may ask.
+    /// Returns where the services of a name are, as JSON, or a word. Anybody may ask.
     std::string Query(const std::string& form, const Origin& origin);
 
 private:

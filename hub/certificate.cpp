@@ -7,17 +7,20 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
-#include <stdlib.h>
+
+#include <ctime>
+#include <memory>
+#include <optional>
 
 #include "hub/files.h"
-#include "hub/forms.h"
+#include "hub/names.h"
 #include "hub/log.h"
 
 namespace ZARO::RelayHub {
 
 namespace {
 
-// Ten years: clients take the certificate as it is and only look at the names.
+// Clients accept the certificate as it is and check the names only, so it may last ten years.
 constexpr long kDay = 86400; // seconds
 constexpr long kLifetime = 3650 * kDay;
 constexpr long kRenewal = 90 * kDay;
@@ -45,15 +48,15 @@ bool SetSubject(X509* certificate) {
            X509_set_issuer_name(certificate, subject) == 1;
 }
 
-Certificate Make(EVP_PKEY* key, const std::set<std::string>& names) {
+Certificate MakeCertificate(EVP_PKEY* key, const std::set<std::string>& names) {
     std::string all;
     for (const std::string& name : names) {
         all += (all.empty() ? "" : ",") + std::string(IsAddress(name) ? "IP:" : "DNS:") + name;
     }
-    uint64_t serial = 0;
+    std::uint64_t serial = 0;
     Certificate certificate(X509_new());
     X509* x = certificate.get();
-    // It begins a day ago, for clients whose clock is behind.
+    // It is valid since yesterday, for clients whose clock is slow.
     const bool good =
         x != nullptr && RAND_bytes(reinterpret_cast<unsigned char*>(&serial), sizeof serial) == 1 &&
         X509_set_version(x, X509_VERSION_3) == 1 &&
@@ -67,8 +70,8 @@ Certificate Make(EVP_PKEY* key, const std::set<std::string>& names) {
     return good ? std::move(certificate) : nullptr;
 }
 
-/// A certificate as PEM, for the key in `former` if there is one, so that whoever pinned it is not
-/// locked out, else with a new one. "" when OpenSSL fails.
+/// A key and its certificate as PEM. The key is the one in `former`, if there is one, so that
+/// clients that pinned it are not locked out. "" when OpenSSL fails.
 std::string MakePem(const std::set<std::string>& names, const std::string& former) {
     const Bio old(BIO_new_mem_buf(former.data(), static_cast<int>(former.size())));
     Key key(old == nullptr ? nullptr
@@ -76,7 +79,7 @@ std::string MakePem(const std::set<std::string>& names, const std::string& forme
     if (key == nullptr) {
         key.reset(EVP_EC_gen("P-256"));
     }
-    const Certificate certificate = key == nullptr ? nullptr : Make(key.get(), names);
+    const Certificate certificate = key == nullptr ? nullptr : MakeCertificate(key.get(), names);
     const Bio bio(BIO_new(BIO_s_mem()));
     ERR_clear_error();
     if (certificate == nullptr || bio == nullptr ||
@@ -87,18 +90,18 @@ std::string MakePem(const std::set<std::string>& names, const std::string& forme
     }
     char* text = nullptr;
     const long size = BIO_get_mem_data(bio.get(), &text);
-    return std::string(text, static_cast<size_t>(size));
+    return std::string(text, static_cast<std::size_t>(size));
 }
 
-bool Names(X509* certificate, const std::string& name) {
+bool HasName(X509* certificate, const std::string& name) {
     return IsAddress(name)
                ? X509_check_ip_asc(certificate, name.c_str(), 0) == 1
                : X509_check_host(certificate, name.data(), name.size(), 0, nullptr) == 1;
 }
 
-bool IsGood(X509* certificate, const std::set<std::string>& names) {
+bool IsUsable(X509* certificate, const std::set<std::string>& names) {
     for (const std::string& name : names) {
-        if (!Names(certificate, name)) {
+        if (!HasName(certificate, name)) {
             return false;
         }
     }
@@ -106,9 +109,9 @@ bool IsGood(X509* certificate, const std::set<std::string>& names) {
     return X509_cmp_time(X509_get0_notAfter(certificate), &then) > 0;
 }
 
-/// Puts key and certificate of `pem` into `context`. False when they are not whole or don't name
-/// `names` for long enough.
-bool Use(const std::string& pem, const std::set<std::string>& names, SSL_CTX* context) {
+/// Puts key and certificate of `pem` into `context`. False when they are damaged, or when the
+/// certificate lacks one of `names` or ends too soon.
+bool UsePem(const std::string& pem, const std::set<std::string>& names, SSL_CTX* context) {
     const Bio bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
     if (bio == nullptr) {
         return false;
@@ -116,17 +119,17 @@ bool Use(const std::string& pem, const std::set<std::string>& names, SSL_CTX* co
     const Key key(PEM_read_bio_PrivateKey(bio.get(), nullptr, nullptr, nullptr));
     const Certificate certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
     const bool good =
-        key != nullptr && certificate != nullptr && IsGood(certificate.get(), names) &&
+        key != nullptr && certificate != nullptr && IsUsable(certificate.get(), names) &&
         SSL_CTX_use_certificate(context, certificate.get()) == 1 &&
         SSL_CTX_use_PrivateKey(context, key.get()) == 1 && SSL_CTX_check_private_key(context) == 1;
     ERR_clear_error();
     return good;
 }
 
-void AddInterfaceAddresses(std::set<std::string>* names) {
+void AddInterfaceAddresses(std::set<std::string>& names) {
     ifaddrs* list = nullptr;
     if (getifaddrs(&list) != 0) {
-        return; // the names given on the command line still count
+        return; // the other names are still right
     }
     const std::unique_ptr<ifaddrs, void (*)(ifaddrs*)> owner(list, freeifaddrs);
     for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
@@ -137,11 +140,32 @@ void AddInterfaceAddresses(std::set<std::string>* names) {
             getnameinfo(entry->ifa_addr, size, text, sizeof text, nullptr, 0, NI_NUMERICHOST) ==
                 0) {
             const std::string address = text;
-            if (address.find('%') == std::string::npos) { // link-local ones are in nobody's URL
-                names->insert(address);
+            if (address.find('%') == std::string::npos) { // no URL has a link-local one
+                names.insert(address);
             }
         }
     }
+}
+
+/// A context without key and certificate. Null with the reason in `error`.
+SslContext MakeContext(std::string& error) {
+    SslContext context(SSL_CTX_new(TLS_server_method()));
+    if (context == nullptr) {
+        error = "can't set TLS up";
+        return nullptr;
+    }
+    SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
+    // The client chooses from this list. A large finite field would cost 0.15 s of CPU per
+    // handshake.
+    if (SSL_CTX_set1_groups_list(context.get(), "X25519:P-256") != 1) {
+        error = "can't restrict the key exchanges of TLS";
+        return nullptr;
+    }
+    SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE |
+                                        SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
+                                        SSL_MODE_RELEASE_BUFFERS);
+    return context;
 }
 
 } // namespace
@@ -149,7 +173,7 @@ void AddInterfaceAddresses(std::set<std::string>* names) {
 std::set<std::string> ServedNames(const std::set<std::string>& more) {
     std::set<std::string> names = {"localhost", "127.0.0.1", "::1"};
     char host[256] = "";
-    if (gethostname(host, sizeof host - 1) == 0 && IsHost(host, false)) {
+    if (gethostname(host, sizeof host - 1) == 0 && IsHost(host)) {
         names.insert(host);
     }
     for (const std::string& name : more) {
@@ -161,35 +185,26 @@ std::set<std::string> ServedNames(const std::set<std::string>& more) {
 }
 
 SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
-                   std::string* error) {
-    SslContext context(SSL_CTX_new(TLS_server_method()));
-    std::string pem;
-    if (context == nullptr || !ReadSmallFile(file, &pem, error)) {
+                   std::string& error) {
+    SslContext context = MakeContext(error);
+    std::optional<std::string> kept;
+    if (context == nullptr || !ReadSmallFile(file, kept, error)) {
         return nullptr;
     }
-    SSL_CTX_set_min_proto_version(context.get(), TLS1_2_VERSION);
-    // Strangers choose: a large finite field would cost 0.15 s of a processor each time.
-    if (SSL_CTX_set1_groups_list(context.get(), "X25519:P-256") != 1) {
-        *error = "can't restrict the key exchanges of TLS";
-        return nullptr;
-    }
-    SSL_CTX_set_options(context.get(), SSL_OP_NO_RENEGOTIATION);
-    SSL_CTX_set_mode(context.get(), SSL_MODE_ENABLE_PARTIAL_WRITE |
-                                        SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER |
-                                        SSL_MODE_RELEASE_BUFFERS);
-    if (Use(pem, names, context.get())) {
+    std::string pem = kept.value_or("");
+    if (UsePem(pem, names, context.get())) {
         return context;
     }
     std::set<std::string> all = names;
-    AddInterfaceAddresses(&all);
+    AddInterfaceAddresses(all);
     pem = MakePem(all, pem);
     if (pem.empty() || !WritePrivateFile(file, pem, error)) {
-        *error = error->empty() ? "can't make a certificate" : *error;
+        error = error.empty() ? "can't make a certificate" : error;
         return nullptr;
     }
-    Log(Level::kInfo, "hub", "new certificate for %zu names", all.size());
-    if (!Use(pem, names, context.get())) {
-        *error = "the new certificate does not hold";
+    Log(Level::Info, "hub", "new certificate for %zu names", all.size());
+    if (!UsePem(pem, names, context.get())) {
+        error = "the new certificate does not hold";
         return nullptr;
     }
     return context;

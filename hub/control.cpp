@@ -2,6 +2,8 @@
 
 #include <exception>
 
+#include "base/json.h"
+#include "hub/command.h"
 #include "hub/log.h"
 #include "hub/secret.h"
 
@@ -9,97 +11,21 @@ namespace ZARO::RelayHub {
 
 namespace {
 
-constexpr Json::ArrayIndex kMaxCommands = 16;   // an honest batch has 3
-constexpr Json::ArrayIndex kMaxElements = 1024; // of any array within a command
-constexpr size_t kMaxText = 255;
-constexpr size_t kMaxAddressText = 45;   // an IPv6 address at its longest
-constexpr size_t kMaxInterfaceName = 15; // the kernel's own limit
-constexpr Json::ArrayIndex kMaxInterfaces = 32;
-
 Errno ErrnoOf(StoreResult result) {
     switch (result) {
-    case StoreResult::kDone:
-        return Errno::kGood;
-    case StoreResult::kRefused:
-        return Errno::kAuth;
-    case StoreResult::kNotFound:
-        return Errno::kNoSession;
-    case StoreResult::kFull:
-        return Errno::kLimit;
-    case StoreResult::kTaken:
-    case StoreResult::kFault:
+    case StoreResult::Done:
+        return Errno::Good;
+    case StoreResult::Refused:
+        return Errno::Auth;
+    case StoreResult::NotFound:
+        return Errno::NoSession;
+    case StoreResult::Full:
+        return Errno::Limit;
+    case StoreResult::Taken:
+    case StoreResult::Fault:
         break;
     }
-    return Errno::kUnknown;
-}
-
-/// Takes the text at `key`; one that is absent leaves `text` alone. False when it is no text or not
-/// a short one.
-bool TakeText(const Json::Value& object, const char* key, std::string* text,
-              size_t longest = kMaxText) {
-    const Json::Value& value = object[key];
-    if (value.isNull() && !object.isMember(key)) {
-        return true;
-    }
-    if (!value.isString() || !IsShortText(value.asString(), longest)) {
-        return false;
-    }
-    *text = value.asString();
-    return true;
-}
-
-bool TakeInt(const Json::Value& object, const char* key, int low, int high, int* number) {
-    const Json::Value& value = object[key];
-    if (!value.isInt() || value.asInt() < low || value.asInt() > high) {
-        return false;
-    }
-    *number = value.asInt();
-    return true;
-}
-
-/// Calls `take` for each element of the array at `key`, absent or of objects only. False when it is
-/// anything else or `take` says so.
-template <typename Take> bool TakeEach(const Json::Value& object, const char* key, Take take) {
-    if (!object.isMember(key)) {
-        return true;
-    }
-    const Json::Value& list = object[key];
-    if (!list.isArray() || list.size() > kMaxElements) {
-        return false;
-    }
-    for (const Json::Value& element : list) {
-        if (!element.isObject() || !take(element)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool TakeIdentity(const Json::Value& auth, Identity* identity) {
-    std::string claimedId; // the id is computed from the MAC, whatever the device still has stored
-    if (!auth.isObject() || !TakeText(auth, "serial", &identity->serial) ||
-        !TakeText(auth, "token", &identity->token) || !TakeText(auth, "mac", &identity->mac) ||
-        !TakeText(auth, "timezone", &identity->timezone) ||
-        !TakeText(auth, "serverID", &claimedId)) {
-        return false;
-    }
-    const std::optional<std::string> id = ServerIdOf(identity->mac);
-    if (!id || !IsSerial(identity->serial) || !IsToken(identity->token)) {
-        return false;
-    }
-    identity->serverId = *id;
-    return true;
-}
-
-bool TakeService(const Json::Value& object, ServiceRecord* service) {
-    if (!TakeText(object, "id", &service->id) || !IsServiceId(service->id) ||
-        !TakeInt(object, "port", 1, 65535, &service->port)) {
-        return false;
-    }
-    service->name = service->id;
-    return TakeText(object, "name", &service->name) &&
-           (!object.isMember("ext_port") ||
-            TakeInt(object, "ext_port", -1, 65535, &service->externalPort));
+    return Errno::Unknown;
 }
 
 Json::Value Failure(Errno error) {
@@ -110,49 +36,49 @@ Json::Value Failure(Errno error) {
 
 } // namespace
 
-std::string Control::Answer(const std::string& body, const Origin& origin, std::string* session) {
+std::string Control::Answer(const std::string& body, const Origin& origin, std::string& session) {
     Json::Value whole(Json::arrayValue);
     try {
         Batch batch{origin, session, std::nullopt};
         return AnswerArray(body, batch);
     } catch (const std::exception& fault) {
-        Log(Level::kError, "control", "a batch failed: %s", fault.what());
-        whole.append(Failure(Errno::kUnknown));
-        return ToLine(whole);
+        Log(Level::Error, "control", "a batch failed: %s", fault.what());
+        whole.append(Failure(Errno::Unknown));
+        return json::Compact(whole);
     }
 }
 
 std::string Control::AnswerArray(const std::string& body, Batch& batch) {
     Json::Value commands;
     Json::Value replies(Json::arrayValue);
-    if (!ParseJson(body, &commands) || !commands.isArray() || commands.size() > kMaxCommands) {
-        replies.append(Failure(Errno::kInput));
-        return ToLine(replies);
+    if (!ParseBatch(body, commands)) {
+        replies.append(Failure(Errno::Input));
+        return json::Compact(replies);
     }
     Device device;
-    if (!batch.session->empty() &&
-        store_.FindSession(Sha256(*batch.session), &device) == StoreResult::kDone) {
+    if (!batch.session.empty() &&
+        store_.devices.FindSession(Sha256(batch.session), device) == StoreResult::Done) {
         batch.device = device;
     }
     for (Json::ArrayIndex i = 0; i < commands.size(); ++i) {
         batch.isLast = i + 1 == commands.size();
         Json::Value reply(Json::objectValue);
-        const Errno error = Execute(commands[i], batch, &reply);
-        Log(Level::kDebug, "control", "%s: command %u of %u: errno %d",
+        const Errno error = Execute(commands[i], batch, reply);
+        Log(Level::Debug, "control", "%s: command %u of %u: errno %d",
             batch.device ? batch.device->serverId.c_str() : "stranger", i + 1, commands.size(),
             static_cast<int>(error));
-        if (error != Errno::kGood) {
+        if (error != Errno::Good) {
             reply = Failure(error);
         }
         reply["errno"] = static_cast<int>(error);
         replies.append(reply);
     }
     FinishRegistration(batch);
-    return ToLine(replies);
+    return json::Compact(replies);
 }
 
-Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value* reply) {
-    using Handler = Errno (Control::*)(const Json::Value&, Batch&, Json::Value*);
+Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& reply) {
+    using Handler = Errno (Control::*)(const Json::Value&, Batch&, Json::Value&);
     static const struct {
         const char* name;
         Handler handler;
@@ -161,32 +87,32 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value* re
                      {"update_service", &Control::UpdateServices},
                      {"wait_command", &Control::Wait}};
     if (!command.isObject() || !command["command"].isString() || !command["version"].isInt()) {
-        return Errno::kInput;
+        return Errno::Input;
     }
     if (command["version"].asInt() != 1) {
-        return Errno::kVersion;
+        return Errno::Version;
     }
     const std::string name = command["command"].asString();
     for (const auto& known : kCommands) {
         if (name == known.name) {
             if (!batch.device && known.handler != &Control::Register) {
-                return Errno::kNoSession;
+                return Errno::NoSession;
             }
             return (this->*known.handler)(command, batch, reply);
         }
     }
-    return Errno::kNoSuchCommand;
+    return Errno::NoSuchCommand;
 }
 
-Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* reply) {
+Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value& reply) {
     Identity identity;
-    if (batch.hasRegistered || !TakeIdentity(command["auth"], &identity)) {
-        return Errno::kInput;
+    if (batch.hasRegistered || !TakeIdentity(command, identity)) {
+        return Errno::Input;
     }
     Device device;
     std::string session = RandomText(43); // 256 bits
-    const StoreResult result = store_.Register(identity, Sha256(session), &device);
-    if (result != StoreResult::kDone) {
+    const StoreResult result = store_.devices.Register(identity, Sha256(session), device);
+    if (result != StoreResult::Done) {
         refusals_.Log("control", "device %s from %s is not admitted (%d)", identity.serial.c_str(),
                       batch.origin.peer.c_str(), static_cast<int>(ErrnoOf(result)));
         return ErrnoOf(result);
@@ -196,106 +122,67 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value* r
     batch.device = device;
     batch.hasRegistered = true;
     batch.owesServices = true;
-    *batch.session = std::move(session);
-    (*reply)["serverID"] = device.serverId;
-    Json::Value& wait = (*reply)["server_wait_cmd"];
+    batch.session = std::move(session);
+    reply["serverID"] = device.serverId;
+    Json::Value& wait = reply["server_wait_cmd"];
     wait["protocol"] = batch.origin.scheme;
     wait["host"] = batch.origin.host;
     wait["port"] = batch.origin.port;
     wait["page"] = "Serv.php";
-    return Errno::kGood;
+    return Errno::Good;
 }
 
-Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value* reply) {
-    Json::Value network(Json::objectValue);
-    Json::Value& interfaces = network["interface"] = Json::Value(Json::arrayValue);
-    const auto take = [](const Json::Value& from, const char* key, size_t longest,
-                         Json::Value* to) {
-        std::string text;
-        const bool good = TakeText(from, key, &text, longest);
-        (*to)[key] = text;
-        return good;
-    };
-    const auto takeInterface = [&](const Json::Value& element) {
-        Json::Value kept(Json::objectValue);
-        const bool good = take(element, "name", kMaxInterfaceName, &kept) &&
-                          take(element, "ip", kMaxAddressText, &kept) &&
-                          take(element, "mask", kMaxAddressText, &kept);
-        if (interfaces.size() < kMaxInterfaces) { // a host of containers has any number
-            interfaces.append(kept);
-        }
-        return good;
-    };
-    const bool good = take(command, "gateway", kMaxAddressText, &network) &&
-                      take(command, "ddns", kMaxText, &network) &&
-                      take(command, "mode", kMaxAddressText, &network) &&
-                      TakeEach(command, "interface", takeInterface);
-    if (!good) {
-        return Errno::kInput;
+Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value& reply) {
+    Json::Value network;
+    if (!TakeNetwork(command, network)) {
+        return Errno::Input;
     }
-    (*reply)["mode"] = "relay";
-    return ErrnoOf(store_.SetNetwork(batch.device->key, ToLine(network)));
+    reply["mode"] = "relay";
+    return ErrnoOf(store_.devices.SetNetwork(batch.device->key, json::Compact(network)));
 }
 
-Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value*) {
+Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value&) {
     std::vector<ServiceRecord> present;
     std::vector<std::string> removed;
     std::vector<std::string> gone;
-    const auto addService = [&present](const Json::Value& element) {
-        ServiceRecord service;
-        const bool good = TakeService(element, &service);
-        present.push_back(std::move(service));
-        return good;
-    };
-    const auto addRemoved = [&removed](const Json::Value& element) {
-        removed.emplace_back();
-        return TakeText(element, "id", &removed.back()) && IsServiceId(removed.back());
-    };
-    // Whatever comes of it, the device has named its services: a refused list drops nothing.
+    // Even when the list is refused, the device has named its services: nothing is dropped then.
     batch.owesServices = false;
-    if (!TakeEach(command, "service_rm", addRemoved) ||
-        !TakeEach(command, "service_update", addService) ||
-        !TakeEach(command, "service_add", addService)) {
-        return Errno::kInput;
+    if (!TakeServices(command, present, removed)) {
+        return Errno::Input;
     }
-    const StoreResult result = store_.UpdateServices(batch.device->key, present, removed, &gone);
-    if (result == StoreResult::kDone) {
+    const StoreResult result = store_.services.Update(batch.device->key, present, removed, gone);
+    if (result == StoreResult::Done) {
         ServicesChanged(batch.device->key, gone);
     }
     return ErrnoOf(result);
 }
 
-Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value* reply) {
+Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply) {
     FinishRegistration(batch);
+    std::string serverId;
     int seen = 0;
-    const bool good =
-        command["serverID"].isString() && TakeInt(command, "revision", 0, 0x7fffffff, &seen) &&
-        TakeEach(command, "tunnels", [](const Json::Value& element) {
-            std::string text;
-            return TakeText(element, "id", &text) && TakeText(element, "status", &text);
-        });
-    if (!good) {
-        return Errno::kInput;
+    if (!TakeWait(command, serverId, seen)) {
+        return Errno::Input;
     }
-    if (command["serverID"].asString() != batch.device->serverId) {
-        return Errno::kAuth;
+    if (serverId != batch.device->serverId) {
+        return Errno::Auth;
     }
-    // Only the last command is held, so the replies to the others never wait for it for nothing.
+    // Only a batch's last command is held: otherwise the replies to those behind it would wait too.
     int revision = 0;
-    return waiters_.Wait(batch.device->key, seen, batch.isLast, &revision)
+    return waiters_.Wait(batch.device->key, seen, batch.isLast, revision)
                ? ListTunnels(batch, revision, reply)
-               : Errno::kUnknown;
+               : Errno::Unknown;
 }
 
-Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value* reply) {
+Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply) {
     std::vector<TunnelRecord> tunnels;
-    const StoreResult result = store_.ListTunnels(batch.device->key, &tunnels);
+    const StoreResult result = store_.services.ListTunnels(batch.device->key, tunnels);
     std::string host = relayHost_.empty() ? batch.origin.host : relayHost_;
     if (host.front() == '[') { // brackets belong to URLs only
         host = host.substr(1, host.size() - 2);
     }
-    (*reply)["revision"] = revision;
-    Json::Value& list = (*reply)["tunnels"] = Json::Value(Json::arrayValue);
+    reply["revision"] = revision;
+    Json::Value& list = reply["tunnels"] = Json::Value(Json::arrayValue);
     for (const TunnelRecord& tunnel : tunnels) {
         Json::Value entry(Json::objectValue);
         entry["id"] = tunnel.id;
@@ -313,13 +200,13 @@ Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value* reply)
 void Control::FinishRegistration(Batch& batch) {
     std::vector<std::string> gone;
     if (batch.owesServices &&
-        store_.DropStaleServices(batch.device->key, &gone) == StoreResult::kDone) {
+        store_.services.DropStale(batch.device->key, gone) == StoreResult::Done) {
         ServicesChanged(batch.device->key, gone);
     }
     batch.owesServices = false;
 }
 
-void Control::ServicesChanged(int64_t device, const std::vector<std::string>& gone) {
+void Control::ServicesChanged(std::int64_t device, const std::vector<std::string>& gone) {
     relay_.close(gone);
     waiters_.ListChanged(device);
 }

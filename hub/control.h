@@ -1,4 +1,4 @@
-/// The control server's commands: a JSON array in, a JSON array with a reply each out.
+/// The control server: a JSON array of commands in, a JSON array of their replies out.
 #pragma once
 
 #include <json/value.h>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "hub/forms.h"
+#include "hub/origin.h"
 #include "hub/log.h"
 #include "hub/store.h"
 #include "hub/waiters.h"
@@ -17,20 +17,21 @@ namespace ZARO::RelayHub {
 
 /// The numbers of the protocol.
 enum class Errno {
-    kGood = 0,
-    kUnknown = 1,
-    kAuth = 2,
-    kNoSuchCommand = 3,
-    kVersion = 5,
-    kNoSession = 6,
-    kInput = 9,
-    kLimit = 11,
+    Good = 0,
+    Unknown = 1,
+    Auth = 2,
+    NoSuchCommand = 3,
+    Version = 5,
+    NoSession = 6,
+    Input = 9,
+    Limit = 11,
 };
 
 /// What control needs of the relay.
 struct RelayControl {
-    std::function<bool(int port)> isUp;                               // is that port listening?
-    std::function<void(const std::vector<std::string>& users)> close; // those tunnels are gone
+    std::function<bool(int port)> isUp; ///< whether that port is open for visitors
+    std::function<void(const std::vector<std::string>& users)>
+        close; ///< ends tunnels that are gone
 };
 
 /// May be called from any thread; a wait command blocks its thread for the hold time at most.
@@ -41,38 +42,38 @@ public:
         : store_(store), waiters_(waiters), relay_(std::move(relay)),
           relayHost_(std::move(relayHost)) {}
 
-    /// Answers one batch. `session` is the session that came with it, or "", and afterwards the one
-    /// that the sender is to use from now on. Never throws.
-    std::string Answer(const std::string& body, const Origin& origin, std::string* session);
+    /// Answers one batch. `session` holds the session that came with it, or ""; afterwards it holds
+    /// the one that the sender is to use from then on. Never throws.
+    std::string Answer(const std::string& body, const Origin& origin, std::string& session);
 
 private:
     /// What the commands of one batch share.
     struct Batch {
         const Origin& origin;
-        std::string* session;
+        std::string& session;
         std::optional<Device> device;
         bool hasRegistered = false;
-        bool owesServices = false; // registered, and its services not named again so far
-        bool isLast = false;       // the command is the batch's last one
+        bool owesServices = false; ///< it registered, but has not named its services yet
+        bool isLast = false;       ///< the current command is the last one
     };
 
     std::string AnswerArray(const std::string& body, Batch& batch);
-    Errno Execute(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno Register(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno UpdateServices(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno Wait(const Json::Value& command, Batch& batch, Json::Value* reply);
-    Errno ListTunnels(const Batch& batch, int revision, Json::Value* reply);
-    /// A registered device has exactly the services that it names: without a word on them, none.
+    Errno Execute(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno Register(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno UpdateServices(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno Wait(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno ListTunnels(const Batch& batch, int revision, Json::Value& reply);
+    /// Removes the services of a device that registered and named none: it has none then.
     void FinishRegistration(Batch& batch);
-    void ServicesChanged(int64_t device, const std::vector<std::string>& gone);
+    void ServicesChanged(std::int64_t device, const std::vector<std::string>& gone);
 
     Store& store_;
     Waiters& waiters_;
     const RelayControl relay_;
     const std::string relayHost_;
     LogQuota refusals_;
-    LogQuota registrations_{Level::kInfo, 100};
+    LogQuota registrations_{Level::Info, 100};
 };
 
 } // namespace ZARO::RelayHub

@@ -16,7 +16,7 @@ void Database::Open(const std::string& file) {
     if (sqlite3_open_v2(file.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
         Fail("open");
     }
-    sqlite3_busy_timeout(handle_, 2000); // an administrator may look at the file meanwhile
+    sqlite3_busy_timeout(handle_, 2000); // an administrator may be reading the file
 }
 
 void Database::Execute(const char* sql) {
@@ -41,7 +41,7 @@ void Database::Fail(const char* doing) const {
 }
 
 Query::~Query() {
-    // The result repeats that of the last step, which was looked at.
+    // The result repeats that of the last step, which has been checked.
     (void)sqlite3_reset(statement_);
     (void)sqlite3_clear_bindings(statement_);
 }
@@ -61,11 +61,11 @@ void Query::Run() {
 
 std::string Query::Text(int column) const {
     const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-    const auto size = static_cast<size_t>(sqlite3_column_bytes(statement_, column));
+    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
     return text == nullptr ? std::string() : std::string(text, size);
 }
 
-void Query::Bind(int place, int64_t value) {
+void Query::Bind(int place, std::int64_t value) {
     if (sqlite3_bind_int64(statement_, place, value) != SQLITE_OK) {
         database_.Fail("bind");
     }

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <sqlite3.h>
-#include <stdint.h>
 
+#include <cstdint>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -15,9 +15,9 @@ struct DatabaseFault : std::runtime_error {
     /// `code` is SQLite's own result; 0 = the fault is not SQLite's.
     explicit DatabaseFault(const std::string& what, int code = 0)
         : std::runtime_error(what), code_(code & 0xff) {}
-    /// The file is broken, or no database at all.
+    /// Whether the file is broken, or no database at all.
     bool IsDamage() const { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
-    /// Nothing can be written at the moment, as on a full disk.
+    /// Whether nothing can be written at the moment, as on a full disk.
     bool IsUnwritable() const { return code_ == SQLITE_FULL || code_ == SQLITE_IOERR; }
 
 private:
@@ -39,6 +39,7 @@ public:
     /// The statement for `sql`, prepared at its first use. The text must be a literal: its address
     /// is the key.
     sqlite3_stmt* Prepare(const char* sql);
+    /// Throws what SQLite last reported. `doing` is the SQL or a word for what failed.
     [[noreturn]] void Fail(const char* doing) const;
 
 private:
@@ -46,8 +47,8 @@ private:
     std::map<const char*, sqlite3_stmt*> statements_;
 };
 
-/// One use of a prepared statement with its values bound in order. The same text must not be in use
-/// twice at a time.
+/// One use of a prepared statement, with its values bound in order. Two objects with the same text
+/// must not exist at a time.
 class Query {
 public:
     template <typename... Values>
@@ -64,20 +65,20 @@ public:
     bool Next();
     /// Runs a statement to its end, whatever rows it gives.
     void Run();
-    int64_t Integer(int column) const { return sqlite3_column_int64(statement_, column); }
+    std::int64_t Integer(int column) const { return sqlite3_column_int64(statement_, column); }
     int Int(int column) const { return sqlite3_column_int(statement_, column); }
     std::string Text(int column) const;
 
 private:
-    void Bind(int place, int64_t value);
-    void Bind(int place, int value) { Bind(place, static_cast<int64_t>(value)); }
+    void Bind(int place, std::int64_t value);
+    void Bind(int place, int value) { Bind(place, static_cast<std::int64_t>(value)); }
     void Bind(int place, const std::string& value);
 
     Database& database_;
     sqlite3_stmt* statement_;
 };
 
-/// Undone at its end unless committed.
+/// A transaction that is rolled back when this object goes, unless it was committed.
 class Transaction {
 public:
     explicit Transaction(Database& database) : database_(database) {

@@ -6,6 +6,7 @@
 #include "hub/certificate.h"
 #include "hub/control.h"
 #include "hub/files.h"
+#include "hub/http_form.h"
 #include "hub/relay.h"
 #include "hub/store.h"
 #include "hub/waiters.h"
@@ -20,7 +21,7 @@ constexpr char kCookie[] = "ZARORELAY";
 WebReply AnswerBatch(Control& control, const WebRequest& request) {
     const std::string before = CookieValue(request.cookies, kCookie);
     std::string session = before;
-    WebReply reply{control.Answer(request.body, request.origin, &session), "application/json", ""};
+    WebReply reply{control.Answer(request.body, request.origin, session), "application/json", ""};
     if (session != before) {
         reply.setCookie = std::string(kCookie) + "=" + session + "; Path=/";
         reply.setCookie += request.origin.scheme == "https" ? "; Secure" : "";
@@ -35,7 +36,7 @@ struct Hub::Parts {
     explicit Parts(const HubOptions& options)
         : waiters(store, options.hold),
           relay(store, options.visitorAddress,
-                [this](int64_t device) { waiters.StatusChanged(device); }),
+                [this](std::int64_t device) { waiters.StatusChanged(device); }),
           control(store, waiters,
                   {[this](int port) { return relay.IsUp(port); },
                    [this](const std::vector<std::string>& users) { relay.Close(users); }},
@@ -44,7 +45,7 @@ struct Hub::Parts {
               store, options.aliasTtl, [this](int port) { return relay.IsUp(port); },
               options.relayHost) {}
 
-    Fd lock;
+    UniqueFd lock;
     Store store;
     Waiters waiters;
     Relay relay;
@@ -65,7 +66,7 @@ Hub::~Hub() {
     Stop();
 }
 
-bool Hub::Start(std::string* error) {
+bool Hub::Start(std::string& error) {
     // A peer that hangs up must not end the process from within a library's write().
     (void)signal(SIGPIPE, SIG_IGN);
     Relay& relay = parts_->relay;
@@ -74,8 +75,8 @@ bool Hub::Start(std::string* error) {
                       // A port of ours that is still open is about to be closed.
                       return relay.IsUp(port) || IsPortFree(visitorAddress, port);
                   }};
-    error->clear();
-    if (!OpenDataFolder(options_.data, &parts_->lock, error) ||
+    error.clear();
+    if (!OpenDataFolder(options_.data, parts_->lock, error) ||
         !parts_->store.Open(options_.data + "/hub.db", std::move(pool), error)) {
         return false;
     }
@@ -85,7 +86,7 @@ bool Hub::Start(std::string* error) {
     return relayGood && StartWeb(error);
 }
 
-bool Hub::StartWeb(std::string* error) {
+bool Hub::StartWeb(std::string& error) {
     Parts& parts = *parts_;
     std::map<std::string, WebHandler> pages;
     pages["/Serv.php"] = [&parts](const WebRequest& request) {

@@ -9,29 +9,29 @@
 namespace ZARO::RelayHub {
 
 struct HubOptions {
-    std::string data;                  // folder for everything that is kept
-    std::string address = "127.0.0.1"; // where all listeners listen
-    int httpPort = 8080;               // this and the next two: 0 = any free port, -1 = off
+    std::string data;                  ///< folder for everything that is kept
+    std::string address = "127.0.0.1"; ///< where all listeners listen
+    int httpPort = 8080;               ///< for this and the next two: 0 = any free port, -1 = off
     int httpsPort = 8443;
     int relayPort = 2222;
-    int firstPort = 20000; // of the tunnels
+    int firstPort = 20000; ///< of the tunnels
     int lastPort = 29999;
-    std::vector<std::string> hosts; // further names that the certificate covers
-    std::string relayHost;          // what devices connect to; empty = the host they asked
-    std::string visitorAddress;     // where the tunnels' ports listen; empty = `address`
+    std::vector<std::string> hosts; ///< further names that the certificate covers
+    std::string relayHost;          ///< what devices connect to; empty = host of their request
+    std::string visitorAddress;     ///< where the tunnels' ports listen; empty = `address`
     std::chrono::seconds aliasTtl{3 * 24 * 60 * 60};
-    std::chrono::milliseconds hold{50000}; // of a wait command
+    std::chrono::milliseconds hold{50000}; ///< of a wait command
 };
 
-/// For one thread; everything else runs on threads of its own. It has SIGPIPE ignored.
+/// For one thread; the work is done on threads of its own. Makes the process ignore SIGPIPE.
 class Hub {
 public:
     explicit Hub(HubOptions options);
     ~Hub();
 
-    /// Returns when every listener listens. False with the reason in `error`; the hub is then good
-    /// for nothing but its destruction.
-    bool Start(std::string* error);
+    /// Returns when every listener listens. False with the reason in `error`; then the hub can only
+    /// be destroyed.
+    bool Start(std::string& error);
     /// Ends everything in an orderly way, within about a second. May be called twice.
     void Stop();
 
@@ -43,7 +43,7 @@ public:
 private:
     struct Parts;
 
-    bool StartWeb(std::string* error);
+    bool StartWeb(std::string& error);
 
     HubOptions options_;
     std::unique_ptr<Parts> parts_;

@@ -1,28 +1,28 @@
 #include "hub/log.h"
 
-#include <errno.h>
-#include <stdarg.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
 
 namespace ZARO::RelayHub {
 
 namespace {
 
-std::atomic<int> gLevel{static_cast<int>(Level::kInfo)};
+std::atomic<int> gLevel{static_cast<int>(Level::Info)};
 
 const char* NameOf(Level level) {
     switch (level) {
-    case Level::kError:
+    case Level::Error:
         return "error";
-    case Level::kWarning:
+    case Level::Warning:
         return "warning";
-    case Level::kInfo:
+    case Level::Info:
         return "info";
-    case Level::kDebug:
+    case Level::Debug:
         return "debug";
     }
     return "?";
@@ -34,13 +34,14 @@ void Write(Level level, const char* unit, const char* format, va_list arguments)
     }
     const int savedErrno = errno;
     char line[512];
-    const size_t room = sizeof line - 1; // one byte stays for the line end
-    const auto used = static_cast<size_t>(snprintf(line, room, "%s %s: ", NameOf(level), unit));
+    const std::size_t room = sizeof line - 1; // one byte stays for the line end
+    const auto used =
+        static_cast<std::size_t>(snprintf(line, room, "%s %s: ", NameOf(level), unit));
     const int wanted = vsnprintf(line + used, room - used, format, arguments);
-    size_t length = used + static_cast<size_t>(std::max(wanted, 0));
+    std::size_t length = used + static_cast<std::size_t>(std::max(wanted, 0));
     length = std::min(length, room - 1);
     line[length] = '\n';
-    // One write a line keeps lines of several threads apart; there is nowhere to report its
+    // One write per line keeps the lines of several threads apart. There is nowhere to report its
     // failure.
     (void)!write(STDERR_FILENO, line, length + 1);
     errno = savedErrno;

@@ -1,4 +1,4 @@
-/// The hub's log: one line a message on standard error, "level unit: text".
+/// The hub's log on standard error: one line per message, "level unit: text".
 #pragma once
 
 #include <chrono>
@@ -8,25 +8,25 @@ namespace ZARO::RelayHub {
 
 /// The numbers are the syslog priorities.
 enum class Level {
-    kError = 3,   // work was lost
-    kWarning = 4, // carried on, the text says how
-    kInfo = 6,    // a state changed
-    kDebug = 7,
+    Error = 3,   ///< work was lost
+    Warning = 4, ///< carried on, the text says how
+    Info = 6,    ///< a state changed
+    Debug = 7,
 };
 
-/// Messages above `level` (3 to 7) are dropped from now on. The threshold starts at 6.
+/// Drops messages above `level` (3 to 7) from now on. Before the first call the bound is 6.
 void SetLogLevel(int level);
 
-/// Writes one line, cut at about 500 bytes. Any thread may call it; errno survives. Texts from a
-/// peer are checked before they are passed.
+/// Writes one line, cut at about 500 bytes. Any thread may call it; errno survives. The caller has
+/// checked what comes from a peer.
 void Log(Level level, const char* unit, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
-/// Lines that strangers can cause at will: so many a minute, then only their number. Any thread may
-/// call any method.
+/// Lines that strangers can cause at will: at most `quota` per minute, then only how many more
+/// there were. Any thread may call any method.
 class LogQuota {
 public:
-    explicit LogQuota(Level level = Level::kWarning, int quota = 10)
+    explicit LogQuota(Level level = Level::Warning, int quota = 10)
         : level_(level), quota_(quota) {}
 
     void Log(const char* unit, const char* format, ...) __attribute__((format(printf, 3, 4)));
@@ -35,8 +35,8 @@ private:
     const Level level_;
     const int quota_;
     std::mutex mutex_;
-    std::chrono::steady_clock::time_point begin_; // of the present minute
-    int lines_ = 0;                               // in it, written or not
+    std::chrono::steady_clock::time_point begin_; ///< of the current minute
+    int lines_ = 0;                               ///< in that minute, written or not
 };
 
 } // namespace ZARO::RelayHub

@@ -1,18 +1,18 @@
 /// zarorelay-hub: reads the command line, runs the hub until a signal ends it.
-#include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
-#include <stdio.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <optional>
 
 #include <CLI/CLI.hpp>
 
-#include "hub/forms.h"
+#include "hub/names.h"
 #include "hub/hub.h"
 #include "hub/log.h"
 #include "hub/net.h"
@@ -51,19 +51,19 @@ CLI::Validator Number(long low, long high) {
 }
 
 bool IsHostOrAddress(const std::string& text) {
-    return IsAddress(text) || ZARO::RelayHub::IsHost(text, false);
+    return IsAddress(text) || ZARO::RelayHub::IsHost(text);
 }
 
 /// Takes "FIRST-LAST" apart.
-bool ParseRange(const std::string& text, int* first, int* last) {
-    const size_t dash = text.find('-');
+bool ParseRange(const std::string& text, int& first, int& last) {
+    const std::size_t dash = text.find('-');
     if (dash == std::string::npos || !IsNumber(text.substr(0, dash), 1, 65535) ||
         !IsNumber(text.substr(dash + 1), 1, 65535)) {
         return false;
     }
-    *first = atoi(text.c_str());
-    *last = atoi(text.c_str() + dash + 1);
-    return *first <= *last;
+    first = atoi(text.c_str());
+    last = atoi(text.c_str() + dash + 1);
+    return first <= last;
 }
 
 struct CommandLine {
@@ -74,15 +74,15 @@ struct CommandLine {
     int logLevel = 6;
 };
 
-void Describe(CLI::App& app, CommandLine* line) {
+void Describe(CLI::App& app, CommandLine& line) {
     const CLI::Validator address = Expect("an IP address", IsAddress);
     const CLI::Validator host = Expect("a host name or an IP address", IsHostOrAddress);
     const auto isRange = [](const std::string& text) {
         int first = 0;
         int last = 0;
-        return ParseRange(text, &first, &last);
+        return ParseRange(text, first, last);
     };
-    HubOptions& hub = line->hub;
+    HubOptions& hub = line.hub;
     app.add_option("--data", hub.data, "folder for everything that is kept")->required();
     app.add_option("--address", hub.address, "where to listen")->check(address);
     app.add_option("--http-port", hub.httpPort, "plain HTTP; 0 = any, -1 = off")
@@ -91,7 +91,7 @@ void Describe(CLI::App& app, CommandLine* line) {
         ->check(Number(-1, 65535));
     app.add_option("--relay-port", hub.relayPort, "SSH; 0 = any, -1 = off")
         ->check(Number(-1, 65535));
-    app.add_option("--ports", line->ports, "the tunnels' ports, FIRST-LAST")
+    app.add_option("--ports", line.ports, "the tunnels' ports, FIRST-LAST")
         ->check(Expect("a range of ports like 20000-29999", isRange));
     app.add_option("--host", hub.hosts, "a further name for the certificate; may be repeated")
         ->check(host);
@@ -99,17 +99,17 @@ void Describe(CLI::App& app, CommandLine* line) {
         ->check(host);
     app.add_option("--visitor-address", hub.visitorAddress, "where the tunnels' ports listen")
         ->check(address);
-    app.add_option("--alias-ttl", line->aliasTtl, "seconds that an alias lasts unrenewed")
+    app.add_option("--alias-ttl", line.aliasTtl, "seconds that an alias lasts unrenewed")
         ->check(Number(1, 1000000000));
-    app.add_option("--hold", line->hold, "seconds that a wait command is held")
+    app.add_option("--hold", line.hold, "seconds that a wait command is held")
         ->check(Number(1, 3600));
-    app.add_option("--log-level", line->logLevel, "3 = errors only, up to 7 = debug")
+    app.add_option("--log-level", line.logLevel, "3 = errors only, up to 7 = debug")
         ->check(Number(3, 7));
     app.set_version_flag("--version", "zarorelay-hub " ZARO_VERSION);
 }
 
-/// A process started without standard descriptors must not get a socket in their place, which log
-/// lines would then be written into.
+/// When the process was started without standard descriptors, its first sockets would take their
+/// numbers, and log lines would go to a peer.
 void FillStandardDescriptors() {
     int fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO) {
@@ -120,7 +120,7 @@ void FillStandardDescriptors() {
     }
 }
 
-/// Every connection costs a descriptor or three; the usual soft limit serves few devices.
+/// A connection costs one to three descriptors, so the usual soft limit serves few devices.
 void RaiseDescriptorLimit() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -130,16 +130,16 @@ void RaiseDescriptorLimit() {
     limit.rlim_cur = limit.rlim_max;
     const rlim_t now = setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_max : before;
     const rlim_t devices = now < kOtherDescriptors ? 0 : (now - kOtherDescriptors) / kPerDevice;
-    // A lower limit is workable: the listeners pause when it is reached.
+    // The hub works with a lower limit as well: the listeners pause when it is reached.
     if (devices < ZARO::RelayHub::kMaxDevices) {
-        ZARO::RelayHub::Log(ZARO::RelayHub::Level::kWarning, "hub",
+        ZARO::RelayHub::Log(ZARO::RelayHub::Level::Warning, "hub",
                             "a limit of %llu descriptors is enough for %llu devices only",
                             static_cast<unsigned long long>(now),
                             static_cast<unsigned long long>(devices));
     }
 }
 
-/// One line a listener; whoever started the hub may wait for them.
+/// One line per listener. Whoever started the hub may wait for them.
 void PrintListeners(const HubOptions& options, const Hub& hub) {
     const std::string host = ZARO::RelayHub::ForUrl(options.address);
     if (options.httpPort >= 0) {
@@ -157,7 +157,7 @@ void PrintListeners(const HubOptions& options, const Hub& hub) {
 }
 
 int Run(const CommandLine& line) {
-    // Blocked before the first thread starts, so that they reach nobody but sigwait() below.
+    // Blocked before the first thread starts, so that only sigwait() below gets them.
     sigset_t ending;
     sigemptyset(&ending);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
@@ -166,26 +166,26 @@ int Run(const CommandLine& line) {
     (void)pthread_sigmask(SIG_BLOCK, &ending, nullptr);
     umask(077);
     const rlimit noCore{0, 0};
-    (void)setrlimit(RLIMIT_CORE, &noCore); // memory holds keys and passwords
+    (void)setrlimit(RLIMIT_CORE, &noCore); // the memory holds keys and passwords
     ZARO::RelayHub::SetLogLevel(line.logLevel);
 
     Hub hub(line.hub);
     std::string error;
-    if (!hub.Start(&error)) {
+    if (!hub.Start(error)) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", error.c_str());
         return 1;
     }
-    RaiseDescriptorLimit(); // a failed start has its one line
+    RaiseDescriptorLimit(); // not before: a failed start prints a single line
     PrintListeners(line.hub, hub);
     int number = 0;
     (void)sigwait(&ending, &number);
-    ZARO::RelayHub::Log(ZARO::RelayHub::Level::kInfo, "hub", "ends on signal %d", number);
+    ZARO::RelayHub::Log(ZARO::RelayHub::Level::Info, "hub", "ends on signal %d", number);
     hub.Stop();
     return 0;
 }
 
 /// The exit code, or nothing when the hub is to run.
-std::optional<int> Parse(int argc, char** argv, CommandLine* line) {
+std::optional<int> Parse(int argc, char** argv, CommandLine& line) {
     CLI::App app("The server side of zarorelayd: control server, alias server and SSH relay.",
                  "zarorelay-hub");
     try {
@@ -197,9 +197,9 @@ std::optional<int> Parse(int argc, char** argv, CommandLine* line) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", fault.what());
         return kUsage;
     }
-    (void)ParseRange(line->ports, &line->hub.firstPort, &line->hub.lastPort);
-    line->hub.aliasTtl = std::chrono::seconds(line->aliasTtl);
-    line->hub.hold = std::chrono::seconds(line->hold);
+    (void)ParseRange(line.ports, line.hub.firstPort, line.hub.lastPort);
+    line.hub.aliasTtl = std::chrono::seconds(line.aliasTtl);
+    line.hub.hold = std::chrono::seconds(line.hold);
     return std::nullopt;
 }
 
@@ -209,7 +209,7 @@ int main(int argc, char** argv) {
     FillStandardDescriptors();
     try {
         CommandLine line;
-        const std::optional<int> code = Parse(argc, argv, &line);
+        const std::optional<int> code = Parse(argc, argv, line);
         return code ? *code : Run(line);
     } catch (const std::exception& fault) {
         (void)fprintf(stderr, "zarorelay-hub: %s\n", fault.what());

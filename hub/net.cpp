@@ -1,12 +1,12 @@
 #include "hub/net.h"
 
-#include <errno.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <string.h>
 #include <sys/socket.h>
 
+#include <cerrno>
+#include <cstring>
 #include <memory>
 #include <system_error>
 
@@ -38,9 +38,9 @@ void SetOption(int fd, int level, int option, int value) {
 }
 
 /// A bound socket; empty, with errno set, when the address can't be had.
-Fd BindTcp(const addrinfo& where) {
-    Fd fd(socket(where.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!fd) {
+UniqueFd BindTcp(const addrinfo& where) {
+    UniqueFd fd(socket(where.ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd.IsOpen()) {
         return fd;
     }
     SetOption(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1);
@@ -49,7 +49,7 @@ Fd BindTcp(const addrinfo& where) {
     }
     if (bind(fd.Get(), where.ai_addr, where.ai_addrlen) != 0) {
         const int reason = errno;
-        fd.Reset();
+        (void)fd.Close();
         errno = reason;
     }
     return fd;
@@ -57,19 +57,19 @@ Fd BindTcp(const addrinfo& where) {
 
 } // namespace
 
-bool ListenTcp(const std::string& address, int port, Fd* listener, std::string* error) {
+bool ListenTcp(const std::string& address, int port, UniqueFd& listener, std::string& error) {
     const std::string where = ForUrl(address) + ":" + std::to_string(port);
     const AddressInfo info = ToAddress(address, port);
     if (info == nullptr) {
-        *error = "can't listen on " + where + ": not an IP address";
+        error = "can't listen on " + where + ": not an IP address";
         return false;
     }
-    Fd fd = BindTcp(*info);
-    if (!fd || listen(fd.Get(), SOMAXCONN) != 0) {
-        *error = "can't listen on " + where + ": " + strerror(errno);
+    UniqueFd fd = BindTcp(*info);
+    if (!fd.IsOpen() || listen(fd.Get(), SOMAXCONN) != 0) {
+        error = "can't listen on " + where + ": " + strerror(errno);
         return false;
     }
-    *listener = std::move(fd);
+    listener = std::move(fd);
     return true;
 }
 
@@ -85,8 +85,8 @@ int PortOf(int fd) {
 
 bool IsPortFree(const std::string& address, int port) {
     const AddressInfo info = ToAddress(address, port);
-    const Fd fd = info == nullptr ? Fd() : BindTcp(*info);
-    if (fd && listen(fd.Get(), 1) == 0) {
+    const UniqueFd fd = info == nullptr ? UniqueFd() : BindTcp(*info);
+    if (fd.IsOpen() && listen(fd.Get(), 1) == 0) {
         return true;
     }
     if (errno != EADDRINUSE && errno != EACCES) {
@@ -114,7 +114,7 @@ void SetUserTimeOut(int fd, int milliseconds) {
     SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, milliseconds);
 }
 
-std::string PeerOf(int fd, int* port) {
+std::string PeerOf(int fd, int& port) {
     sockaddr_storage peer{};
     socklen_t size = sizeof peer;
     char host[NI_MAXHOST] = "";
@@ -123,14 +123,14 @@ std::string PeerOf(int fd, int* port) {
         (void)getnameinfo(reinterpret_cast<sockaddr*>(&peer), size, host, sizeof host, service,
                           sizeof service, NI_NUMERICHOST | NI_NUMERICSERV);
     }
-    *port = atoi(service);
+    port = atoi(service);
     return host;
 }
 
-uint64_t NetworkOf(int fd) {
+std::uint64_t NetworkOf(int fd) {
     sockaddr_storage peer{};
     socklen_t size = sizeof peer;
-    uint64_t network = 0;
+    std::uint64_t network = 0;
     if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) {
         return network;
     }
@@ -153,17 +153,17 @@ Acceptor::Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)
     : unit_(unit), mayAccept_(std::move(mayAccept)), onAccept_(std::move(onAccept)) {
 }
 
-bool Acceptor::Start(Fd listener, std::string* error) {
+bool Acceptor::Start(UniqueFd listener, std::string& error) {
     listener_ = std::move(listener);
     port_ = PortOf(listener_.Get());
     if (!stop_.IsValid()) {
-        *error = std::string("can't start: ") + strerror(errno);
+        error = std::string("can't start: ") + strerror(errno);
         return false;
     }
     try {
         thread_ = std::thread([this] { Run(); });
     } catch (const std::system_error& fault) {
-        *error = std::string("can't start a thread: ") + fault.what();
+        error = std::string("can't start a thread: ") + fault.what();
         return false;
     }
     return true;
@@ -174,15 +174,15 @@ void Acceptor::Stop() {
     if (thread_.joinable()) {
         thread_.join();
     }
-    waiting_.Reset();
-    listener_.Reset();
+    (void)waiting_.Close();
+    (void)listener_.Close();
 }
 
 void Acceptor::Run() {
     const auto pause = static_cast<int>(kAcceptPause.count());
     for (;;) {
         pollfd wait[] = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
-        (void)poll(wait, 2, waiting_ ? 0 : -1);
+        (void)poll(wait, 2, waiting_.IsOpen() ? 0 : -1);
         if (wait[0].revents != 0) {
             return;
         }
@@ -194,12 +194,13 @@ void Acceptor::Run() {
 }
 
 bool Acceptor::AcceptOne() {
-    if (!waiting_) {
-        waiting_.Reset(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!waiting_ && !IsShortage(errno)) {
+    if (!waiting_.IsOpen()) {
+        waiting_ =
+            UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        if (!waiting_.IsOpen() && !IsShortage(errno)) {
             return true; // the peer is gone already, or another such fault of this one connection
         }
-        if (!waiting_) {
+        if (!waiting_.IsOpen()) {
             SetShortage(strerror(errno));
             return false;
         }
@@ -216,9 +217,9 @@ bool Acceptor::AcceptOne() {
 
 void Acceptor::SetShortage(const char* reason) {
     if (inShortage_ && reason == nullptr) {
-        Log(Level::kInfo, unit_, "accepts connections again");
+        Log(Level::Info, unit_, "accepts connections again");
     } else if (!inShortage_ && reason != nullptr) {
-        Log(Level::kWarning, unit_, "connections wait: %s", reason);
+        Log(Level::Warning, unit_, "connections wait: %s", reason);
     }
     inShortage_ = reason != nullptr;
 }

@@ -1,9 +1,8 @@
 #include "hub/relay.h"
 
-#include <errno.h>
-#include <string.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "hub/files.h"
 #include "hub/log.h"
@@ -16,9 +15,9 @@ namespace {
 /// Sessions that have not logged in. One more ends the oldest of the network that has most of them:
 /// whoever floods the relay drives himself out, however fast he is, and a log-in from elsewhere has
 /// all the time it needs. Many devices at one address fit in when they all come at once.
-constexpr size_t kMaxStrangers = 512;
+constexpr std::size_t kMaxStrangers = 512;
 
-/// The cheap ones: strangers choose, and the others cost up to 0.3 s of a processor each.
+/// Only cheap ones, as strangers choose among them: others cost up to 0.3 s of CPU time each.
 constexpr char kKeyExchanges[] =
     "curve25519-sha256,curve25519-sha256@libssh.org,ecdh-sha2-nistp256";
 
@@ -33,6 +32,19 @@ HostKey KeyFrom(const std::string& text) {
         return nullptr;
     }
     return HostKey(key);
+}
+
+/// A new key as text; "" when it can't be made.
+std::string MakeHostKey() {
+    ssh_key made = nullptr;
+    char* exported = nullptr;
+    if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &made) == SSH_OK) {
+        (void)ssh_pki_export_privkey_base64(made, nullptr, nullptr, nullptr, &exported);
+    }
+    const HostKey owner(made);
+    std::string text = exported == nullptr ? "" : exported;
+    ssh_string_free_char(exported);
+    return text;
 }
 
 } // namespace
@@ -50,45 +62,36 @@ Relay::~Relay() {
 }
 
 bool Relay::Start(const std::string& address, int port, const std::string& keyFile,
-                  std::string* error) {
-    Fd listener;
-    return UseHostKey(keyFile, error) && ListenTcp(address, port, &listener, error) &&
+                  std::string& error) {
+    UniqueFd listener;
+    return UseHostKey(keyFile, error) && ListenTcp(address, port, listener, error) &&
            acceptor_.Start(std::move(listener), error);
 }
 
-bool Relay::UseHostKey(const std::string& keyFile, std::string* error) {
-    std::string text;
-    bool isThere = false;
-    if (!ReadSmallFile(keyFile, &text, error, &isThere)) {
+bool Relay::UseHostKey(const std::string& keyFile, std::string& error) {
+    std::optional<std::string> text;
+    if (!ReadSmallFile(keyFile, text, error)) {
         return false;
     }
-    if (!isThere) {
-        if (store_.HasDevices()) {
-            Log(Level::kWarning, "relay", "%s is gone: devices will refuse the new host key",
+    if (!text) {
+        if (store_.devices.HasAny()) {
+            Log(Level::Warning, "relay", "%s is gone: devices will refuse the new host key",
                 keyFile.c_str());
         }
-        ssh_key made = nullptr;
-        char* exported = nullptr;
-        if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &made) == SSH_OK) {
-            (void)ssh_pki_export_privkey_base64(made, nullptr, nullptr, nullptr, &exported);
-        }
-        const HostKey owner(made);
-        text = exported == nullptr ? "" : exported;
-        ssh_string_free_char(exported);
-        if (text.empty() || !WritePrivateFile(keyFile, text, error)) {
-            *error = error->empty() ? "can't make a host key" : *error;
+        text = MakeHostKey();
+        if (text->empty() || !WritePrivateFile(keyFile, *text, error)) {
+            error = error.empty() ? "can't make a host key" : error;
             return false;
         }
     }
-    HostKey key = KeyFrom(text);
-    const bool noFiles = false; // the machine's own SSH server settings are none of ours
+    HostKey key = KeyFrom(*text);
+    const bool noFiles = false; // the settings of the machine's own SSH server don't apply here
     if (key == nullptr || bind_ == nullptr ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_KEY_EXCHANGE, kKeyExchanges) != SSH_OK ||
         ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) != SSH_OK) {
-        *error = keyFile +
-                 " holds no usable host key: put a copy back, or remove it for a new one, "
-                 "which every device has to be told to accept";
+        error = keyFile + " holds no usable host key: put a copy back, or remove it for a new one, "
+                          "which every device has to be told to accept";
         return false;
     }
     (void)key.release(); // it belongs to bind_ now
@@ -108,8 +111,8 @@ void Relay::Stop() {
 }
 
 bool Relay::MayAdmit() {
-    // A session's second descriptor is had before its connection is accepted: when there is none,
-    // the connection waits instead of being lost.
+    // Gets the session's second descriptor before its connection is accepted. Without one the
+    // connection waits instead of being lost.
     if (!spare_ || !spare_->IsValid()) {
         spare_.emplace();
     }
@@ -123,20 +126,21 @@ bool Relay::MayAdmit() {
 
 bool Relay::Admit(int connection) {
     const int waker = spare_->Get();
-    if (!threads_.Start([this, connection, waker] { Serve(Fd(connection), Waker(Fd(waker))); })) {
+    if (!threads_.Start(
+            [this, connection, waker] { Serve(UniqueFd(connection), Waker(UniqueFd(waker))); })) {
         return false;
     }
     (void)spare_->Release(); // the thread owns both
     return true;
 }
 
-void Relay::Serve(Fd fd, Waker waker) {
+void Relay::Serve(UniqueFd fd, Waker waker) {
     ssh_session raw = ssh_new();
     if (raw == nullptr) {
         return;
     }
     const int socket = fd.Get();
-    const uint64_t network = NetworkOf(socket);
+    const std::uint64_t network = NetworkOf(socket);
     int result = SSH_ERROR;
     {
         const std::lock_guard<std::mutex> lock(mutex_); // bind_ is for one thread at a time
@@ -165,12 +169,12 @@ void Relay::Serve(Fd fd, Waker waker) {
         } const entry{*this, session};
         session.Run();
     } catch (const std::exception& fault) {
-        Log(Level::kError, "relay", "a session failed: %s", fault.what());
+        Log(Level::Error, "relay", "a session failed: %s", fault.what());
     }
 }
 
 void Relay::DropStranger() {
-    std::map<uint64_t, size_t> counts;
+    std::map<std::uint64_t, std::size_t> counts;
     for (const Stranger& stranger : strangers_) {
         ++counts[stranger.network];
     }
@@ -189,12 +193,12 @@ void Relay::ForgetStranger(const RelaySession* session) {
 bool Relay::LogIn(RelaySession* session, const std::string& user, const std::string& password) {
     const std::lock_guard<std::mutex> lock(mutex_);
     TunnelRecord tunnel;
-    const StoreResult found = store_.FindTunnel(user, &tunnel);
+    const StoreResult found = store_.services.FindTunnel(user, tunnel);
     // An unknown user takes as long as a wrong password.
     const bool equal = EqualSecrets(tunnel.password, password);
-    if (found != StoreResult::kDone || !equal) {
+    if (found != StoreResult::Done || !equal) {
         refusals_.Log("relay", "log-in from %s refused: %s", session->Peer().c_str(),
-                      found == StoreResult::kDone ? "wrong password" : "unknown user");
+                      found == StoreResult::Done ? "wrong password" : "unknown user");
         return false;
     }
     if (session->IsEnded()) { // it would only drive the former session out
@@ -214,7 +218,7 @@ bool Relay::LogIn(RelaySession* session, const std::string& user, const std::str
 }
 
 std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
-    int64_t device = 0;
+    std::int64_t device = 0;
     std::shared_ptr<RelayPort> opened;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -224,15 +228,15 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
         }
         Seat* const seat = &found->second;
         if (seat->port == nullptr) {
-            Fd listener;
+            UniqueFd listener;
             std::string error;
-            if (!ListenTcp(visitorAddress_, port, &listener, &error)) {
+            if (!ListenTcp(visitorAddress_, port, listener, error)) {
                 closedPorts_.Log("relay", "tunnel %s: %s", seat->tunnel.id.c_str(), error.c_str());
                 return nullptr;
             }
             seat->port = std::make_shared<RelayPort>(std::move(listener));
             seat->port->GiveTo(session);
-            up_[static_cast<uint16_t>(port)] = true;
+            up_[static_cast<std::uint16_t>(port)] = true;
             device = seat->tunnel.device;
         }
         opened = seat->port;
@@ -244,7 +248,7 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
 }
 
 void Relay::Close(const std::vector<std::string>& users) {
-    // Those tunnels are off their device's list, which says more than a status could.
+    // No status to report: these tunnels are off their device's list already.
     const std::lock_guard<std::mutex> lock(mutex_);
     for (const std::string& user : users) {
         const auto seat = seats_.find(user);
@@ -257,7 +261,7 @@ void Relay::Close(const std::vector<std::string>& users) {
 }
 
 void Relay::Leave(RelaySession* session) {
-    int64_t device = 0;
+    std::int64_t device = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         ForgetStranger(session);
@@ -278,11 +282,11 @@ Relay::Seats::iterator Relay::SeatOf(const RelaySession* session) {
                         [session](const auto& entry) { return entry.second.session == session; });
 }
 
-int64_t Relay::ClosePort(Seat& seat) {
+std::int64_t Relay::ClosePort(Seat& seat) {
     if (seat.port == nullptr) {
         return 0;
     }
-    up_[static_cast<uint16_t>(seat.tunnel.relayPort)] = false;
+    up_[static_cast<std::uint16_t>(seat.tunnel.relayPort)] = false;
     seat.port->Shut();
     seat.port.reset();
     return seat.tunnel.device;

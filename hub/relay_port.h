@@ -1,21 +1,21 @@
 /// The port at which the visitors of one tunnel arrive.
 #pragma once
 
-#include <errno.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <mutex>
 
-#include "hub/fd.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::RelayHub {
 
-/// A listener that outlives the session it serves: when a device logs in anew, its new session
+/// A listener that outlives the session it serves: when a device logs in again, its new session
 /// takes the open port over, so that no visitor is refused in between. Any thread may call any
 /// method.
 class RelayPort {
 public:
-    explicit RelayPort(Fd listener) : listener_(std::move(listener)) {}
+    explicit RelayPort(UniqueFd listener) : listener_(std::move(listener)) {}
 
     /// To poll for visitors.
     int Get() const { return listener_.Get(); }
@@ -33,19 +33,19 @@ public:
     }
 
     /// The next visitor, non-blocking; empty with errno set when there is none for `owner`.
-    Fd Accept(const void* owner) {
+    UniqueFd Accept(const void* owner) {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (owner_ != owner) {
             errno = EAGAIN;
-            return Fd();
+            return UniqueFd();
         }
-        return Fd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+        return UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     }
 
 private:
     std::mutex mutex_;
     const void* owner_ = nullptr;
-    const Fd listener_;
+    const UniqueFd listener_;
 };
 
 } // namespace ZARO::RelayHub

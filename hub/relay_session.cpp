@@ -1,9 +1,8 @@
 #include "hub/relay_session.h"
 
-#include <errno.h>
-#include <string.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "hub/log.h"
 #include "hub/net.h"
@@ -32,10 +31,16 @@ constexpr auto kPatience = seconds(2);
 constexpr auto kSlowReading = seconds(1);
 constexpr auto kStuckTime = seconds(300); // ends it
 
-constexpr size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
-constexpr size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
-constexpr size_t kAcceptedAtOnce = 16;
-constexpr size_t kMaxBindAddress = 255;
+constexpr std::size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
+constexpr std::size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
+constexpr std::size_t kAcceptedAtOnce = 16;
+constexpr std::size_t kMaxBindAddress = 255;
+
+// Places in what is polled; the visitors come last, in their order.
+constexpr std::size_t kWakerPlace = 0;
+constexpr std::size_t kSshPlace = 1;
+constexpr std::size_t kPortPlace = 2;
+constexpr std::size_t kFirstVisitorPlace = 3;
 
 } // namespace
 
@@ -66,7 +71,8 @@ bool RelaySession::Prepare() {
     ssh_set_blocking(session_.get(), 0);
     ssh_set_counters(session_.get(), &traffic_, nullptr);
     ssh_set_auth_methods(session_.get(), SSH_AUTH_METHOD_PASSWORD);
-    // The socket's own probes notice a lost line while data is under way; KeepAlive() the rest.
+    // The socket's own probes notice a lost line while data is under way, KeepAlive() at other
+    // times.
     SetKeepAlive(fd_, 5, 3, 3);
     SetUserTimeOut(fd_, static_cast<int>(milliseconds(kSilence).count()));
     return ssh_set_server_callbacks(session_.get(), &serverCallbacks_) == SSH_OK &&
@@ -78,11 +84,11 @@ void RelaySession::Run() {
         return;
     }
     HandleSsh(); // sends the greeting
-    while (state_ != State::kOver && !ended_) {
+    while (state_ != State::Over && !ended_) {
         const bool waited = IsWriting();
         WaitForEvents();
         now_ = Clock::now();
-        if (polled_[1].revents != 0) {
+        if (polled_[kSshPlace].revents != 0) {
             HandleSsh();
         }
         clear_ = waited && IsWriting() ? clear_ : now_;
@@ -92,11 +98,11 @@ void RelaySession::Run() {
             seenTraffic_ = traffic_.in_bytes;
             heard_ = now_;
         }
-        if (state_ == State::kServing) {
+        if (state_ == State::Serving) {
             HandleVisitors(heard);
             AcceptVisitors();
             KeepAlive();
-        } else if (state_ != State::kOver && now_ >= deadline_) {
+        } else if (state_ != State::Over && now_ >= deadline_) {
             Over("not ready in time");
         }
     }
@@ -116,12 +122,12 @@ void RelaySession::WaitForEvents() {
     const bool writing = IsWriting();
     const bool accepting =
         port_ != nullptr && visitors_.size() < kMaxVisitors + kMaxLeaving && now_ >= rest_;
-    polled_.clear();
-    polled_.push_back({waker_.Get(), POLLIN, 0});
-    polled_.push_back(
-        {fd_, static_cast<short>((IsListening() ? POLLIN : 0) | (writing ? POLLOUT : 0)), 0});
-    polled_.push_back({accepting ? port_->Get() : -1, POLLIN, 0});
-    if (!visitors_.empty()) { // everybody comes first in turn
+    polled_.resize(kFirstVisitorPlace);
+    polled_[kWakerPlace] = {waker_.Get(), POLLIN, 0};
+    polled_[kSshPlace] = {
+        fd_, static_cast<short>((IsListening() ? POLLIN : 0) | (writing ? POLLOUT : 0)), 0};
+    polled_[kPortPlace] = {accepting ? port_->Get() : -1, POLLIN, 0};
+    if (!visitors_.empty()) { // each comes first in turn
         visitors_.splice(visitors_.end(), visitors_, visitors_.begin());
     }
     for (RelayVisitor& visitor : visitors_) {
@@ -141,7 +147,7 @@ int RelaySession::TimeOut() const {
         return 0; // what came meanwhile may concern any visitor
     }
     Clock::time_point due = deadline_;
-    if (state_ == State::kServing) {
+    if (state_ == State::Serving) {
         due = std::min(probe_, heard_ + kSilence);
         due = rest_ > now_ ? std::min(due, rest_) : due;
     }
@@ -156,7 +162,7 @@ void RelaySession::HandleSsh() {
         Over("connection lost");
         return;
     }
-    if (state_ == State::kKeyExchange) {
+    if (state_ == State::KeyExchange) {
         const int result = ssh_handle_key_exchange(session);
         if (result == SSH_ERROR) {
             Over("no key exchange");
@@ -166,7 +172,7 @@ void RelaySession::HandleSsh() {
             inEvent_ = ssh_event_add_session(event_.get(), session) == SSH_OK;
         }
         if (result == SSH_OK) {
-            state_ = State::kLogIn;
+            state_ = State::LogIn;
         }
     }
     if (!inEvent_ || ssh_is_connected(session) == 0) {
@@ -176,7 +182,7 @@ void RelaySession::HandleSsh() {
 
 void RelaySession::HandleVisitors(bool heard) {
     bool overrun = false;
-    size_t place = 3;
+    std::size_t place = kFirstVisitorPlace;
     for (auto visitor = visitors_.begin(); visitor != visitors_.end();) {
         if (heard) {
             visitor->AwaitOpening();
@@ -197,16 +203,17 @@ void RelaySession::HandleVisitors(bool heard) {
 }
 
 void RelaySession::AcceptVisitors() {
-    if (state_ != State::kServing || polled_[2].revents == 0) {
+    if (state_ != State::Serving || polled_[kPortPlace].revents == 0) {
         return;
     }
-    for (size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving; ++i) {
-        Fd fd = port_->Accept(this);
-        if (!fd) {
+    for (std::size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving;
+         ++i) {
+        UniqueFd fd = port_->Accept(this);
+        if (!fd.IsOpen()) {
             if (IsShortage(errno)) {
                 rest_ = now_ + kAcceptPause;
                 if (!inShortage_) {
-                    Log(Level::kWarning, "relay", "visitors of port %d wait: %s", portNumber_,
+                    Log(Level::Warning, "relay", "visitors of port %d wait: %s", portNumber_,
                         strerror(errno));
                 }
                 inShortage_ = true;
@@ -221,7 +228,7 @@ void RelaySession::AcceptVisitors() {
 }
 
 void RelaySession::MakeRoom() {
-    size_t present = 0;
+    std::size_t present = 0;
     RelayVisitor* idlest = nullptr;
     for (RelayVisitor& visitor : visitors_) {
         if (!visitor.IsGone()) {
@@ -245,18 +252,18 @@ void RelaySession::KeepAlive() {
         return;
     }
     probe_ = now_ + kNextProbe;
-    // The first call takes the answer to the former probe off, if there was one; the next sends.
+    // The first call takes in the answer to the last probe, if there is one; the second sends.
     (void)ssh_send_keepalive(session_.get());
     (void)ssh_send_keepalive(session_.get());
 }
 
 void RelaySession::Over(const char* why) {
-    if (state_ == State::kServing) {
-        Log(Level::kInfo, "relay", "port %d: session ended: %s", portNumber_, why);
+    if (state_ == State::Serving) {
+        Log(Level::Info, "relay", "port %d: session ended: %s", portNumber_, why);
     } else {
-        Log(Level::kDebug, "relay", "a session ended before it was served: %s", why);
+        Log(Level::Debug, "relay", "a session ended before it was served: %s", why);
     }
-    state_ = State::kOver;
+    state_ = State::Over;
 }
 
 int RelaySession::OnPassword(ssh_session, const char* user, const char* password, void* self) {
@@ -269,11 +276,11 @@ int RelaySession::OnPassword(ssh_session, const char* user, const char* password
 }
 
 bool RelaySession::CheckPassword(const char* user, const char* password) {
-    if (state_ != State::kLogIn || user == nullptr || password == nullptr) {
+    if (state_ != State::LogIn || user == nullptr || password == nullptr) {
         return false;
     }
     if (desk_.LogIn(this, user, password)) {
-        state_ = State::kLoggedIn;
+        state_ = State::LoggedIn;
         deadline_ = Clock::now() + kForwardTime;
         return true;
     }
@@ -297,7 +304,7 @@ void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self)
             session->ended_ = true;
         }
     } catch (const std::exception& fault) {
-        Log(Level::kError, "relay", "a request failed: %s", fault.what());
+        Log(Level::Error, "relay", "a request failed: %s", fault.what());
         session->ended_ = true;
     }
 }
@@ -305,7 +312,7 @@ void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self)
 bool RelaySession::Forward(ssh_message message) {
     const char* address = ssh_message_global_request_address(message);
     const int port = ssh_message_global_request_port(message);
-    if (state_ != State::kLoggedIn || address == nullptr ||
+    if (state_ != State::LoggedIn || address == nullptr ||
         std::string(address).size() > kMaxBindAddress) {
         return false;
     }
@@ -315,10 +322,10 @@ bool RelaySession::Forward(ssh_message message) {
     }
     bindAddress_ = address;
     portNumber_ = port;
-    state_ = State::kServing;
+    state_ = State::Serving;
     probe_ = Clock::now() + kFirstProbe;
-    (void)ssh_message_global_request_reply_success(message, static_cast<uint16_t>(port));
-    Log(Level::kInfo, "relay", "port %d is up", port);
+    (void)ssh_message_global_request_reply_success(message, static_cast<std::uint16_t>(port));
+    Log(Level::Info, "relay", "port %d is up", port);
     return true;
 }
 

@@ -12,11 +12,11 @@
 #include <string>
 #include <vector>
 
-#include "hub/fd.h"
 #include "hub/net.h"
 #include "hub/relay_port.h"
 #include "hub/relay_visitor.h"
 #include "hub/store.h"
+#include "hub/waker.h"
 
 namespace ZARO::RelayHub {
 
@@ -47,9 +47,9 @@ public:
     RelaySession& operator=(const RelaySession&) = delete;
     ~RelaySession();
 
-    /// Serves the device until it goes, is silent for too long or End() is called.
+    /// Serves the device until it leaves, is silent for too long or End() is called.
     void Run();
-    /// Has Run() return soon.
+    /// Makes Run() return soon.
     void End() {
         ended_ = true;
         waker_.Wake();
@@ -58,11 +58,11 @@ public:
     /// The device's address.
     std::string Peer() const {
         int port = 0;
-        return PeerOf(fd_, &port);
+        return PeerOf(fd_, port);
     }
 
 private:
-    enum class State { kKeyExchange, kLogIn, kLoggedIn, kServing, kOver };
+    enum class State { KeyExchange, LogIn, LoggedIn, Serving, Over };
 
     static int OnPassword(ssh_session session, const char* user, const char* password, void* self);
     static void OnGlobalRequest(ssh_session session, ssh_message message, void* self);
@@ -75,12 +75,12 @@ private:
     bool IsListening() const;
     void HandleVisitors(bool heard);
     void AcceptVisitors();
-    /// For one more visitor.
+    /// Ends the visitor that has been idle longest if there is no room for another.
     void MakeRoom();
     void KeepAlive();
     void Over(const char* why);
     bool CheckPassword(const char* user, const char* password);
-    /// Opens the device's port. False when it must not have it: not that one, or a second time.
+    /// Opens the device's port. False when it is not the device's, or open already.
     bool Forward(ssh_message message);
 
     RelayDesk& desk_;
@@ -92,24 +92,24 @@ private:
     ssh_server_callbacks_struct serverCallbacks_{};
     ssh_callbacks_struct callbacks_{};
     ssh_counter_struct traffic_{};
-    uint64_t seenTraffic_ = 0; // bytes from the device that were noticed
+    std::uint64_t seenTraffic_ = 0; ///< bytes from the device that were handled
 
-    State state_ = State::kKeyExchange;
-    bool inEvent_ = false; // the session is part of event_
+    State state_ = State::KeyExchange;
+    bool inEvent_ = false; ///< event_ watches the session
     int tries_ = 0;
-    Clock::time_point now_;      // read once a pass
-    Clock::time_point deadline_; // until it is served
-    Clock::time_point heard_;    // when the device last said something
-    Clock::time_point clear_;    // when no data for the device waited last
-    Clock::time_point probe_;    // when to ask it whether it is there
-    Clock::time_point rest_;     // no visitors before, after a shortage of descriptors
+    Clock::time_point now_;      ///< read once per pass
+    Clock::time_point deadline_; ///< by which it must be served
+    Clock::time_point heard_;    ///< when the device last sent something
+    Clock::time_point clear_;    ///< when the line to the device was last free of waiting data
+    Clock::time_point probe_;    ///< when to send the next keep-alive
+    Clock::time_point rest_;     ///< no visitor is accepted before this, after a shortage
     bool inShortage_ = false;
 
     std::shared_ptr<RelayPort> port_;
-    std::string bindAddress_; // as the device asked for it; it wants to hear it again
+    std::string bindAddress_; ///< as the device sent it; every channel names it again
     int portNumber_ = 0;
     std::list<RelayVisitor> visitors_;
-    std::vector<pollfd> polled_; // waker, SSH socket, port, visitors in their order
+    std::vector<pollfd> polled_; ///< waker, SSH socket, port, then the visitors
     std::vector<char> buffer_;
 };
 

@@ -1,10 +1,10 @@
 #include "hub/relay_visitor.h"
 
-#include <errno.h>
 #include <libssh/server.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "hub/net.h"
 
@@ -13,19 +13,19 @@ namespace ZARO::RelayHub {
 namespace {
 
 /// More than any window that the library grants, so that only a device that ignores it gets here.
-constexpr size_t kMaxUntaken = 4 << 20;
+constexpr std::size_t kMaxUntaken = 4 << 20;
 
-/// Data may wait so long for a visitor that takes none. The socket's own time-out is no use here:
-/// it would also stand in for the keep-alive's, which is much shorter.
+/// How long data may wait for a visitor that takes none. The socket's own time-out won't do, since
+/// it would also replace that of the keep-alive, which is much shorter.
 constexpr auto kStuckTime = std::chrono::hours(1);
 
 } // namespace
 
-RelayVisitor::RelayVisitor(ssh_session session, Fd fd)
+RelayVisitor::RelayVisitor(ssh_session session, UniqueFd fd)
     : channel_(ssh_channel_new(session)), fd_(std::move(fd)) {
     SetNoDelay(fd_.Get());
-    // A visitor whose machine vanished would hold its place and its channel for ever; one that only
-    // pauses, for however long, is left alone as long as nothing waits for it.
+    // Ends visitors whose machine vanished: they would keep their place and their channel. One that
+    // only pauses stays, as long as no data waits for it.
     SetKeepAlive(fd_.Get(), 60, 15, 4);
     callbacks_.userdata = this;
     callbacks_.channel_data_function = OnData;
@@ -33,7 +33,7 @@ RelayVisitor::RelayVisitor(ssh_session session, Fd fd)
     callbacks_.channel_close_function = OnClose;
     ssh_callbacks_init(&callbacks_);
     if (channel_ == nullptr || ssh_set_channel_callbacks(channel_, &callbacks_) != SSH_OK) {
-        state_ = State::kDone;
+        state_ = State::Done;
     }
 }
 
@@ -50,31 +50,31 @@ RelayVisitor::~RelayVisitor() {
 void RelayVisitor::Open(const std::string& address, int port) {
     forwardAddress_ = address;
     forwardPort_ = port;
-    peerAddress_ = PeerOf(fd_.Get(), &peerPort_);
+    peerAddress_ = PeerOf(fd_.Get(), peerPort_);
     AwaitOpening();
 }
 
 void RelayVisitor::AwaitOpening() {
-    if (state_ != State::kOpening) {
+    if (state_ != State::Opening) {
         return;
     }
     const int result = ssh_channel_open_reverse_forward(
         channel_, forwardAddress_.c_str(), forwardPort_, peerAddress_.c_str(), peerPort_);
     if (result == SSH_OK) {
-        state_ = State::kOpen;
+        state_ = State::Open;
     } else if (result != SSH_AGAIN) {
-        state_ = State::kDone; // nothing listens at the device
+        state_ = State::Done; // nothing listens at the device
     }
 }
 
 pollfd RelayVisitor::Wanted(bool sending) {
-    const bool open = state_ == State::kOpen;
+    const bool open = state_ == State::Open;
     reading_ = open && sending && !visitorEnded_ && unsent_.empty() && !deviceClosed_ &&
                ssh_channel_window_size(channel_) > 0;
     const auto events =
         static_cast<short>((reading_ ? POLLIN : 0) | (open && !IsDrained() ? POLLOUT : 0));
-    // Without events it still tells of a lost connection. Once this side is shut, though, it would
-    // take the visitor's orderly end for one, whose last bytes may be unread yet.
+    // Even without events poll() reports a lost connection. Once this side is shut, it would report
+    // the visitor's orderly end as well, whose last bytes may still be unread.
     return {events == 0 && toldVisitor_ ? -1 : fd_.Get(), events, 0};
 }
 
@@ -82,20 +82,20 @@ void RelayVisitor::Move(short events, Clock::time_point now, char* buffer) {
     const bool lost = !reading_ && (events & (POLLHUP | POLLERR)) != 0;
     const bool stuck = !IsDrained() && now >= movedAt_ + kStuckTime;
     broken_ = broken_ || lost || stuck;
-    if (state_ == State::kOpen && !broken_) {
+    if (state_ == State::Open && !broken_) {
         MoveOpen(events, buffer);
     }
     const bool ended =
         broken_ || (IsDrained() && (deviceClosed_ || (toldVisitor_ && visitorEnded_)));
     if (ended) {
-        fd_.Reset();
+        (void)fd_.Close();
     }
-    if (ended && state_ == State::kOpen) {
-        state_ = State::kLeaving;
+    if (ended && state_ == State::Open) {
+        state_ = State::Leaving;
         (void)ssh_channel_close(channel_); // fails only with the whole session
     }
-    if (state_ == State::kLeaving && deviceClosed_) {
-        state_ = State::kDone;
+    if (state_ == State::Leaving && deviceClosed_) {
+        state_ = State::Done;
     }
 }
 
@@ -119,9 +119,9 @@ void RelayVisitor::MoveOpen(short events, char* buffer) {
 
 void RelayVisitor::ToDevice(char* buffer) {
     const char* data = unsent_.data();
-    size_t size = unsent_.size();
+    std::size_t size = unsent_.size();
     if (size == 0 && !visitorEnded_ && !deviceClosed_) {
-        const size_t room = std::min<size_t>(kChunk, ssh_channel_window_size(channel_));
+        const std::size_t room = std::min<std::size_t>(kChunk, ssh_channel_window_size(channel_));
         const ssize_t got = room == 0 ? -1 : recv(fd_.Get(), buffer, room, 0);
         if (room == 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) {
             return;
@@ -137,12 +137,12 @@ void RelayVisitor::ToDevice(char* buffer) {
             return;
         }
         data = buffer;
-        size = static_cast<size_t>(got);
+        size = static_cast<std::size_t>(got);
     }
     if (size == 0) {
         return;
     }
-    const int taken = ssh_channel_write(channel_, data, static_cast<uint32_t>(size));
+    const int taken = ssh_channel_write(channel_, data, static_cast<std::uint32_t>(size));
     if (taken < 0) {
         broken_ = true;
         return;
@@ -162,17 +162,17 @@ void RelayVisitor::ToVisitor(char* buffer) {
             backlog_ = false;
             return;
         }
-        pending_.assign(buffer, static_cast<size_t>(got));
+        pending_.assign(buffer, static_cast<std::size_t>(got));
     }
 }
 
-size_t RelayVisitor::Send(const char* data, size_t size) {
-    size_t done = 0;
+std::size_t RelayVisitor::Send(const char* data, std::size_t size) {
+    std::size_t done = 0;
     while (done < size && !broken_) {
         const ssize_t sent = send(fd_.Get(), data + done, size - done, MSG_NOSIGNAL);
         if (sent > 0) {
             movedAt_ = Clock::now();
-            done += static_cast<size_t>(sent);
+            done += static_cast<std::size_t>(sent);
         } else if (errno == EAGAIN) {
             return done;
         } else {
@@ -182,18 +182,18 @@ size_t RelayVisitor::Send(const char* data, size_t size) {
     return size;
 }
 
-int RelayVisitor::OnData(ssh_session, ssh_channel, void* data, uint32_t size, int isError,
+int RelayVisitor::OnData(ssh_session, ssh_channel, void* data, std::uint32_t size, int isError,
                          void* self) {
     auto* visitor = static_cast<RelayVisitor*>(self);
     visitor->overrun_ = visitor->overrun_ || size > kMaxUntaken;
-    if (isError != 0 || visitor->broken_ || visitor->state_ == State::kLeaving) {
+    if (isError != 0 || visitor->broken_ || visitor->state_ == State::Leaving) {
         return static_cast<int>(size); // the first has no place in a forwarded connection
     }
     if (!visitor->IsDrained()) {
         visitor->backlog_ = true; // what is not taken here stays in the channel, in order
         return 0;
     }
-    const size_t taken = visitor->Send(static_cast<const char*>(data), size);
+    const std::size_t taken = visitor->Send(static_cast<const char*>(data), size);
     visitor->backlog_ = taken < size;
     return static_cast<int>(taken);
 }

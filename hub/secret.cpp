@@ -8,17 +8,17 @@
 
 namespace ZARO::RelayHub {
 
-std::string RandomText(size_t length) {
+std::string RandomText(std::size_t length) {
     constexpr std::string_view kLetters =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-    // Bytes from here on are dropped, so that every letter is as likely as every other.
-    constexpr size_t kFair = 256 / kLetters.size() * kLetters.size();
+    // Bytes from this value on are dropped, so that all letters are equally likely.
+    constexpr std::size_t kFair = 256 / kLetters.size() * kLetters.size();
     std::string text;
     while (text.size() < length) {
         std::array<unsigned char, 64> bytes{};
         const ssize_t got = getrandom(bytes.data(), bytes.size(), 0);
         for (ssize_t i = 0; i < got && text.size() < length; ++i) {
-            const size_t byte = bytes[static_cast<size_t>(i)];
+            const std::size_t byte = bytes[static_cast<std::size_t>(i)];
             if (byte < kFair) {
                 text += kLetters[byte % kLetters.size()];
             }

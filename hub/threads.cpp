@@ -51,7 +51,7 @@ void ThreadSet::JoinAll() {
     }
 }
 
-size_t ThreadSet::Count() const {
+std::size_t ThreadSet::Count() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     return running_.size();
 }

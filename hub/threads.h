@@ -8,24 +8,23 @@
 
 namespace ZARO::RelayHub {
 
-/// Runs each piece of work on a thread of its own and joins every one of them.
+/// Runs each piece of work on a thread of its own, and joins all of these threads.
 class ThreadSet {
 public:
     ~ThreadSet() { JoinAll(); }
 
-    /// False, with nothing run, when the system has no thread left. Neither throws `work`, nor
-    /// this.
+    /// False, and `work` does not run, when the system has no thread left. `work` must not throw.
     bool Start(std::function<void()> work) noexcept;
     /// Waits for all of them. Nobody may call Start() meanwhile.
     void JoinAll();
-    size_t Count() const;
+    std::size_t Count() const;
 
 private:
     using Threads = std::list<std::thread>;
 
     mutable std::mutex mutex_;
     Threads running_;
-    Threads ended_; // wait for their join
+    Threads ended_; ///< to be joined
 };
 
 } // namespace ZARO::RelayHub

@@ -8,15 +8,15 @@ namespace {
 
 constexpr auto kGathering = std::chrono::milliseconds(200);
 
-/// On a full disk a change is tried again so often only.
+/// Between two attempts to write, as on a full disk.
 constexpr auto kRetry = std::chrono::seconds(10);
 
 } // namespace
 
-bool Waiters::Wait(int64_t device, int seen, bool mayHold, int* revision) {
+bool Waiters::Wait(std::int64_t device, int seen, bool mayHold, int& revision) {
     std::unique_lock<std::mutex> lock(mutex_);
     if (mayHold && !stopping_) {
-        Seat& seat = seats_[device]; // seats stay for good, so the reference holds while unlocked
+        Seat& seat = seats_[device]; // seats are never erased, so it stays valid while unlocked
         ++seat.turn;
         seat.wake.notify_all();
         return Hold(lock, device, seat, seen, revision);
@@ -24,42 +24,42 @@ bool Waiters::Wait(int64_t device, int seen, bool mayHold, int* revision) {
     return Report(device, seats_[device], revision);
 }
 
-bool Waiters::Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,
-                   int* revision) {
+bool Waiters::Hold(std::unique_lock<std::mutex>& lock, std::int64_t device, Seat& seat, int seen,
+                   int& revision) {
     const unsigned turn = seat.turn;
     const Clock::time_point end = Clock::now() + hold_;
     for (;;) {
         const Clock::time_point now = Clock::now();
         const bool over = now >= end || stopping_ || seat.turn != turn;
         const bool due = over || (seat.due && now >= *seat.due);
-        if (!due && store_.Revision(device, revision) != StoreResult::kDone) {
+        if (!due && store_.services.Revision(device, revision) != StoreResult::Done) {
             return false;
         }
-        if (due || *revision != seen) {
-            // The reply shows every status as it is now, so nothing must be left to report.
+        if (due || revision != seen) {
+            // The reply shows the current statuses, so no earlier change may stay pending.
             return Report(device, seat, revision);
         }
         seat.wake.wait_until(lock, seat.due ? std::min(end, *seat.due) : end);
     }
 }
 
-bool Waiters::Report(int64_t device, Seat& seat, int* revision) {
+bool Waiters::Report(std::int64_t device, Seat& seat, int& revision) {
     if (seat.due) {
-        if (store_.BumpRevision(device, revision) == StoreResult::kDone) {
+        if (store_.services.BumpRevision(device, revision) == StoreResult::Done) {
             seat.due.reset();
             return true;
         }
-        seat.due = Clock::now() + kRetry; // what can be read is told all the same
+        seat.due = Clock::now() + kRetry; // the statuses can be told all the same
     }
-    return store_.Revision(device, revision) == StoreResult::kDone;
+    return store_.services.Revision(device, revision) == StoreResult::Done;
 }
 
-void Waiters::ListChanged(int64_t device) {
+void Waiters::ListChanged(std::int64_t device) {
     const std::lock_guard<std::mutex> lock(mutex_);
     seats_[device].wake.notify_all();
 }
 
-void Waiters::StatusChanged(int64_t device) {
+void Waiters::StatusChanged(std::int64_t device) {
     const std::lock_guard<std::mutex> lock(mutex_);
     Seat& seat = seats_[device];
     if (!seat.due) {

@@ -1,4 +1,4 @@
-/// The held wait requests: one a device, answered as soon as the device's tunnel list differs.
+/// The held wait requests: one per device, answered as soon as the device's tunnel list changes.
 #pragma once
 
 #include <chrono>
@@ -17,15 +17,15 @@ public:
     Waiters(Store& store, std::chrono::milliseconds hold) : store_(store), hold_(hold) {}
 
     /// Returns when the revision of the device's list differs from `seen`, when the hold time is
-    /// over, when a later call for the same device takes over, or on Stop(); without `mayHold` at
-    /// once. `revision` is the current one. False when the store failed.
-    bool Wait(int64_t device, int seen, bool mayHold, int* revision);
+    /// over, when a later call for the same device takes over, or on Stop(). Without `mayHold` it
+    /// returns at once. `revision` becomes the current one. False when the store failed.
+    bool Wait(std::int64_t device, int seen, bool mayHold, int& revision);
     /// The list changed, and its revision with it.
-    void ListChanged(int64_t device);
+    void ListChanged(std::int64_t device);
     /// A tunnel of the device went up or down. The revision changes a moment later, so that many
-    /// of them make few replies.
-    void StatusChanged(int64_t device);
-    /// Has all calls return, now and later.
+    /// such changes take few replies.
+    void StatusChanged(std::int64_t device);
+    /// Makes all calls return, those that wait and later ones.
     void Stop();
 
 private:
@@ -33,20 +33,21 @@ private:
 
     struct Seat {
         std::condition_variable wake;
-        unsigned turn = 0;                    // of the call that holds the seat
-        std::optional<Clock::time_point> due; // when to report the status changes, if there are any
+        unsigned turn = 0;                    ///< number of the call that holds the seat
+        std::optional<Clock::time_point> due; ///< when to report status changes, if any
     };
 
-    /// The revision, of which the status changes so far become a part. When they can't be written,
-    /// it is the stored one, and they are tried again later.
-    bool Report(int64_t device, Seat& seat, int* revision);
-    bool Hold(std::unique_lock<std::mutex>& lock, int64_t device, Seat& seat, int seen,
-              int* revision);
+    /// Reads the revision. If there are status changes to report, the list gets a new revision
+    /// first. When that can't be written, `revision` is the stored one and the next attempt follows
+    /// later.
+    bool Report(std::int64_t device, Seat& seat, int& revision);
+    bool Hold(std::unique_lock<std::mutex>& lock, std::int64_t device, Seat& seat, int seen,
+              int& revision);
 
     Store& store_;
     const std::chrono::milliseconds hold_;
     std::mutex mutex_;
-    std::map<int64_t, Seat> seats_;
+    std::map<std::int64_t, Seat> seats_;
     bool stopping_ = false;
 };
 

@@ -10,18 +10,18 @@ namespace ZARO::RelayHub {
 namespace {
 
 /// Registering 256 services with the longest names, all of them escaped, takes 230 KB.
-constexpr size_t kMaxBody = 256 << 10;
+constexpr std::size_t kMaxBody = 256 << 10;
 constexpr auto kIdleTime = std::chrono::seconds(10); // between two requests of a connection
 constexpr auto kStopTime = std::chrono::seconds(1);  // for the replies under way
 
 /// Connections that were told to end take a moment; a flood must not pile up threads meanwhile.
-constexpr size_t kLeaving = 64;
+constexpr std::size_t kLeaving = 64;
 
-/// Tells when the connection that this thread serves began to be idle; 0 while a whole request is
-/// being answered.
-thread_local std::atomic<int64_t>* tIdleSince = nullptr;
+/// When the connection that this thread serves became idle; 0 while a whole request is being
+/// answered.
+thread_local std::atomic<std::int64_t>* tIdleSince = nullptr;
 
-int64_t Now() {
+std::int64_t Now() {
     return std::chrono::steady_clock::now().time_since_epoch().count();
 }
 
@@ -43,7 +43,7 @@ public:
         });
         set_keep_alive_timeout(kIdleTime.count());
         set_exception_handler([](const auto&, httplib::Response& response, const auto&) {
-            Log(Level::kError, "web", "a request failed");
+            Log(Level::Error, "web", "a request failed");
             response.status = 500;
         });
     }
@@ -57,7 +57,7 @@ public:
             request.ranges.clear(); // a thousand of them would make a reply a thousandfold
             clear = Refusal(request) == 0 && !request.has_header("Transfer-Encoding") &&
                     request.get_header_value_count("Content-Length") == 1 &&
-                    request.get_header_value<uint64_t>("Content-Length") <= kMaxBody;
+                    request.get_header_value<std::uint64_t>("Content-Length") <= kMaxBody;
         });
         return done && !closed && clear;
     }
@@ -87,7 +87,7 @@ private:
     void Answer(const WebHandler& handler, const httplib::Request& request,
                 httplib::Response& response, const httplib::ContentReader& content) const {
         WebRequest question;
-        const bool whole = content([&question](const char* data, size_t size) {
+        const bool whole = content([&question](const char* data, std::size_t size) {
             if (question.body.size() + size > kMaxBody) {
                 return false;
             }
@@ -116,7 +116,7 @@ private:
 
 class Web::Connection {
 public:
-    Connection(Fd fd, SSL_CTX* tls) : stream_(std::move(fd), tls) {}
+    Connection(UniqueFd fd, SSL_CTX* tls) : stream_(std::move(fd), tls) {}
 
     void Run(Protocol& protocol) {
         tIdleSince = &idleSince_;
@@ -132,16 +132,17 @@ public:
         }
     }
     void Shut(bool everything) { stream_.Shut(everything); }
-    int64_t IdleSince() const { return idleSince_; }
-    /// Ends it unless it is busy by now. It counts as busy then: nobody needs to end it again.
-    void DropIfIdle(int64_t since) {
+    std::int64_t IdleSince() const { return idleSince_; }
+    /// Ends it if it has been idle since `since`. From then on it counts as busy, so that it is not
+    /// picked again.
+    void DropIfIdle(std::int64_t since) {
         if (idleSince_.compare_exchange_strong(since, 0)) {
             Shut(true);
         }
     }
 
 private:
-    std::atomic<int64_t> idleSince_{Now()};
+    std::atomic<std::int64_t> idleSince_{Now()};
     WebStream stream_;
 };
 
@@ -150,7 +151,7 @@ Web::Web(const std::map<std::string, WebHandler>& pages, SslContext tls)
       acceptor_(
           "web", [this] { return threads_.Count() < kMaxConnections + kLeaving; },
           [this](int connection) {
-              return threads_.Start([this, connection] { Serve(Fd(connection)); });
+              return threads_.Start([this, connection] { Serve(UniqueFd(connection)); });
           }) {
 }
 
@@ -158,13 +159,12 @@ Web::~Web() {
     Stop();
 }
 
-bool Web::Start(const std::string& address, int port, std::string* error) {
-    Fd listener;
-    return ListenTcp(address, port, &listener, error) &&
-           acceptor_.Start(std::move(listener), error);
+bool Web::Start(const std::string& address, int port, std::string& error) {
+    UniqueFd listener;
+    return ListenTcp(address, port, listener, error) && acceptor_.Start(std::move(listener), error);
 }
 
-void Web::Serve(Fd fd) {
+void Web::Serve(UniqueFd fd) {
     try {
         Connection connection(std::move(fd), tls_.get());
         {
@@ -184,15 +184,15 @@ void Web::Serve(Fd fd) {
         } const entry{*this, connection};
         connection.Run(*protocol_);
     } catch (const std::exception& fault) {
-        Log(Level::kError, "web", "a connection failed: %s", fault.what());
+        Log(Level::Error, "web", "a connection failed: %s", fault.what());
     }
 }
 
 void Web::DropIdle() {
     Connection* idlest = nullptr;
-    int64_t longest = 0;
+    std::int64_t longest = 0;
     for (Connection* connection : connections_) {
-        const int64_t since = connection->IdleSince();
+        const std::int64_t since = connection->IdleSince();
         if (since != 0 && (idlest == nullptr || since < longest)) {
             idlest = connection;
             longest = since;

@@ -13,7 +13,8 @@
 #include <set>
 #include <string>
 
-#include "hub/forms.h"
+#include "base/unique_fd.h"
+#include "hub/origin.h"
 #include "hub/net.h"
 #include "hub/store.h"
 #include "hub/threads.h"
@@ -21,15 +22,15 @@
 namespace ZARO::RelayHub {
 
 struct WebRequest {
-    std::string body;    // at most 256 KiB
-    std::string cookies; // the Cookie header
+    std::string body;    ///< at most 256 KiB
+    std::string cookies; ///< the Cookie header
     Origin origin;
 };
 
 struct WebReply {
     std::string body;
-    std::string type;      // MIME type
-    std::string setCookie; // the Set-Cookie header, or ""
+    std::string type;      ///< MIME type
+    std::string setCookie; ///< the Set-Cookie header, or ""
 };
 
 using WebHandler = std::function<WebReply(const WebRequest&)>;
@@ -46,18 +47,18 @@ using SslContext = std::unique_ptr<SSL_CTX, SslDeleter>;
 class Web {
 public:
     /// A held request of every device, and room for the others.
-    static constexpr size_t kMaxConnections = kMaxDevices + 256;
+    static constexpr std::size_t kMaxConnections = kMaxDevices + 256;
 
     /// `pages` are the paths that take a POST. Without `tls` it speaks plain HTTP.
     Web(const std::map<std::string, WebHandler>& pages, SslContext tls);
     ~Web();
 
-    bool Start(const std::string& address, int port, std::string* error);
+    bool Start(const std::string& address, int port, std::string& error);
     /// No further connection is accepted and no further request read. Returns at once; replies
     /// under way still go out.
     void Close();
-    /// Close(), and returns when every connection is gone, a second after the call at the latest
-    /// plus the time that handlers need. May be called twice.
+    /// Close(), then waits until every connection is gone: at most a second, plus the time that
+    /// handlers need. May be called twice.
     void Stop();
     int Port() const { return acceptor_.Port(); }
 
@@ -65,14 +66,14 @@ private:
     class Protocol;
     class Connection;
 
-    void Serve(Fd fd);
+    void Serve(UniqueFd fd);
     /// Ends the connection that has been idle longest. Under the lock.
     void DropIdle();
     void Forget(Connection* connection);
 
     const SslContext tls_;
     std::unique_ptr<Protocol> protocol_;
-    std::mutex mutex_; // guards the two below
+    std::mutex mutex_; ///< guards the two below
     std::set<Connection*> connections_;
     bool closing_ = false;
     std::condition_variable allGone_;

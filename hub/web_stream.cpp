@@ -1,11 +1,12 @@
 #include "hub/web_stream.h"
 
-#include <errno.h>
 #include <openssl/err.h>
-#include <string.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 #include "hub/net.h"
 
@@ -20,15 +21,15 @@ constexpr auto kRequestTime = seconds(15);
 constexpr auto kReplyTime = seconds(10);
 constexpr auto kLingerTime = seconds(2);
 
-constexpr size_t kHeadBytes = 32 << 10;
+constexpr std::size_t kHeadBytes = 32 << 10;
 
 /// Room for a body of 256 KiB in small chunks; one that is refused for its size is read off up to
 /// here, so that the peer sees the refusal.
-constexpr size_t kBodyBytes = 4 << 20;
+constexpr std::size_t kBodyBytes = 4 << 20;
 
 } // namespace
 
-WebStream::WebStream(Fd fd, SSL_CTX* tls)
+WebStream::WebStream(UniqueFd fd, SSL_CTX* tls)
     : fd_(std::move(fd)), tls_(tls == nullptr ? nullptr : SSL_new(tls)), buffer_{} {
     broken_ = tls != nullptr && (tls_ == nullptr || SSL_set_fd(tls_.get(), fd_.Get()) != 1);
 }
@@ -84,7 +85,7 @@ void WebStream::Shut(bool everything) {
 
 int WebStream::Fill(Clock::time_point deadline) {
     while (!broken_ && budget_ > 0) {
-        const size_t room = std::min(buffer_.size(), budget_);
+        const std::size_t room = std::min(buffer_.size(), budget_);
         ssize_t got = 0;
         if (tls_ != nullptr) {
             got = SSL_read(tls_.get(), buffer_.data(), static_cast<int>(room));
@@ -101,7 +102,7 @@ int WebStream::Fill(Clock::time_point deadline) {
             break;
         }
         from_ = 0;
-        to_ = static_cast<size_t>(got);
+        to_ = static_cast<std::size_t>(got);
         budget_ -= to_;
         return 1;
     }
@@ -143,21 +144,21 @@ bool WebStream::is_writable() const {
     return !broken_;
 }
 
-ssize_t WebStream::read(char* to, size_t size) {
+ssize_t WebStream::read(char* to, std::size_t size) {
     if (from_ == to_ && Fill(readDeadline_) != 1) {
         return -1;
     }
-    const size_t taken = std::min(size, to_ - from_);
+    const std::size_t taken = std::min(size, to_ - from_);
     memcpy(to, buffer_.data() + from_, taken);
     from_ += taken;
     return static_cast<ssize_t>(taken);
 }
 
-ssize_t WebStream::write(const char* from, size_t size) {
+ssize_t WebStream::write(const char* from, std::size_t size) {
     const auto deadline = Clock::now() + kReplyTime;
-    size_t done = 0;
+    std::size_t done = 0;
     while (!broken_ && done < size) {
-        const size_t part = std::min<size_t>(size - done, 1 << 16);
+        const std::size_t part = std::min<std::size_t>(size - done, 1 << 16);
         ssize_t sent = 0;
         if (tls_ != nullptr) {
             sent = SSL_write(tls_.get(), from + done, static_cast<int>(part));
@@ -167,13 +168,13 @@ ssize_t WebStream::write(const char* from, size_t size) {
             broken_ =
                 sent < 0 && !((errno == EAGAIN || errno == EINTR) && WaitFor(POLLOUT, deadline));
         }
-        done += static_cast<size_t>(std::max<ssize_t>(sent, 0));
+        done += static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
     }
     return broken_ ? -1 : static_cast<ssize_t>(size);
 }
 
 void WebStream::get_remote_ip_and_port(std::string& ip, int& port) const {
-    ip = PeerOf(fd_.Get(), &port);
+    ip = PeerOf(fd_.Get(), port);
 }
 
 void WebStream::get_local_ip_and_port(std::string& ip, int& port) const {

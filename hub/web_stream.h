@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "hub/fd.h"
+#include "base/unique_fd.h"
 #include "hub/web.h"
 
 namespace ZARO::RelayHub {
@@ -20,7 +20,7 @@ public:
     using Clock = std::chrono::steady_clock;
 
     /// `tls` null = plain.
-    WebStream(Fd fd, SSL_CTX* tls);
+    WebStream(UniqueFd fd, SSL_CTX* tls);
     ~WebStream() override;
 
     /// Does the TLS handshake, if there is one. False when the peer fails in it.
@@ -38,8 +38,8 @@ public:
 
     bool is_readable() const override;
     bool is_writable() const override;
-    ssize_t read(char* to, size_t size) override;
-    ssize_t write(const char* from, size_t size) override;
+    ssize_t read(char* to, std::size_t size) override;
+    ssize_t write(const char* from, std::size_t size) override;
     void get_remote_ip_and_port(std::string& ip, int& port) const override;
     void get_local_ip_and_port(std::string& ip, int& port) const override;
     socket_t socket() const override;
@@ -53,13 +53,13 @@ private:
     bool WaitForTls(int result, Clock::time_point deadline);
     bool WaitFor(short events, Clock::time_point deadline) const;
 
-    const Fd fd_;
+    const UniqueFd fd_;
     const SslHandle tls_;
     std::array<char, 4096> buffer_;
-    size_t from_ = 0, to_ = 0; // the unread part of the buffer
-    size_t budget_ = 0;        // bytes that the request may still have
+    std::size_t from_ = 0, to_ = 0; ///< the unread part of the buffer
+    std::size_t budget_ = 0;        ///< bytes that the request may still have
     Clock::time_point readDeadline_;
-    bool broken_ = false; // nothing more can be exchanged
+    bool broken_ = false; ///< nothing more can be exchanged
 };
 
 } // namespace ZARO::RelayHub

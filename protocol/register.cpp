@@ -52,7 +52,7 @@ Register::~Register() = default;
 bool Register::GetReigsterCommand(const RelaydConf& conf, Json::Value& out) {
     out = NewCommand("register");
     Json::Value& auth = out["auth"];
-    if (!conf.auth.Write(auth, true)) {
+    if (!conf.auth.Write(auth, AuthConf::kWithToken)) {
         RELAY_LOG(log::Error, "get auth token failed");
         return true;
     }
@@ -68,7 +68,7 @@ bool Register::GetNetworkChanges(const RelaydConf& old, const RelaydConf& cur, J
         return false;
     }
     out = NewCommand("update_network");
-    if (!cur.network.Write(out, true)) {
+    if (!cur.network.Write(out, kFullForm)) {
         RELAY_LOG(log::Error, "get network info failed");
     }
     return true;
@@ -87,7 +87,7 @@ bool Register::GetServiceChanges(const RelaydConf& old, const RelaydConf& cur,
             continue;
         }
         Json::Value entry;
-        if (!service.Write(entry, true)) {
+        if (!service.Write(entry, kFullForm)) {
             RELAY_LOG(log::Error, "service to json failed");
             continue;
         }
@@ -194,7 +194,8 @@ bool Register::ParseRegisterResponse(RelaydConf& conf, const Json::Value&,
     RELAY_LOG(log::Debug, "register success");
     registered_ = true;
     if (json::Get(reply, "serverID", conf.serverID)) {
-        (void)conf.WriteServerId(""); // logged; the id holds for this run and comes with the next
+        (void)conf.WriteServerId(
+            ""); // logged; the id holds for this run, and the next gets it again
     }
     const Json::Value* waitcmd = json::Find(reply, "server_wait_cmd");
     if (waitcmd != nullptr && waitcmd->isObject()) {

@@ -13,7 +13,7 @@
 
 namespace ZARO::Relay {
 
-// NOLINTNEXTLINE(cert-err58-cpp): without memory to start with, a program ends anyway
+// NOLINTNEXTLINE(cert-err58-cpp): a program that starts out of memory ends anyway
 const RetMapper gRetMapper[13] = {
     {ALIAS_RET_SUCCESS, ALIAS_RETRY_NORMAL, "success", "good"},
     {ALIAS_RET_911, ALIAS_RETRY_NORMAL, "error_911", "911"},
@@ -32,7 +32,7 @@ const RetMapper gRetMapper[13] = {
 
 namespace {
 
-/// What one command is made of.
+/// A command's page, its action and the members of the data that go with it.
 struct Command {
     const char* page;
     const char* action;
@@ -146,7 +146,7 @@ bool AliasRequest::SetRequest(ALIAS_REQUEST_CMD cmd, const Json::Value& data) {
     std::string base;
     json::Get(data, "url", base);
     url_ = base + "/" + page;
-    (void)request_.Set(url_, postData_, true); // Send tells of a request that could not be set up
+    (void)request_.Set(url_, postData_, true); // Send reports a request that can't be set up
     return true;
 }
 

@@ -47,7 +47,7 @@ std::string GetStateStr(RELAYD_STATE state) {
     case RELAYD_STATE_DIRECT_CONNECT:
         return "direct_connect";
     case RELAYD_STATE_CONNECTED:
-    case RELAYD_STATE_CONNECTED_ALT: // one state to the reader
+    case RELAYD_STATE_CONNECTED_ALT: // readers see one state
         return "connected";
     case RELAYD_STATE_LOGOUT:
         return "logout";
@@ -109,7 +109,7 @@ RELAYD_RET RespErrMap(RELAYSERVER_ERR err) {
     case RELAYSERVER_ERR_HAS_TUNNEL:
     case RELAYSERVER_ERR_TL_FAIL:
         return RELAYD_RET_UNKNOWN;
-    // A session that ran out and a taken host name both mean: log in anew.
+    // A session that ran out and a taken host name both mean: log in again.
     case RELAYSERVER_ERR_AUTH:
     case RELAYSERVER_ERR_SESSION_TIMEOUT:
     case RELAYSERVER_ERR_DDNS_OCCUPIED:
@@ -123,7 +123,7 @@ RELAYD_RET RespErrMap(RELAYSERVER_ERR err) {
     case RELAYSERVER_ERR_NO_SUCH_API:
     case RELAYSERVER_ERR_NO_SUCH_SERV:
     case RELAYSERVER_ERR_NOT_SUPPORTED_VERSION:
-    case RELAYSERVER_ERR_INPUT: // a server that takes our input for wrong won't take it later
+    case RELAYSERVER_ERR_INPUT: // input that a server refuses now it refuses later too
         break;
     }
     return RELAYD_RET_NOT_SUPPORT; // also for every number that this version does not know

@@ -3,7 +3,7 @@ if(NOT TARGET zarorelay-hub)
     return()
 endif()
 zaro_test(test_ctl
-    SOURCES test_ctl.cpp
+    SOURCES test_ctl.cpp test_ctl_status.cpp
     LIBRARIES zaro::relayd Threads::Threads
     DEPENDS zarorelayctl zarorelayd zarorelay-hub zaro_ssh
     TIMEOUT 180)

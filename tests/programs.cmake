@@ -4,9 +4,9 @@ if(NOT TARGET zarorelay-hub)
 endif()
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 
-set(test_daemon_program_processors PROCESSORS 2)
-foreach(source test_daemon_program.cpp test_daemon_faults.cpp test_daemon_hostile.cpp
-        test_daemon_secrets.cpp fault_table.cpp)
+set(test_zarorelayd_processors PROCESSORS 2)
+foreach(source test_zarorelayd.cpp test_zarorelayd_faults.cpp test_zarorelayd_hostile.cpp
+        test_zarorelayd_secrets.cpp test_fault_table.cpp)
     cmake_path(GET source STEM name)
     zaro_test(${name} SOURCES ${source} TIMEOUT 600 ${${name}_processors}
         LIBRARIES zaro::relayd PkgConfig::HTTPLIB PkgConfig::OPENSSL Threads::Threads

@@ -1,4 +1,4 @@
-/// What the daemon knows of the processes that it holds.
+/// What the daemon knows about its child processes.
 #include <sys/resource.h>
 
 #include "app/daemon/child_watch.h"
@@ -12,14 +12,14 @@ TEST(Children, AreReapedWhetherWatchedOrNot) {
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
     for (const auto& [watched, most] : {std::pair(true, limit.rlim_cur), {true, 3}, {false, 3}}) {
         app::ChildWatch watch;
-        const rlimit some = {most, limit.rlim_max}; // too few for a pidfd is as a kernel without
+        const rlimit some = {most, limit.rlim_max}; // 3: no pidfd, as on an old kernel
         EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &some), 0);
         const pid_t pid = fork();
         if (pid == 0) {
             _exit(0);
         }
         ASSERT_GT(pid, 0);
-        EXPECT_TRUE(!watched || watch.Add(pid));
+        EXPECT_EQ(watched && watch.Add(pid), watched);
         EXPECT_TRUE(WaitFor([&] {
             watch.Reap(Clock::now());
             return kill(pid, 0) != 0;

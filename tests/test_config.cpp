@@ -58,7 +58,8 @@ TEST_F(ConfigTest, ComparesWhatCounts) {
     const ServiceConf service(nullptr);
     for (const char* json :
          {R"({"port":1})", R"({"host":"x","id":"x"})", R"({"protocol":"x","ext_port":1})"}) {
-        EXPECT_TRUE(With(server, json) != server && With(service, json) != service) << json;
+        EXPECT_EQ(Signs({With(server, json) != server, With(service, json) != service}), "++")
+            << json;
     }
     EXPECT_TRUE(With(server, R"({"ip":"x","page":"x"})") == server);
     EXPECT_TRUE(With(service, R"({"name":"x"})") == service);
@@ -67,7 +68,8 @@ TEST_F(ConfigTest, ComparesWhatCounts) {
     const NetworkConf net = With(NetworkConf(false), json);
     NetworkConf turned = net;
     turned.interfaces.reverse();
-    EXPECT_TRUE(net.interfaces.size() == 2 && net != turned && With(net, R"({"ddns":"x"})") != net);
+    EXPECT_EQ(net.interfaces.size(), 2U);
+    EXPECT_EQ(Signs({net != turned, net != With(net, R"({"ddns":"x"})")}), "++");
     EXPECT_TRUE(With(net, R"({"mode":"x","interface":{}})") == net);
 }
 
@@ -107,7 +109,8 @@ TEST_F(ConfigTest, ReadsTheNetworkFromThePlatform) {
     gPlatform.nics.assign(40, up);
     root_.Write(kInfo, "supportddns=\"yes\"\nddns_select=\"dyn\"\n");
     const NetworkConf many(true);
-    EXPECT_TRUE(many.interfaces.size() == 32 && many.ddns.empty() && many.IsValid());
+    EXPECT_EQ(many.ddns + " " + std::to_string(many.interfaces.size()), " 32");
+    EXPECT_TRUE(many.IsValid());
 }
 
 TEST_F(ConfigTest, ReplacesSerialAndTokenAsAPair) {
@@ -121,7 +124,7 @@ TEST_F(ConfigTest, ReplacesSerialAndTokenAsAPair) {
 
 TEST_F(ConfigTest, FindsTheHardwareAddress) {
     const std::string mac("\x02\x00\x4c\xaa\xbb\x0c", 6);
-    // Address of the pair and of the interface, content of the file; without and with colons.
+    // Address of the cluster, of the interface and in the file; then the result, also with colons.
     const std::tuple<const char*, std::string, const char*, const char*, const char*> rows[] = {
         {"", mac, "020000000000", "02004CAABB0C", "02:00:4C:AA:BB:0C"},
         {"", "", " 02004caabbcc more", "02004caabbcc", "02:00:4c:aa:bb:cc"},

@@ -5,7 +5,6 @@
 #include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -42,19 +41,21 @@ TEST_F(ConfigFileTest, MovesBrokenFilesAside) {
         root_.Write("/etc/x", broken);
         EXPECT_EQ(LogOf("config", 3, [&] { EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out)); }),
                   std::vector<std::string>{"bad json format [" + x_ + "]"});
-        EXPECT_TRUE(out.isNull() && !fs::exists(x_)) << broken.substr(0, 9);
+        EXPECT_EQ(Signs({out.isNull(), fs::exists(x_)}), "+-") << broken.substr(0, 9);
         EXPECT_EQ(root_.Read("/etc/x.bad"), broken);
     }
     for (const char* fine : {"/* c */ {\"a\":1}", "5", "{\"\xff\xfe\":\"\xc3\x28\"}"}) {
         root_.Write("/etc/x", fine);
-        EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out) && fs::exists(x_) && !out.isNull()) << fine;
+        EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out)) << fine;
+        EXPECT_EQ(Signs({fs::exists(x_), !out.isNull()}), "++") << fine;
     }
     fs::remove(x_ + ".bad");
     root_.Write("/etc/x.bad/in the way", "");
     EXPECT_TRUE(Logs("config", 3, "rename " + x_ + " to .bad failed. Is a directory", [&] {
         root_.Write("/etc/x", "{");
-        EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out) && !fs::exists(x_)); // deleted
+        EXPECT_TRUE(RelaydConf::ReadJsonFile(x_, out));
     }));
+    EXPECT_FALSE(fs::exists(x_)); // deleted
 }
 
 TEST_F(ConfigFileTest, ReplacesFilesWhole) {
@@ -67,7 +68,7 @@ TEST_F(ConfigFileTest, ReplacesFilesWhole) {
     EXPECT_EQ(Captured(STDOUT_FILENO, [] { RelaydConf::WriteJsonFile("-", Parse("[]")); }), "[]\n");
     fs::create_symlink(x_, x_ + "y.tmp." + std::to_string(getpid()));
     RelaydConf::WriteJsonFile(x_ + "y", 7);
-    EXPECT_EQ(root_.Read("/etc/x"), styled); // it did not follow a planted link
+    EXPECT_EQ(root_.Read("/etc/x"), styled); // a planted link was not followed
 }
 
 TEST_F(ConfigFileTest, JudgesFiles) {
@@ -84,7 +85,8 @@ TEST_F(ConfigFileTest, JudgesFiles) {
         const auto log = LogOf("config", 3, [&, isValid = valid] {
             RelaydConf conf(nullptr);
             EXPECT_EQ(conf.ReadConfigFile(root_.Path(kConf)), isValid);
-            EXPECT_TRUE(conf.log_level == 4 && conf.services.size() < 2);
+            EXPECT_EQ(conf.log_level, 4);
+            EXPECT_LT(conf.services.size(), 2U);
         });
         EXPECT_EQ(std::count(log.begin(), log.end(), fault), *fault != '\0') << text;
     }
@@ -94,7 +96,7 @@ TEST_F(ConfigFileTest, JudgesFiles) {
 }
 
 TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
-    // A file; then all of it rewritten, the server id of it, and the alias of it.
+    // A file; then what it becomes when all of it, its server id or its alias is written.
     const std::tuple<const char*, const char*, const char*, const char*> rows[] = {
         {R"({"x":1,"log_level":5,"service":[{"id":"web","port":9}]})",
          R"({"log_level":5,"serverID":"9","server_alias":{"alias":""},"service":[{"id":"web"}]})",
@@ -121,31 +123,34 @@ TEST_F(ConfigFileTest, RewritesWholeOrOneKey) {
     RelaydConf conf = Conf("{}");
     EXPECT_EQ(Parse(Written(conf, true))["mode"], "async");
     conf.control.port = -1;
-    EXPECT_FALSE(conf.WriteServerId("") || conf.WriteAliasName("", "a") || conf.WriteConfigFile());
+    EXPECT_EQ(Signs({conf.WriteServerId(""), conf.WriteAliasName("", "a"), conf.WriteConfigFile()}),
+              "---");
     EXPECT_EQ(File(), "{}");
 }
 
 TEST_F(ConfigFileTest, DropsAnIdOnlyWhenItIsForeign) {
     const RelaydConf cut = Conf(R"({"serverID":"044756784\u0000x"})");
     EXPECT_EQ(cut.serverID, std::string("044756784\0x", 11));
-    RelaydConf conf = Conf(R"({"serverID":"044756784"})");
+    const char* const text = R"({"serverID":"044756784"})";
+    RelaydConf conf = Conf(text);
     const Json::Value nothing(Json::objectValue);
     WithEachAllocationFailing([&] { conf.Overwrite(nothing); },
                               [&] { ASSERT_EQ(conf.serverID, "044756784"); });
     EXPECT_FALSE(conf.serverIdCleared);
     Json::Value out;
-    WithEachAllocationFailing([&] { RelaydConf::ReadJsonFile(conf.path, out); },
-                              [&] {
-                                  ASSERT_TRUE(fs::exists(conf.path));
-                                  ASSERT_TRUE(out.isNull() || out["serverID"] == "044756784");
-                              });
+    const auto read = [&] { RelaydConf::ReadJsonFile(conf.path, out); };
+    WithEachAllocationFailing(read, [&] {
+        ASSERT_TRUE(fs::exists(conf.path));
+        ASSERT_THAT(Compact(out), testing::AnyOf("null", text));
+    });
 }
 
 TEST_F(ConfigFileTest, DropsAForeignServerIdAndTellsOnce) {
     RelaydConf conf = Conf(R"({"serverID":"044756785"})");
-    EXPECT_TRUE(conf.serverIdCleared && conf.serverID.empty());
-    EXPECT_FALSE(conf.WriteConfigFile("/no/folder") || fs::exists(root_.Path("/notified")));
-    EXPECT_TRUE(conf.WriteConfigFile() && conf.WriteConfigFile());
+    EXPECT_EQ(Signs({conf.serverIdCleared, conf.serverID.empty()}), "++");
+    EXPECT_FALSE(conf.WriteConfigFile("/no/folder"));
+    EXPECT_EQ(root_.Read("/notified"), "");
+    EXPECT_EQ(Signs({conf.WriteConfigFile(), conf.WriteConfigFile()}), "++");
     EXPECT_EQ(root_.Read("/notified"),
               "@administrators\nrelayservice:relayservice_serverid_change_title\n"
               "relayservice:relayservice_serverid_change_msg\n");
@@ -161,11 +166,12 @@ TEST_F(ConfigFileTest, ReloadKeepsWhatTheServersGave) {
     root_.Write(kInfo, "runrelayd=\"YES\"\n");
     root_.Write(kConf, R"({"service":[{"id":"web"}],"server_waitcmd":{"host":"w"},
                            "serverID":"044756784","server_control":{"host":"c"}})");
-    EXPECT_TRUE(conf.Reload() && conf.Reload()); // the network is read anew, not added to
+    // The second time the network replaces what was read before.
+    EXPECT_EQ(Signs({conf.Reload(), conf.Reload()}), "++");
     EXPECT_EQ(conf.auth.serial + conf.auth.token + conf.auth.mac + conf.network.mode, "stmmode");
     EXPECT_EQ(conf.waitcmd.GetUrl(nullptr), "http://wait:80/page");
     EXPECT_EQ(conf.control.host + conf.serverID + conf.path, "c044756784" + root_.Path(kConf));
-    EXPECT_TRUE(conf.debug && conf.enable && !conf.sync && !conf.alias.IsChanged());
+    EXPECT_EQ(Signs({conf.debug, conf.enable, conf.sync, conf.alias.IsChanged()}), "++--");
     EXPECT_EQ(conf.network.interfaces.size() + conf.services.size(), 2u);
     root_.Write(kConf, R"({"server_control":{"port":-1}})");
     const std::string before = Written(conf, true);
@@ -174,18 +180,19 @@ TEST_F(ConfigFileTest, ReloadKeepsWhatTheServersGave) {
     for (const char* change : {R"("alias":"a"})", R"("alias":"a","url":"u"})",
                                R"("alias":"a","url":"u","poll_seconds":5})"}) {
         root_.Write(kConf, std::string("{\"server_alias\":{") + change + "}");
-        EXPECT_TRUE(conf.Reload() && conf.Reload()); // not acted on yet: still raised
-        EXPECT_TRUE(conf.alias.IsChanged()) << change;
+        // Until it is acted on, the change stays marked.
+        EXPECT_EQ(Signs({conf.Reload(), conf.Reload(), conf.alias.IsChanged()}), "+++") << change;
         conf.alias.CommitChange();
-        EXPECT_TRUE(conf.Reload() && !conf.alias.IsChanged()) << change;
+        EXPECT_EQ(Signs({conf.Reload(), conf.alias.IsChanged()}), "+-") << change;
     }
 }
 
 TEST_F(ConfigFileTest, EditsServices) {
     RelaydConf conf(nullptr);
-    EXPECT_TRUE(conf.AddServiceById("web") && conf.AddServiceById("web"));
-    EXPECT_TRUE(!conf.AddServiceById("absent") && !conf.RemoveServiceById("absent"));
-    EXPECT_TRUE(conf.RemoveServiceById("web") && conf.GetServiceById("web") == conf.services.end());
+    EXPECT_EQ(Signs({conf.AddServiceById("web"), conf.AddServiceById("web")}), "++");
+    EXPECT_EQ(Signs({conf.AddServiceById("absent"), conf.RemoveServiceById("absent")}), "--");
+    EXPECT_TRUE(conf.RemoveServiceById("web"));
+    EXPECT_TRUE(conf.GetServiceById("web") == conf.services.end());
 }
 
 TEST_F(ConfigFileTest, ChoosesTheControlServerByTimeZone) {

@@ -9,13 +9,12 @@ static_assert(std::is_convertible_v<const char*, FileLock>);
 struct FileLockTest : RootTest {
     FileLockTest() { lock_.AddFile(b_.c_str()); }
 
-    /// How many descriptors lead below the root and are close-on-exec, as all must be.
+    /// How many files below the root are open, with the close-on-exec flag that all must have.
     int Open() {
         int n = 0;
         for (int fd = 3; fd < 100; fd++) {
             std::error_code none;
-            const auto file =
-                std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
+            const auto file = fs::read_symlink("/proc/self/fd/" + std::to_string(fd), none);
             n += file.string().rfind(root_.Dir(), 0) == 0 && fcntl(fd, F_GETFD) == 1;
         }
         return n;
@@ -31,24 +30,28 @@ struct FileLockTest : RootTest {
 };
 
 TEST_F(FileLockTest, ExcludesOthersUntilUnlocked) {
-    EXPECT_TRUE(lock_.Lock(LOCK_EX) && lock_.Lock(LOCK_EX) && Open() == 2);
-    EXPECT_FALSE(OtherGets(a_, LOCK_EX) || OtherGets(b_, LOCK_SH));
-    EXPECT_FALSE(lock_.RemoveFile(b_.c_str()) || FileLock(b_.c_str()).Lock(LOCK_SH));
-    EXPECT_TRUE(lock_.Unlock() && lock_.Unlock() && Open() == 0);
-    EXPECT_TRUE(lock_.Lock(LOCK_SH)); // RemoveFile has left the file in the set
-    EXPECT_TRUE(OtherGets(b_, LOCK_SH) && !OtherGets(b_, LOCK_EX));
+    EXPECT_EQ(Signs({lock_.Lock(LOCK_EX), lock_.Lock(LOCK_EX)}), "++");
+    EXPECT_EQ(Open(), 2);
+    EXPECT_EQ(Signs({OtherGets(a_, LOCK_EX), OtherGets(b_, LOCK_SH)}), "--");
+    EXPECT_EQ(Signs({lock_.RemoveFile(b_.c_str()), FileLock(b_.c_str()).Lock(LOCK_SH)}), "--");
+    EXPECT_EQ(Signs({lock_.Unlock(), lock_.Unlock()}), "++");
+    EXPECT_EQ(Open(), 0);
+    EXPECT_TRUE(lock_.Lock(LOCK_SH)); // RemoveFile refused, so the file is still in the set
+    EXPECT_EQ(Signs({OtherGets(b_, LOCK_SH), OtherGets(b_, LOCK_EX)}), "+-");
 }
 
 TEST_F(FileLockTest, LocksAllOrNone) {
     {
         FileLock busy(b_.c_str());
-        EXPECT_TRUE(busy.Lock(LOCK_EX) && !lock_.Lock(LOCK_EX));
-        EXPECT_TRUE(Open() == 1 && OtherGets(a_, LOCK_EX));
+        EXPECT_EQ(Signs({busy.Lock(LOCK_EX), lock_.Lock(LOCK_EX)}), "+-");
+        EXPECT_EQ(Open(), 1);
+        EXPECT_TRUE(OtherGets(a_, LOCK_EX));
     }
-    EXPECT_TRUE(lock_.Lock(LOCK_EX)); // the other one's end has released it
-    EXPECT_TRUE(lock_.AddFile(root_.Path("/tmp/none/x").c_str()) && !lock_.AddFile(nullptr));
-    EXPECT_TRUE(!lock_.Lock(LOCK_EX) && Open() == 0);
+    EXPECT_TRUE(lock_.Lock(LOCK_EX)); // the other lock is gone
+    EXPECT_TRUE(lock_.AddFile(root_.Path("/tmp/none/x").c_str()));
+    EXPECT_EQ(Signs({lock_.AddFile(nullptr), lock_.Lock(LOCK_EX)}), "--");
+    EXPECT_EQ(Open(), 0);
     EXPECT_EQ(mkfifo(root_.Path("/tmp/fifo").c_str(), 0600), 0);
-    EXPECT_TRUE(FileLock(root_.Path("/tmp/fifo").c_str()).Lock(LOCK_EX)); // without waiting
+    EXPECT_TRUE(FileLock(root_.Path("/tmp/fifo").c_str()).Lock(LOCK_EX)); // does not block
     EXPECT_TRUE(FileLock(nullptr).Lock(LOCK_EX));
 }

@@ -1,5 +1,5 @@
 /// The alias pages: words, ownership, expiry and the public query.
-#include "tests/test_hub_kit.h"
+#include "tests/support/hub_kit.h"
 
 namespace ZARO::RelayHub {
 namespace {
@@ -7,7 +7,7 @@ namespace {
 struct HubAlias : testing::Test {
     std::string Ask(const std::string& form, const std::string& page = "/alias_update.php") {
         const httplib::Result result = devices_[0].PostRaw(form, page);
-        return result && result->status == 200 ? result->body : "no reply";
+        return StatusOf(result) == 200 ? result->body : "no reply";
     }
     /// A command of device 1 or 2, as devices send it.
     std::string Update(int number, const std::string& action, const std::string& name) {
@@ -85,7 +85,7 @@ TEST_F(HubAlias, ShowsTheServicesToAnybody) {
     EXPECT_EQ(Query("home").find("pass"), std::string::npos);
     httplib::Client plain("127.0.0.1", hub_.HttpPort());
     const httplib::Result result = plain.Post("/alias_query.php", "action=query_alias", "text");
-    EXPECT_TRUE(result && result->status == 404) << "tokens never travel in the clear";
+    EXPECT_EQ(StatusOf(result), 404) << "tokens never travel in the clear";
 }
 
 } // namespace

@@ -4,7 +4,7 @@
 #include <list>
 #include <random>
 
-#include "tests/test_hub_kit.h"
+#include "tests/support/hub_kit.h"
 
 namespace ZARO::RelayHub {
 namespace {

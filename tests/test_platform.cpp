@@ -10,11 +10,10 @@ namespace {
 
 using std::string;
 
-const string kInfo = "/etc/zaroinfo.conf";
-const string kKey = "/usr/zaro/etc/device.key";
+const string kInfo = "/etc/zaroinfo.conf", kKey = "/usr/zaro/etc/device.key";
 const string kServices = "/usr/zaro/etc/services.d/";
 
-/// Runs `body` with each word in a process of its own, all at once, and waits for their ends.
+/// Runs `body` with each word, in one process per word, all at once; waits until they have ended.
 template <class Body> void AtOnce(const std::vector<string>& words, Body body) {
     for (const string& word : words) {
         if (fork() == 0) {
@@ -67,8 +66,7 @@ TEST(Settings, RefusesWhatIsNoSmallRegularFile) {
     ASSERT_EQ(mkfifo(root.Path("/fifo").c_str(), 0600), 0);
     for (const char* file : {"/etc", "/fifo", "/huge", "/missing"}) {
         char buf[8] = "before";
-        EXPECT_LT(TLIBCFileGetKeyValue(root.Path(file).c_str(), "k", buf, sizeof buf, 0), 0)
-            << file;
+        EXPECT_LT(TLIBCFileGetKeyValue(root.Path(file).c_str(), "k", buf, 8, 0), 0) << file;
         EXPECT_NE(TLIBCErrGet(), 0U) << file;
         EXPECT_STREQ(buf, "before") << file;
     }
@@ -112,13 +110,13 @@ TEST(Settings, KeepsModeOwnerAndLink) {
     ASSERT_EQ(chown(real.c_str(), owner, getegid()), 0);
     ASSERT_EQ(symlink(real.c_str(), root.Path(kInfo).c_str()), 0);
     ASSERT_GE(TLIBCINFOSetKeyValue("k", "2"), 0);
-    EXPECT_TRUE(std::filesystem::is_symlink(root.Path(kInfo)));
+    EXPECT_TRUE(fs::is_symlink(root.Path(kInfo)));
     EXPECT_EQ(root.Read("/data/real.conf"), "k=\"2\"\n");
     EXPECT_EQ(Stat(real).st_mode, S_IFREG | 0640U);
     EXPECT_EQ(Stat(real).st_uid, owner);
-    std::filesystem::remove(real);
+    fs::remove(real);
     EXPECT_LT(TLIBCINFOSetKeyValue("k", "3"), 0) << "a link that leads nowhere";
-    std::filesystem::remove(root.Path(kInfo));
+    fs::remove(root.Path(kInfo));
     const mode_t mask = umask(077);
     EXPECT_GE(TLIBCINFOSetKeyValue("k", "4"), 0);
     umask(mask);
@@ -131,7 +129,7 @@ TEST(Settings, PlantedLockOrRemainsDoNoHarm) {
     root.Write(kInfo, "k=1\n");
     ASSERT_EQ(symlink("../victim", root.Path("/etc/.zaroinfo.conf.new").c_str()), 0);
     EXPECT_GE(TLIBCINFOSetKeyValue("k", "2"), 0);
-    std::filesystem::remove(root.Path("/etc/.zaroinfo.conf.lock"));
+    fs::remove(root.Path("/etc/.zaroinfo.conf.lock"));
     ASSERT_EQ(symlink("../victim", root.Path("/etc/.zaroinfo.conf.lock").c_str()), 0);
     EXPECT_LT(TLIBCINFOSetKeyValue("k", "3"), 0);
     EXPECT_EQ(root.Read("/victim"), "k=1\n");
@@ -155,7 +153,7 @@ TEST(Sections, FindsByValueAndByName) {
                "service=photo\nr_port=90\nr_port=99999999\nvery_long_key=x\n[broken\nservice=lost\n"
                "[toolong8]\nservice=far\n[]\nservice=none\n");
     const string file = TLIBServiceRouterBasepathGet();
-    string found; // where each value stands, and what of each section
+    string found; // the section and key of each value, then what is in each section
     for (const string& value : Words("web photo x we early off lost far none 8080")) {
         char at[2][8] = {};
         TLIBCFileGetSectionByValue(file.c_str(), value.c_str(), at[0], 8, at[1], 8);
@@ -189,7 +187,7 @@ TEST(Services, ReadsEveryWholeDefinitionAndSkipsTheOthers) {
     for (const char* file : {"-option.conf", "bl ank.conf", "notes.txt", ".conf"}) {
         root.Write(kServices + file, "tcp=80\n");
     }
-    std::filesystem::create_directory(root.Path(kServices + "folder.conf"));
+    fs::create_directory(root.Path(kServices + "folder.conf"));
     ZARO_FW_SERVICE_LIST* list = nullptr;
     ASSERT_EQ(ZAROFwServiceEnum(&list), static_cast<int>(std::size(rows)));
     for (const auto& [name, text, expected] : rows) {
@@ -204,7 +202,7 @@ TEST(Services, ReadsEveryWholeDefinitionAndSkipsTheOthers) {
         EXPECT_EQ(read.str(), expected) << name;
     }
     ZAROFwServiceFree(list);
-    std::filesystem::remove_all(root.Path(kServices));
+    fs::remove_all(root.Path(kServices));
     EXPECT_LE(ZAROFwServiceEnum(&list), 0);
 }
 
@@ -242,7 +240,7 @@ TEST(Token, DamagedKeyIsNeverReplaced) {
         EXPECT_EQ(root.Read(kKey), damaged);
     }
     root.Write("/elsewhere", serial + secret, 0600);
-    std::filesystem::remove(root.Path(kKey));
+    fs::remove(root.Path(kKey));
     ASSERT_EQ(symlink(root.Path("/elsewhere").c_str(), root.Path(kKey).c_str()), 0);
     EXPECT_LT(ZAROWstokenGetToken(text[0], 36, text[1], 36), 0) << "a link";
 }
@@ -251,7 +249,7 @@ TEST(Token, ProcessesAtOnceEndWithOneIdentity) {
     const TempRoot root;
     const mode_t mask = umask(0);
     for (size_t round = 1; round <= 10; ++round) {
-        std::filesystem::remove(root.Path(kKey));
+        fs::remove(root.Path(kKey));
         AtOnce(Words("a b c d e f"), [&](const string&) {
             char text[2][36] = {};
             ZAROWstokenGetToken(text[0], 36, text[1], 36);
@@ -267,7 +265,7 @@ TEST(Token, ProcessesAtOnceEndWithOneIdentity) {
 }
 
 TEST(Network, Eth0StandsForTheFirstPort) {
-    // Name, ports ('*' in front: a real device), settings, what stands for eth0.
+    // Name, ports ('*' in front: a real device), settings, the port that stands for eth0.
     const std::tuple<const char*, std::vector<const char*>, const char*, string> rows[] = {
         {"eth0 itself", {"*eth0", "*ena"}, "nic=ena\n", "eth0"},
         {"named", {"*ena", "br0"}, "nic=br0\n", "br0"},
@@ -283,7 +281,9 @@ TEST(Network, Eth0StandsForTheFirstPort) {
         for (const char* port : ports) {
             const string folder = "/sys/class/net/" + string(port + (*port == '*'));
             root.Write(folder + "/address", "02:00:00:00:00:01\n");
-            *port == '*' ? root.Write(folder + "/device", "") : void();
+            if (*port == '*') {
+                root.Write(folder + "/device", "");
+            }
         }
         struct _tag_TLIB_NETIF record {};
         EXPECT_EQ(ZARONetIFGetInfo("eth0", &record, 0) >= 0, !expected.empty()) << name;

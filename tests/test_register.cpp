@@ -60,26 +60,27 @@ TEST_F(RegisterTest, SendsWhatTheServerDoesNotKnow) {
         R"("service_add":[{"id":"web","port":80}],"service_rm":[],"service_update":[],"version":1}])");
     EXPECT_TRUE(Send(kOk));
     Json::Value direct;
-    EXPECT_TRUE(register_.GetDirConnRequest(conf_, tunnels_, direct) && direct == all);
+    EXPECT_TRUE(register_.GetDirConnRequest(conf_, tunnels_, direct));
+    EXPECT_EQ(direct, all);
     SetService("web", R"({"id":"web","name":"another","port":80})");
     conf_.network.mode = "another";
     tunnels_ = {Tunnel(), Tunnel(Parse(R"({"id":"web","port":80})"))};
     EXPECT_EQ(Compact(Changes()) + std::to_string(tunnels_.size()), "[]2");
     SetService("web", R"({"id":"web","port":81})");
     SetService("new", R"({"id":"new","port":84})");
-    Changes();                      // is lost, and comes out again
-    EXPECT_EQ(tunnels_.size(), 1u); // the changed service's has gone
+    Changes();                      // is lost, and will be repeated
+    EXPECT_EQ(tunnels_.size(), 1u); // the changed service's tunnel is gone
     EXPECT_EQ(Compact(Changes()),
               R"([{"command":"update_service","service_add":[{"id":"new","port":84}],)"
               R"("service_rm":[],"service_update":[{"id":"web","port":81}],"version":1}])");
     EXPECT_TRUE(Send(kOk));
     conf_.RemoveServiceById("new");
     EXPECT_EQ(Compact(Changes()[0]["service_rm"]), R"([{"id":"new"}])");
-    EXPECT_TRUE(Send(kOk) && Commands().empty() && register_.SetAuthExpired());
+    EXPECT_EQ(Signs({Send(kOk), Commands().empty(), register_.SetAuthExpired()}), "+++");
     EXPECT_EQ(Commands(), "register update_network update_service ");
     EXPECT_TRUE(Send(kOk));
     conf_.control.page = "other.php";
-    EXPECT_TRUE(!register_.IsCtrlServerChanged(conf_) && Commands().empty());
+    EXPECT_EQ(Signs({register_.IsCtrlServerChanged(conf_), Commands().empty()}), "-+");
     conf_.control.host = "other";
     EXPECT_TRUE(register_.IsCtrlServerChanged(conf_));
     EXPECT_EQ(Changes()[2]["service_add"].size(), 1u);
@@ -92,7 +93,7 @@ TEST_F(RegisterTest, AppliesRepliesOneByOne) {
         {R"([{"errno":0},{"errno":0},{"errno":0},{"errno":2}])", true, ""},
         {R"([{"errno":0},{"errno":9},{"errno":0}])", false, "update_network "},
         {R"([{"errno":0},{"errno":0}])", false, "update_service "},
-        {R"([{"errno":2},{"errno":0},{"errno":0}])", false, all}, // begins anew
+        {R"([{"errno":2},{"errno":0},{"errno":0}])", false, all}, // everything is sent again
         {R"({"errno":0})", false, all}};
     conf_.network.gateway = "g";
     for (const auto& [replies, result, next] : rows) {
@@ -114,7 +115,7 @@ TEST_F(RegisterTest, TakesWhatTheServerAssigns) {
          "http://w:8080/Serv.php", R"({"kept":1,"serverID":"12"})"}};
     for (const auto& [reply, wait, file] : rows) {
         register_ = Register();
-        EXPECT_FALSE(Send(reply)); // one is missing
+        EXPECT_FALSE(Send(reply)); // a reply is missing
         EXPECT_EQ(Commands(), "update_service ") << reply;
         EXPECT_EQ(conf_.waitcmd.GetUrl(nullptr), wait) << reply;
         EXPECT_EQ(Compact(Parse(root_.Read(kConf))) + conf_.network.mode, file + std::string("m"));

@@ -9,7 +9,7 @@ struct RequestTest : testing::Test {
     RequestTest() { Request::GetCurlShare(true); }
     ~RequestTest() override { Request::SetCookie(""); }
 
-    /// The lines of the store that all requests share.
+    /// The lines of the cookie store that all requests share.
     static std::vector<std::string> Store() {
         const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
         curl_slist* list = nullptr;
@@ -35,7 +35,7 @@ TEST_F(RequestTest, SendsWhatItIsGiven) {
     Request reused("http://127.0.0.1/", "x", true);
     for (const auto& [data, post, method, target] : rows) {
         Request fresh(server.Url().c_str(), data.c_str(), post);
-        EXPECT_TRUE(reused.Set(server.Url(), data, post)); // nothing of before survives
+        EXPECT_TRUE(reused.Set(server.Url(), data, post)); // nothing old survives
         for (Request* request : {&fresh, &reused}) {
             EXPECT_TRUE(request->Send()) << target;
             const httplib::Request seen = server.Requests().back();
@@ -47,10 +47,12 @@ TEST_F(RequestTest, SendsWhatItIsGiven) {
     }
     EXPECT_TRUE(Request(server.Url(), Parse(R"({"b":[1],"a":"x"})"), true).Send());
     EXPECT_EQ(server.Requests().back().body, "{\"a\":\"x\",\"b\":[1]}\n");
-    EXPECT_FALSE(reused.Set("", std::string("y"), true) || reused.GetUrl() != server.Url());
+    EXPECT_FALSE(reused.Set("", std::string("y"), true));
+    EXPECT_EQ(reused.GetUrl(), server.Url());
     Request none(nullptr, "x", true);
-    EXPECT_FALSE(none.Send() || none.SetData(std::string("x"), true) || none.JobAdd(nullptr) ||
-                 none.JobRemove(nullptr) || Request(none).IsValid());
+    EXPECT_EQ(Signs({none.Send(), none.SetData(std::string("x"), true), none.JobAdd(nullptr),
+                     none.JobRemove(nullptr), Request(none).IsValid()}),
+              "-----");
 }
 
 TEST_F(RequestTest, TellsOutcomesApart) {
@@ -67,7 +69,7 @@ TEST_F(RequestTest, TellsOutcomesApart) {
     }
     const HttpServer plain("ok"), stranger("ok", 200, "other.example");
     const std::tuple<std::string, int, const char*> faults[] = {
-        {HttpServer("").Url(), RELAYD_RET_NETWORK, "7"}, // nobody is there any more
+        {HttpServer("").Url(), RELAYD_RET_NETWORK, "7"}, // the server is gone
         {"http://a..invalid/", RELAYD_RET_RESOLV, "6"},
         {"https" + plain.Url().substr(4), RELAYD_RET_NETWORK, "35"}, // speaks no TLS
         {stranger.Url(), 2, "60"},
@@ -82,25 +84,26 @@ TEST_F(RequestTest, TellsOutcomesApart) {
 }
 
 TEST_F(RequestTest, SendsCookiesBackUntilTheyAreForgotten) {
-    const HttpServer server([](const httplib::Request& q, httplib::Response& r) {
+    const HttpServer server([](const auto& q, auto& r) {
         r.set_header("Set-Cookie", q.path.substr(1) + "=1; path=/");
     });
-    std::list<std::string> cookies = {"old"};
+    std::list<std::string> jar = {"old"};
     {
         Request first(server.Url("/a").c_str(), "", true), second(first);
-        EXPECT_TRUE(!first.GetCookies(cookies) && first.Send() && first.GetCookies(cookies));
-        EXPECT_THAT(cookies, testing::ElementsAre(testing::MatchesRegex("127.0.0.1\t.*\ta\t1")));
-        EXPECT_TRUE(!second.GetCookies(cookies) && second.Send());
+        EXPECT_EQ(Signs({first.GetCookies(jar), first.Send(), first.GetCookies(jar)}), "-++");
+        EXPECT_THAT(jar, testing::ElementsAre(testing::MatchesRegex("127.0.0.1\t.*\ta\t1")));
+        EXPECT_EQ(Signs({second.GetCookies(jar), second.Send()}), "-+");
         EXPECT_EQ(server.Requests().back().get_header_value("Cookie"), "a=1");
-        EXPECT_TRUE(second.Send() && second.GetCookies(cookies) && cookies.size() == 2); // it grows
+        EXPECT_EQ(Signs({second.Send(), second.GetCookies(jar)}), "++");
+        EXPECT_EQ(jar.size(), 2U); // each reply adds one
         Request other(("http://localhost" + server.Url("/c").substr(16)).c_str(), "", true);
-        EXPECT_TRUE(other.Send() && other.GetCookies(cookies));
-        EXPECT_THAT(cookies, testing::ElementsAre(testing::HasSubstr("\tc\t"))); // its host's only
+        EXPECT_EQ(Signs({other.Send(), other.GetCookies(jar)}), "++");
+        EXPECT_THAT(jar, testing::ElementsAre(testing::HasSubstr("\tc\t"))); // only its own host's
     }
     EXPECT_TRUE(Request::CleanDnsCache());
-    for (const bool reused : {false, true}) { // the first request after that keeps no connection
+    for (const bool reused : {false, true}) { // the first one opens a connection
         Request request(server.Url("/a").c_str(), "", true);
-        EXPECT_TRUE(request.Send() && request.Send());
+        EXPECT_EQ(Signs({request.Send(), request.Send()}), "++");
         const std::vector<httplib::Request> seen = server.Requests();
         EXPECT_EQ(seen[seen.size() - 2].has_header("Cookie"), reused);
         EXPECT_EQ(seen[seen.size() - 2].remote_port == seen.back().remote_port, reused);
@@ -109,30 +112,27 @@ TEST_F(RequestTest, SendsCookiesBackUntilTheyAreForgotten) {
 
 TEST_F(RequestTest, KeepsTheNewestCookiesOfEachHost) {
     int next = 0;
-    const HttpServer server([&](const httplib::Request& q, httplib::Response& r) {
-        for (int i = 0; i < 40; ++i, ++next) { // as a server would that wants to stay uncounted
+    const HttpServer server([&](const auto& q, auto& r) {
+        for (int i = 0; i < 40; ++i, ++next) { // as a server that wants to fill the store
             const std::string name = "c" + std::to_string(next) + "=1";
             const char* const odd[] = {"", "; path=TRUE", "; httponly", "; domain=LocalHost"};
             r.set_header("Set-Cookie", name + odd[q.path == "/odd" ? i % 4 : 0]);
         }
     });
-    const HttpServer other([](const httplib::Request&, httplib::Response& r) {
-        r.set_header("Set-Cookie", "kept=1");
-    });
+    const HttpServer other([](const auto&, auto& r) { r.set_header("Set-Cookie", "kept=1"); });
     Request first(other.Url().c_str(), "", true);
     EXPECT_TRUE(first.Send());
     const std::string local = "localhost:" + std::to_string(server.Port());
     Request request(("http://" + local + "/").c_str(), "", true);
-    std::list<std::string> cookies;
+    std::list<std::string> jar;
     for (int i = 0; i < 8; ++i) {
-        EXPECT_TRUE(request.Send());
-        EXPECT_TRUE(request.GetCookies(cookies));
+        EXPECT_EQ(Signs({request.Send(), request.GetCookies(jar)}), "++");
     }
-    EXPECT_EQ(cookies.size(), 256U);
-    EXPECT_THAT(cookies.back(), testing::HasSubstr("\tc319\t"));
+    EXPECT_EQ(jar.size(), 256U);
+    EXPECT_THAT(jar.back(), testing::HasSubstr("\tc319\t"));
     EXPECT_EQ(Store().size(), 257U); // and the other host's
     EXPECT_THAT(Store(), testing::Not(testing::Contains(testing::HasSubstr("\tc63\t"))));
-    EXPECT_THAT(Store(), testing::Contains(testing::HasSubstr("\tc64\t"))); // 320 less 256
+    EXPECT_THAT(Store(), testing::Contains(testing::HasSubstr("\tc64\t"))); // 320 - 256
     Request odd(("http://" + local + "/odd").c_str(), "", true);
     for (int i = 0; i < 20; ++i) {
         EXPECT_TRUE(odd.Send());
@@ -140,8 +140,7 @@ TEST_F(RequestTest, KeepsTheNewestCookiesOfEachHost) {
     EXPECT_LE(Store().size(), 257U);
     EXPECT_THAT(Store(), testing::Contains(testing::HasSubstr("\tkept\t")));
     Request hostless(local.c_str(), "", true);
-    EXPECT_TRUE(hostless.Send());
-    EXPECT_FALSE(hostless.GetCookies(cookies));
+    EXPECT_EQ(Signs({hostless.Send(), hostless.GetCookies(jar)}), "+-");
 }
 
 TEST_F(RequestTest, CopiesOutliveTheOriginal) {
@@ -155,7 +154,8 @@ TEST_F(RequestTest, CopiesOutliveTheOriginal) {
         EXPECT_EQ(copy.GetResponse() + assigned.GetResponse(), "");
         original.reset();
         for (Request* request : {&copy, &assigned}) {
-            EXPECT_TRUE(request->Send() && request->GetResponse() == answer);
+            EXPECT_TRUE(request->Send());
+            EXPECT_EQ(request->GetResponse(), answer);
             EXPECT_EQ(server.Requests().back().body, data);
         }
     }
@@ -164,12 +164,11 @@ TEST_F(RequestTest, CopiesOutliveTheOriginal) {
     faulty.reset();
     EXPECT_FALSE(copy.Send());
     EXPECT_THAT(LogOf("request", 5, [&] { copy.GetError(); }),
-                testing::ElementsAre(testing::HasSubstr("127.0.0.1"))); // the error buffer
+                testing::ElementsAre(testing::HasSubstr("127.0.0.1"))); // the error text is its own
 }
 
 TEST_F(RequestTest, AnAssignedRequestLeavesItsTransferAlone) {
-    const HttpServer server(
-        [](const httplib::Request& q, httplib::Response& r) { r.body = q.body; });
+    const HttpServer server([](const auto& q, auto& r) { r.body = q.body; });
     const std::string old(8000, 'o');
     const std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi(curl_multi_init(),
                                                               curl_multi_cleanup);
@@ -196,9 +195,9 @@ TEST_F(RequestTest, ReadsHostileJsonReplies) {
         const HttpServer server(body);
         Request request(server.Url().c_str(), body.c_str(), true);
         Json::Value out;
-        EXPECT_TRUE(request.Send() && request.GetResponse() == body);
-        const std::string shown =
-            body[0] == '<' ? "<?>?\xc2?\xc3\xa4?" : body; // nothing forges a line
+        EXPECT_TRUE(request.Send());
+        EXPECT_EQ(request.GetResponse(), body);
+        const std::string shown = body[0] == '<' ? "<?>?\xc2?\xc3\xa4?" : body; // no forged line
         EXPECT_TRUE(Logs("request", 7, "failed to parse response: " + shown,
                          [&] { EXPECT_FALSE(request.GetResponse(out)); }));
         EXPECT_FALSE(request.GetData(out));

@@ -31,12 +31,13 @@ TEST(AliasRequest, BuildsEachCommand) {
                             R"({"alias":"a","serial":"s","token":"t","url":"http://u","id":""})"}) {
         EXPECT_FALSE(alias.SetRequest(ALIAS_REQUEST_MAP, Parse(bad))) << bad;
     }
-    EXPECT_FALSE(alias.GetRequest(body, url) || alias.GetSharedRequest()->IsValid());
+    EXPECT_EQ(Signs({alias.GetRequest(body, url), alias.GetSharedRequest()->IsValid()}), "--");
     for (const auto& [cmd, sent] : rows) {
         EXPECT_TRUE(alias.SetRequest(static_cast<ALIAS_REQUEST_CMD>(cmd), Data("http://h")));
         const SharedRequest request = alias.GetSharedRequest();
         EXPECT_EQ(request->GetUrl() + "?" + request->GetData(), sent);
-        EXPECT_TRUE(AliasRequest::GetAliasName(request, name) && name == "me");
+        EXPECT_TRUE(AliasRequest::GetAliasName(request, name));
+        EXPECT_EQ(name, "me");
     }
     EXPECT_FALSE(alias.SetRequest(ALIAS_REQUEST_UNSPECIFIED, Data("http://h")));
     EXPECT_FALSE(alias.GetRequest(body, url));
@@ -47,9 +48,8 @@ TEST(AliasRequest, BuildsEachCommand) {
 }
 
 TEST(AliasRequest, ReadsReplies) {
-    // Reply, status (0: no server); result, outcome/kind of retry, type and status of Send; result
-    // and outcome for the daemon, and what came behind the word. 77 and - are what was there
-    // before.
+    // Reply, status (0: no server). Then of Send: result, outcome/kind of retry, type, status; for
+    // the daemon: result, outcome, text behind the word. 77 and -: untouched.
     const std::tuple<std::string, int, const char*> rows[] = {
         {" \t\x01good\x1f\r\n", 200, "1 1/2 2 200; 1 1 -"},
         {std::string("good \0bad", 9), 200, "1 1/2 2 200; 1 1 -"},
@@ -71,7 +71,9 @@ TEST(AliasRequest, ReadsReplies) {
         auto server = std::make_unique<HttpServer>(reply, status);
         AliasRequest alias;
         EXPECT_TRUE(alias.SetRequest(ALIAS_REQUEST_KEEP_ALIVE, Data(server->Url(""))));
-        status == 0 ? server.reset() : void();
+        if (status == 0) {
+            server.reset();
+        }
         ALIAS_RET ret = kUntouched, queuedRet = kUntouched;
         ALIAS_RESPONSE_TYPE type = {};
         int httpStatus = 0;

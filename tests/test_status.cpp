@@ -7,15 +7,17 @@
 #include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
-namespace fs = std::filesystem;
 
 namespace {
 
 std::string gDumpFile;
-std::string gDump; ///< what SIGUSR1 makes this process write there; "-": it deletes the file
+std::string gDump; ///< what this process writes there on SIGUSR1; "-": it deletes the file
 
 void Answer(int) {
-    gDump == "-" ? (void)fs::remove(gDumpFile) : (void)(std::ofstream(gDumpFile) << gDump);
+    std::ofstream(gDumpFile) << gDump;
+    if (gDump == "-") {
+        fs::remove(gDumpFile);
+    }
 }
 
 using StatusTest = RootTest;
@@ -24,10 +26,10 @@ using StatusTest = RootTest;
 
 TEST_F(StatusTest, TellsAndPrintsTexts) {
     const std::string live = "{\"pid\":" + std::to_string(getpid()), dead = R"({"pid":99999999)";
-    const std::string group = R"({"pid":0)"; // its members are alive
+    const std::string group = R"({"pid":0)"; // a process group, with living members
     const std::string all = live + R"(,"serverID":"12","state":5,"error":6,
         "service":[7,null,{},{"id":5},{"id":["web"]},[],{"id":"web","port":1}]} // end)";
-    // File, service, the three texts, result of printing. -1 alone can't be a process id.
+    // File, service, the three texts, result of printing. Only -1 can't be a process id.
     const std::tuple<std::string, const char*, const char*, int> rows[] = {
         {all, nullptr, "12 connected err_network", 0},
         {all, "web", "12 connected err_network", 0},
@@ -41,7 +43,9 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
         {"", nullptr, "  ", 2}};
     for (const auto& [text, service, texts, result] : rows) {
         root_.Write("/tmp/.zarorelayd.status", text);
-        (void)(text == "none" && fs::remove(root_.Path("/tmp/.zarorelayd.status")));
+        if (text == "none") {
+            fs::remove(root_.Path("/tmp/.zarorelayd.status"));
+        }
         std::string id = "x", state = "x", error = "x";
         Json::Value out = 5;
         const bool running = text.rfind(live, 0) == 0 || text.rfind(group, 0) == 0;
@@ -52,7 +56,9 @@ TEST_F(StatusTest, TellsAndPrintsTexts) {
             Captured(STDOUT_FILENO, [&, r = result] { EXPECT_EQ(Daemon::Status(false), r); });
         const std::string fault = error == "success" ? "" : "error: " + error + "\n";
         const std::string lines = "serverID: " + id + "\nstate: " + state + "\n" + fault;
-        EXPECT_TRUE(service != nullptr || output == (result == 2 ? "get status failed\n" : lines));
+        if (service == nullptr) {
+            EXPECT_EQ(output, result == 2 ? "get status failed\n" : lines);
+        }
     }
 }
 
@@ -74,7 +80,7 @@ TEST_F(StatusTest, BelievesTheUserOfTheProcessThatTheFileNames) {
         EXPECT_EQ(out.isNull(), owner != daemon);
         fs::rename(path, path + "1");
         fs::create_symlink(path + "1", path);
-        EXPECT_EQ(Daemon::GetStatus(out), 1); // a link may lead to anything
+        EXPECT_EQ(Daemon::GetStatus(out), 1); // a link can lead anywhere
     }
     kill(process, SIGKILL);
     waitpid(process, nullptr, 0);
@@ -87,7 +93,7 @@ TEST_F(StatusTest, FetchesADump) {
         {"", 11, "get status failed\n"},
         {"-", 255, "get status failed\n"}};
     gDumpFile = root_.Path("/tmp/.zarorelayd." + std::to_string(getpid()) + ".debug");
-    root_.Write("/var/run/zarorelayd.pid", std::to_string(getpid()) + "\n"); // it is the daemon
+    root_.Write("/var/run/zarorelayd.pid", std::to_string(getpid()) + "\n"); // we play the daemon
     signal(SIGUSR1, Answer);
     for (const auto& [dump, result, output] : rows) {
         gDump = dump;
@@ -98,7 +104,7 @@ TEST_F(StatusTest, FetchesADump) {
     Json::Value out = 5;
     gDump = "-";
     signal(SIGUSR1, SIG_IGN);
-    root_.Write("/tmp" + gDumpFile.substr(gDumpFile.rfind('/')), "[7]"); // it is what is there
+    root_.Write("/tmp" + gDumpFile.substr(gDumpFile.rfind('/')), "[7]"); // it reads what is there
     EXPECT_EQ(Daemon::DebugStatus(out), 0);
     EXPECT_EQ(Compact(out), "[7]");
     signal(SIGUSR1, Answer);
@@ -111,10 +117,10 @@ TEST_F(StatusTest, FetchesADump) {
     }
     FileLock asker(gDumpFile.c_str());
     EXPECT_TRUE(asker.Lock(LOCK_EX));
-    GiveAway(gDumpFile, 12345); // whoever that is
+    GiveAway(gDumpFile, 12345); // any other user
     EXPECT_EQ(Daemon::DebugStatus(out), 11);
-    EXPECT_TRUE(fs::remove(gDumpFile)); // it is the other asker's
+    EXPECT_TRUE(fs::remove(gDumpFile)); // not removed: it belongs to the other user
     fs::remove(root_.Path("/var/run/zarorelayd.pid"));
     EXPECT_EQ(Daemon::DebugStatus(out), 1);
-    EXPECT_TRUE(out.isNull() && fs::is_empty(root_.Path("/tmp")));
+    EXPECT_EQ(Signs({out.isNull(), fs::is_empty(root_.Path("/tmp"))}), "++");
 }

@@ -1,4 +1,4 @@
-// What becomes of files when their writers are killed or the disk is full.
+// What happens to files when their writers are killed or the disk is full.
 #include <zarorelayd/config.h>
 
 #include <random>
@@ -12,23 +12,22 @@
 #include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
-namespace fs = std::filesystem;
 
 namespace {
 
 constexpr char kInfo[] = "/etc/zaroinfo.conf", kStatus[] = "/tmp/.zarorelayd.status";
 constexpr char kBallast[] = "/mnt/ballast";
 
-/// Makes a file, if there is one, look as if nobody had written to it for two hours.
-void Age(const std::string& path) {
-    const timespec then = {time(nullptr) - 7200, 0}, times[] = {then, then};
+/// Makes a file, if there is one, look as if it was last written to `age` seconds ago.
+void Age(const std::string& path, time_t age = 7200) {
+    const timespec then = {time(nullptr) - age, 0}, times[] = {then, then};
     utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
 } // namespace
 
 TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
-    // In memory, where a writer is killed while it writes and not while the disk does.
+    // In memory, so that the kill hits the writer while it writes, not while it waits for the disk.
     setenv("TMPDIR", access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp", 1);
     const TempRoot root;
     const std::string filler(20000, 'x');
@@ -71,7 +70,7 @@ TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
         }
         kill(writer, SIGKILL);
         waitpid(writer, nullptr, 0);
-        Age(path + ".tmp." + std::to_string(writer)); // before that it may be another container's
+        Age(path + ".tmp." + std::to_string(writer)); // a young one may be another container's
         states.insert(ReadFile(path));
         ASSERT_LE(settle(), 3) << "killed writers leave ever more files; " << round << " " << file;
         ASSERT_EQ(states.size(), 2U) << round << " " << file;
@@ -81,19 +80,19 @@ TEST(TornFiles, KilledWritersLeaveWholeFilesAndNoOthers) {
 TEST(TornFiles, OnlyOldOnesOfOursAreCleanedUp) {
     const TempRoot root;
     for (const std::string kind : {"old", "young", "link", "root gives it away"}) {
-        const std::string file = "/etc/" + kind + ".tmp.4194305"; // which no process can be
-        const std::string left = root.Path(file);
-        kind == "link" ? fs::create_symlink("x", left) : root.Write(file, "");
-        kind == "young" ? void() : Age(left);
-        const bool theirs = kind[0] == 'r' && chown(left.c_str(), 65534, 65534) == 0;
+        const std::string left = root.Path("/etc/" + kind + ".tmp.4194305"); // not a possible pid
+        const char* const name = left.c_str();
+        EXPECT_EQ(kind == "link" ? symlink("x", name) : mknod(name, S_IFREG | 0644, 0), 0);
+        Age(left, kind == "young" ? 0 : 7200);
+        const bool theirs = kind[0] == 'r' && chown(name, 65534, 65534) == 0;
         EXPECT_TRUE(RelaydConf::WriteJsonFile(root.Path("/etc/" + kind), 1));
         EXPECT_EQ(fs::exists(fs::symlink_status(left)), theirs || kind == "young" || kind == "link")
             << kind;
     }
 }
 
-/// A device gets a new service: it says once that it can't tell its status, and the hub that it
-/// could not keep the service; they go on with what they have, and later do the rest.
+/// A device gets a new service. The daemon logs once that it can't write its status, the hub fails
+/// to store the service; both go on with what they have, and catch up later.
 TEST(TornFiles, DaemonAndHubOutlastAFullDisk) {
     if (!EnterDiskInMemory("24m")) {
         GTEST_SKIP() << "no mounts are allowed here: " << strerror(errno);
@@ -102,7 +101,7 @@ TEST(TornFiles, DaemonAndHubOutlastAFullDisk) {
     const HubProcess hub;
     Device device(hub);
     const TempRoot& root = device.root;
-    mount("none", root.Path("/var").c_str(), "tmpfs", 0, nullptr); // a log that is never full
+    mount("none", root.Path("/var").c_str(), "tmpfs", 0, nullptr); // room for the log
     fs::create_directory(root.Path("/var/run"));
     fs::create_symlink("var/log", root.Path(Device::kLog));
     device.Publish(web);
@@ -110,7 +109,7 @@ TEST(TornFiles, DaemonAndHubOutlastAFullDisk) {
     ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); }));
     const pid_t ssh = device.Ssh("web");
     device.Publish(more);
-    Json::Value config = Parse(root.Read(Device::kConfig));
+    Json::Value config = device.ReadJson(Device::kConfig);
     config["service"] = device.config["service"];
     root.Write(Device::kConfig, Compact(config), 0600);
     std::ofstream ballast(kBallast);
@@ -122,7 +121,7 @@ TEST(TornFiles, DaemonAndHubOutlastAFullDisk) {
     EXPECT_TRUE(WaitFor([&] {
         return device.Logs("] can't be written, No space left on device") &&
                device.Logs("update_service failed: 1");
-    })) << device.Log();
+    }));
     EXPECT_TRUE(device.Serves(web));
     EXPECT_EQ(device.Ssh("web"), ssh);
     EXPECT_EQ(device.Status(), before);
@@ -130,7 +129,7 @@ TEST(TornFiles, DaemonAndHubOutlastAFullDisk) {
     fs::remove(kBallast);
     EXPECT_TRUE(WaitFor([&] {
         return device.IsAllUp() && device.Serves(more) && device.Logs("can be written again");
-    })) << device.Log();
+    }));
     EXPECT_EQ(device.Ssh("web"), ssh);
     EXPECT_EQ(Count(device.Log(), "can't be written"), 1U);
 }

@@ -1,6 +1,6 @@
-// Every call that can fail fails once, at its first, second, ... use within an operation: what the
-// operation then returns and logs, that it leaves the old files or the new ones and nothing else,
-// keeps no descriptor and no handle, and works when it is repeated.
+// Every call that can fail fails once, at its first, second, ... use within an operation. Checks
+// what the operation returns and logs, that it leaves the old files or the new ones and nothing
+// else, that it leaks no descriptor and no handle, and that it works when it is repeated.
 #include <zarorelayd/file_lock.h>
 #include <zarorelayd/jobqueue.h>
 #include <zarorelayd/tunnel.h>
@@ -24,15 +24,13 @@ using namespace ZARO::Relay;
 
 namespace {
 
-/// Which call is to fail. The web server's threads have their own, which is never set.
+/// The call that is to fail. Thread-local: in the web server's threads no call fails.
 struct Fault {
     std::string seam;
-    int at = 0;
-    int error = 0;
-    int calls = 0;
+    int at = 0, error = 0, calls = 0;
 };
 thread_local Fault gFault;
-int gHandles = 0; ///< of libcurl, made and not yet given back
+int gHandles = 0; ///< libcurl's, not yet cleaned up
 
 template <class Works, class Fails> long Call(const char* seam, Works works, Fails fails) {
     if (gFault.seam != seam || ++gFault.calls != gFault.at) {
@@ -50,9 +48,9 @@ long Counted(long handle) {
 
 } // namespace
 
-// The linker leads the library's own calls here, for the test is linked with its objects. What was
-// passed goes on as it is in the registers, which on a 64-bit Linux is the same for all functions
-// of up to six integers and pointers.
+// The linker redirects the library's calls to here, as the test is linked with its objects. All
+// arguments are passed on in registers; on 64-bit Linux this works for every function of up to six
+// integers and pointers.
 // clang-format off
 #define WRAP(name, works, fails)                                                                   \
     long __real_##name(long, long, long, long, long, long);                                        \
@@ -82,13 +80,13 @@ CURL(curl_share_setopt) CURL(curl_multi_add_handle) CURL(curl_multi_remove_handl
 CURL(curl_multi_fdset) CURL(curl_multi_perform) MADE(curl_easy_init) MADE(curl_easy_duphandle) MADE(curl_multi_init)
 MADE(curl_share_init) GONE(curl_easy_cleanup, 0) GONE(curl_multi_cleanup, 0)
 GONE(curl_share_cleanup, CURLSHE_IN_USE)
-// What differs from machine to machine or from time to time, or takes time, is fixed.
+// Fixed results, where the real ones differ from machine to machine or take time.
 WRAP(fsync, 0, -1)
 WRAP(getentropy, (memset(reinterpret_cast<void*>(a), 7, static_cast<std::size_t>(b)), 0), -1)
 WRAP(TLIBCErrGet, 0x1234, 0) WRAP(ZAROPPPoECheckStatusEx, 1, -1) WRAP(ZAROPPPoeNetInfoGet, 0, -1)
 WRAP(TLIBNetGetInterfaceInfo, (*reinterpret_cast<_tag_TLIB_NETIF*>(a) = {"eth0", "", "", 2, {}}, 1),
      0)
-int __wrap___open_2(const char* path, int flags) { // what a fortified build makes of some
+int __wrap___open_2(const char* path, int flags) { // a fortified build calls it for some opens
     return static_cast<int>(__wrap_open(reinterpret_cast<long>(path), flags, 0, 0, 0, 0));
 }
 } // extern "C"
@@ -97,7 +95,7 @@ namespace {
 
 const std::string kConf = "/usr/zaro/etc/zarorelayd.conf", kCluster = "/usr/zaro/etc/ha.conf";
 
-/// What the operations work on; made before each, so that making it is not part of it.
+/// What the operations work on. Made before each of them, so that making it is not tested.
 struct Scene {
     explicit Scene(const HttpServer& web) : url(web.Url()) {
         const std::pair<const std::string, const char*> files[] = {
@@ -120,7 +118,7 @@ struct Scene {
         Renew();
     }
 
-    /// A request with a share and a connection of its own.
+    /// A new request with a share and a connection of its own.
     Request& Renew() {
         request.reset();
         Request::GetCurlShare(true);
@@ -134,15 +132,6 @@ struct Scene {
     std::unique_ptr<RelaydConf> conf;
     std::unique_ptr<Request> request;
 };
-
-/// Each good step a plus.
-std::string Signs(const std::vector<bool>& steps) {
-    std::string signs;
-    for (const bool good : steps) {
-        signs += good ? '+' : '-';
-    }
-    return signs;
-}
 
 std::string Sent(Request&& request) {
     return Signs({request.IsValid(), request.Send()});
@@ -163,7 +152,7 @@ bool Note(boost::shared_ptr<Request>) {
     return ++gDone > 0;
 }
 
-/// One job to its end, one that is removed, one that is swept away.
+/// Runs one job to its end, removes another, and sweeps a third one away.
 std::string RunJobs(Scene& scene) {
     JobQueue queue;
     fd_set none = {};
@@ -217,7 +206,7 @@ using Files = std::map<std::string, std::string>;
 Files FilesOf(const TempRoot& root) {
     Files files;
     for (const char* folder : {"/etc", "/tmp", "/usr/zaro/etc"}) {
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(root.Path(folder))) {
+        for (const auto& entry : fs::recursive_directory_iterator(root.Path(folder))) {
             const std::string name = entry.path().string().substr(root.Dir().size());
             const auto mode = static_cast<unsigned>(entry.status().permissions());
             files[name] = std::to_string(mode) + (entry.is_regular_file() ? root.Read(name) : "");
@@ -226,7 +215,7 @@ Files FilesOf(const TempRoot& root) {
     return files;
 }
 
-/// How many descriptors are open, but for the web server's.
+/// How many descriptors are open, except the web server's.
 long Descriptors() {
     long count = 0;
     struct stat info = {};
@@ -245,7 +234,7 @@ struct TortureTest : testing::Test {
         after_ = FilesOf(scene.root);
     }
 
-    /// Runs the operation and tells its result, which files are there afterwards, and its log.
+    /// Runs the operation; returns its result, which files it left, and its log.
     std::string Run(Scene& scene, const Fault& fault = {}) {
         std::string text;
         const auto log = LogOf("", name_ == "network" ? 7 : 3, [&] {
@@ -279,13 +268,14 @@ struct TortureTest : testing::Test {
             const std::string outcome = Run(scene, {seam, static_cast<int>(++n), error, 0});
             reached = gFault.calls >= gFault.at;
             const std::string when = name_ + ", " + seam + " " + std::to_string(n);
-            // A file that could not be removed may stay as long as this process lives.
+            // A file that could not be removed may stay while this process lives.
             const bool stays = name_ == "token" && outcome == "+ odd";
             EXPECT_EQ(outcome, n + 1 < row.size() ? row[n + 1] : healthy) << when;
             EXPECT_EQ(Run(scene), stays ? outcome : healthy) << when;
-            EXPECT_TRUE(Descriptors() == descriptors && gHandles == handles) << when;
+            EXPECT_EQ(Descriptors(), descriptors) << when;
+            EXPECT_EQ(gHandles, handles) << when;
         }
-        EXPECT_TRUE(n > 1 && n + 1 >= row.size()) << name_ << " calls " << seam << " " << n - 1;
+        EXPECT_GE(n, std::max<std::size_t>(row.size() - 1, 2)) << name_ << " calls " << seam;
     }
 
     const HttpServer web_{"ok", 200, "127.0.0.1"};
@@ -295,7 +285,7 @@ struct TortureTest : testing::Test {
 
 } // namespace
 
-// The rows lie in a file of their own.
+// The rows are in torture.txt.
 TEST_F(TortureTest, EveryCallFailsOnce) {
     const std::map<std::string, int> errors = {{"EINTR", EINTR}, {"EINVAL", EINVAL}, {"SHORT", 0}};
     std::istringstream rows(boost::replace_all_copy(ReadFile(ZARO_TORTURE), "\n+", ""));

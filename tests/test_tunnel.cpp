@@ -5,13 +5,12 @@
 #include "tests/support/unit.h"
 
 using namespace ZARO::Relay;
-namespace fs = std::filesystem;
 using Texts = std::vector<std::string>;
 
 namespace {
 
 struct TunnelTest : RootTest {
-    /// What a forked child allocates may wait for ever for another thread's lock.
+    /// A forked child must not allocate: it could wait forever for another thread's lock.
     TunnelTest() {
         pthread_atfork(nullptr, nullptr, [] { gAllocationsUntilOneFails = 0; });
     }
@@ -47,7 +46,8 @@ TEST_F(TunnelTest, ComparesAndJudgesSettings) {
     for (const auto& row : rows) {
         Tunnel tunnel = With(row.first);
         EXPECT_TRUE(Logs("tunnel", 7, row.second, [&] { EXPECT_FALSE(tunnel.Create()); }));
-        EXPECT_TRUE(tunnel != With() && tunnel.GetStatus() == TUNNEL_STATUS_NONE && NoFileLeft());
+        EXPECT_EQ(tunnel.GetStatus(), TUNNEL_STATUS_NONE);
+        EXPECT_EQ(Signs({tunnel != With(), NoFileLeft()}), "++");
     }
 }
 
@@ -63,14 +63,15 @@ TEST_F(TunnelTest, StartsWatchesAndStopsTheClient) {
                               "><-o><NoneEnabled=yes><-o><NoneSwitch=yes>"
                               "<-NfR40123:localhost:8080><user@r.example>");
     EXPECT_EQ(ssh.Password(), "600\npass word");
-    EXPECT_TRUE(tunnel == With() && tunnel.IsAlive() && !tunnel.CheckStatusChanged() &&
-                NoFileLeft());
+    EXPECT_TRUE(tunnel == With());
+    EXPECT_EQ(Signs({tunnel.IsAlive(), tunnel.CheckStatusChanged(), NoFileLeft()}), "+-+");
     EXPECT_TRUE(tunnel.Destroy());
     EXPECT_EQ(tunnel.GetStatus(), TUNNEL_STATUS_READY);
     EXPECT_EQ(ssh.Reap(), SIGTERM);
-    EXPECT_TRUE(tunnel.CheckStatusChanged() && !tunnel.CheckStatusChanged() && !tunnel.IsAlive());
-    EXPECT_TRUE(tunnel.GetStatus() == TUNNEL_STATUS_CLOSE &&
-                Parse(Written(tunnel, true))["pid"] == -1);
+    EXPECT_EQ(Signs({tunnel.CheckStatusChanged(), tunnel.CheckStatusChanged()}), "+-");
+    EXPECT_FALSE(tunnel.IsAlive());
+    EXPECT_EQ(tunnel.GetStatus(), TUNNEL_STATUS_CLOSE);
+    EXPECT_EQ(Parse(Written(tunnel, true))["pid"], -1);
     for (const auto& [id, port] : {std::pair("syncbay", "6691>"), std::pair("syncbay2", "8080>")}) {
         const ScriptedSsh other(root_);
         EXPECT_TRUE(With(std::string("{\"id\":\"") + id + "\"}").Create());
@@ -86,20 +87,22 @@ TEST_F(TunnelTest, TellsHowALogInFailed) {
         {"echo root ssh -d $file > $ZARO_ROOT/ssh.ps", "0; get tunnel pid failed"}};
     for (const auto& [script, text] : rows) {
         const ScriptedSsh ssh(root_, script);
-        const bool none = text == "0; pclose failed"; // what is not found is told, and no failure
+        const bool none = text == "0; pclose failed"; // logged, but not a failure
         Tunnel tunnel = With();
         const Texts log = LogOf("tunnel", 7, [&] { EXPECT_EQ(tunnel.Create(), none); });
         EXPECT_EQ(log.at(1) + "; " + log.at(2), "ssh returned: " + text) << script;
         EXPECT_EQ(tunnel.GetStatus(), none ? TUNNEL_STATUS_READY : TUNNEL_STATUS_FAILED);
-        EXPECT_TRUE(!tunnel.IsAlive() && NoFileLeft()) << script; // the client has been reaped
+        EXPECT_EQ(Signs({tunnel.IsAlive(), NoFileLeft()}), "-+") << script; // the client is reaped
     }
 }
 
 TEST_F(TunnelTest, ReturnsInTheChildWhenThereIsNoClient) {
     const Texts log = LogOf("tunnel", 7, [self = getpid(), this] {
         const bool created = With().Create();
-        getpid() != self ? _exit(77) : void();
-        EXPECT_FALSE(created || With().RunSSHTunnel(nullptr) || !NoFileLeft());
+        if (getpid() != self) {
+            _exit(77);
+        }
+        EXPECT_EQ(Signs({created, With().RunSSHTunnel(nullptr), NoFileLeft()}), "--+");
     });
     EXPECT_THAT(log, testing::ElementsAre(testing::StartsWith("/usr/zaro/bin/ssh -d "),
                                           "execl SSH failed, No such file or directory",
@@ -117,7 +120,7 @@ TEST_F(TunnelTest, ServiceIdsStayInTheFolderAndAreNotExecuted) {
         EXPECT_EQ(created, tunnel.GetStatus() == TUNNEL_STATUS_READY) << id;
         EXPECT_FALSE(fs::exists(root_.Path("/x"))) << id;
         EXPECT_EQ(ssh.Argv().find("<-d><" + PasswordFile("")) != std::string::npos, created) << id;
-        EXPECT_TRUE(!created || Parse(Written(tunnel, true))["pid"] == ssh.Pid()) << id;
+        EXPECT_EQ(Parse(Written(tunnel, true))["pid"], created ? ssh.Pid() : -1) << id;
         fs::remove(PasswordFile("d"));
         EXPECT_TRUE(NoFileLeft()) << id;
     }
@@ -126,12 +129,12 @@ TEST_F(TunnelTest, ServiceIdsStayInTheFolderAndAreNotExecuted) {
 TEST_F(TunnelTest, PasswordsAreNeverOthersToRead) {
     const std::string path = PasswordFile("web");
     fs::create_directories(path + "/in the way");
-    fs::permissions(root_.Path("/tmp"), fs::perms(0755)); // where no stranger can have put it
+    fs::permissions(root_.Path("/tmp"), fs::perms(0755)); // so no other user can have put it there
     EXPECT_TRUE(Logs("tunnel", 3, "open [" + path + "] failed, Is a directory",
                      [&] { EXPECT_FALSE(With().WritePassFile(path)); }));
     fs::permissions(root_.Path("/tmp"), fs::perms(01777));
-    EXPECT_TRUE(With().WritePassFile(path) && fs::remove(path));
-    // Somebody has made the file, open to all, and waits with an open descriptor.
+    EXPECT_EQ(Signs({With().WritePassFile(path), fs::remove(path)}), "++");
+    // Another user has made the file, open to all, and keeps a descriptor.
     const int spy = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     With().WritePassFile(path);
     EXPECT_EQ(lseek(spy, 0, SEEK_END), 0);

@@ -1,14 +1,14 @@
 /// Half an hour of random faults on a hub and its devices, all of them the real programs, while
-/// visitors come all along. Nothing may leak, stay away, or send a visitor wrong bytes.
+/// visitors keep coming. Nothing may leak, stay unreachable, or send a visitor wrong bytes.
 ///
 ///   soak [MINUTES] [SEED]
 ///
-/// The faults are dealt from a deck, without return. Every deck begins with what kills a hub or a
-/// daemon, and has all the other faults after that. Figures are taken at rest at the end of a deck:
-/// of the first, which warms everything up, and of the last. So a process that was started anew has
-/// lived through the same faults as those that it is compared with. After the warm-up the first
-/// device's daemon is spared, and the hub is in the second half of the time, so that these show
-/// what grows slowly. Ends with code 1 when something is wrong.
+/// The faults are dealt from a deck, each once. Every deck begins with the faults that kill a hub
+/// or a daemon; the others follow. Figures are taken at rest, at the end of the first deck, which
+/// warms everything up, and of the last one. So a process that was restarted has lived through the
+/// same faults in both. After the warm-up nothing kills the first device's daemon, nor the hub in
+/// the second half of the time: these two show what grows slowly. Exit code 1 when something is
+/// wrong.
 #include <atomic>
 #include <cstdio>
 #include <functional>
@@ -20,13 +20,13 @@
 
 namespace {
 
-/// After the last fault everything must be reachable, and the status must say so, within this: a
-/// long poll on a dead line is given up after 65 s, and after many failures the next waits up to
+/// Within this time after the last fault everything must be reachable, and the status must say so.
+/// A long poll on a dead line times out after 65 s; after many failures the next one waits up to
 /// 300 s.
 constexpr milliseconds kRecovers{(65 + 300 + 15) * 1000 * kSlow};
-/// Longer than any time-out: of a long poll 65 s, of an idle connection or a session less.
+/// Longer than any time limit: 65 s for a long poll, less for an idle connection or a session.
 constexpr seconds kRest{75};
-/// Of the visitors, of whom a fault may have left some waiting for a second or two.
+/// Until a visitor is served: a fault may have left them waiting for a second or two.
 constexpr seconds kServed{15 * kSlow};
 constexpr long kTolerance = 2; // per cent
 
@@ -52,8 +52,8 @@ void Expect(bool holds, const std::string& what) {
 
 // --- visitors
 
-/// One visitor per service, again and again. What comes back may be cut short by a fault; it may
-/// not be anything else.
+/// One visitor per service, again and again. A fault may cut short what comes back, but may not
+/// change it.
 class Visitors : NoCopy {
 public:
     Visitors(const World& world, unsigned seed) {
@@ -62,7 +62,11 @@ public:
                 threads_.emplace_back([this, &site, name, seed] {
                     Random random(seed + std::hash<std::string>()(name));
                     while (!over_) {
-                        pause_ ? (void)poll(nullptr, 0, 100) : Visit(site->device, name, random);
+                        if (pause_) {
+                            poll(nullptr, 0, 100);
+                        } else {
+                            Visit(site->device, name, random);
+                        }
                     }
                 });
             }
@@ -95,7 +99,7 @@ private:
             whole = Takes(line, visitor.Ask(line));
         }
         ++(whole ? served : cut);
-        poll(nullptr, 0, whole ? 20 : 200); // an honest visitor's pace
+        poll(nullptr, 0, whole ? 20 : 200); // a visitor's pace
     }
 
     bool Takes(const std::string& wanted, const std::string& came) {
@@ -110,8 +114,8 @@ private:
 
 // --- figures
 
-/// What a process holds on to. Pages of mapped files come and go as the machine likes, so that
-/// growth is that of the memory of its own, in relation to all that is resident.
+/// The resources that a process holds. Pages of mapped files come and go, so growth is counted in
+/// the process's own memory, relative to all that is resident.
 struct Figures {
     long fds = 0;
     long threads = 0;
@@ -126,7 +130,7 @@ struct Figures {
             const std::size_t at = status.find("\n" + key + ":");
             return at == status.npos ? 0L : atol(status.c_str() + at + key.size() + 2);
         };
-        std::error_code none; // of a process that is gone: 0 descriptors, which fits nothing
+        std::error_code none; // a process that is gone has 0 descriptors, which never fits
         fds = std::distance(std::filesystem::directory_iterator(folder + "/fd", none), {});
         threads = number("Threads");
         rss = number("VmRSS");
@@ -152,7 +156,7 @@ struct Figures {
     }
 };
 
-/// Those of the hub, then of the daemons.
+/// The hub's figures, then those of the daemons.
 std::vector<Figures> Measure(const World& world) {
     std::vector<Figures> all = {Figures(world.hub.Pid(), 1)};
     for (const auto& site : world.sites) {
@@ -173,7 +177,7 @@ public:
         Deal(true, false);
         Rest();
         std::vector<Figures> base = Measure(world_);
-        (void)Within(kRest, [&] { // what is still on its way out shows
+        (void)Within(kRest, [&] { // resources still being released show up
             const std::vector<Figures> now = Measure(world_);
             for (std::size_t i = 0; i < now.size(); ++i) {
                 base[i].TakeLeast(now[i]);
@@ -194,7 +198,7 @@ public:
 private:
     void Deal(bool isWarmUp, bool spareHub) {
         std::vector<Fault> deck = MakeDeck();
-        deck.erase(deck.begin(), deck.begin() + (spareHub ? 1 : 0)); // its killing
+        deck.erase(deck.begin(), deck.begin() + (spareHub ? 1 : 0)); // not the fault that kills it
         std::shuffle(deck.begin(), deck.end(), random_);
         std::stable_partition(deck.begin(), deck.end(), [](const Fault& f) { return !f.kills; });
         for (int step = 1; !deck.empty() && gWrong == 0; ++step) {
@@ -205,7 +209,7 @@ private:
         }
     }
 
-    /// One fault, or two at once; `first` is the first device whose daemon may be killed.
+    /// Lets one fault happen, or two at once. `first`: the first device whose daemon may be killed.
     void Befall(std::vector<Fault>& deck, std::size_t first) {
         std::vector<Heal> heals;
         std::set<std::size_t> struck;
@@ -222,7 +226,7 @@ private:
                      (fault.place == kDevice ? " (" + std::to_string(place) + ")" : "");
             heals.push_back(fault.strike(world_, *world_.sites[place], service));
         }
-        // Now and then as long as it takes to notice that a line is dead.
+        // Now and then long enough for a dead line to be noticed.
         const std::size_t hold = Draw(random_, 0, 4) == 0 ? 17000 : Draw(random_, 200, 4000);
         Say(names + ", " + std::to_string(hold) + " ms");
         poll(nullptr, 0, static_cast<int>(hold));
@@ -254,7 +258,7 @@ private:
         }
     }
 
-    /// Without visitors, and without the connections that a path has lost.
+    /// Stops the visitors and ends the connections that a path has lost.
     void Rest() {
         visitors_.Pause(true);
         for (FaultProxy& path : world_.paths) {

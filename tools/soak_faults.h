@@ -1,4 +1,4 @@
-/// What tools/soak.cpp puts under strain, and the faults that befall it.
+/// The hub and the devices of tools/soak.cpp, and the faults that happen to them.
 #pragma once
 
 #include <functional>
@@ -25,7 +25,7 @@ struct Site : NoCopy {
         }
     }
 
-    /// Has a service on another port.
+    /// Moves a service to another port.
     void Open(std::size_t i) {
         services[i] = std::make_unique<WebService>(names[i]);
         device.Define(names[i], services[i]->Port());
@@ -68,7 +68,7 @@ using Strike = std::function<Heal(World&, Site&, std::size_t service)>;
 
 enum Place { kControl, kRelay, kHub, kDevice };
 
-/// A fault befalls the hub, a path or a device; two at once never befall the same.
+/// A fault of the hub, a path or a device; two at once never hit the same one.
 struct Fault {
     std::string name;
     Place place;
@@ -80,12 +80,17 @@ inline void Nothing() {
 }
 
 inline Heal Stop(pid_t pid) {
-    // An ssh may be gone by then: another process is not asked to go on.
+    // An ssh may be gone by then; another process with its id must get no signal.
     const std::string file = "/proc/" + std::to_string(pid) + "/cmdline";
     const std::string line = ReadFile(file);
-    (void)(pid > 0 ? kill(pid, SIGSTOP) : 0);
-    return
-        [pid, file, line] { (void)(pid > 0 && ReadFile(file) == line ? kill(pid, SIGCONT) : 0); };
+    if (pid > 0) {
+        kill(pid, SIGSTOP);
+    }
+    return [pid, file, line] {
+        if (pid > 0 && ReadFile(file) == line) {
+            kill(pid, SIGCONT);
+        }
+    };
 }
 
 inline Heal StopHub(World& world, Site&, std::size_t) {
@@ -112,8 +117,7 @@ inline Heal KillDaemon(World&, Site& site, std::size_t) {
 }
 
 inline Heal KillSsh(World&, Site& site, std::size_t i) {
-    const pid_t pid = site.device.Ssh(site.names[i]);
-    (void)(pid > 0 ? kill(pid, SIGKILL) : 0);
+    (void)site.device.SignalSsh(site.names[i]); // it may be gone already
     return Nothing;
 }
 

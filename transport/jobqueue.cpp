@@ -52,7 +52,7 @@ bool Job::Write(Json::Value& out) const {
 // --- JobQueue
 
 JobQueue::JobQueue() : multi_(nullptr), running_(0) {
-    // These two texts end their own line, and so leave an empty one: it is how they are known.
+    // This text and GetFdSet's have a newline, which leaves an empty line: readers know them so.
     if (curl_global_init(CURL_GLOBAL_ALL) != CURLE_OK) {
         RELAY_LOG(log::Error, "curl_global_init() failed\n");
     }
@@ -63,13 +63,13 @@ JobQueue::JobQueue() : multi_(nullptr), running_(0) {
 }
 
 JobQueue::~JobQueue() {
-    curl_global_cleanup(); // first, on purpose; libcurl takes it
+    curl_global_cleanup(); // first, on purpose: libcurl allows it
     if (multi_ != nullptr) {
         curl_multi_cleanup(multi_);
     }
     for (const Job& job : jobs_) {
         if (job.schedule == 0) {
-            job.request->LeaveMulti(); // whoever else holds it may go on using it
+            job.request->LeaveMulti(); // others who hold it may go on using it
         }
     }
 }
@@ -168,7 +168,7 @@ int JobQueue::GetTimeOffset() const {
             offset = std::min(offset, job.schedule - now);
         }
     }
-    // After a clock without a battery was set a job may be overdue by more than fits.
+    // Once a clock without a battery is set, a job can be overdue by more than fits.
     return static_cast<int>(std::max<long>(offset, std::numeric_limits<int>::min()));
 }
 

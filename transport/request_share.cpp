@@ -20,8 +20,8 @@ bool Request::blForbidConnReuse = false;
 
 namespace {
 
-/// Shares that were replaced while requests still used them. libcurl gives one back only when the
-/// last of these is gone, so each is tried again later: a daemon that drops its names for years
+/// Shares that were replaced while requests still used them. libcurl frees a share only when the
+/// last of its requests is gone, so each is retried later: a daemon that drops its names for years
 /// must not grow.
 std::vector<CURLSH*>& RetiredShares() {
     static std::vector<CURLSH*> shares;

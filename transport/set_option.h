@@ -1,5 +1,5 @@
-/// Sets an option of a libcurl easy handle; true when it was taken, else it is logged, in a text
-/// that has no blank before its "to".
+/// Sets an option of a libcurl easy handle. True when libcurl takes it; else false, logged. The
+/// text has no blank before its "to", and that is kept.
 #pragma once
 
 #include <curl/curl.h>

@@ -14,7 +14,7 @@ namespace ZARO::Relay::ssh {
 
 namespace {
 
-/// Our own are close-on-exec anyway, and the process may have a limit of millions.
+/// Where the loop stops: the process's limit may be millions, and ours are close-on-exec anyway.
 constexpr int kMostDescriptors = 4096;
 
 /// Marks every descriptor but the standard ones as close-on-exec; libraries open some without it.
@@ -27,8 +27,8 @@ void HideDescriptors() {
     }
 }
 
-/// A path as a pattern for grep, inside the double quotes of a shell command. Escapes what has a
-/// meaning there; only "." stays as it is, and matches more than itself.
+/// Escapes a path for grep's pattern inside the double quotes of a shell command. "." stays as it
+/// is: it only matches more.
 std::string AsQuotedPattern(const std::string& path) {
     std::string quoted;
     for (const char c : path) {

@@ -1,4 +1,4 @@
-/// The texts of a tunnel that reach a file name, a shell or an argument vector.
+/// How a tunnel's texts become part of a file name, a shell command and an argument vector.
 #pragma once
 
 #include <array>
@@ -9,8 +9,8 @@ namespace ZARO::Relay::ssh {
 /// A service id as part of a file name: it can't lead to another folder or break a line.
 std::string AsFileName(const std::string& id);
 
-/// The shell command that lists the ssh process whose command line names that password file. Any
-/// path is safe, unless it holds a zero byte.
+/// The shell command that lists the ssh process whose command line names that password file. The
+/// path may hold any byte but zero.
 std::string PidSearch(const std::string& passFile);
 
 /// What differs between the clients of two tunnels.
@@ -22,7 +22,7 @@ struct Way {
 };
 
 /// The SSH client's whole command line, made before a fork, so that nothing allocates after it.
-/// Host and user go in as they are.
+/// Host and user go in unchanged.
 class Client {
 public:
     Client(const std::string& passFile, const Way& way);
@@ -34,8 +34,9 @@ public:
     const char* Forward() const { return arguments_[7].c_str(); }
     const char* Destination() const { return arguments_[8].c_str(); }
 
-    /// Becomes the client, which gets the standard descriptors only. Returns, with errno, when it
-    /// can't be executed. Safe between fork and exec: it neither allocates nor locks nor logs.
+    /// Replaces this process by the client, which gets the standard descriptors only. Returns, with
+    /// errno, when it can't be executed. Safe between fork and exec: it neither allocates nor locks
+    /// nor logs.
     void Execute() const;
 
 private:

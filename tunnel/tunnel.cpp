@@ -24,9 +24,8 @@ namespace ZARO::Relay {
 
 namespace {
 
-/// The number of the error for which a forked child could not become the client, told to its
-/// parent. It lies in memory that both share: a log line in the child could wait for ever for a
-/// lock that another thread held at the fork.
+/// Carries the errno of a failed exec from the forked child to its parent, in shared memory: a log
+/// line in the child could wait for ever for a lock that another thread held at the fork.
 class ChildsError {
 public:
     ChildsError()
@@ -44,7 +43,7 @@ public:
             *static_cast<volatile int*>(shared_) = error;
         }
     }
-    /// 0 when the child became the client, and when the shared memory could not be had.
+    /// 0 when the exec succeeded, or when there was no memory to share.
     int Get() const { return shared_ != MAP_FAILED ? *static_cast<volatile int*>(shared_) : 0; }
 
 private:
@@ -88,7 +87,7 @@ Tunnel::Tunnel(const Json::Value& v) : Tunnel() {
     Tunnel::Overwrite(v);
 }
 
-Tunnel::~Tunnel() = default; // the ssh process goes on
+Tunnel::~Tunnel() = default; // the ssh process keeps running
 
 bool Tunnel::Overwrite(const Json::Value& v) {
     json::Get(v, "relay_ip", relay_ip_);
@@ -112,7 +111,7 @@ bool Tunnel::IsValid() const {
 }
 
 bool Tunnel::Write(Json::Value& out, bool full) const {
-    if (!service_.Write(out, true)) {
+    if (!service_.Write(out, kFullForm)) {
         return false;
     }
     out["relay_ip"] = relay_ip_;
@@ -172,7 +171,7 @@ bool Tunnel::IsAlive() {
     if (kill(pid_, 0) == 0) {
         return true;
     }
-    pid_ = -1; // whatever the error: a process that we may not signal is not ours any more
+    pid_ = -1; // whatever the error: what can't be signalled is not ours any more
     return false;
 }
 
@@ -200,7 +199,7 @@ bool Tunnel::WritePassFile(const std::string& path) const {
         struct stat info = {};
         const bool folder =
             errno == EEXIST && lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-        errno = folder ? EISDIR : errno; // EEXIST would not say what is wrong
+        errno = folder ? EISDIR : errno; // the cause, for the log line
         RELAY_LOG(log::Error, "open [%s] failed, %s", path.c_str(), strerror(errno));
         unlink(path.c_str());
         return false;
@@ -225,8 +224,8 @@ bool Tunnel::Create() {
     if (!IsValid()) {
         return false;
     }
-    // All that may run out of memory comes before the password file, which must not outlive this
-    // call, and all that may lock comes before the fork.
+    // Everything that allocates comes before the password file, which must not outlive this call;
+    // everything that locks comes before the fork.
     const ssh::Client client(passFile, {relay_user_, relay_ip_, relay_port_, LocalPort(service_)});
     const std::string search = ssh::PidSearch(passFile);
     ChildsError error;
@@ -259,8 +258,8 @@ bool Tunnel::FindBackgroundPid(const char* search) {
         RELAY_LOG(log::Error, "get ssh info failed");
         return false;
     }
-    // Nothing found counts as success with the foreground's pid: the tunnel may stand all the same,
-    // and if it does not, the next check finds that process gone.
+    // Nothing found counts as success with the foreground's pid: the tunnel may be up all the same,
+    // and if it is not, the next check finds that process gone.
     bool good = true;
     char* line = nullptr;
     std::size_t size = 0;
@@ -273,7 +272,7 @@ bool Tunnel::FindBackgroundPid(const char* search) {
             pid_ = -1;
         }
     }
-    // Ids that begin alike match too. The rest is read as well: grep would fail on a closed pipe.
+    // Ids that begin alike match too. Reads the rest, so that grep does not fail on a closed pipe.
     while (getline(&line, &size, output) >= 0) {
     }
     if (pclose(output) != 0) {

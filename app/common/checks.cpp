@@ -26,7 +26,7 @@ bool ConsistsOf(const std::string& text, const char* extra) {
 
 bool IsAddress(const std::string& host) {
     in6_addr address;
-    return host.find('\0') == std::string::npos && // what is behind one would go unchecked
+    return host.find('\0') == std::string::npos && // inet_pton would stop there
            (inet_pton(AF_INET, host.c_str(), &address) == 1 ||
             inet_pton(AF_INET6, host.c_str(), &address) == 1);
 }
@@ -56,7 +56,7 @@ bool IsPagePath(const std::string& page) {
 }
 
 bool IsRelayUser(const std::string& user) {
-    // What the device's ssh takes: its configuration may put the name into a command.
+    // The device's ssh takes no others, since its configuration may put the name into a command.
     return !user.empty() && user.size() <= kLongestUser && user[0] != '-' &&
            ConsistsOf(user, "._-+=");
 }
@@ -67,6 +67,12 @@ bool IsPort(int port) {
 
 bool IsAliasName(const std::string& name) {
     return !name.empty() && name.size() <= kLongestId && ConsistsOf(name, "_-.");
+}
+
+bool IsPlainAliasName(const std::string& name) {
+    return IsAliasName(name) && std::none_of(name.begin(), name.end(), [](char c) {
+               return c == '_' || c == '.' || (c >= 'A' && c <= 'Z');
+           });
 }
 
 } // namespace ZARO::Relay::app

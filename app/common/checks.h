@@ -7,7 +7,7 @@ namespace ZARO::Relay::app {
 /// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
 bool IsServiceId(const std::string& id);
 
-/// A host name, "_" allowed as in local networks, or an IPv4 or IPv6 address.
+/// A host name, in which "_" is allowed as in local networks, or an IPv4 or IPv6 address.
 bool IsRelayHost(const std::string& host);
 
 /// A host as it stands in a URL, where an IPv6 address is in brackets.
@@ -21,7 +21,11 @@ bool IsRelayUser(const std::string& user);
 
 bool IsPort(int port);
 
-/// 1 to 63 of letters, digits, "_", "-", ".": nothing that has a meaning in a form.
+/// An alias that may go to a server: 1 to 63 of letters, digits, "_", "-", ".", of which none has a
+/// meaning in a form. Servers differ in what they accept, so the daemon leaves the rest to them.
 bool IsAliasName(const std::string& name);
+
+/// An alias that users may choose: 1 to 63 of a-z, 0-9, "-", which every server accepts.
+bool IsPlainAliasName(const std::string& name);
 
 } // namespace ZARO::Relay::app

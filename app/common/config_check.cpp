@@ -1,25 +1,18 @@
 #include "app/common/config_check.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 
-#include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
 #include "app/common/checks.h"
 #include "base/json.h"
+#include "base/read_file.h"
 
 namespace ZARO::Relay::app {
 
 namespace {
-
-constexpr off_t kLargestFile = off_t{1} << 20; // bytes; the library takes no larger one
 
 enum class Kind { Text, Port, Level, Seconds, Object, List };
 
@@ -90,7 +83,8 @@ public:
     }
 
     template <std::size_t N>
-    void Check(const Json::Value& object, const Rule (&rules)[N], const std::string& prefix) {
+    void CheckMembers(const Json::Value& object, const Rule (&rules)[N],
+                      const std::string& prefix) {
         if (!object.isObject()) {
             return;
         }
@@ -109,7 +103,7 @@ private:
     std::vector<std::string> lines_;
 };
 
-/// Keeps the library's own lines about the same faults off.
+/// Keeps the library from logging the same faults in its own words.
 class Quiet {
 public:
     Quiet() : level_(Daemon::_logLevel) { Daemon::_logLevel = -1; }
@@ -126,7 +120,7 @@ void CheckServer(Report& report, const Json::Value& config, const char* key) {
     if (server == nullptr) {
         return;
     }
-    report.Check(*server, kServerRules, std::string(key) + ".");
+    report.CheckMembers(*server, kServerRules, std::string(key) + ".");
     const Json::Value* protocol = json::Find(*server, "protocol");
     if (protocol != nullptr && protocol->isString() && *protocol != "http" &&
         *protocol != "https") {
@@ -142,7 +136,7 @@ void CheckServices(Report& report, const Json::Value& config) {
     for (Json::ArrayIndex i = 0; i < list->size(); ++i) {
         const Json::Value& entry = (*list)[i];
         const std::string place = "service[" + std::to_string(i) + "]";
-        report.Check(entry, kServiceRules, place + ".");
+        report.CheckMembers(entry, kServiceRules, place + ".");
         const std::string id = json::TextOf(entry, "id");
         if (!IsServiceId(id)) {
             report.Add(place + ".id", "expected 1 to 63 of letters, digits, \"_\", \"-\", \".\"");
@@ -152,85 +146,81 @@ void CheckServices(Report& report, const Json::Value& config) {
     }
 }
 
-} // namespace
-
-bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& config,
-                    std::string& fault) {
-    config = Json::Value(Json::objectValue);
-    struct stat info = {};
-    const bool there = stat(path.c_str(), &info) == 0;
-    if (!there && errno == ENOENT && mayBeMissing) {
-        return true;
-    }
-    const char* reason = !there                        ? strerror(errno)
-                         : !S_ISREG(info.st_mode)      ? "not a file" // a FIFO would block
-                         : info.st_size > kLargestFile ? "larger than 1 MiB"
-                                                       : nullptr;
-    std::ifstream file;
-    if (reason == nullptr) {
-        file.open(path);
-        reason = file ? nullptr : strerror(errno);
-    }
-    if (reason != nullptr) {
-        fault = path + ": can't be read: " + reason;
-        return false;
-    }
-    std::ostringstream text;
-    text << file.rdbuf();
-    std::string wrong;
-    if (json::Parse(text.str(), config, wrong) && config.isObject()) {
-        return true;
-    }
-    fault = path + ": " + (wrong.empty() ? "expected a JSON object" : "expected JSON: " + wrong);
-    config = Json::Value(Json::objectValue);
-    return false;
-}
-
-namespace {
-
-std::vector<std::string> Check(const std::string& path, bool mayBeMissing, Json::Value& config,
-                               bool& unusable) {
-    const Quiet quiet;
-    Report report(path);
-    std::string fault;
-    unusable = !ReadConfigFile(path, mayBeMissing, config, fault);
-    if (unusable) {
-        return {fault};
-    }
-    report.Check(config, kTopRules, "");
+void CheckDocument(Report& report, const Json::Value& config) {
+    report.CheckMembers(config, kTopRules, "");
     CheckServer(report, config, "server_control");
     CheckServer(report, config, "server_waitcmd");
     if (const Json::Value* alias = json::Find(config, "server_alias")) {
-        report.Check(*alias, kAliasRules, "server_alias.");
+        report.CheckMembers(*alias, kAliasRules, "server_alias.");
     }
     CheckServices(report, config);
     const std::string id = json::TextOf(config, "serverID");
     if (TLIBRelaydVerifyServerId(id.c_str()) == 0) {
         report.Add("serverID", "belongs to another device");
     }
-    RelaydConf conf(nullptr);
-    conf.Overwrite(config);
-    unusable = !conf.IsValid();
-    if (unusable && report.Lines().empty()) {
-        report.Add("", "expected usable servers and services");
+}
+
+/// Why a file could not be read.
+const char* ReasonOf(int error) {
+    switch (error) {
+    case EISDIR:
+    case EINVAL:
+        return "not a file";
+    case EFBIG:
+        return "larger than 1 MiB";
+    default:
+        return strerror(error);
     }
-    return report.Lines();
 }
 
 } // namespace
 
-std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
-                                         bool& unusable) {
-    Json::Value config;
-    return Check(path, mayBeMissing, config, unusable);
+bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& config,
+                    std::string& fault) {
+    config = Json::Value();
+    FileText file;
+    const Reading reading = ReadFile(path, file, Trust::Anybodys);
+    if (reading == Reading::Missing && errno == ENOENT && mayBeMissing) {
+        return true;
+    }
+    if (reading != Reading::Done) {
+        fault = path + ": can't be read: " + ReasonOf(errno);
+        return false;
+    }
+    std::string wrong;
+    if (json::Parse(file.text, config, wrong) && config.isObject()) {
+        return true;
+    }
+    fault = path + ": " + (wrong.empty() ? "expected a JSON object" : "expected JSON: " + wrong);
+    config = Json::Value();
+    return false;
 }
 
-std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable) {
-    Json::Value config;
-    std::vector<std::string> faults = Check(path, mayBeMissing, config, unusable);
-    const Json::Value* services = json::Find(config, "service");
-    unusable = unusable || (services != nullptr && !services->isArray());
-    return faults;
+CheckedConfig CheckConfigFile(const std::string& path, bool mayBeMissing) {
+    const Quiet quiet;
+    CheckedConfig checked;
+    std::string fault;
+    if (!ReadConfigFile(path, mayBeMissing, checked.document, fault)) {
+        checked.faults = {fault};
+        checked.unusable = true;
+        return checked;
+    }
+    Report report(path);
+    CheckDocument(report, checked.document);
+    (void)checked.conf.Overwrite(checked.document); // without a document the defaults hold
+    checked.unusable = !checked.conf.IsValid();
+    if (checked.unusable && report.Lines().empty()) {
+        report.Add("", "expected usable servers and services");
+    }
+    checked.faults = report.Lines();
+    return checked;
+}
+
+CheckedConfig CheckReload(const std::string& path, bool mayBeMissing) {
+    CheckedConfig checked = CheckConfigFile(path, mayBeMissing);
+    const Json::Value* services = json::Find(checked.document, "service");
+    checked.unusable = checked.unusable || (services != nullptr && !services->isArray());
+    return checked;
 }
 
 } // namespace ZARO::Relay::app

@@ -6,22 +6,33 @@
 #include <string>
 #include <vector>
 
+#include <zarorelayd/config.h>
+
 namespace ZARO::Relay::app {
 
-/// Reads a configuration file without moving a broken one aside, as the library would. An empty
-/// object for a missing one when `mayBeMissing`. False, with a line that names the file in `fault`,
-/// when it can't be read or is no JSON object.
+/// A configuration file as it was read, once, and what is wrong with it.
+struct CheckedConfig {
+    Json::Value document;            ///< null when there is no file, or none that is a JSON object
+    RelaydConf conf{nullptr};        ///< the defaults and, over them, the document
+    std::vector<std::string> faults; ///< one line each: file, key and what was expected
+    bool unusable = false;           ///< the daemon can't start with it
+
+    /// Whether there is a JSON object, or no file where none is needed.
+    bool IsReadable() const { return !unusable || document.isObject(); }
+};
+
+/// Reads a configuration file. Unlike the library it never moves a broken one aside. `config` stays
+/// null for a missing one. False when it can't be read or is no JSON object, or when it is missing
+/// but must not be; `fault` is then a line that names the file.
 bool ReadConfigFile(const std::string& path, bool mayBeMissing, Json::Value& config,
                     std::string& fault);
 
-/// Each fault as one line that names the file and the key and says what was expected. Empty for a
-/// good file, and for a missing one when `mayBeMissing`. `unusable`: the daemon can't start with
-/// it.
-std::vector<std::string> CheckConfigFile(const std::string& path, bool mayBeMissing,
-                                         bool& unusable);
+/// Reads and checks a configuration file. A missing one has no faults when it `mayBeMissing`. The
+/// library logs nothing meanwhile, since `faults` says it better.
+CheckedConfig CheckConfigFile(const std::string& path, bool mayBeMissing);
 
-/// The same for a running daemon, which keeps what it has when `unusable`. It then does so as well
-/// when the services are no list: for the library that means none.
-std::vector<std::string> CheckReload(const std::string& path, bool mayBeMissing, bool& unusable);
+/// The same for a running daemon, which keeps its settings when `unusable`. That includes services
+/// that are no list, which the library would take for an empty one.
+CheckedConfig CheckReload(const std::string& path, bool mayBeMissing);
 
 } // namespace ZARO::Relay::app

@@ -1,16 +1,16 @@
-/// The lock by which those who change the configuration file take turns.
+/// The lock that programs hold while they change the configuration file.
 #pragma once
 
 #include <string>
 
 #include "base/own_lock.h"
-#include "base/replace_file.h"
 #include "base/paths.h"
+#include "base/replace_file.h"
 
 namespace ZARO::Relay::app {
 
-/// Held from the look at the file until it is replaced, so that of two programs that change it at a
-/// time neither loses its change. Readers need no lock: the file is replaced whole.
+/// Held from reading the file until it is replaced, so that two programs that change it at the same
+/// time don't undo each other's change. Readers need no lock: the file is replaced whole.
 class ConfigLock : public OwnLock {
 public:
     ConfigLock() : OwnLock(Path()) {}

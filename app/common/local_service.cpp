@@ -3,12 +3,12 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 
 #include "app/common/checks.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
 
@@ -16,21 +16,21 @@ namespace {
 
 constexpr int kProbeMilliseconds = 20;
 
-/// Connects to a loopback address; such a connection is accepted or refused almost at once.
-Reachable Probe(int family, const sockaddr* address, socklen_t length) {
-    const int fd = socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0) {
+/// Tries a loopback address, where a connection is accepted or refused almost at once.
+Reachable ProbeAddress(int family, const sockaddr* address, socklen_t length) {
+    const UniqueFd fd(socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd.IsOpen()) {
         return Reachable::Unknown;
     }
-    int error = connect(fd, address, length) == 0 ? 0 : errno;
+    int error = connect(fd.Get(), address, length) == 0 ? 0 : errno;
     if (error == EINPROGRESS) {
-        pollfd entry = {fd, POLLOUT, 0};
+        pollfd entry = {fd.Get(), POLLOUT, 0};
         socklen_t size = sizeof error;
         if (poll(&entry, 1, kProbeMilliseconds) == 1) {
-            (void)getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size); // else still in progress
+            (void)getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error,
+                             &size); // else still in progress
         }
     }
-    close(fd);
     if (error == 0) {
         return Reachable::Yes;
     }
@@ -47,7 +47,8 @@ Reachable ProbeLocalPort(int port) {
     v4.sin_family = AF_INET;
     v4.sin_port = htons(static_cast<uint16_t>(port));
     v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const Reachable overV4 = Probe(AF_INET, reinterpret_cast<const sockaddr*>(&v4), sizeof v4);
+    const Reachable overV4 =
+        ProbeAddress(AF_INET, reinterpret_cast<const sockaddr*>(&v4), sizeof v4);
     if (overV4 == Reachable::Yes) {
         return overV4;
     }
@@ -55,7 +56,8 @@ Reachable ProbeLocalPort(int port) {
     v6.sin6_family = AF_INET6;
     v6.sin6_port = htons(static_cast<uint16_t>(port));
     v6.sin6_addr = in6addr_loopback;
-    const Reachable overV6 = Probe(AF_INET6, reinterpret_cast<const sockaddr*>(&v6), sizeof v6);
+    const Reachable overV6 =
+        ProbeAddress(AF_INET6, reinterpret_cast<const sockaddr*>(&v6), sizeof v6);
     return overV6 == Reachable::Yes ? overV6 : overV4;
 }
 

@@ -1,34 +1,45 @@
 #include "app/common/pid_file.h"
 
-#include <limits.h>
 #include <unistd.h>
 
+#include <climits>
+#include <cstdlib>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string>
 
 #include <zarorelayd/daemon.h>
 
 #include "base/paths.h"
+#include "base/read_file.h"
 
 namespace ZARO::Relay::app {
 
 namespace {
 
-constexpr const char* kDaemon = "zarorelayd";
-/// Behind the PID file's name, whose own ending is ".pid".
+/// Follows the PID file's name, which itself ends in ".pid".
 constexpr const char* kLockEnding = ".lock";
 constexpr std::size_t kShortName = 15; // bytes
 
-/// The first 15 bytes of a process's name.
-std::string ShortName(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/comm");
-    std::string name;
-    std::getline(file, name);
-    return name;
+/// The text of a file; empty when it can't be read.
+std::string TextOf(const std::string& path) {
+    FileText file;
+    (void)ReadFile(path, file, Trust::Anybodys);
+    return file.text;
 }
 
-/// The lock file that a process has open, as a daemon does for its life; empty for none, and when
+bool EndsWith(const std::string& text, const std::string& ending) {
+    return text.size() > ending.size() &&
+           text.compare(text.size() - ending.size(), ending.size(), ending) == 0;
+}
+
+/// The first 15 bytes of a process's name.
+std::string ShortName(const std::string& process) {
+    const std::string name = TextOf("/proc/" + process + "/comm");
+    return name.substr(0, name.find('\n'));
+}
+
+/// The lock file that a process has open, as a daemon does all its life; empty when it has none or
 /// this user may not look.
 std::string LockHeldBy(const std::string& process) {
     std::error_code error; // the process may end meanwhile
@@ -37,8 +48,7 @@ std::string LockHeldBy(const std::string& process) {
     for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         std::error_code closed;
         std::string path = std::filesystem::read_symlink(*entry, closed);
-        if (path.size() > ending.size() &&
-            path.compare(path.size() - ending.size(), ending.size(), ending) == 0) {
+        if (EndsWith(path, ending)) {
             return path;
         }
     }
@@ -50,15 +60,15 @@ bool IsSameFile(const std::string& one, const std::string& other) {
     return std::filesystem::equivalent(one, other, missing);
 }
 
-/// Whether a process was told another root than ours on its command line. It tells no root that was
-/// given in another way.
+/// Whether a process's command line names another root than ours. A root that came from the
+/// environment does not show there.
 bool WasToldAnotherRoot(const std::string& process) {
-    std::ifstream file("/proc/" + process + "/cmdline");
+    std::istringstream words(TextOf("/proc/" + process + "/cmdline"));
     const std::string option = "--root";
     std::string root;
-    for (std::string word; std::getline(file, word, '\0');) {
+    for (std::string word; std::getline(words, word, '\0');) {
         if (word == option) {
-            std::getline(file, root, '\0');
+            std::getline(words, root, '\0');
         } else if (word.compare(0, option.size() + 1, option + "=") == 0) {
             root = word.substr(option.size() + 1);
         }
@@ -69,7 +79,12 @@ bool WasToldAnotherRoot(const std::string& process) {
 
 } // namespace
 
-std::string ProgramOf(const std::string& process) {
+pid_t ReadPidFile() {
+    const long pid = strtol(TextOf(Daemon::GetPidFile()).c_str(), nullptr, 10);
+    return pid > 0 && pid <= INT_MAX ? static_cast<pid_t>(pid) : 0;
+}
+
+std::string ProgramPathOf(const std::string& process) {
     char target[PATH_MAX];
     const ssize_t length =
         readlink(("/proc/" + process + "/exe").c_str(), target, sizeof target - 1);
@@ -77,18 +92,21 @@ std::string ProgramOf(const std::string& process) {
         return "";
     }
     std::string path(target, static_cast<std::size_t>(length));
-    const std::string deleted = " (deleted)"; // the program was upgraded while it runs
-    if (path.size() > deleted.size() &&
-        path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
+    const std::string deleted = " (deleted)"; // of a program that was upgraded while it runs
+    if (EndsWith(path, deleted)) {
         path.resize(path.size() - deleted.size());
     }
+    return path;
+}
+
+std::string ProgramOf(const std::string& process) {
+    const std::string path = ProgramPathOf(process);
     return path.substr(path.rfind('/') + 1);
 }
 
 bool RunsProgram(const std::string& process, const std::string& program) {
-    const std::string path = ProgramOf(process);
     // An upgrade may have renamed the file; the process keeps the name that it was started with.
-    return path == program || ShortName(process) == program.substr(0, kShortName);
+    return ProgramOf(process) == program || ShortName(process) == program.substr(0, kShortName);
 }
 
 std::string InstanceLockFile() {
@@ -98,7 +116,7 @@ std::string InstanceLockFile() {
 bool IsDaemonOfThisRoot(pid_t process) {
     const std::string name = std::to_string(process);
     if (process <= 0 || process == getpid() || access(("/proc/" + name).c_str(), F_OK) != 0 ||
-        !RunsProgram(name, kDaemon)) {
+        !RunsProgram(name, kDaemonName)) {
         return false;
     }
     const std::string lock = LockHeldBy(name);

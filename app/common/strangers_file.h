@@ -5,8 +5,8 @@
 
 namespace ZARO::Relay::app {
 
-/// Whether a file is there that no log may go into: a link, another user's, or one of several
-/// names.
+/// Whether this is a file that no log may go into: a link, another user's file, or one with several
+/// names. False when there is none.
 bool IsStrangersFile(const std::string& path);
 
 } // namespace ZARO::Relay::app

@@ -10,13 +10,13 @@ namespace {
 
 constexpr std::size_t kDetail = 160; // columns
 
-struct Look {
-    const char* mark;
+struct Mark {
+    const char* sign;
     const char* word;
     Tone tone;
 };
 
-Look LookOf(Outcome outcome) {
+Mark MarkOf(Outcome outcome) {
     switch (outcome) {
     case Outcome::Good:
         return {"ok", "good", Tone::Good};
@@ -60,7 +60,7 @@ Json::Value Chain::Document() const {
     for (const Link& link : links_) {
         Json::Value& entry = document["link"].append(Json::Value());
         entry["name"] = link.name;
-        entry["outcome"] = LookOf(link.outcome).word;
+        entry["outcome"] = MarkOf(link.outcome).word;
         entry["detail"] = link.detail;
         entry["remedy"] = link.remedy;
     }
@@ -70,11 +70,11 @@ Json::Value Chain::Document() const {
 std::string Chain::Render(bool colour) const {
     std::vector<std::vector<Cell>> rows;
     for (const Link& link : links_) {
-        const Look look = LookOf(link.outcome);
-        rows.push_back({{look.mark, look.tone},
+        const Mark mark = MarkOf(link.outcome);
+        rows.push_back({{mark.sign, mark.tone},
                         {Clean(link.name)},
                         {Clean(link.detail, kDetail),
-                         link.outcome == Outcome::Good ? Tone::Plain : look.tone}});
+                         link.outcome == Outcome::Good ? Tone::Plain : mark.tone}});
     }
     const Link* broken = FirstBroken();
     return Layout(rows, colour) + "\n" +

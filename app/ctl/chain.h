@@ -8,7 +8,7 @@
 
 namespace ZARO::Relay::ctl {
 
-/// A fault in an earlier link leaves later ones that need it unchecked.
+/// A link is not checked when it needs an earlier one that is broken.
 enum class Outcome { Good, Broken, NotChecked };
 
 struct Link {
@@ -24,11 +24,11 @@ public:
     void Broken(const std::string& name, const std::string& detail, const std::string& remedy);
     void NotChecked(const std::string& name, const std::string& detail);
 
-    /// Whether none is broken.
+    /// Whether no link is broken.
     bool Holds() const;
 
     Json::Value Document() const;
-    /// A line a link, then the remedy for the first that is broken.
+    /// One line per link, then the remedy for the first broken one.
     std::string Render(bool colour) const;
 
 private:

@@ -10,13 +10,12 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
+#include <zarorelayd/tunnel.h>
 
 #include "app/common/checks.h"
-#include "app/common/config_check.h"
 #include "app/common/local_service.h"
 #include "app/ctl/chain.h"
-#include "app/ctl/config_change.h"
-#include "app/ctl/control.h"
+#include "app/ctl/device.h"
 #include "app/ctl/probe.h"
 #include "app/ctl/report.h"
 #include "app/ctl/status.h"
@@ -36,47 +35,12 @@ constexpr int kFirstYear = 2024; // no device is older than this program
 constexpr int kLastYear = 2099;
 constexpr const char* kStockSsh = "/usr/bin/ssh";
 
-/// What all links are judged by, read once.
-struct Device {
-    Json::Value config;
-    std::string fault; ///< why there is no configuration
-    RelaydConf conf{nullptr};
-    bool usable = false;
-    Status status;
-    ServerConf waitServer{nullptr, nullptr}; ///< invalid while it is not known
-};
-
-/// The wait-command server is named by the file or, to a running daemon, by the control server.
-ServerConf FindWaitServer(const Device& device) {
-    Json::Value dump;
-    if (FindDaemon() == Presence::Running && FetchDump(dump) == kSuccess) {
-        const Json::Value* config = json::Find(dump, "config");
-        const Json::Value* server =
-            config != nullptr ? json::Find(*config, "server_waitcmd") : nullptr;
-        if (server != nullptr && device.status.document["state"] == "connected") {
-            return ServerConf(*server);
-        }
-    }
-    const bool named = json::Find(device.config, "server_waitcmd") != nullptr;
-    return named ? device.conf.waitcmd : ServerConf(nullptr, nullptr);
-}
-
-Device Look() {
-    Device device;
-    if (LookAtConfig(device.config, device.fault)) {
-        device.usable = device.conf.Overwrite(device.config) && device.conf.IsValid();
-    }
-    device.status = ReadStatus("");
-    device.waitServer = FindWaitServer(device);
-    return device;
-}
-
 // --- the device itself
 
 void CheckIdentity(Chain& chain, const Device& device) {
     const char* name = "hardware address";
     const std::string mac = AuthConf::RelaydGetMacAddressByIf("eth0");
-    const std::string id = json::TextOf(device.config, "serverID");
+    const std::string id = json::TextOf(device.config.document, "serverID");
     if (mac.empty()) {
         chain.Broken(name, "the device has none",
                      "name the network interface in " + paths::InfoFile() + " as nic=\"...\"");
@@ -91,16 +55,14 @@ void CheckIdentity(Chain& chain, const Device& device) {
 
 void CheckConfiguration(Chain& chain, const Device& device) {
     const char* name = "configuration";
-    bool unusable = false;
-    const std::string path = paths::ConfigFile();
-    const std::vector<std::string> faults = app::CheckConfigFile(path, true, unusable);
-    if (!faults.empty()) {
-        chain.Broken(name, faults.front(), "correct the file, then: zarorelayctl reload");
+    if (!device.config.faults.empty()) {
+        chain.Broken(name, device.config.faults.front(),
+                     "correct the file, then: zarorelayctl reload");
     } else {
-        const bool there = access(path.c_str(), F_OK) == 0;
-        chain.Good(name, there ? path : "no file, the defaults hold");
+        const bool there = device.config.document.isObject();
+        chain.Good(name, there ? paths::ConfigFile() : "no file, the defaults hold");
     }
-    if (device.conf.GetEnableConf()) {
+    if (device.config.conf.GetEnableConf()) {
         chain.Good("switch", "on");
     } else {
         chain.Broken("switch", "the relay service is switched off", "zarorelayctl enable");
@@ -148,14 +110,15 @@ void CheckSsh(Chain& chain) {
 }
 
 void CheckServices(Chain& chain, const Device& device) {
-    if (device.conf.services.empty()) {
-        chain.NotChecked("services", device.usable ? "none is published (zarorelayctl service add)"
-                                                   : "the configuration is broken");
+    if (device.config.conf.services.empty()) {
+        chain.NotChecked("services", device.config.unusable
+                                         ? "the configuration is broken"
+                                         : "none is published (zarorelayctl service add)");
     }
-    for (const ServiceConf& service : device.conf.services) {
+    for (const ServiceConf& service : device.config.conf.services) {
         const std::string name = "service " + service.id;
-        const std::string port = "port " + std::to_string(app::LocalPort(service));
-        if (app::ProbeLocalPort(app::LocalPort(service)) == app::Reachable::Yes) {
+        const std::string port = "port " + std::to_string(LocalPort(service));
+        if (app::ProbeLocalPort(LocalPort(service)) == app::Reachable::Yes) {
             chain.Good(name, port);
         } else {
             chain.Broken(name, port + " does not answer on this device", "start that service");
@@ -165,8 +128,8 @@ void CheckServices(Chain& chain, const Device& device) {
 
 // --- servers
 
-/// One server's links, of which each needs the one before.
-void ReportServer(Chain& chain, const std::string& server, const Probe& probe) {
+/// Adds one server's links. Each needs the one before.
+void ReportServer(Chain& chain, const std::string& server, const ServerProbe& probe) {
     const bool named = probe.reached >= Stage::Name;
     const bool connected = probe.reached >= Stage::Connected;
     if (named) {
@@ -202,35 +165,35 @@ void CheckServers(Chain& chain, const Device& device) {
     struct Server {
         const char* name;
         std::string url;
-        const char* unless; ///< why it has none
+        const char* unless; ///< why there is no URL
     };
     const auto urlOf = [&](bool known, const std::string& url) {
-        return device.usable && known ? url : "";
+        return !device.config.unusable && known ? url : "";
     };
-    const AliasConf& alias = device.conf.alias;
+    const AliasConf& alias = device.config.conf.alias;
     const Server servers[] = {
-        {"control server", urlOf(true, device.conf.control.GetUrl(nullptr)), ""},
+        {"control server", urlOf(true, device.config.conf.control.GetUrl(nullptr)), ""},
         {"wait-command server", urlOf(true, device.waitServer.GetUrl(nullptr)),
          "the control server names it"},
         {"alias server", urlOf(alias.IsAliasEnabled(), alias.GetUrl()), "there is no alias"}};
-    std::vector<Probe> probes;
+    std::vector<ServerProbe> probes;
     for (const Server& server : servers) {
         probes.emplace_back().url = server.url;
     }
-    Run(probes, kServerPatience);
+    RunProbes(probes, kServerPatience);
     for (std::size_t i = 0; i < probes.size(); ++i) {
         if (!probes[i].url.empty()) {
             ReportServer(chain, servers[i].name, probes[i]);
         } else {
-            chain.NotChecked(servers[i].name,
-                             device.usable ? servers[i].unless : "the configuration is broken");
+            chain.NotChecked(servers[i].name, device.config.unusable ? "the configuration is broken"
+                                                                     : servers[i].unless);
         }
     }
 }
 
-// --- the daemon and what it keeps up
+// --- the daemon and its relays
 
-/// Whether it is connected.
+/// Gives whether it is connected.
 bool CheckDaemon(Chain& chain, const Device& device) {
     const Json::Value& document = device.status.document;
     const std::string state = document["state"].asString();
@@ -240,7 +203,7 @@ bool CheckDaemon(Chain& chain, const Device& device) {
         chain.Broken("daemon", "belongs to another user", "run this as root");
     } else if (device.status.code != kSuccess) {
         chain.Broken("daemon", paths::StatusFile() + " is unusable", "zarorelayctl restart");
-    } else if (state == "connected" || state == "direct_connect") {
+    } else if (IsConnected(state)) {
         chain.Good("daemon", "connected");
         return true;
     } else if (state == "stoped") {
@@ -260,7 +223,7 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
         return;
     }
     std::vector<std::string> names;
-    std::vector<Probe> probes;
+    std::vector<ServerProbe> probes;
     for (const Json::Value& service : device.status.document["service"]) {
         const Json::Value& tunnel = service["tunnel"];
         const std::string name = "relay for " + service["id"].asString();
@@ -271,13 +234,12 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
                          "wait a moment, or ask whoever runs the server");
         } else if (probes.size() < kMostRelays) {
             names.push_back(name);
-            Probe& probe = probes.emplace_back();
-            const bool v6 = host.find(':') != std::string::npos;
-            probe.url = "http://" + (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+            ServerProbe& probe = probes.emplace_back();
+            probe.url = "http://" + HostAndPort(host, port);
             probe.direct = true;
         }
     }
-    Run(probes, kServerPatience);
+    RunProbes(probes, kServerPatience);
     for (std::size_t i = 0; i < probes.size(); ++i) {
         const std::string place = probes[i].url.substr(7);
         if (probes[i].fault.empty()) {
@@ -292,11 +254,11 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
 
 } // namespace
 
-int Check(bool json) {
-    const Device device = Look();
+int CheckChain(bool json) {
+    const Device device = ReadDevice();
     Chain chain;
-    // First, since another device's server id counts as a fault of the file too, where the remedy
-    // would be less plain.
+    // First: another device's server id is a fault of the file as well, but the remedy is clearer
+    // here.
     CheckIdentity(chain, device);
     CheckConfiguration(chain, device);
     CheckCredentials(chain);

@@ -21,7 +21,7 @@ namespace {
 constexpr int kGoOn = -1;
 constexpr const char* kVersion = "zarorelayctl " ZARO_VERSION;
 
-/// Everything that options and arguments are read into.
+/// The values of all options and arguments.
 struct Values {
     StatusOptions status;
     std::string text;
@@ -31,7 +31,7 @@ struct Values {
 
 using Action = std::function<int()>;
 
-/// Adds commands below one parser; the last one that was given decides the action.
+/// Adds commands to one parser. The last one on the command line sets the action.
 class Commands {
 public:
     Commands(CLI::App& parser, Action& action, Values& values)
@@ -98,7 +98,8 @@ void DescribeSettings(Commands& commands, Commands& service, Commands& alias, Co
             },
             "Tell whether an id is this device's: 0 yes, 1 no")
         ->type_name("ID");
-    commands.AddWithJson("check", "Check every link up to the relay, name what is broken", Check);
+    commands.AddWithJson("check", "Check every link up to the relay, name what is broken",
+                         CheckChain);
     commands.Add("version", "Print the version", [] {
         std::cout << kVersion << std::endl;
         return kSuccess;
@@ -108,10 +109,9 @@ void DescribeSettings(Commands& commands, Commands& service, Commands& alias, Co
     service.AddWithText("remove", "Withdraw a service", "ID", RemoveService);
     alias.AddWithJson("show", "The alias and its last outcome", ShowAlias);
     alias.AddWithText("set", "Take an alias", "NAME", [](const std::string& name) {
-        return name.empty() ? Fail(kNoAnswer, "an alias is not empty",
-                                   "see: zarorelayctl alias "
-                                   "clear")
-                            : SetAlias(name);
+        return name.empty()
+                   ? Fail(kNoAnswer, "an alias is not empty", "see: zarorelayctl alias clear")
+                   : SetAlias(name);
     });
     alias.Add("clear", "Give the alias up", [] { return SetAlias(""); });
     log.AddWithText("start", "Write a debug log", "FILE", StartLog);

@@ -7,12 +7,12 @@
 namespace ZARO::Relay::ctl {
 
 struct CommandLine {
-    std::string root;            ///< empty: the appliance's own
-    std::function<int()> action; ///< what was asked for; gives the exit code
+    std::string root;            ///< empty for the appliance's own
+    std::function<int()> action; ///< the command; gives the exit code
 };
 
-/// Reads the command line. -1 to go on; else the exit code, with everything printed: 0 for help and
-/// version, 2, with one line on standard error, for a fault.
+/// Reads the command line. -1 when there is a command to run. Else everything is printed, and the
+/// result is the exit code: 0 for help and version, 2 for a fault.
 int ReadCommandLine(int argc, char** argv, CommandLine& line);
 
 } // namespace ZARO::Relay::ctl

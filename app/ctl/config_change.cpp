@@ -5,15 +5,13 @@
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include <zarorelayd/config.h>
 
 #include "app/common/clock.h"
-#include "app/common/config_check.h"
 #include "app/ctl/report.h"
-#include "base/replace_file.h"
 #include "base/paths.h"
+#include "base/replace_file.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -21,43 +19,54 @@ namespace {
 
 constexpr app::seconds kLockPatience{5};
 
+int TellBroken(const std::string& fault) {
+    return Fail(kUnusable, fault, "correct the file");
+}
+
 } // namespace
 
-bool LookAtConfig(Json::Value& config, std::string& fault) {
-    return app::ReadConfigFile(paths::ConfigFile(), true, config, fault);
+int ReadConfig(Json::Value& document) {
+    std::string fault;
+    return app::ReadConfigFile(paths::ConfigFile(), true, document, fault) ? kSuccess
+                                                                           : TellBroken(fault);
 }
 
 ConfigChange::ConfigChange() : path_(paths::ConfigFile()) {
+    if (faccessat(AT_FDCWD, FolderOf(path_).c_str(), W_OK, AT_EACCESS) != 0) {
+        folderError_ = errno;
+    } else {
+        locked_ = lock_.Take(kLockPatience);
+    }
+    found_ = app::CheckConfigFile(path_, true);
 }
 
-int ConfigChange::Begin() {
-    const std::string folder = FolderOf(path_);
-    if (faccessat(AT_FDCWD, folder.c_str(), W_OK, AT_EACCESS) != 0) {
-        return Fail(kNoAnswer, folder + " can't be written to: " + strerror(errno),
+int ConfigChange::CheckReadable() const {
+    return found_.IsReadable() ? kSuccess : TellBroken(found_.faults.front());
+}
+
+int ConfigChange::CheckChangeable() const {
+    if (folderError_ != 0) {
+        return Fail(kNoAnswer, FolderOf(path_) + " can't be written to: " + strerror(folderError_),
                     RootOr("see whether it is there and can be written"));
     }
-    if (!lock_.Take(kLockPatience)) {
+    if (!locked_) {
         return Fail(kLocked, app::ConfigLock::Path() + " is held by another program",
                     "try again when that has ended");
     }
-    bool unusable = false;
-    const std::vector<std::string> faults = app::CheckConfigFile(path_, true, unusable);
-    if (unusable) {
-        return Fail(kUnusable, faults.front(), "correct the file first");
-    }
-    return kSuccess;
-}
-
-Json::Value ConfigChange::Read() const {
-    Json::Value config;
-    (void)RelaydConf::ReadJsonFile(path_, config); // true in every case
-    return config.isObject() ? config : Json::Value(Json::objectValue);
+    return found_.unusable ? Fail(kUnusable, found_.faults.front(), "correct the file first")
+                           : kSuccess;
 }
 
 int ConfigChange::Write(const Json::Value& config) const {
-    // The library also calls it a success when only the rename failed.
-    return RelaydConf::WriteJsonFile(path_, config) && Read() == config ? kSuccess
-                                                                        : TellNotWritten();
+    // Reads back, since the library reports success even when the final rename failed.
+    return RelaydConf::WriteJsonFile(path_, config) && ReadBack() == config ? kSuccess
+                                                                            : TellNotWritten();
+}
+
+Json::Value ConfigChange::ReadBack() const {
+    Json::Value config;
+    (void)RelaydConf::ReadJsonFile(path_, config); // true in every case
+    return config.isObject() ? config : Json::Value(Json::objectValue);
 }
 
 int TellNotWritten() {

@@ -1,37 +1,48 @@
-/// Changes of the daemon's configuration file.
+/// The daemon's configuration file, as commands read and change it.
 #pragma once
 
 #include <json/value.h>
 
-#include <string>
-
+#include "app/common/config_check.h"
 #include "app/common/config_lock.h"
 
 namespace ZARO::Relay::ctl {
 
-/// The content of the device's configuration file, by app::ReadConfigFile; it may be missing.
-bool LookAtConfig(Json::Value& config, std::string& fault);
+/// Reads the device's configuration file; `document` stays null when there is none. 0, or the exit
+/// code after printing the reason.
+int ReadConfig(Json::Value& document);
 
-/// Held while the file is changed, so that of two such programs at a time neither loses its change.
+/// One change of the file, which is locked while this object lives.
 class ConfigChange {
 public:
+    /// Waits up to 5 s for the lock, then reads the file in any case.
     ConfigChange();
 
-    /// Waits for other holders, 5 s at most, and checks the file. 0, or the exit code with the
-    /// reason told: no right to write, still held, or a file that is broken (it stays as it is).
-    int Begin();
+    /// The file as it was read.
+    const app::CheckedConfig& Found() const { return found_; }
 
-    /// Between Begin and the end of this object: the file's content, and its replacement. Write
-    /// gives 0, or the exit code with the reason told.
-    Json::Value Read() const;
+    /// What ReadConfig would give for the file that was read.
+    int CheckReadable() const;
+
+    /// 0 when the file may be changed. Else the exit code, after printing the reason: this user may
+    /// not write there, another program holds the lock, or the file is broken.
+    int CheckChangeable() const;
+
+    /// Replaces the content. 0, or the exit code after printing the reason.
     int Write(const Json::Value& config) const;
+
+    /// Reads the file again, to see whether a change is in it.
+    Json::Value ReadBack() const;
 
 private:
     std::string path_;
     app::ConfigLock lock_;
+    int folderError_ = 0; ///< errno when the file can't be replaced in its folder
+    bool locked_ = false;
+    app::CheckedConfig found_;
 };
 
-/// Says that the file could not be written and gives the code.
+/// Prints that the file could not be written and gives the exit code.
 int TellNotWritten();
 
 } // namespace ZARO::Relay::ctl

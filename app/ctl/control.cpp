@@ -1,13 +1,11 @@
 #include "app/ctl/control.h"
 
-#include <limits.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 
 #include <zarorelayd/config.h>
@@ -15,9 +13,9 @@
 
 #include "app/common/clock.h"
 #include "app/common/config_check.h"
+#include "app/common/pid_file.h"
 #include "app/ctl/report.h"
 #include "base/json.h"
-#include "app/common/pid_file.h"
 #include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
@@ -27,40 +25,33 @@ namespace {
 using app::Clock;
 using app::milliseconds;
 
-constexpr const char* kDaemon = "zarorelayd";
-
-/// The daemon does other things now and then; a dump is asked for again that long.
+/// The daemon may be busy with something else; this is how long to retry for a dump.
 constexpr milliseconds kDumpPatience{2000};
 constexpr int kDumpPause = 20; // milliseconds
 
-/// The daemon that was installed together with this program, else the device's own.
+/// The daemon in the same folder as this program; if there is none, the device's own.
 std::string DaemonProgram() {
-    char self[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
-    if (length > 0 && length < static_cast<ssize_t>(sizeof self)) {
-        const std::string own(self, static_cast<std::size_t>(length));
-        std::string beside = own.substr(0, own.rfind('/') + 1) + kDaemon;
-        if (access(beside.c_str(), X_OK) == 0) {
-            return beside;
-        }
+    const std::string own = app::ProgramPathOf("self");
+    std::string beside = own.substr(0, own.rfind('/') + 1) + app::kDaemonName;
+    if (!own.empty() && access(beside.c_str(), X_OK) == 0) {
+        return beside;
     }
-    return paths::ProgramDir() + "/" + kDaemon;
+    return paths::ProgramDir() + "/" + app::kDaemonName;
 }
 
 } // namespace
 
 Presence FindDaemon() {
-    long pid = 0;
-    std::ifstream file(Daemon::GetPidFile());
-    if (!(file >> pid) || pid <= 0 || pid > INT_MAX) {
+    const pid_t pid = app::ReadPidFile();
+    if (pid <= 0) {
         return Presence::None;
     }
-    const bool permitted = kill(static_cast<pid_t>(pid), 0) == 0;
+    const bool permitted = kill(pid, 0) == 0;
     if (!permitted && errno != EPERM) {
         return Presence::None;
     }
     const bool known = permitted || !app::ProgramOf(std::to_string(pid)).empty();
-    if (known && !app::IsDaemonOfThisRoot(static_cast<pid_t>(pid))) {
+    if (known && !app::IsDaemonOfThisRoot(pid)) {
         return Presence::Foreign;
     }
     return permitted ? Presence::Running : Presence::NotPermitted;
@@ -74,9 +65,9 @@ int TellAbsent(Presence presence, int code) {
 }
 
 int Start() {
-    // The daemon takes this process's place, so that its exit code is the program's.
+    // The daemon replaces this process, so that its exit code becomes this program's.
     const std::string program = DaemonProgram();
-    std::string name = kDaemon;
+    std::string name = app::kDaemonName;
     std::string option = "--root";
     std::string root = paths::Root();
     char* arguments[] = {name.data(), root.empty() ? nullptr : option.data(), root.data(), nullptr};
@@ -91,7 +82,7 @@ int Stop() {
     if (presence != Presence::Running) {
         return TellAbsent(presence, kNoAnswer);
     }
-    if (Daemon::Kill() != 0 && FindDaemon() != Presence::None) { // not one that ended by itself
+    if (Daemon::Kill() != 0 && FindDaemon() != Presence::None) { // else it had ended by itself
         return Fail(kNoAnswer, "the daemon did not end within 10 s",
                     "look at its log, or end the process in " + std::string(Daemon::GetPidFile()));
     }
@@ -115,9 +106,10 @@ int Reload() {
         return TellAbsent(presence, kNoAnswer);
     }
     const int code = Daemon::Hup();
-    bool unusable = false;
-    const auto faults = app::CheckReload(paths::ConfigFile(), true, unusable);
-    return unusable ? Fail(kUnusable, faults.front(), "the daemon keeps what it has") : code;
+    const app::CheckedConfig checked = app::CheckReload(paths::ConfigFile(), true);
+    return checked.unusable
+               ? Fail(kUnusable, checked.faults.front(), "the daemon keeps what it has")
+               : code;
 }
 
 int FetchDump(Json::Value& dump) {

@@ -1,4 +1,4 @@
-/// The daemon as a process: found, started, stopped, asked.
+/// Finds, starts, stops and queries the daemon.
 #pragma once
 
 #include <json/value.h>
@@ -7,7 +7,7 @@
 
 namespace ZARO::Relay::ctl {
 
-// The functions that give an int give the program's exit code, with everything told.
+// Functions that return an int print what there is to say and give the program's exit code.
 
 enum class Presence {
     None,
@@ -16,8 +16,8 @@ enum class Presence {
     Foreign,      ///< the PID file is stale: its number is another program's, or another root's
 };
 
-/// Looks at the PID file and at the process that it names. The library's own calls would signal
-/// whatever process has that number, so this is asked before each of them.
+/// Looks at the PID file and at the process that it names. Ask this before each of the library's
+/// calls, which would signal whatever process has that number.
 Presence FindDaemon();
 
 int Start();
@@ -26,16 +26,17 @@ int Restart();
 int Reload();
 int Debug();
 
-/// The running daemon's dump; asks again for 2 s while it is busy. DebugStatus's codes, none told.
+/// Gets the running daemon's dump; retries for 2 s while the daemon is busy. Prints nothing and
+/// gives DebugStatus's codes.
 int FetchDump(Json::Value& dump);
 
-/// The on/off switch; a running daemon is told.
+/// Sets the on/off switch and has a running daemon reload.
 int Switch(bool on);
 
-/// After a change of the settings: makes a running daemon take it in and says `done`.
+/// After a change of the settings: has a running daemon reload, and prints `done`.
 int Apply(const std::string& done);
 
-/// Says that the daemon is not running, or is not this user's, and gives the code.
+/// Prints that the daemon is not running, or belongs to another user, and gives the exit code.
 int TellAbsent(Presence presence, int code);
 
 } // namespace ZARO::Relay::ctl

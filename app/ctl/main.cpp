@@ -26,7 +26,7 @@ int Run(int argc, char** argv) {
         return ctl::Fail(ctl::kNoAnswer, "--root " + line.root + ": no such folder",
                          "expected an existing folder");
     }
-    Daemon::_logLevel = -1; // what went wrong is said in the program's own words
+    Daemon::_logLevel = -1; // commands report faults in their own words
     Daemon::LibInit();
     code = line.action();
     if (!std::cout.flush()) {

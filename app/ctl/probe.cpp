@@ -12,10 +12,10 @@ namespace {
 using app::Clock;
 using app::milliseconds;
 
-/// One connection; owns its handle and stays where it is, since libcurl points into it.
+/// One connection and its handle. Must not be moved, since libcurl keeps pointers to it.
 class Connection {
 public:
-    Connection(Probe& probe, CURLM* multi, milliseconds patience)
+    Connection(ServerProbe& probe, CURLM* multi, milliseconds patience)
         : probe_(probe), multi_(multi), handle_(curl_easy_init()) {
         if (handle_ == nullptr || !Set(patience) ||
             curl_multi_add_handle(multi_, handle_) != CURLM_OK) {
@@ -41,7 +41,7 @@ public:
             probe_.address = address;
         }
         probe_.reached = Reached(result);
-        long error = 0; // of the last connect
+        long error = 0; // of the last attempt to connect
         (void)curl_easy_getinfo(handle_, CURLINFO_OS_ERRNO, &error);
         if (result == CURLE_COULDNT_CONNECT && error != 0) {
             probe_.fault = strerror(static_cast<int>(error));
@@ -65,14 +65,14 @@ private:
         return set(CURLOPT_URL, probe_.url.c_str()) && set(CURLOPT_CONNECT_ONLY, 1L) &&
                set(CURLOPT_PROTOCOLS_STR, "http,https") && set(CURLOPT_SSL_VERIFYPEER, 0L) &&
                set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(patience.count())) &&
-               // A look-up that hangs must not hold up the end.
+               // A name lookup that hangs must not delay the end.
                set(CURLOPT_QUICK_EXIT, 1L) && set(CURLOPT_NOSIGNAL, 1L) &&
                set(CURLOPT_SSL_CTX_FUNCTION, &Connection::OnTls) &&
                set(CURLOPT_SSL_CTX_DATA, this) && set(CURLOPT_ERRORBUFFER, error_) &&
                (!probe_.direct || set(CURLOPT_PROXY, ""));
     }
 
-    /// Called when TLS begins, so that the connection stands; libcurl has no time for that then.
+    /// libcurl calls this when TLS begins, so the connection is there. It keeps no time for that.
     static CURLcode OnTls(CURL*, void*, void* self) noexcept {
         static_cast<Connection*>(self)->connected_ = true;
         return CURLE_OK;
@@ -90,7 +90,7 @@ private:
         return named > 0 ? Stage::Name : Stage::Nothing;
     }
 
-    Probe& probe_;
+    ServerProbe& probe_;
     CURLM* multi_;
     CURL* handle_;
     char error_[CURL_ERROR_SIZE] = "";
@@ -111,11 +111,11 @@ void TakeResults(CURLM* multi, std::vector<std::unique_ptr<Connection>>& connect
 
 } // namespace
 
-void Run(std::vector<Probe>& probes, milliseconds patience) {
+void RunProbes(std::vector<ServerProbe>& probes, milliseconds patience) {
     const std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi(curl_multi_init(),
                                                               curl_multi_cleanup);
     std::vector<std::unique_ptr<Connection>> connections;
-    for (Probe& probe : probes) {
+    for (ServerProbe& probe : probes) {
         if (probe.url.empty()) {
             continue;
         }

@@ -8,19 +8,19 @@
 
 namespace ZARO::Relay::ctl {
 
-/// How far a connection came.
+/// How far a connection got.
 enum class Stage { Nothing, Name, Connected, Secured };
 
-/// One server to be tried, as the daemon would: its certificate is not verified, its name is.
-struct Probe {
-    std::string url;     ///< http or https, the page plays no part; an empty one is left out
-    bool direct = false; ///< past any proxy, as the SSH client goes
+/// One server to connect to. As in the daemon, its certificate is not verified, but its name is.
+struct ServerProbe {
+    std::string url;     ///< http or https; the page is not requested; empty for no server
+    bool direct = false; ///< without a proxy, as the SSH client connects
     Stage reached = Stage::Nothing;
-    std::string address; ///< that it connected to
-    std::string fault;   ///< of the stage after `reached`; empty when all went well
+    std::string address; ///< to which it connected
+    std::string fault;   ///< in the stage after `reached`; empty for success
 };
 
-/// Connects to all of them at once and closes again without sending a request, `patience` at most.
-void Run(std::vector<Probe>& probes, app::milliseconds patience);
+/// Connects to all of them at the same time and sends no request. Takes `patience` at most.
+void RunProbes(std::vector<ServerProbe>& probes, app::milliseconds patience);
 
 } // namespace ZARO::Relay::ctl

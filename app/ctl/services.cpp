@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <zarorelayd/config.h>
+#include <zarorelayd/tunnel.h>
 
 #include "app/common/checks.h"
 #include "app/common/local_service.h"
@@ -15,6 +16,7 @@
 #include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/paths.h"
+#include "base/service_names.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -31,27 +33,13 @@ struct Entry {
 
 using Entries = std::map<std::string, Entry>;
 
-/// Some definitions are published under an id that is not their name.
-std::string IdOfDefinition(const std::string& name) {
-    static constexpr const char* kOthers[][2] = {{"http", "gallery_http"},
-                                                 {"https", "gallery_https"},
-                                                 {"panel", "music_http"},
-                                                 {"panel_https", "music_https"}};
-    for (const auto& [definition, id] : kOthers) {
-        if (name == definition) {
-            return id;
-        }
-    }
-    return name;
-}
-
-/// Everything that the device defines.
+/// All services that the device defines.
 Entries ReadDefinitions() {
     Entries entries;
     std::error_code fault;
     for (std::filesystem::directory_iterator file(paths::ServicesDir(), fault), end;
          !fault && file != end; file.increment(fault)) {
-        const std::string id = IdOfDefinition(file->path().stem().string());
+        const std::string id = services::IdOf(file->path().stem().string());
         if (file->path().extension() == ".conf" && app::IsServiceId(id)) {
             entries.emplace(id, ServiceConf(id.c_str()));
         }
@@ -59,18 +47,11 @@ Entries ReadDefinitions() {
     return entries;
 }
 
-/// Adds what the configuration publishes, whose own settings win over a definition's. False, with
-/// the fault told and its code, for a broken file.
-bool ReadPublished(Entries& entries, int& code) {
-    Json::Value config;
-    std::string fault;
-    if (!LookAtConfig(config, fault)) {
-        code = Fail(kUnusable, fault, "correct the file");
-        return false;
-    }
+/// Adds the published services. Settings in the configuration win over those of the definition.
+void AddPublished(const Json::Value& config, Entries& entries) {
     const Json::Value* list = json::Find(config, "service");
     if (list == nullptr || !list->isArray()) {
-        return true;
+        return;
     }
     for (const Json::Value& item : *list) {
         const std::string id = json::TextOf(item, "id");
@@ -80,10 +61,15 @@ bool ReadPublished(Entries& entries, int& code) {
             entries.insert_or_assign(id, entry);
         }
     }
-    return true;
 }
 
-/// What a wrong id could have been.
+Entries ReadPublished(const ConfigChange& change) {
+    Entries entries;
+    AddPublished(change.Found().document, entries);
+    return entries;
+}
+
+/// A remedy for a wrong id: the ids that would be right.
 std::string Expected() {
     std::string ids;
     for (const auto& [id, entry] : ReadDefinitions()) {
@@ -92,18 +78,6 @@ std::string Expected() {
         }
     }
     return ids.empty() ? "define one in " + paths::ServicesDir() : ids;
-}
-
-const char* LocalText(int port) {
-    switch (IsPort(port) ? app::ProbeLocalPort(port) : app::Reachable::Unknown) {
-    case app::Reachable::Yes:
-        return "reachable";
-    case app::Reachable::Refuses:
-        return "refused";
-    case app::Reachable::Unknown:
-        break;
-    }
-    return "unknown";
 }
 
 Json::Value Describe(const Entries& entries) {
@@ -115,7 +89,7 @@ Json::Value Describe(const Entries& entries) {
         item["name"] = entry.conf.name;
         item["port"] = IsPort(entry.conf.port) ? Json::Value(entry.conf.port) : Json::Value();
         item["published"] = entry.published;
-        item["local"] = LocalText(app::LocalPort(entry.conf));
+        item["local"] = app::ReachabilityWord(app::ProbeLocalPort(LocalPort(entry.conf)));
     }
     return document;
 }
@@ -145,7 +119,7 @@ std::string Render(const Json::Value& document) {
     return Layout(rows, WantsColour());
 }
 
-/// The list without the entries of that id; empty for what is no list.
+/// The list without the entries that have the id; empty when `list` is not a list.
 Json::Value Without(const std::string& id, const Json::Value& list) {
     Json::Value rest(Json::arrayValue);
     for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
@@ -156,15 +130,13 @@ Json::Value Without(const std::string& id, const Json::Value& list) {
     return rest;
 }
 
-/// Changes the list of the file and nothing else of it. Success, without a write, when it is as
-/// wanted already.
-int ChangeList(const std::string& id, bool publish) {
-    ConfigChange change;
-    int code = change.Begin();
+/// Changes only the list of services in the file. Writes nothing when there is nothing to change.
+int ChangeList(const ConfigChange& change, const std::string& id, bool publish) {
+    int code = change.CheckChangeable();
     if (code != kSuccess) {
         return code;
     }
-    Json::Value config = change.Read();
+    Json::Value config = change.Found().document;
     Json::Value& list = config["service"];
     if (!list.isNull() && !list.isArray()) {
         return Fail(kUnusable, paths::ConfigFile() + ": \"service\": expected a list",
@@ -189,43 +161,46 @@ int ChangeList(const std::string& id, bool publish) {
 } // namespace
 
 int ListServices(bool json) {
-    Entries entries = ReadDefinitions();
-    int code = kSuccess;
-    if (!ReadPublished(entries, code)) {
+    Json::Value config;
+    const int code = ReadConfig(config);
+    if (code != kSuccess) {
         return code;
     }
+    Entries entries = ReadDefinitions();
+    AddPublished(config, entries);
     const Json::Value document = Describe(entries);
     std::cout << (json ? json::Pretty(document) : Render(document));
     return kSuccess;
 }
 
 int AddService(const std::string& id) {
-    Entries published;
-    int code = kSuccess;
-    if (!ReadPublished(published, code)) {
+    const ConfigChange change;
+    const int code = change.CheckReadable();
+    if (code != kSuccess) {
         return code;
     }
+    const Entries published = ReadPublished(change);
     const auto own = published.find(id);
     const bool hasPort = own != published.end() && IsPort(own->second.conf.port);
     if (!hasPort && (!app::IsServiceId(id) || !IsPort(ServiceConf(id.c_str()).port))) {
         return Fail(kNoAnswer, "no service \"" + Clean(id) + "\" with one port is defined",
                     Expected());
     }
-    return ChangeList(id, true);
+    return ChangeList(change, id, true);
 }
 
 int RemoveService(const std::string& id) {
-    Entries published;
-    int code = kSuccess;
-    if (!ReadPublished(published, code)) {
+    const ConfigChange change;
+    const int code = change.CheckReadable();
+    if (code != kSuccess) {
         return code;
     }
     const bool defined = app::IsServiceId(id) && ServiceConf("").ReadConf(id);
-    if (!defined && published.count(id) == 0) {
+    if (!defined && ReadPublished(change).count(id) == 0) {
         return Fail(kNoAnswer, "no service \"" + Clean(id) + "\" is defined or published",
                     "see: zarorelayctl service list");
     }
-    return ChangeList(id, false);
+    return ChangeList(change, id, false);
 }
 
 } // namespace ZARO::Relay::ctl

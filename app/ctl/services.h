@@ -5,7 +5,7 @@
 
 namespace ZARO::Relay::ctl {
 
-// Each gives the program's exit code, with everything told.
+// Each prints what there is to say and gives the program's exit code.
 
 int ListServices(bool json);
 int AddService(const std::string& id);

@@ -6,31 +6,26 @@
 #include <iostream>
 
 #include <zarorelayd/config.h>
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
 #include "app/common/checks.h"
+#include "app/common/strangers_file.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "base/json.h"
-#include "app/common/strangers_file.h"
 #include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
 
 namespace {
 
-constexpr std::size_t kLongestAlias = 63;
+constexpr std::size_t kLongestId = 63; // columns
 
-bool IsAliasName(const std::string& name) {
-    static constexpr char kAllowed[] = "abcdefghijklmnopqrstuvwxyz0123456789-";
-    return !name.empty() && name.size() <= kLongestAlias &&
-           name.find_first_not_of(kAllowed) == std::string::npos;
-}
-
-/// While it stands, what the library writes to standard error is dropped: that no daemon runs is
-/// said in our own words, or is no fault.
+/// While it exists, drops what the library writes to standard error. That no daemon runs is no
+/// fault here, or is reported in our own words.
 class Silence {
 public:
     Silence() : buffer_(std::cerr.rdbuf(nullptr)) {}
@@ -48,16 +43,16 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
     const Presence presence = FindDaemon();
     if (presence == Presence::Foreign) {
         return Fail(kNoAnswer,
-                    "the process in " + paths::PidFile("zarorelayd") + " is not this daemon",
+                    "the process in " + std::string(Daemon::GetPidFile()) + " is not this daemon",
                     "start the daemon first, or remove that file");
     }
     ConfigChange file;
-    const int code = file.Begin();
+    const int code = file.CheckChangeable();
     if (code != kSuccess) {
         return code;
     }
-    if (file.Read().empty()) {
-        // The library changes files, but makes none.
+    if (file.Found().document.empty()) {
+        // The library can change a file, but does not make one.
         const int written = file.Write(Json::Value(Json::objectValue));
         if (written != kSuccess) {
             return written;
@@ -65,12 +60,12 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
     }
     {
         const Silence silence;
-        if (change() != 0 || json::TextOf(file.Read(), "log_file") != logFile) {
+        if (change() != 0 || json::TextOf(file.ReadBack(), "log_file") != logFile) {
             return TellNotWritten();
         }
     }
     if (presence == Presence::NotPermitted) {
-        return Apply(done); // tells what is left to do
+        return Apply(done); // prints what is left to do
     }
     std::cout << done
               << (presence == Presence::Running ? "" : "; this holds when the daemon starts")
@@ -82,16 +77,17 @@ int SwitchLog(const std::function<int()>& change, const std::string& logFile,
 
 int ShowAlias(bool json) {
     Json::Value config;
-    std::string fault;
-    if (!LookAtConfig(config, fault)) {
-        return Fail(kUnusable, fault, "correct the file");
+    const int code = ReadConfig(config);
+    if (code != kSuccess) {
+        return code;
     }
     const Json::Value* settings = json::Find(config, "server_alias");
     const std::string name = settings != nullptr ? json::TextOf(*settings, "alias") : "";
     std::string status;
     std::string extra;
     if (!name.empty()) {
-        (void)AliasStatus().GetStatus(name, status, extra); // both stay empty: not known yet
+        (void)AliasStatus().GetStatus(name, status,
+                                      extra); // both stay empty when it is not known yet
     }
     if (json) {
         Json::Value document;
@@ -110,18 +106,18 @@ int ShowAlias(bool json) {
 }
 
 int SetAlias(const std::string& name) {
-    if (!name.empty() && !IsAliasName(name)) {
+    if (!name.empty() && !app::IsPlainAliasName(name)) {
         return Fail(kNoAnswer, "\"" + Clean(name) + "\" can't be an alias",
                     "expected 1 to 63 of a-z, 0-9 and \"-\"");
     }
     ConfigChange change;
-    const int code = change.Begin();
+    const int code = change.CheckChangeable();
     if (code != kSuccess) {
         return code;
     }
-    const std::string path = paths::ConfigFile();
-    if (!RelaydConf(path.c_str()).WriteAliasName(path, name) ||
-        json::TextOf(change.Read()["server_alias"], "alias") != name) {
+    RelaydConf conf = change.Found().conf;
+    if (!conf.WriteAliasName(paths::ConfigFile(), name) ||
+        json::TextOf(change.ReadBack()["server_alias"], "alias") != name) {
         return TellNotWritten();
     }
     return Apply(name.empty() ? "the alias is given up" : "the alias is " + name);
@@ -149,16 +145,16 @@ int StopLog() {
 
 int ShowServerId() {
     Json::Value config;
-    std::string fault;
-    if (!LookAtConfig(config, fault)) {
-        return Fail(kUnusable, fault, "correct the file");
+    const int code = ReadConfig(config);
+    if (code != kSuccess) {
+        return code;
     }
-    char id[64] = "";
-    if (TLIBRelaydGetServerId(nullptr, id, sizeof id) != 1) {
+    const std::string id = json::TextOf(config, "serverID").c_str(); // up to a zero byte
+    if (id.empty()) {
         return Fail(kNotRunning, "this device has no server id yet",
                     "it gets one when the daemon registers; see: zarorelayctl status");
     }
-    std::cout << Clean(id) << std::endl;
+    std::cout << Clean(id, kLongestId) << std::endl;
     return kSuccess;
 }
 

@@ -5,10 +5,10 @@
 
 namespace ZARO::Relay::ctl {
 
-// Each gives the program's exit code, with everything told.
+// Each prints what there is to say and gives the program's exit code.
 
 int ShowAlias(bool json);
-/// An empty name gives the alias up.
+/// An empty name removes the alias.
 int SetAlias(const std::string& name);
 
 int StartLog(const std::string& file);

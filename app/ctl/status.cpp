@@ -12,6 +12,7 @@
 #include <zarorelayd/daemon.h>
 
 #include "app/common/checks.h"
+#include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "app/ctl/watch.h"
@@ -22,11 +23,14 @@ namespace ZARO::Relay::ctl {
 
 namespace {
 
-/// A daemon has a few services; what claims to have more was not written by one.
+/// A daemon has a few services; a file with more was not written by one.
 constexpr Json::ArrayIndex kMostServices = 1000;
 
-/// The server tells whether the relay's port answers some time after the tunnel stands.
-constexpr std::int64_t kYoung = 15;  // seconds
+/// The server reports only after a while that the relay's port answers, so a younger tunnel without
+/// that report is no fault.
+constexpr std::int64_t kYoung = 15; // seconds
+
+/// A daemon refreshes the status file more often than that.
 constexpr std::int64_t kStale = 150; // seconds
 
 Json::Value MemberOf(const Json::Value& object, const char* key) {
@@ -70,7 +74,8 @@ Json::Value TakeServices(const Json::Value& list, const std::string& wanted) {
     return services;
 }
 
-/// Signal 0 is refused for another user's process, which the library takes for a dead one.
+/// Whether the daemon belongs to another user. The library can't send it signal 0 and takes it for
+/// dead.
 bool IsOthers(const Json::Value& file) {
     const int pid = json::NumberOf(file, "pid");
     return pid > 0 && kill(pid, 0) != 0 && errno == EPERM;
@@ -88,7 +93,7 @@ std::string StateWords(const std::string& state) {
 }
 
 Tone StateTone(const std::string& state) {
-    if (state == "connected" || state == "direct_connect") {
+    if (IsConnected(state)) {
         return Tone::Good;
     }
     return state == "error" || state == "not_running" || state == "unknown" ? Tone::Bad
@@ -133,12 +138,8 @@ Cell LocalCell(const std::string& local) {
 }
 
 std::string Address(const Json::Value& tunnel) {
-    if (!tunnel.isObject() || !app::IsPort(tunnel["relay_port"].asInt())) {
-        return "-";
-    }
-    const std::string host = Clean(tunnel["relay_ip"].asString());
-    const bool v6 = host.find(':') != std::string::npos;
-    return (v6 ? "[" + host + "]" : host) + ":" + tunnel["relay_port"].asString();
+    const int port = json::NumberOf(tunnel, "relay_port");
+    return app::IsPort(port) ? HostAndPort(Clean(tunnel["relay_ip"].asString()), port) : "-";
 }
 
 std::string RenderServices(const Json::Value& document, std::int64_t now, bool colour) {
@@ -172,7 +173,7 @@ std::string AliasWords(const Json::Value& alias) {
            (extra.empty() ? "" : ", " + extra) + ")";
 }
 
-/// The daemon marks the file as fresh every minute, unless what it should hold can't be written.
+/// Warns about an old file: a daemon that can write its status touches the file every minute.
 int TellAge() {
     const std::string path = paths::StatusFile();
     struct stat info = {};
@@ -190,9 +191,9 @@ int TellFault(const Status& status) {
             return Fail(status.code, "the daemon does not publish that service",
                         "see: zarorelayctl service list");
         }
-        return Fail(status.code, "the daemon is not running", "start it with: zarorelayctl start");
+        return TellAbsent(Presence::None, status.code);
     case kNoAnswer:
-        return Fail(status.code, "the daemon belongs to another user", "run this as root");
+        return TellAbsent(Presence::NotPermitted, status.code);
     case kUnusable:
         return Fail(status.code, paths::StatusFile() + " is unusable",
                     "make a new one with: zarorelayctl restart");
@@ -202,6 +203,10 @@ int TellFault(const Status& status) {
 }
 
 } // namespace
+
+bool IsConnected(const std::string& state) {
+    return state == "connected" || state == "direct_connect";
+}
 
 std::string ErrorWords(const std::string& error) {
     static const std::map<std::string, std::string> kWords = {

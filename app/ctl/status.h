@@ -1,4 +1,4 @@
-/// The daemon's status, as one document and as a small table.
+/// The daemon's status, as JSON and as a table.
 #pragma once
 
 #include <json/value.h>
@@ -10,25 +10,28 @@ namespace ZARO::Relay::ctl {
 
 struct Status {
     int code = 0;         ///< the exit code
-    Json::Value document; ///< every documented key is there, with its type, whatever the file holds
+    Json::Value document; ///< has every documented key with its type, whatever the file holds
 };
 
-/// Reads the status file; with an id, of that service alone.
+/// Reads the status file. With an id, only that service is in the document.
 Status ReadStatus(const std::string& serviceId);
 
-/// The document for people, `now` for the ages in it.
+/// The document as a table for people. Ages are counted up to `now`.
 std::string RenderStatus(const Json::Value& document, std::int64_t now, bool colour);
 
-/// What a result code of the daemon means, in words.
+/// Whether a state word means that the daemon is connected.
+bool IsConnected(const std::string& state);
+
+/// What a result code of the daemon means, in words for people.
 std::string ErrorWords(const std::string& error);
 
 struct StatusOptions {
     bool json = false;
     bool watch = false;
-    std::string service; ///< empty: all
+    std::string service; ///< empty for all
 };
 
-/// Prints it, once or, with `watch`, until a signal ends it. Gives the exit code.
+/// Prints the status once; with `watch`, again and again until a signal. Gives the exit code.
 int ShowStatus(const StatusOptions& options);
 
 } // namespace ZARO::Relay::ctl

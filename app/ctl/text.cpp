@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kGap = 2;
 
-/// Takes the next character off `text`; its width, or -1 for what is not to be shown.
+/// Steps over the next character. Gives its width, or -1 when it must not be shown.
 int TakeCharacter(const std::string& text, std::size_t& at, std::mbstate_t& state) {
     wchar_t character = 0;
     const std::size_t length = mbrtowc(&character, text.data() + at, text.size() - at, &state);
@@ -79,7 +79,7 @@ std::string Layout(const std::vector<std::vector<Cell>>& rows, bool colour) {
     std::vector<std::size_t> widths;
     for (const auto& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i + 1 < row.size(); ++i) { // the last one may be as long as it is
+        for (std::size_t i = 0; i + 1 < row.size(); ++i) { // the last one needs no alignment
             widths[i] = std::max(widths[i], Columns(row[i].text));
         }
     }
@@ -95,6 +95,11 @@ std::string Layout(const std::vector<std::vector<Cell>>& rows, bool colour) {
         text += '\n';
     }
     return text;
+}
+
+std::string HostAndPort(const std::string& host, int port) {
+    const bool v6 = host.find(':') != std::string::npos;
+    return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
 }
 
 bool IsTerminal() {

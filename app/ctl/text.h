@@ -1,4 +1,4 @@
-/// What people read: foreign texts made harmless, columns, colours, times.
+/// Output for people: foreign texts made harmless, columns, colours, times.
 #pragma once
 
 #include <cstdint>
@@ -7,12 +7,12 @@
 
 namespace ZARO::Relay::ctl {
 
-/// A foreign text of at most `columns` columns that does nothing to a terminal: whatever takes up
-/// no room of its own (control characters, escape sequences, marks that turn the direction) or is
-/// no text in the user's locale becomes "?".
+/// Makes a foreign text harmless for a terminal and cuts it to `columns`. Characters of no width
+/// (control characters, escape sequences, marks that change the direction) become "?", and so does
+/// what the user's locale can't decode.
 std::string Clean(const std::string& text, std::size_t columns = 64);
 
-/// Room that a cleaned text takes up on a terminal.
+/// The width of a cleaned text on a terminal.
 std::size_t Columns(const std::string& clean);
 
 enum class Tone { Plain, Good, Warning, Bad, Faint };
@@ -22,18 +22,23 @@ struct Cell {
     Tone tone = Tone::Plain;
 };
 
-/// Rows with their cells below each other, two blanks between columns, a newline behind each row.
-/// Without `colour` there is no escape sequence in it.
+/// A table: cells in aligned columns with two blanks between them, one line per row. Without
+/// `colour` it has no escape sequences.
 std::string Layout(const std::vector<std::vector<Cell>>& rows, bool colour);
 
-/// Whether standard output is a terminal, and one whose user wants colours.
+/// A host and a port as a URL has them: an IPv6 address is put in brackets.
+std::string HostAndPort(const std::string& host, int port);
+
+/// Whether standard output is a terminal.
 bool IsTerminal();
+
+/// Whether it is one whose user wants colours.
 bool WantsColour();
 
-/// "3 s", "5 min", "2 h 10 min", "4 days"; "0 s" for a negative one.
+/// "3 s", "5 min", "2 h 10 min", "4 days"; "0 s" for less than nothing.
 std::string Duration(std::int64_t seconds);
 
-/// A point in time in the local time zone; "?" for one that no calendar has.
+/// A time in the local time zone; "?" when it is out of the calendar's range.
 std::string DateAndTime(std::int64_t time);
 
 } // namespace ZARO::Relay::ctl

@@ -17,6 +17,7 @@
 #include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/paths.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::ctl {
 
@@ -28,7 +29,7 @@ using app::milliseconds;
 constexpr milliseconds kEvery{1000};
 constexpr int kRowsUnknown = 24;
 
-/// A second screen without cursor and line wrap, which leaves the user's own as it is.
+/// The terminal's second screen, without cursor and line wrap. The user's own stays as it was.
 class Screen {
 public:
     Screen() { Enter(); }
@@ -39,7 +40,7 @@ public:
     void Enter() const { std::cout << "\033[?1049h\033[?25l\033[?7l" << std::flush; }
     void Leave() const { std::cout << "\033[?7h\033[?25h\033[?1049l" << std::flush; }
 
-    /// Draws over what was there, as many lines as fit.
+    /// Draws over the former text, as many lines as fit.
     void Draw(const std::string& text) const {
         winsize size{};
         const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0;
@@ -57,7 +58,7 @@ public:
 
 enum class Event { Redraw, Suspend, Stop };
 
-/// Signals and changes of the status file, as events.
+/// Turns signals and changes of the status file into events.
 class Events {
 public:
     Events() {
@@ -67,37 +68,33 @@ public:
             sigaddset(&wanted, number);
         }
         (void)sigprocmask(SIG_BLOCK, &wanted, &before_); // can't fail with a set of real signals
-        signals_ = signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK);
-        changes_ = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        signals_ = UniqueFd(signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
+        changes_ = UniqueFd(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
         const std::string path = paths::StatusFile();
         name_ = path.substr(path.rfind('/') + 1);
-        // Without it the look once a second finds the change.
-        (void)inotify_add_watch(changes_, path.substr(0, path.rfind('/')).c_str(),
+        // If it fails, the redraw once per second shows the change.
+        (void)inotify_add_watch(changes_.Get(), path.substr(0, path.rfind('/')).c_str(),
                                 IN_MOVED_TO | IN_DELETE | IN_CLOSE_WRITE);
     }
 
-    ~Events() {
-        close(signals_);
-        close(changes_);
-        (void)sigprocmask(SIG_SETMASK, &before_, nullptr);
-    }
+    ~Events() { (void)sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
     Events(const Events&) = delete;
     Events& operator=(const Events&) = delete;
 
-    /// Waits for the next one, a second at most. Without signals to wait for it ends at once.
+    /// Waits for the next event, a second at most. Gives Stop when signals can't be received.
     Event Next() {
         const auto deadline = Clock::now() + kEvery;
-        pollfd entries[] = {{signals_, POLLIN, 0}, {changes_, POLLIN, 0}};
-        while (signals_ >= 0) {
+        pollfd entries[] = {{signals_.Get(), POLLIN, 0}, {changes_.Get(), POLLIN, 0}};
+        while (signals_.IsOpen()) {
             const auto left =
                 std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
-            // Notices of other files, however many, must not put the redraw off.
+            // However many notices come of other files, the redraw is on time.
             if (poll(entries, 2, static_cast<int>(std::max<long>(left, 0))) == 0 || left <= 0) {
                 return Event::Redraw;
             }
             signalfd_siginfo signal{};
-            if (read(signals_, &signal, sizeof signal) == sizeof signal) {
+            if (read(signals_.Get(), &signal, sizeof signal) == sizeof signal) {
                 return EventOf(static_cast<int>(signal.ssi_signo));
             }
             if (StatusChanged()) {
@@ -115,12 +112,12 @@ private:
         return number == SIGTSTP ? Event::Suspend : Event::Stop;
     }
 
-    /// Takes all notices; other files come and go in that folder too.
+    /// Reads all notices, of which many are of other files in that folder.
     bool StatusChanged() const {
         alignas(inotify_event) char buffer[16 * (sizeof(inotify_event) + NAME_MAX + 1)];
         bool changed = false;
         ssize_t length = 0;
-        while ((length = read(changes_, buffer, sizeof buffer)) > 0) {
+        while ((length = read(changes_.Get(), buffer, sizeof buffer)) > 0) {
             for (ssize_t at = 0; at < length;) {
                 const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
                 changed = changed || (event->len > 0 && name_ == event->name);
@@ -131,8 +128,8 @@ private:
     }
 
     sigset_t before_{};
-    int signals_;
-    int changes_;
+    UniqueFd signals_;
+    UniqueFd changes_;
     std::string name_;
 };
 
@@ -141,7 +138,7 @@ std::string Text(const Status& status, const StatusOptions& options) {
                         : RenderStatus(status.document, time(nullptr), WantsColour());
 }
 
-/// For pipes: each status that differs from the one before.
+/// For pipes: prints each status that differs from the one before.
 int WatchInto(const StatusOptions& options, Events& events) {
     Status shown;
     do {
@@ -187,7 +184,7 @@ int Watch(const StatusOptions& options) {
     }
     std::string last;
     const int code = WatchOn(options, events, last);
-    std::cout << last << std::flush; // stays in view
+    std::cout << last << std::flush; // so that it stays in view
     return code;
 }
 

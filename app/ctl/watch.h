@@ -1,13 +1,13 @@
-/// The status, shown anew whenever it changes.
+/// Shows the status again whenever it changes.
 #pragma once
 
 #include "app/ctl/status.h"
 
 namespace ZARO::Relay::ctl {
 
-/// Redraws in place on a terminal, about once a second and at every change of the status file.
-/// Elsewhere, and for JSON (a line each), it prints what has changed. Until SIGINT, SIGTERM, SIGHUP
-/// or SIGQUIT; then the terminal is as it was. Gives the last exit code.
+/// On a terminal, redraws in place about once a second and whenever the status file changes.
+/// Elsewhere, and for JSON (one line per status), prints each status that differs from the last.
+/// Ends on SIGINT, SIGTERM, SIGHUP or SIGQUIT and restores the terminal. Gives the last exit code.
 int Watch(const StatusOptions& options);
 
 } // namespace ZARO::Relay::ctl

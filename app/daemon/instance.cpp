@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 
 #include <zarorelayd/daemon.h>
 
@@ -21,19 +20,12 @@ namespace {
 /// A command line that looks for a daemon holds the lock for an instant.
 constexpr milliseconds kPatience{100};
 
-/// The process id in the PID file; 0 when it has none.
-pid_t ReadPid() {
-    std::ifstream file(Daemon::GetPidFile());
-    pid_t pid = 0;
-    return file >> pid ? pid : 0;
-}
-
 } // namespace
 
 bool BecomeTheOnlyOne(OwnLock& lock) {
     const bool locked = lock.Take(kPatience);
     const int error = errno;
-    const pid_t named = ReadPid();
+    const pid_t named = ReadPidFile();
     if (!locked && error == EWOULDBLOCK) {
         RELAY_LOG(log::Error, "Daemon already running on PID file %d", named);
         return false;

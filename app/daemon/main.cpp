@@ -1,5 +1,4 @@
 // zarorelayd: keeps the services of this device reachable from the internet.
-#include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/prctl.h>
@@ -21,18 +20,20 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 
-#include "base/own_lock.h"
-#include "app/daemon/child_watch.h"
 #include "app/common/config_check.h"
+#include "app/common/pid_file.h"
+#include "app/daemon/child_watch.h"
+#include "app/daemon/instance.h"
 #include "app/daemon/log_target.h"
 #include "app/daemon/login_guard.h"
 #include "app/daemon/options.h"
-#include "app/common/pid_file.h"
-#include "app/daemon/instance.h"
 #include "app/daemon/privileges.h"
 #include "app/daemon/relay_daemon.h"
+#include "app/daemon/settings.h"
 #include "base/log.h"
+#include "base/own_lock.h"
 #include "base/paths.h"
+#include "base/standard_descriptors.h"
 
 namespace {
 
@@ -44,12 +45,11 @@ namespace paths = ZARO::paths;
 
 constexpr int kFailure = 1;
 constexpr int kUsage = 2;
-constexpr const char* kName = "zarorelayd";
+constexpr const char* kName = app::kDaemonName;
 
-int Check(const std::string& file) {
+int TellConfigFaults(const std::string& file) {
     const std::string path = file.empty() ? paths::ConfigFile() : file;
-    bool unusable = false;
-    const auto faults = app::CheckConfigFile(path, false, unusable);
+    const auto faults = app::CheckConfigFile(path, false).faults;
     for (const std::string& fault : faults) {
         std::cerr << kName << ": " << fault << std::endl;
     }
@@ -59,31 +59,19 @@ int Check(const std::string& file) {
     return faults.empty() ? 0 : kUsage;
 }
 
-/// A process started without standard descriptors must not get a socket in their place, which log
-/// lines would then be written into.
-void FillStandardDescriptors() {
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-}
-
-/// What a daemon of this kind needs from the kernel, and what it must not leave behind.
+/// Sets up the process: what the kernel shall do for it, and what it must not leave behind.
 void PrepareProcess() {
     const rlimit noCore = {0, 0};
     (void)setrlimit(RLIMIT_CORE, &noCore);  // memory holds tokens and passwords
     (void)prctl(PR_SET_CHILD_SUBREAPER, 1); // ended background ssh processes become our children
-    (void)signal(SIGPIPE, SIG_IGN);         // the write that fails tells enough
+    (void)signal(SIGPIPE, SIG_IGN);         // the failed write is enough
     umask(077);
     const char* path = getenv("PATH");
     const std::string others = path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin";
     (void)setenv("PATH", (paths::ProgramDir() + ":" + others).c_str(), 1);
 }
 
-/// Tells the waiting command in the foreground, if there is one, how the start went.
+/// Reports to the command that waits in the foreground, if there is one, how the start went.
 void TellStarter(int code) {
     (void)daemon_retval_send(code);
 }
@@ -91,10 +79,10 @@ void TellStarter(int code) {
 /// The daemon's whole life, after the fork.
 int Serve(const RelaydConf& conf) {
     if (!Daemon::Init(false)) {
-        TellStarter(kFailure); // unless Init has told more exactly
+        TellStarter(kFailure); // unless Init has reported a more exact code
         return kFailure;
     }
-    app::ApplyLogSettings(conf); // in the background for appending: a rotation may cut the file
+    app::ApplyLogSettings(conf); // appends in the background, since a rotation may cut the file
     PrepareProcess();
     app::DropPrivileges();
     app::EndLoginsOnStopSignals();
@@ -103,21 +91,19 @@ int Serve(const RelaydConf& conf) {
     bool good = false;
     {
         app::RelayDaemon daemon(conf);
-        TellStarter(0); // only now, when the status is there to be read
+        TellStarter(0); // only now can the status be read
         good = daemon.Run();
     }
     daemon_signal_done();
-    (void)daemon_pid_file_remove(); // one that cannot be removed is found stale at the next start
+    (void)daemon_pid_file_remove(); // if it stays, the next start finds it stale
     return good ? 0 : kFailure;
 }
 
 int RunDaemon(bool foreground) {
-    (void)daemon_close_all(-1); // what was inherited would be held for years
-    const std::string path = paths::ConfigFile();
-    bool unusable = false;
-    const auto faults = app::CheckConfigFile(path, true, unusable);
-    if (unusable) {
-        std::cerr << kName << ": " << faults.front() << std::endl;
+    (void)daemon_close_all(-1); // inherited ones would stay open for years
+    const app::CheckedConfig checked = app::CheckConfigFile(paths::ConfigFile(), true);
+    if (checked.unusable) {
+        std::cerr << kName << ": " << checked.faults.front() << std::endl;
         return kUsage;
     }
     Daemon::SetName(kName);
@@ -125,39 +111,39 @@ int RunDaemon(bool foreground) {
     if (!app::BecomeTheOnlyOne(instance)) {
         return kFailure;
     }
-    RelaydConf conf(path.c_str()); // before the fork, which logs where the configuration says
-    // Where the fork goes: a relative log file must not mean one here and another there.
+    const RelaydConf conf = app::SettingsFrom(checked.document);
+    // As the fork will do: else a relative log file would mean one before it and another after.
     if (!foreground && chdir("/") != 0) {
         std::cerr << kName << ": /: " << strerror(errno) << std::endl;
         return kFailure;
     }
-    // In the background the fork opens the log file; in the foreground whoever typed the command
-    // still sees why it does not start.
+    // In the background the fork opens the log file. In the foreground the user still has to see
+    // why the daemon does not start.
     Daemon::SetLogFile(foreground ? "" : app::UsableLogFile(conf), conf.log_level);
-    for (const std::string& fault : faults) {
+    for (const std::string& fault : checked.faults) {
         RELAY_LOG(log::Warning, "%s", fault.c_str());
     }
-    // Not by Init, which would tell the starter too soon.
+    // Not in Init, which would report success too early.
     return foreground || Daemon::Fork() ? Serve(conf) : kFailure;
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    FillStandardDescriptors();
+    ZARO::FillStandardDescriptors();
     try {
         app::Options options;
         const int code = app::ReadOptions(argc, argv, options);
         if (code >= 0) {
             return code;
         }
-        // From the environment as well: what is relative holds for the folder that this begins in.
+        // Also one from the environment: a relative root counts from the folder of the start.
         const std::string root = options.root.empty() ? paths::Root() : options.root;
         if (!root.empty() && !paths::SetRoot(root)) {
             std::cerr << kName << ": --root: expected an existing folder" << std::endl;
             return kUsage;
         }
-        return options.check ? Check(options.checkFile) : RunDaemon(options.foreground);
+        return options.check ? TellConfigFaults(options.checkFile) : RunDaemon(options.foreground);
     } catch (const std::exception& fault) {
         RELAY_LOG(log::Error, "out of resources: %s", fault.what());
         TellStarter(kFailure);

@@ -16,6 +16,7 @@
 #include "app/common/config_check.h"
 #include "app/daemon/log_target.h"
 #include "app/daemon/secrets.h"
+#include "app/daemon/settings.h"
 #include "base/log.h"
 #include "base/paths.h"
 
@@ -191,31 +192,23 @@ void RelayDaemon::ReloadByUser() {
 bool RelayDaemon::Reload() {
     // For the library a broken or missing file means the defaults, without services; a typo, or an
     // editor that is just replacing the file, must not end every tunnel.
-    bool unusable = false;
-    const std::string path = paths::ConfigFile();
-    const auto faults = CheckReload(path, !hasFile_, unusable);
-    for (const std::string& fault : faults) {
-        RELAY_LOG(unusable ? log::Error : log::Warning, "%s", fault.c_str());
+    const CheckedConfig checked = CheckReload(paths::ConfigFile(), !hasFile_);
+    for (const std::string& fault : checked.faults) {
+        RELAY_LOG(checked.unusable ? log::Error : log::Warning, "%s", fault.c_str());
     }
     const bool wasEnabled = conf_.enable;
-    const NetworkConf network = conf_.network;
-    const ServerConf control = conf_.control;
-    const std::string id = conf_.serverID;
-    if (unusable || !conf_.Reload()) {
+    if (checked.unusable) {
         conf_.enable = conf_.GetEnableConf(); // it is in another file; all else stays as it was
         SwitchedFrom(wasEnabled);
         return false;
     }
-    hasFile_ = access(path.c_str(), F_OK) == 0;
-    if (conf_.control != control) { // the former one's wait-command server knows nothing of us
-        conf_.waitcmd = RelaydConf(path.c_str()).waitcmd;
-    }
+    const std::string id = conf_.serverID;
+    conf_ = SettingsAfter(conf_, checked.document);
+    hasFile_ = !checked.document.isNull();
     if (conf_.serverID != id) { // an older copy of the file: the server knows the right one
         exchange_.RegisterAgain();
     }
-    // The reload has looked at the network as well; a change is dealt with where all changes are.
-    conf_.network = network;
-    networkCheck_ = Clock::now();
+    networkCheck_ = Clock::now(); // a change is dealt with where all changes are
     ApplyLogSettings(conf_);
     RELAY_LOG(log::Info, "configuration reloaded");
     keeper_.DropWithdrawn(conf_.services, Clock::now());
@@ -318,8 +311,8 @@ void RelayDaemon::WriteStatus() {
 
 Json::Value RelayDaemon::Dump() const {
     Json::Value dump;
-    conf_.Write(dump["config"], true);
-    conf_.auth.Write(dump["config"]["auth"], false);
+    conf_.Write(dump["config"], kFullForm);
+    conf_.auth.Write(dump["config"]["auth"], AuthConf::kWithoutToken);
     queue_.Write(dump["queue"]);
     dump["tunnels"] = keeper_.Dump();
     dump["exchange"] = exchange_.Dump();

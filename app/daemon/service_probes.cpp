@@ -5,6 +5,7 @@
 #include <set>
 
 #include <zarorelayd/daemon.h>
+#include <zarorelayd/tunnel.h>
 
 #include "base/log.h"
 #include "base/text.h"

@@ -8,106 +8,112 @@
 
 #include <zarorelayd/export.h>
 
-/// For the daemon executable: its loop's run flag and its debug switch. The library leaves them
-/// alone.
-extern ZARORELAYD_API int gblRun;
-extern ZARORELAYD_API int gblShowDebug;
+// For the daemon executable, 0 at first. The library neither reads nor sets them.
+extern ZARORELAYD_API int gblRun;       ///< the loop goes on while it is not 0
+extern ZARORELAYD_API int gblShowDebug; ///< a dump is due while it is not 0
 
 namespace ZARO::Relay {
 
-/// Static members only; one thread. Levels are the syslog priorities: 3 error, 4 warning,
+/// Static members only, for one thread. Levels are the syslog priorities: 3 error, 4 warning,
 /// 5 notice, 6 informational, 7 debug.
 class ZARORELAYD_API Daemon {
 public:
     // --- logging
 
-    /// Whether a line of this level would be written to standard error. Ask it (with 7) before
-    /// building an expensive dump.
+    /// Whether a line of this level would go to standard error. Check it (with 7) before building
+    /// an expensive dump.
     static bool IsLogEnable(int level);
 
-    /// Emits one line if `level` is at or below the threshold: to standard error with a time stamp
+    /// Writes one line if `level` is at or below the threshold: to standard error with a time stamp
     /// or, in a forked daemon without a log file, through libdaemon to the system log. `format`
-    /// begins with "%s:%d " for source file and line and has no newline. Prints what it is given,
-    /// whole and unchanged: who passes foreign texts sees to it that they are harmless. errno is
-    /// the same afterwards, and "%m" is the caller's. Returns what the last output call returned; 0
-    /// where nothing was written.
+    /// begins with "%s:%d " for source file and line and has no newline. Values are printed whole
+    /// and unchanged, so the caller makes texts from outside harmless first. errno stays the same,
+    /// and "%m" shows the caller's. Returns what writing the newline to standard error returned
+    /// (negative: failed), 0 if the line did not go there.
     static int LogV(int level, const char* format, va_list ap)
         __attribute__((format(printf, 2, 0)));
+    /// LogV with the values as arguments.
     static int Log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     /// Opens `path` for writing with `openFlags` and mode 0600 and makes it descriptor `targetFd`.
-    /// False, logged, when it can't be opened or moved; the descriptor then stays as it was.
+    /// Refuses a link; never blocks, and a FIFO that is full loses lines. False, logged and the
+    /// descriptor as it was, when the file can't be opened or moved there.
     static bool OpenLogFile(const std::string& path, int targetFd, int openFlags);
 
-    /// Sets the threshold (a negative `level` leaves it) and the log file (empty: none). A forked
-    /// daemon's standard error goes there from now on, appending. True in every case.
+    /// Sets the threshold (a negative `level` leaves it) and the log file (empty: none). In a
+    /// forked daemon standard error goes there at once, appending; else Fork opens and empties the
+    /// file. True in every case; a file that can't be opened is logged.
     static bool SetLogFile(const std::string& path, int level);
 
     // --- the process's life
 
-    /// Names the daemon "zarorelayd" unless it has a PID file already. Every entry from a separate
-    /// program calls it first. True.
+    /// Names the daemon "zarorelayd" unless it has a PID file already. Another program calls it
+    /// before Kill or Hup; the status functions and the C functions do so themselves. True.
     static bool LibInit();
 
-    /// Names the daemon after the last part of `name`: log identity, PID file. False for null.
+    /// Names the daemon after the last part of `name`, which is copied: log identity and PID file
+    /// (/var/run/NAME.pid). False for null.
     static bool SetName(const char* name);
 
-    /// Sets another PID file, an absolute path. libdaemon uses it once SetName has been called at
-    /// any time; LibInit does not call SetName any more. False for a null, empty or relative path.
+    /// Sets another PID file, an absolute path. Call SetName before: only then does libdaemon use
+    /// this path, and a later SetName would replace it. False for a null, empty or relative path.
     static bool SetPidFile(const char* path);
 
-    /// Path of the PID file; it lives until the next SetName or SetPidFile.
+    /// Path of the PID file, valid until the next SetName or SetPidFile; empty before the first.
     static const char* GetPidFile();
 
+    /// Whether this process went into the background with Fork.
     static bool IsForked();
 
-    /// Goes into the background. In the parent it waits up to 20 s for the child's start-up result
-    /// and exits with it (255 when none came); it returns in the child, true, and, when it failed,
-    /// in the caller, false.
+    /// Goes into the background. True in the child; false, logged, when that can't be made. The
+    /// parent does not return: it waits up to 20 s for the child's start-up result and exits with
+    /// it, or with 255 when none came.
     static bool Fork();
 
     /// Start of the daemon executable: resets signals, refuses a second instance, forks if
     /// `doFork`, writes the PID file, routes SIGINT, SIGTERM, SIGQUIT, SIGPIPE, SIGHUP and SIGUSR1
-    /// to libdaemon's signal pipe. False, logged, on failure; the waiting parent gets 4.
+    /// to libdaemon's signal pipe. False, logged, on failure; a parent that waits for the result
+    /// gets 4.
     static bool Init(bool doFork);
 
-    /// Stops a running instance with SIGTERM, waiting up to 10 s for its end. 0, or 2 when there
-    /// is none or it did not end.
+    /// Ends the running instance with SIGTERM and waits up to 10 s. 0, or 2, logged, when none runs
+    /// or it does not end.
     static int Kill();
 
-    /// Makes a running instance reload with SIGHUP. 0, or 2 when there is none (told on standard
-    /// error).
+    /// Makes the running instance reload, with SIGHUP; does not wait. 0, or 2 when none could be
+    /// signalled. Prints that on std::cerr; without a name (SetName) it marks std::cerr bad
+    /// instead.
     static int Hup();
 
     // --- status, for other programs; faults go to the system log
 
-    /// Reads the status file: 0 running; 1 not running (no file, or its process is gone; `out` then
-    /// keeps a stale file's content; also a process that may not be asked because it is another
-    /// user's); 255 unusable file. It can't tell the daemon from another live program that has been
-    /// given its process id. A link counts as no file, and so does a file whose owner is neither
-    /// root, nor the asker, nor the folder's owner, nor the user of the process that it names.
+    /// Reads the status file. 0: running. 1: no file, or its process is gone or another user's
+    /// (`out` then holds the file all the same). 255: unusable file. Can't tell the daemon from
+    /// another program that has been given its process id. Links count as no file, as do files of
+    /// anyone but root, the caller, the folder's owner and the user of the process named in them.
     static int GetStatus(Json::Value& out);
 
-    /// The status as three texts. With `serviceId`, a service that the running daemon does not
-    /// publish gives "--", "not_running", "success". False, texts empty, for an unusable file.
+    /// The status as three texts: server id, state word, error word. With `serviceId`, a service
+    /// that no running daemon publishes gives "--", "not_running", "success". False, texts empty,
+    /// for an unusable file.
     static bool GetStatus(std::string& serverId, std::string& state, std::string& error,
                           const char* serviceId);
 
-    /// Asks the running daemon for a dump of its state; blocks a few milliseconds. 0, and `out` is
-    /// what the dump file holds as soon as that is JSON; 1 not running; 11 another asker is at it
-    /// or the daemon was too slow: ask again; 255 dump file gone. `out` is null but for 0.
+    /// Asks the running daemon for a dump of its state; blocks a few milliseconds. 0: `out` is the
+    /// dump. Else `out` is null; 1: not running; 11: another caller is at it, or the daemon was too
+    /// slow: retry; 255: the dump file is gone.
     static int DebugStatus(Json::Value& out);
 
     /// Prints the status (or, with `debug`, the dump) on standard output. 0 running; 1 not running;
-    /// 2 no status; DebugStatus's codes with `debug`.
+    /// 2 no status. With `debug`: DebugStatus's codes.
     static int Status(bool debug);
 
-    static int _logLevel;
-    static std::string _strLogFile;
-    static bool _isForked;
-    static std::string _strPidFile;
-    /// For the daemon executable; the library leaves it alone.
-    static bool _isCreated;
+    // Set by the functions above.
+    static int _logLevel;           ///< threshold, 4 at first
+    static std::string _strLogFile; ///< path; empty: none
+    static bool _isForked;          ///< set by Fork
+    static std::string _strPidFile; ///< absolute path; empty before the first SetName
+    static bool _isCreated;         ///< for the daemon executable; the library leaves it alone
 };
 
 } // namespace ZARO::Relay

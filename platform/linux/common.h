@@ -25,7 +25,7 @@ namespace ZARO::Platform {
 
 namespace paths = ZARO::paths; // for the C functions, which are in no namespace
 
-/// Keeps `error` for TLIBCErrGet. Always -1.
+/// Keeps `error` for TLIBCErrGet. Returns -1.
 int Fail(int error) noexcept;
 
 /// Runs the body of a C function, which gives its result; what it throws becomes a failure, and
@@ -41,16 +41,16 @@ template <typename Body> int Guard(Body body) noexcept {
     }
 }
 
-/// Reads a whole regular file. Anything else is refused, without ever waiting on it. `text` is
-/// untouched on failure.
+/// Reads a whole regular file. Refuses anything else without blocking on it. `text` is untouched on
+/// failure.
 int ReadWhole(const std::string& path, std::string& text, Trust trust = Trust::Anybodys,
               size_t most = kSmallFile);
 
-/// Gives the names in a folder in order of their bytes, hidden ones left out.
+/// Gives the names in a folder in byte order, without hidden ones.
 int ListFolder(const std::string& path, std::vector<std::string>& names);
 
 /// Puts `text` into a caller's buffer of `size` > 0 bytes, cut to fit and never within a UTF-8
-/// character. Returns the length it has there.
+/// character. Returns the length of the copy.
 int CopyCut(std::string_view text, char* buf, int size);
 
 /// Whether a text fits whole into a caller's buffer.

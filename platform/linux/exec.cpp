@@ -50,7 +50,7 @@ private:
 };
 
 /// Waits for a program's end and kills it when that takes too long: the caller may be a daemon with
-/// other things to do. Kernels without process descriptors wait as long as it takes.
+/// other things to do. On kernels without process descriptors there is no limit.
 void EndAfter(pid_t pid, int milliseconds) {
     const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
     if (pidfd < 0) {

@@ -8,8 +8,8 @@
 namespace ZARO::Platform {
 namespace {
 
-/// The section that a header line opens. A line that begins as one and is none opens the empty
-/// section, which nobody can ask for: what follows must not fall to the section before.
+/// The section that a header line opens. A malformed header opens the empty section, which nobody
+/// can ask for: what follows must not go to the section before.
 std::optional<std::string_view> ParseHeader(std::string_view line) {
     line = Trim(line);
     if (line.empty() || line.front() != '[') {
@@ -19,7 +19,7 @@ std::optional<std::string_view> ParseHeader(std::string_view line) {
     return whole ? Trim(line.substr(1, line.size() - 2)) : std::string_view();
 }
 
-/// Shows every assignment below a section header to visit(section, assignment), in order, until it
+/// Calls visit(section, assignment) for every assignment below a section header, in order, until it
 /// returns true.
 template <typename Visit> void VisitSections(std::string_view text, Visit visit) {
     std::string_view section;

@@ -3,7 +3,7 @@
 ///
 /// Of several lines with one key the last one counts, as it does for a shell that reads the file.
 /// A line that is not of this form (an unclosed quote, a key of other characters than letters,
-/// digits, '_', '-' and '.', a zero byte) says nothing and is passed over.
+/// digits, '_', '-' and '.', a zero byte) is skipped.
 #pragma once
 
 #include <optional>
@@ -16,7 +16,7 @@ namespace ZARO::Platform {
 struct Assignment {
     std::string_view key;
     std::string_view value;
-    std::string_view written; // the value as it stands there, with its quotes
+    std::string_view written; // the value as written, with its quotes
 };
 
 /// Takes the next line off `rest`, without its line end; false when none is left.

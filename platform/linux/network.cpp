@@ -23,8 +23,8 @@ using Record = struct _tag_TLIB_NETIF;
 constexpr int kStateUp = 2;
 constexpr int kStateDown = 1;
 
-/// An interface's own hardware address below the root. A name from outside is checked first: it
-/// becomes part of a path.
+/// The hardware address that the kernel shows for an interface. A name from outside is checked
+/// first: it becomes part of a path.
 std::optional<Mac> ReadMac(const std::string& name) {
     std::string text;
     if (name.empty() || name.size() >= IFNAMSIZ || name.front() == '.' ||
@@ -84,9 +84,9 @@ int FillFirstAddress(const std::string& name, Record& record) {
     return list.error != 0 ? list.error : EADDRNOTAVAIL;
 }
 
-/// The interface that plays "eth0" on a machine without one. It gives the device its identity, so
-/// the choice must not depend on what happens to be up: a named one is taken or nothing, then comes
-/// the first real one, and the default route only where there is none (in a container).
+/// The interface that stands for "eth0" on a machine without one. It gives the device its identity,
+/// so the choice must not depend on what happens to be up: the one named in the settings; else the
+/// first with hardware; else, as in a container, that of the default route.
 std::string EthernetName() {
     const std::string folder = paths::NetClassDir();
     struct stat info {};

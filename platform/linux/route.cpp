@@ -13,7 +13,7 @@
 namespace ZARO::Platform {
 namespace {
 
-/// Reads one line of the kernel's table; false when it is no default route that is in use.
+/// Reads one line of the kernel's table; false unless it is a default route in use.
 bool ParseRoute(std::string_view line, DefaultRoute& route, unsigned int& metric) {
     std::vector<std::string_view> field;
     for (size_t end = 0, begin = 0;
@@ -32,7 +32,7 @@ bool ParseRoute(std::string_view line, DefaultRoute& route, unsigned int& metric
         return false;
     }
     route.interface = field[0];
-    // The kernel prints the address as a number of this machine, so as the number it is read back.
+    // The kernel prints the address's bytes as a number of this machine; read back, they match.
     route.gateway.s_addr = (flags & RTF_GATEWAY) != 0 ? gateway : 0;
     return true;
 }

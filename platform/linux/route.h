@@ -12,8 +12,8 @@ struct DefaultRoute {
     in_addr gateway{}; // zero on a link that needs none
 };
 
-/// Gives the default route of the lowest metric. Returns 0, ENETUNREACH when there is none, or why
-/// the table can't be read.
+/// Gives the default route of the lowest metric. Returns 0; ENETUNREACH without one; or the error
+/// number for which the table can't be read.
 int FindDefaultRoute(DefaultRoute& best);
 
 } // namespace ZARO::Platform

@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::string_view kSuffix = ".conf";
 
-/// One service with everything that its record points at, so that it must stay where it is.
+/// A service and everything that its record points to, so it must not be moved.
 struct Service {
     Service() = default;
     Service(const Service&) = delete;
@@ -28,7 +28,7 @@ struct Service {
     std::vector<char*> pointers;
 };
 
-/// Adds the ports of a list separated by commas and blanks, each once; false when one is none.
+/// Adds the ports of a list separated by commas and blanks, each once; false if a word is no port.
 bool ParsePorts(std::string_view list, std::vector<int>& ports) {
     constexpr std::string_view kSeparators = ", \t";
     for (;;) {
@@ -86,7 +86,7 @@ bool FillService(std::string_view name, std::string_view text, Service& service)
            FillPorts(text, service);
 }
 
-/// The service that a file of the folder defines by its name; empty when it defines none.
+/// The service that a file defines, named after the file; empty when it defines none.
 std::string_view ServiceName(std::string_view file) {
     if (file.size() <= kSuffix.size() || file.substr(file.size() - kSuffix.size()) != kSuffix) {
         return {};

@@ -15,11 +15,11 @@
 namespace ZARO::Platform {
 namespace {
 
-// Who holds the lock is replacing one small file; a disk that wakes up takes seconds.
+// Whoever holds the lock is replacing one small file; a disk that wakes up takes seconds.
 constexpr std::chrono::seconds kLockPatience{10};
 
-/// Gives the file that `path` stands for, behind its symbolic links. One that is missing stands for
-/// itself, but a link that leads nowhere is an error: replacing it would cut it off its target.
+/// Follows the symbolic links of `path` to the file. A missing file stands for itself, but a link
+/// that leads nowhere is an error: replacing it would separate it from its target.
 int ResolveTarget(const std::string& path, std::string& target) {
     struct stat info {};
     if (lstat(path.c_str(), &info) != 0) {
@@ -39,8 +39,8 @@ std::string LockOf(const std::string& file) {
     return FolderOf(file) + "." + file.substr(file.rfind('/') + 1) + ".lock";
 }
 
-/// `text` with every line of `key` set to `value`, so that a reader for which the first one counts
-/// agrees; with a line added at the end when there is none.
+/// `text` with `key` set to `value` in every line that has it, so that programs that take the first
+/// such line see the same. Without such a line one is added at the end.
 std::string WithValue(std::string_view text, std::string_view key, std::string_view value) {
     const std::string written = "\"" + std::string(value) + "\"";
     std::string result;

@@ -3,7 +3,7 @@
 ///   ssh -d FILE -o NoneEnabled=yes -o NoneSwitch=yes -NfRPORT:localhost:PORT USER@HOST
 ///
 /// FILE holds the log-in password. The program takes exactly this command line, adds its own
-/// settings and becomes the stock client, which goes to the background once the forward stands;
+/// settings and becomes the stock client, which goes to the background once the forward is up;
 /// there its command line still begins with "ssh -d FILE", by which its starter finds it. When the
 /// stock client wants the password, it runs this program again to answer.
 #include "ssh_password.h"
@@ -35,7 +35,7 @@ constexpr char kKnownHostsVariable[] = "ZARO_SSH_KNOWN_HOSTS";
 constexpr int kFailed = 255; // as the stock client ends
 constexpr unsigned int kLoginSeconds = 15;
 
-// The first mention of a setting counts, so these can't be undone by the configuration file.
+// The first value of a setting counts, so the configuration file can't undo these.
 constexpr const char* kSettings[] = {
     // The log-in: one password, given once, to the host that was seen first under this name.
     "PreferredAuthentications=password",
@@ -69,8 +69,8 @@ constexpr const char* kSettings[] = {
     "ServerAliveInterval=5",
     "ServerAliveCountMax=2",
     "TCPKeepAlive=yes",
-    // What goes through is mostly compressed and encrypted already; aes128-gcm is the fastest
-    // cipher on processors that help with it. The others stay behind it.
+    // Most traffic is compressed and encrypted already. aes128-gcm is the fastest cipher on
+    // processors with support for it; the others remain after it.
     "Compression=no",
     "Ciphers=^aes128-gcm@openssh.com,aes256-gcm@openssh.com",
     "LogLevel=ERROR",
@@ -91,7 +91,7 @@ bool IsName(std::string_view text, const char* others) {
            std::all_of(text.begin(), text.end(), [&](char c) { return IsOneOf(c, others); });
 }
 
-/// USER@HOST, where neither can be taken for an option or end in a shell as more than a word.
+/// USER@HOST, where neither can be taken for an option or be more than one word in a shell.
 bool IsDestination(std::string_view text) {
     const size_t at = text.rfind('@');
     return at != text.npos && IsName(text.substr(0, at), "._-+=@") &&
@@ -159,7 +159,7 @@ const char* PrepareFolder(std::string& config) {
     return trusted ? nullptr : "the configuration file must be this user's, closed to writers";
 }
 
-/// Takes out of the environment what would change how the client, or the loader, works.
+/// Removes from the environment what would change how the client or the loader works.
 void CleanEnvironment() {
     std::vector<std::string> names;
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
@@ -216,7 +216,7 @@ std::vector<std::string> ClientArguments(const CommandLine& command, const std::
 int Connect(int argc, char** argv) {
     CommandLine command{};
     std::string config;
-    std::string password; // read only to tell at once what would fail later without a word
+    std::string password; // read only to report at once what would fail silently later
     const char* wrong = ParseCommandLine(argc, argv, command);
     if (wrong == nullptr) {
         wrong = ReadPassword(command.passwordFile, password);

@@ -13,8 +13,8 @@ namespace {
 
 constexpr size_t kMaxPassword = 4096;
 
-/// Whether the client asks for this log-in's password: not for a new one, not a yes or no, and not
-/// for what another host on the way wants of another user.
+/// Whether the client asks for this log-in's password, and not for a new one, a yes or no, or the
+/// password of another user on another host.
 bool IsPasswordPrompt(std::string_view prompt) {
     constexpr std::string_view kEnd = "'s password: ";
     const char* user = getenv(kUserVariable);

@@ -14,8 +14,8 @@ constexpr char kUserVariable[] = "ZARO_SSH_USER";
 /// line of 1 to 4096 bytes. Gives what is wrong with it, or NULL.
 const char* ReadPassword(const char* file, std::string& password);
 
-/// Prints the password as the answer to `prompt`. Gives the helper's exit status: 1, with nothing
-/// printed, when it is any other question than for this log-in's password.
+/// Prints the password as the answer to `prompt`. Returns the helper's exit status: 1, with nothing
+/// printed, when the prompt is not for this log-in's password.
 int AnswerPrompt(const std::string& prompt);
 
 } // namespace ZARO::Platform

@@ -22,7 +22,7 @@ constexpr size_t kSecretSize = 32;
 constexpr size_t kSerialSize = 20; // 100 random bits: no two devices share one
 constexpr size_t kMaxSerialSize = 35;
 constexpr size_t kTokenSize = 32;
-// Without the letters that people take for digits; a power of two, so that each is as likely.
+// Without letters that look like digits; a power of two, so that each is equally likely.
 constexpr std::string_view kSerialAlphabet = "0123456789ABCDEFGHJKMNPQRSTVWXYZ";
 static_assert(kSerialAlphabet.size() == 32);
 
@@ -88,8 +88,7 @@ int DrawIdentity(Identity& identity) {
     return 0;
 }
 
-/// Makes the device's identity. Of processes that do so at once the first one wins: the link is
-/// made only where no file is, and by then the file is complete.
+/// Makes the device's identity. Of several processes that do so at once the first wins.
 int MakeIdentity(const std::string& path) {
     Identity identity;
     if (const int error = DrawIdentity(identity)) {

@@ -1,5 +1,5 @@
-/// What the fuzz targets share. A target asserts what must hold whatever it is given; an exception
-/// that leaves it is a finding too. libFuzzer's option -close_fd_mask=3 keeps the terminal quiet.
+/// What the fuzz targets share. A target asserts what must hold for every input; an exception that
+/// escapes is a finding too. libFuzzer's option -close_fd_mask=3 keeps the terminal quiet.
 #pragma once
 
 #include <syslog.h>
@@ -12,8 +12,10 @@
 
 #include "app/common/checks.h"
 #include "app/daemon/exchange.h"
+#include "app/daemon/server_reply.h"
 #include "tests/support/temp_root.h"
 
+using namespace ZARO;
 using namespace ZARO::Relay;
 
 /// The target, and the device that it runs on.

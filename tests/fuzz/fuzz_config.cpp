@@ -16,15 +16,14 @@ static std::string Again(const std::string& text, bool full) {
 
 void Fuzz(const std::string& input) {
     RelaydConf conf(nullptr);
-    bool unusable = false;
     gDevice.Write("/usr/zaro/etc/zarorelayd.conf", input);
-    const auto faults = app::CheckConfigFile(paths::ConfigFile(), false, unusable);
-    assert(conf.Reload() || (unusable && !faults.empty()));
-    conf.serverIdCleared = false; // its notification would be a process
+    const auto checked = app::CheckConfigFile(paths::ConfigFile(), false);
+    assert(conf.Reload() || (checked.unusable && !checked.faults.empty()));
+    conf.serverIdCleared = false; // the notification would start a process
     assert(conf.WriteConfigFile(paths::ConfigFile()) && conf.ReadConfigFile(paths::ConfigFile()));
-    // The first writing drops what is not kept; from then on nothing changes any more.
-    const bool full = input.size() % 2 == 0; // one form a run, for the pace
+    // The first write drops what a record does not keep; after that nothing changes.
+    const bool full = input.size() % 2 == 0; // one form per run, for speed
     const std::string first = Again(input, full), second = Again(first, full);
-    const bool kept = full && first.find("\\u") == std::string::npos; // bad UTF-8 is not
+    const bool kept = full && first.find("\\u") == std::string::npos; // bad UTF-8 is lost
     assert(kept ? second == first : Again(second, full) == second);
 }

@@ -1,17 +1,18 @@
-/// The hub, as a series of requests behind a host: each line is taken as a batch and as a form.
+/// The hub: the first line is a Host header; each further line is sent as a batch and as a form.
 #include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 
 #include "hub/alias.h"
 #include "hub/control.h"
+#include "hub/http_form.h"
 
 using namespace ZARO::RelayHub;
 
 void Fuzz(const std::string& input) {
     Store store;
     std::string line, session = CookieValue(input, "session");
-    // Beside SQLite's name for no file an empty one is made.
-    assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, &line));
+    // An empty file appears in the current folder, even for a database in memory.
+    assert(chdir(gDevice.Dir().c_str()) == 0 && store.Open(":memory:", {1000, 1007, {}}, line));
     Waiters waiters(store, std::chrono::milliseconds(0));
     const auto isUp = [](int) { return true; };
     Control control(store, waiters, {isUp, [](const auto&) {}}, "");
@@ -22,11 +23,11 @@ void Fuzz(const std::string& input) {
     while (std::getline(lines, line)) {
         assert(alias.Update(line) != "911" && alias.Query(line, origin) != "911");
         Json::Value replies, tunnel;
-        bool isTaken = json::Parse(control.Answer(line, origin, &session), replies);
+        bool isTaken = json::Parse(control.Answer(line, origin, session), replies);
         assert(isTaken && app::CleanBatchReply(replies, isTaken) && isTaken);
         for (const Json::Value& reply : replies) {
             assert(reply["errno"] == 0 || (reply.size() == 1 && reply["errno"] != 1));
-            for (const Json::Value& given : reply["tunnels"]) { // what it gives, a device takes
+            for (const Json::Value& given : reply["tunnels"]) { // a device accepts each
                 assert(app::CheckTunnel(given, {ServiceConf(given, false)}, tunnel, line));
             }
         }

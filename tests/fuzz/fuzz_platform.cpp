@@ -12,7 +12,7 @@ void Fuzz(const std::string& input) {
     gDevice.Write("/usr/zaro/etc/device.key", input);
     for (const std::string& link : {paths::InfoFile(), paths::DdnsFile(), paths::ClusterFile(),
                                     paths::PortForwardFile(), paths::ServicesDir() + "/x.conf"}) {
-        (void)!symlink(file.c_str(), link.c_str()); // it is there but the first time
+        (void)!symlink(file.c_str(), link.c_str()); // fails after the first run
     }
     assert(AuthConf(true).token.size() % 32 == 0 && NetworkConf(true).IsValid());
     assert(ServiceConf("x").port <= 65535 && ServiceConf("x").port != 0);

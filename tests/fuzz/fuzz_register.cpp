@@ -1,6 +1,6 @@
-/// Replies to registration batches, one a line, while the device's settings change in between.
-#include "base/text.h"
+/// Replies to registration batches, one per line, while the device's settings change in between.
 #include "base/json.h"
+#include "base/text.h"
 #include "tests/fuzz/fuzz.h"
 
 void Fuzz(const std::string& input) {
@@ -21,7 +21,7 @@ void Fuzz(const std::string& input) {
         const bool good = device.ParseResponse(conf, sent, reply);
         assert(IsPrintable(conf.serverID) && IsPrintable(conf.network.mode));
         assert(conf.waitcmd.GetUrl(nullptr).find_first_of(" \r\n\"<>@#?") == std::string::npos);
-        device.GetChanges(conf, tunnels, next); // again what the server did not acknowledge
+        device.GetChanges(conf, tunnels, next); // repeats what the server did not acknowledge
         assert(good == (reply.isArray() && next.empty()) && next.size() <= sent.size());
     }
 }

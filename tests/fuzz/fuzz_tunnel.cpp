@@ -1,7 +1,7 @@
-/// A tunnel object: nothing in it leaves its quotes in the shell's text, leads a file elsewhere or,
-/// once checked, reads as an option.
-#include "base/paths.h"
+/// A tunnel object: nothing in it breaks out of the quotes in the shell command, moves a file to
+/// another folder or, once checked, looks like an option.
 #include "base/json.h"
+#include "base/paths.h"
 #include "tests/fuzz/fuzz.h"
 
 #include "tunnel/ssh_command.h"
@@ -16,7 +16,7 @@ void Fuzz(const std::string& input) {
     assert(name.find_first_of(std::string("/\n\0", 3)) == std::string::npos);
     for (const std::string& file :
          {paths::PasswordFile(1, name), input.substr(0, input.find('\0'))}) {
-        // Read as the shell does: a backslash takes the meaning of the few that have one in quotes.
+        // Reads it as the shell does: within quotes a backslash escapes only a few characters.
         const std::string command = ssh::PidSearch(file);
         std::size_t at = command.find('"') + 1;
         for (; at < command.size() && command[at] != '"'; ++at) {

@@ -1,4 +1,4 @@
-/// Replies to the long poll, one a line: the tunnels that the daemon takes from them.
+/// Replies to the long poll, one per line, and the tunnels that the daemon makes of them.
 #include "base/json.h"
 #include "tests/fuzz/fuzz.h"
 

@@ -1,4 +1,4 @@
-/// A path between a device and a hub that fails as told, while it is in use.
+/// A network path between a device and a hub that fails on command while it is in use.
 #pragma once
 
 #include <netinet/tcp.h>
@@ -11,19 +11,19 @@
 
 #include "tests/support/web_service.h"
 
-/// What becomes of the bytes of one direction. Held ones come later, as when a path fails for a
-/// while. A connection that has lost some stays dead, as when a router has forgotten it, and its
-/// ends are not told. Garbled ones are no protocol's any more.
+/// What happens to the bytes of one direction. Hold: they arrive later, as after a short outage.
+/// Lose: the connection stays dead and its ends do not notice, as when a router has forgotten it.
+/// Garble: they no longer fit any protocol.
 enum class Way { Pass, Hold, Lose, Garble };
 
 /// How a path fails; by default it doesn't.
 struct PathFaults {
     Way up = Way::Pass;           ///< to the target
     Way down = Way::Pass;         ///< from the target
-    bool refuse = false;          ///< nothing listens; what is connected goes on
+    bool refuse = false;          ///< nothing listens; connections go on
     milliseconds delay{0};        ///< before each chunk of a direction
-    std::size_t chunk = 65536;    ///< how many bytes go on at once, at most
-    std::size_t limit = SIZE_MAX; ///< a connection ends when the target says more bytes than that
+    std::size_t chunk = 65536;    ///< the most bytes that pass at once
+    std::size_t limit = SIZE_MAX; ///< a connection ends when its target sends more
 };
 constexpr PathFaults kRefuses = {Way::Pass, Way::Pass, true};
 constexpr PathFaults kHolds = {Way::Hold, Way::Hold};
@@ -40,16 +40,16 @@ constexpr PathFaults EndsAfter(std::size_t bytes) {
 }
 
 /// A TCP proxy on a port of its own in front of a port of 127.0.0.1. Its methods may be called from
-/// any thread; what they ask for holds when they return.
+/// any thread, and have taken effect when they return.
 class FaultProxy : NoCopy {
 public:
     explicit FaultProxy(int target) : target_(target) {
-        // A port that was asked for by its number stays ours while nothing listens on it.
+        // A port that is bound by number stays ours even while it does not listen.
         while (listener_ == nullptr || listener_->port < 0) {
-            const int port = Listener().port; // somebody else may take it in between
+            const int port = Listener().port; // another process may take it in between
             listener_ = std::make_unique<Listener>(port);
         }
-        // Those that wait may go between a poll and an accept.
+        // A client may leave between poll and accept.
         (void)fcntl(listener_->fd, F_SETFL, O_NONBLOCK);
         thread_ = std::thread([this] { Run(); });
     }
@@ -61,20 +61,20 @@ public:
 
     int Port() const { return listener_->port; }
 
-    /// The faults from now on; none by default. `alsoNew`: false for a fault of the connections
-    /// that stand, while new ones pass.
+    /// Sets the faults from now on; none by default. With `alsoNew` false only the connections that
+    /// exist have them, while new ones pass.
     void Set(const PathFaults& faults = PathFaults(), bool alsoNew = true) {
         Change([&] {
             faults_ = alsoNew ? faults : PathFaults();
             for (Connection& connection : connections_) {
                 connection.faults = faults;
             }
-            // Only the former answers with a reset, also to those that wait for an accept.
+            // Only a shutdown answers with a reset, also to clients that wait for accept.
             (void)(faults_.refuse ? shutdown(listener_->fd, SHUT_RD) : listen(listener_->fd, 64));
         });
     }
 
-    /// Ends all connections; both ends see a reset, or an orderly end.
+    /// Ends all connections: both ends see a reset, or the orderly end.
     void Cut(bool reset = true) {
         Change([&] {
             for (const Connection& connection : connections_) {
@@ -92,11 +92,11 @@ public:
 
 private:
     struct Stream {
-        std::string chunk;       ///< what goes on next
-        Clock::time_point due{}; ///< when it does
+        std::string chunk;       ///< what is sent next
+        Clock::time_point due{}; ///< when it is sent
         std::size_t count = 0;
         bool lost = false;
-        bool ended = false; ///< its source has said all
+        bool ended = false; ///< its source has sent everything
     };
     struct Connection : NoCopy {
         ~Connection() {
@@ -113,7 +113,7 @@ private:
             return !from.chunk.empty() && from.due <= Clock::now() && WayOf(stream) != Way::Hold;
         }
 
-        int fds[2] = {-1, -1}; ///< client and target; a stream comes from that of its index
+        int fds[2] = {-1, -1}; ///< client, target: the sources of streams[0] and [1]
         Stream streams[2];
         PathFaults faults;
     };
@@ -121,7 +121,7 @@ private:
     template <class Act> void Change(Act act) {
         const std::lock_guard<std::mutex> lock(mutex_);
         act();
-        (void)eventfd_write(wake_, 1); // can't overflow
+        (void)eventfd_write(wake_, 1); // can't fail: the counter does not overflow
     }
 
     void Run() {
@@ -133,7 +133,7 @@ private:
                 for (int i = 0; i < 2; ++i) {
                     const int events = (connection.Reads(i) ? POLLIN : 0) |
                                        (connection.Writes(1 - i) ? POLLOUT : 0);
-                    // One that waits for nothing is left out: poll would tell of its end.
+                    // Without events it is left out: poll would still report its end.
                     fds.push_back(
                         {events != 0 ? connection.fds[i] : -1, static_cast<short>(events), 0});
                     delays = delays || connection.streams[i].due > Clock::now();
@@ -143,13 +143,13 @@ private:
             poll(fds.data(), fds.size(), delays ? 1 : -1);
             lock.lock();
             eventfd_t count = 0;
-            (void)eventfd_read(wake_, &count); // what has changed shows by itself
+            (void)eventfd_read(wake_, &count); // it only wakes this loop
             connections_.remove_if([](Connection& connection) { return Moves(connection); });
             Accept();
         }
     }
 
-    /// Moves what can be moved; true when the connection has come to its end.
+    /// Moves the bytes that can be moved; true when the connection has ended.
     static bool Moves(Connection& connection) {
         bool ends = false;
         for (int i = 0; i < 2; ++i) {
@@ -192,7 +192,7 @@ private:
         constexpr int kFlags = SOCK_CLOEXEC | SOCK_NONBLOCK;
         const int client = accept4(listener_->fd, nullptr, nullptr, kFlags);
         if (client < 0) {
-            return; // nobody waits
+            return; // no client waits
         }
         ++accepted_;
         Connection& connection = connections_.emplace_back();
@@ -203,7 +203,7 @@ private:
         if (!unseen) {
             const sockaddr_in target = Loopback(target_);
             connection.fds[1] = socket(AF_INET, SOCK_STREAM | kFlags, 0);
-            // What comes of it shows when it is read from.
+            // A failure shows at the first read.
             (void)connect(connection.fds[1], reinterpret_cast<const sockaddr*>(&target),
                           sizeof target);
         }

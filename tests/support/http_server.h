@@ -1,4 +1,4 @@
-/// A web server of this process that answers as a test scripts it.
+/// A web server within this process that answers as a test tells it to.
 #pragma once
 
 #include <httplib.h>
@@ -12,8 +12,8 @@
 
 #include "tests/support/processes.h"
 
-/// A TLS server whose certificate names `name`, is signed by itself and ran out yesterday: clients
-/// without a clock must take it.
+/// A TLS server with a self-signed certificate for `name` that expired yesterday: devices without a
+/// clock must accept it.
 inline std::unique_ptr<httplib::Server> TlsServer(const char* name) {
     const std::unique_ptr<EVP_PKEY, void (*)(EVP_PKEY*)> key(EVP_EC_gen("P-256"), EVP_PKEY_free);
     const std::unique_ptr<X509, void (*)(X509*)> own(X509_new(), X509_free);
@@ -70,7 +70,7 @@ public:
         return scheme_ + "127.0.0.1:" + std::to_string(port_) + path;
     }
 
-    /// What has come in.
+    /// The requests so far.
     std::vector<httplib::Request> Requests() const {
         const std::lock_guard<std::mutex> guard(lock_);
         return seen_;

@@ -1,4 +1,4 @@
-/// The hub as the program that it is.
+/// The hub, run as a program.
 #pragma once
 
 #include <sys/un.h>
@@ -8,7 +8,7 @@
 
 #include "tests/support/web_service.h"
 
-/// A hundred ports of 127.0.0.1 where nobody is, and which no other test takes while this lives.
+/// A hundred free ports of 127.0.0.1, which no other test takes while this object lives.
 struct PortBlock : NoCopy {
     explicit PortBlock(int first) {
         sockaddr_un name = {AF_UNIX, {}};
@@ -19,40 +19,41 @@ struct PortBlock : NoCopy {
         }
     }
 
-    const Socket claim{AF_UNIX}; ///< other suites on this machine see it, whoever runs them
+    const Socket claim{AF_UNIX}; ///< all test programs on this machine see it
     bool good = false;
 };
 
-/// A hub over a folder of its own, on ports that it keeps when it is started again. It logs all.
+/// A hub with a folder of its own, and with ports that it keeps across restarts. It logs
+/// everything.
 class HubProcess : NoCopy {
 public:
-    /// `hold`: seconds that it holds a wait command; `more`: further options; `ports`: those of
-    /// the tunnels, where the ninety that are its own do not do.
+    /// `hold`: how many seconds it holds a wait command. `more`: further options. `ports`: the
+    /// range for tunnels, when its own ninety ports are too few.
     explicit HubProcess(int hold = 50, const std::string& more = "", std::string ports = "")
         : options_(" --log-level 7 --hold " + std::to_string(hold) + " " + more),
           ports_(std::move(ports)) {
-        folder_ = (std::filesystem::temp_directory_path() / "zaro-hub.XXXXXX").string();
+        folder_ = (fs::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
             throw std::runtime_error("can't make " + folder_);
         }
-        do { // until nobody takes one of the ports in between
+        do { // again, if another process took one of the ports
             Reserve();
         } while (!Starts());
     }
     ~HubProcess() {
         End();
         std::error_code ignored; // what can't be removed stays in the temporary folder
-        std::filesystem::remove_all(folder_, ignored);
+        fs::remove_all(folder_, ignored);
     }
 
     int HttpPort() const { return first_; }
     int HttpsPort() const { return first_ + 1; }
     int RelayPort() const { return first_ + 2; }
 
-    /// From its next start on it gives tunnels so many of its own ports.
+    /// From its next start, tunnels get only this many of its ports.
     void UsePorts(int count) { count_ = count; }
 
-    /// Returns when it listens.
+    /// Returns once it listens.
     void Start() {
         if (!Starts()) {
             throw std::runtime_error("no hub: " + Log());
@@ -60,7 +61,7 @@ public:
     }
 
     void Kill() { process_.reset(); }
-    /// In order, as it always can.
+    /// Ends it in order, and expects that this works.
     void End() const {
         if (process_ != nullptr) {
             process_->Signal(SIGTERM);
@@ -88,7 +89,7 @@ private:
         } while (!block_->good);
     }
 
-    /// Whether it listens; not where somebody else listens.
+    /// Starts it. False when another process has one of its ports.
     bool Starts() {
         const std::size_t starts = Count("relay ssh://");
         const auto port = [this](int offset) { return std::to_string(first_ + offset); };
@@ -107,10 +108,8 @@ private:
         return isUp();
     }
 
-    const std::string options_;
-    const std::string ports_;
-    int count_ = 90;
-    int first_ = 9900;
+    const std::string options_, ports_;
+    int count_ = 90, first_ = 9900;
     std::unique_ptr<PortBlock> block_;
     std::string folder_;
     std::unique_ptr<Process> process_;

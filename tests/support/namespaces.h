@@ -8,8 +8,8 @@
 
 #include "tests/support/processes.h"
 
-/// Enters namespaces of these kinds, as root of its own if CLONE_NEWUSER is one of them. False,
-/// with errno, where the machine does not allow it.
+/// Enters namespaces of these kinds, as their root if CLONE_NEWUSER is one of them. False, with
+/// errno, where the machine does not allow it.
 inline bool EnterNamespaces(int kinds) {
     const std::string user = "0 " + std::to_string(geteuid()) + " 1";
     const std::string group = "0 " + std::to_string(getegid()) + " 1";
@@ -24,7 +24,7 @@ inline bool EnterNamespaces(int kinds) {
     return true;
 }
 
-/// Puts all temporary files on a disk in memory with room for `size`, "24m" for instance.
+/// Puts all temporary files on a disk in memory of this size, for instance "24m".
 inline bool EnterDiskInMemory(const std::string& size) {
     return EnterNamespaces(CLONE_NEWNS | (geteuid() != 0 ? CLONE_NEWUSER : 0)) &&
            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&

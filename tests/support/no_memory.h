@@ -1,12 +1,12 @@
-/// Memory that runs out when a test says so. For one source of a program: it replaces malloc, which
-/// operator new and the libraries use.
+/// Memory that runs out when a test says so. Include it in one source of a program: it replaces
+/// malloc, which operator new and the libraries use.
 #pragma once
 
 #include <cerrno>
 #include <cstddef>
 
-/// How many allocations succeed before one fails; negative: none fails. A sanitizer has an
-/// allocator of its own, with which none does.
+/// How many allocations succeed before one fails; negative: all succeed. With a sanitizer, which
+/// has an allocator of its own, all succeed too.
 inline long gAllocationsUntilOneFails = -1;
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
@@ -23,8 +23,8 @@ extern "C" void* malloc(std::size_t size) noexcept {
 #pragma GCC visibility pop
 #endif
 
-/// Runs `code` again and again, each time with another of its allocations failing, until none is
-/// left. `check` is called after each.
+/// Runs `code` once for each of its allocations, which fails that time, and then without a failure.
+/// Calls `check` after each run.
 template <class Code, class Check> void WithEachAllocationFailing(Code code, Check check) {
     bool failed = true;
     for (long n = 0; failed; ++n) {

@@ -1,4 +1,4 @@
-/// Stands before the real platform: reports interfaces as a test scripts them.
+/// Takes the real platform's place: reports the interfaces that a test sets.
 #pragma once
 
 #include <string>
@@ -8,9 +8,9 @@
 
 struct PlatformStandin {
     std::vector<_tag_TLIB_NETIF> nics; ///< the interface table
-    std::string mac;                   ///< six bytes of every interface; empty: there is none
+    std::string mac;                   ///< the six bytes of every interface; empty: the call fails
     int pppoe = 0;                     ///< status of the PPPoE link, which has no address
 };
 
-/// Set it anew at the start of a test.
+/// Reset it at the start of a test.
 extern PlatformStandin gPlatform;

@@ -1,4 +1,4 @@
-/// Programs that a test starts, and how long what they do takes.
+/// Programs that a test starts, and the time that they take.
 #pragma once
 
 #include <fcntl.h>
@@ -8,7 +8,6 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <iostream>
 
 #include "tests/support/processes.h"
@@ -24,7 +23,7 @@ constexpr int kSlow = 8;
 constexpr int kSlow = 1;
 #endif
 
-/// Whether a condition comes true within `bound` of now, in a plain build; prints when it does.
+/// Whether a condition comes true within `bound`, longer under sanitizers; prints the time taken.
 template <class Done>
 testing::AssertionResult Takes(const std::string& what, milliseconds bound, Done done) {
     const auto start = Clock::now();
@@ -35,7 +34,7 @@ testing::AssertionResult Takes(const std::string& what, milliseconds bound, Done
                                          : testing::AssertionFailure() << took.count() << " ms";
 }
 
-/// How often `part` stands in `text`.
+/// How often `part` occurs in `text`.
 inline std::size_t Count(const std::string& text, const std::string& part) {
     std::size_t count = 0;
     for (std::size_t at = 0; (at = text.find(part, at)) != text.npos; at += part.size()) {
@@ -44,10 +43,10 @@ inline std::size_t Count(const std::string& text, const std::string& part) {
     return count;
 }
 
-/// The processes whose `file` in /proc holds `text`. Those of ended ones are empty.
+/// The processes whose `file` in /proc contains `text`; never one that has ended.
 inline std::vector<pid_t> ProcessesWith(const std::string& file, const std::string& text) {
     std::vector<pid_t> found;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    for (const auto& entry : fs::directory_iterator("/proc")) {
         const pid_t pid = atoi(entry.path().filename().c_str());
         if (pid > 0 && ReadFile(entry.path() / file).find(text) != std::string::npos) {
             found.push_back(pid);
@@ -56,7 +55,7 @@ inline std::vector<pid_t> ProcessesWith(const std::string& file, const std::stri
     return found;
 }
 
-/// A child process. It does not outlive this object, nor this process. For the main thread.
+/// A child process. It outlives neither this object nor this process. For the main thread.
 class Process : NoCopy {
 public:
     static constexpr int kRuns = -1;
@@ -72,14 +71,14 @@ public:
         argv.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
-            (void)prctl(PR_SET_PDEATHSIG, SIGTERM); // also when a time-out kills the test
+            (void)prctl(PR_SET_PDEATHSIG, SIGTERM); // also when a time limit kills the test
             umask(mask);
             const int out = open(output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-            const bool good = dup2(open("/dev/null", O_RDONLY), 0) == 0 && dup2(out, 1) == 1 &&
-                              dup2(out, 2) == 2 && chdir(folder.c_str()) == 0 &&
-                              putenv(variable.data()) == 0;
-            (void)close_range(3, ~0U, 0); // what the test itself was given and did not ask for
-            good ? execv(argv[0], argv.data()) : 0;
+            if (dup2(open("/dev/null", O_RDONLY), 0) == 0 && dup2(out, 1) == 1 &&
+                dup2(out, 2) == 2 && chdir(folder.c_str()) == 0 && putenv(variable.data()) == 0) {
+                (void)close_range(3, ~0U, 0); // what the test itself inherited
+                execv(argv[0], argv.data());
+            }
             _exit(126);
         }
     }
@@ -112,11 +111,10 @@ private:
 };
 
 /// Runs a program to its end: its exit code, a blank, and its output.
-inline std::string Outcome(const std::vector<std::string>& arguments,
-                           const std::string& folder = "/") {
+inline std::string Outcome(const std::vector<std::string>& words, const std::string& folder = "/") {
     const int file = memfd_create("output", MFD_CLOEXEC);
     const std::string path = "/proc/self/fd/" + std::to_string(file);
-    const int code = Process(arguments, path, folder).Wait(seconds(10) * kSlow);
+    const int code = Process(words, path, folder).Wait(seconds(10) * kSlow);
     const std::string output = ReadFile(path);
     close(file);
     return std::to_string(code) + " " + output;

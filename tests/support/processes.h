@@ -9,11 +9,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
+
+namespace fs = std::filesystem;
 
 struct NoCopy {
     NoCopy() = default;
@@ -21,12 +24,11 @@ struct NoCopy {
     NoCopy& operator=(const NoCopy&) = delete;
 };
 
-/// The words of a text, behind others.
-inline std::vector<std::string> Words(const std::string& text,
-                                      std::vector<std::string> words = {}) {
+/// Appends the words of a text to `all`.
+inline std::vector<std::string> Words(const std::string& text, std::vector<std::string> all = {}) {
     std::istringstream in(text);
-    words.insert(words.end(), std::istream_iterator<std::string>(in), {});
-    return words;
+    all.insert(all.end(), std::istream_iterator<std::string>(in), {});
+    return all;
 }
 
 /// Waits for a condition up to `limit` from now.
@@ -44,7 +46,7 @@ template <class Done> bool WaitFor(Done done) {
     return Within(std::chrono::seconds(10), done);
 }
 
-/// What can be read of a file; of a process's that ends meanwhile, nothing.
+/// The content of a file; empty when it can't be read, as a file in /proc of an ended process.
 inline std::string ReadFile(const std::string& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();

@@ -1,14 +1,14 @@
-/// A hub between a device and the real one: passes everything on and lets a test spoil the replies.
+/// Stands between a device and the real hub, passes everything on and lets a test spoil replies.
 #pragma once
 
 #include "tests/support/http_server.h"
 #include "tests/support/hub_process.h"
-#include "tests/support/json_text.h"
+#include "tests/support/json_values.h"
 
 /// Speaks plain HTTP on a free port of 127.0.0.1.
 class ScriptedHub : NoCopy {
 public:
-    /// Changes the real hub's reply; on a server's thread.
+    /// Changes the real hub's reply. Runs on a thread of the server.
     using Spoiler = std::function<void(httplib::Response&)>;
 
     /// Spoils the replies to batches that begin with `command`.
@@ -51,5 +51,5 @@ private:
     std::mutex lock_;
     const std::string command_;
     Spoiler spoil_;
-    HttpServer server_; // the first to go: it uses the others
+    HttpServer server_; // last, so destroyed first: it uses the others
 };

@@ -3,9 +3,9 @@
 
 #include "tests/support/temp_root.h"
 
-/// Installs ssh and ps below the root and puts them in front of PATH. `then` is what the client
-/// does after it has taken notes; as it stands it logs in: a background process stays, which ps
-/// shows. That process ends with this object.
+/// Installs ssh and ps below the root and puts them first in PATH. `then`: what the client does
+/// after it has written down its call; by default it logs in and leaves a background process that
+/// ps shows. That process ends with this object.
 class ScriptedSsh : NoCopy {
 public:
     explicit ScriptedSsh(const TempRoot& root, const std::string& then = "background; exit 0")

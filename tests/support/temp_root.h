@@ -4,7 +4,6 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include <filesystem>
 #include <stdexcept>
 
 #include "base/paths.h"
@@ -16,23 +15,23 @@
 class TempRoot : NoCopy {
 public:
     TempRoot() {
-        umask(022); // whatever this user's is
-        std::string pattern = (std::filesystem::temp_directory_path() / "zaro.XXXXXX").string();
+        umask(022); // independent of this user's
+        std::string pattern = (fs::temp_directory_path() / "zaro.XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr || !ZARO::paths::SetRoot(pattern)) {
             throw std::runtime_error("can't make a root " + pattern);
         }
         dir_ = ZARO::paths::Root();
         for (const char* folder : {"/etc", "/tmp", "/usr/zaro/bin", "/usr/zaro/etc/services.d",
                                    "/var/run", "/proc/net", "/proc/sys/kernel", "/sys/class/net"}) {
-            std::filesystem::create_directories(dir_ + folder);
+            fs::create_directories(dir_ + folder);
         }
-        std::filesystem::permissions(dir_ + "/tmp", std::filesystem::perms(01777));
+        fs::permissions(dir_ + "/tmp", fs::perms(01777));
     }
 
     ~TempRoot() {
         unsetenv("ZARO_ROOT");
         std::error_code ignored; // what can't be removed stays in the temporary folder
-        std::filesystem::remove_all(dir_, ignored);
+        fs::remove_all(dir_, ignored);
     }
 
     const std::string& Dir() const { return dir_; }
@@ -40,11 +39,11 @@ public:
     /// Where the device's `path` (absolute, as on an appliance) lies on this machine.
     std::string Path(const std::string& path) const { return dir_ + path; }
 
-    /// Makes the device's file `path` anew, with its folders.
+    /// Makes the device's file `path` and its folders; replaces one that is there.
     void Write(const std::string& path, const std::string& text, mode_t mode = 0644) const {
         const std::string file = Path(path);
-        std::filesystem::create_directories(std::filesystem::path(file).parent_path());
-        std::filesystem::remove(file);
+        fs::create_directories(fs::path(file).parent_path());
+        fs::remove(file);
         std::ofstream out(file, std::ios::binary);
         out << text;
         out.close();
@@ -53,7 +52,7 @@ public:
         }
     }
 
-    /// The whole of the device's file `path`; empty when there is none.
+    /// The content of the device's file `path`; empty when there is no such file.
     std::string Read(const std::string& path) const { return ReadFile(Path(path)); }
 
 private:

@@ -27,12 +27,12 @@ struct Socket : NoCopy {
 
 /// Listens on 127.0.0.1, and accepts nothing by itself.
 struct Listener : Socket {
-    /// On that port, or any free one; `port` stays -1 where somebody else is.
+    /// On the wanted port, or any free one; `port` stays -1 when another process has it.
     explicit Listener(int wanted = 0) : Socket(AF_INET) {
         sockaddr_in address = Loopback(wanted);
         socklen_t size = sizeof address;
         auto* const generic = reinterpret_cast<sockaddr*>(&address);
-        const int reuse = wanted != 0; // as servers do, that connections of before do not hinder
+        const int reuse = wanted != 0; // past old connections, as servers do
         setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
         if (bind(fd, generic, size) == 0 && listen(fd, SOMAXCONN) == 0) {
             getsockname(fd, generic, &size);
@@ -95,14 +95,14 @@ public:
 
     bool IsRefused() const { return refused_; }
 
-    /// Whether the other side still takes all of it.
+    /// Whether the other side still accepts all of it.
     bool Send(const std::string& text) const {
         return send(fd, text.data(), text.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(text.size());
     }
     void EndSending() const { shutdown(fd, SHUT_WR); }
 
-    /// What comes until the other side ends, or `size` bytes, or nothing for so many ms.
+    /// Reads until the other side ends, `size` bytes have come, or nothing comes for `wait` ms.
     std::string Read(std::size_t size = SIZE_MAX, int wait = 20000) const {
         std::string all;
         char block[65536];
@@ -114,7 +114,7 @@ public:
         return all;
     }
 
-    /// The next line, without its end; what there is of it when nothing comes for a second.
+    /// The next line without its end; the part that came when nothing follows for a second.
     std::string Line() const {
         std::string line;
         for (std::string c = Read(1, 1000); !c.empty() && c != "\n"; c = Read(1, 1000)) {
@@ -123,14 +123,14 @@ public:
         return line;
     }
 
-    /// What comes back for a line.
+    /// Sends a line; returns the answer.
     std::string Ask(const std::string& line) const { return Send(line + "\n") ? Line() : ""; }
 
 private:
     bool refused_ = true;
 };
 
-/// Which service answers on a port; empty for none.
+/// The name of the service that answers on a port; empty when there is none.
 inline std::string Greeting(int port) {
     return Visitor(port).Line();
 }

@@ -5,9 +5,9 @@
 #include <httplib.h>
 #include <libssh/libssh.h>
 
-#include "hub/forms.h"
+#include "hub/names.h"
 #include "tests/support/hub_process.h"
-#include "tests/support/json_text.h"
+#include "tests/support/json_values.h"
 
 namespace ZARO::RelayHub {
 
@@ -18,6 +18,11 @@ inline std::string Errnos(const Json::Value& replies) {
         all += (all.empty() ? "" : " ") + reply["errno"].asString();
     }
     return all;
+}
+
+/// The status of a reply, 0 without one.
+inline int StatusOf(const httplib::Result& result) {
+    return result ? result->status : 0;
 }
 
 /// A registered or still unknown device. Its identity follows from `number`.
@@ -52,7 +57,7 @@ public:
     }
     Json::Value Post(const std::string& batch) {
         const httplib::Result result = PostRaw(batch);
-        EXPECT_TRUE(result && result->status == 200) << batch;
+        EXPECT_EQ(StatusOf(result), 200) << batch;
         return result ? Parse(result->body) : Json::Value();
     }
     std::string RegisterCommand() const {
@@ -114,7 +119,8 @@ public:
     }
     /// One that forwards.
     TestTunnel(const HubProcess& hub, const Json::Value& tunnel) : TestTunnel(hub) {
-        EXPECT_TRUE(LogIn(tunnel) && Forward(tunnel["relay_port"].asInt()));
+        EXPECT_TRUE(LogIn(tunnel));
+        EXPECT_TRUE(Forward(tunnel["relay_port"].asInt()));
     }
 
     bool LogIn(const Json::Value& tunnel) {

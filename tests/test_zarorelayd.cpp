@@ -7,29 +7,26 @@ using testing::StartsWith;
 
 namespace {
 
-using DaemonProgram = DeviceTest;
+using Zarorelayd = DeviceTest;
 
 /// The exit code, a blank and the output of the program with these options.
 std::string Outcome(const Device& device, const std::string& options) {
     return ::Outcome(Words(options, {ZARO_DAEMON, "--root", device.root.Dir()}));
 }
 
-/// What a look at a file must not change.
+/// What reading a file must not change.
 std::string Fingerprint(const std::string& path) {
-    struct stat info = {};
-    EXPECT_EQ(stat(path.c_str(), &info), 0);
-    return std::to_string(info.st_ino) + " " + std::to_string(info.st_mode) + " " +
-           std::to_string(info.st_mtim.tv_sec) + "." + std::to_string(info.st_mtim.tv_nsec) + " " +
-           ReadFile(path);
+    const std::string facts = ::Outcome({"/usr/bin/stat", "-c", "%i %f %y", path});
+    EXPECT_EQ(facts[0], '0') << facts;
+    return facts + ReadFile(path);
 }
 
-TEST_F(DaemonProgram, ServesSoonAndReloadTouchesOnlyWhatChanged) {
+TEST_F(Zarorelayd, ServesSoonAndReloadTouchesOnlyWhatChanged) {
     const WebService moved("moved");
     const WebService elsewhere("elsewhere");
     device.Publish(moved);
     device.Start();
-    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }))
-        << device.Log();
+    EXPECT_TRUE(Takes("start to first byte", seconds(1), [&] { return device.Serves(web); }));
     ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(moved); }));
     EXPECT_EQ(device.Status()["service"][0U]["local"], "reachable");
     const pid_t kept = device.Ssh("web");
@@ -47,18 +44,19 @@ TEST_F(DaemonProgram, ServesSoonAndReloadTouchesOnlyWhatChanged) {
     device.Reload([](Json::Value& now) { now["service"].resize(1); });
     EXPECT_TRUE(Takes("withdrawal", seconds(2),
                       [&] { return Visitor(port).IsRefused() && device.Ssh("moved") < 0; }));
-    // A slip of the pen.
+    // A typo.
     device.Reload([](Json::Value& now) { now["service"] = Json::Value(now["service"][0U]); });
-    EXPECT_TRUE(WaitFor([&] { return device.Logs("expected a list"); }) && device.ComesToRest());
+    EXPECT_TRUE(WaitFor([&] { return device.Logs("expected a list"); }));
+    EXPECT_TRUE(device.ComesToRest());
     EXPECT_EQ(device.Ssh("web"), kept);
     EXPECT_EQ(visitor.Ask("still there?"), "still there?");
     EXPECT_EQ(hub.Registrations(), 1U);
 }
 
-TEST_F(DaemonProgram, GoesIntoTheBackgroundOnceAndLeavesNothing) {
+TEST_F(Zarorelayd, GoesIntoTheBackgroundOnceAndLeavesNothing) {
     PublishMore(4);
     device.config["log_file"] = device.root.Path(Device::kLog);
-    device.root.Write(Device::kPidFile, "4194305\n"); // a killed one's, which each start may find
+    device.root.Write(Device::kPidFile, "4194305\n"); // left by a killed daemon
     const std::string stray = "ssh -d " + device.root.Path("/tmp/.tunnel.1.web");
     const Process slow({"/bin/sh", "-c", "trap '' TERM; kill -STOP $$", stray}); // takes 1 s to end
     device.Start({});
@@ -66,47 +64,46 @@ TEST_F(DaemonProgram, GoesIntoTheBackgroundOnceAndLeavesNothing) {
     Process third({ZARO_DAEMON, "--root", device.root.Dir()}, "/dev/null", "/", device.Mark());
     const int lost = second.Wait(seconds(10)) + third.Wait(seconds(10));
     EXPECT_EQ(device.Daemon().Wait(seconds(10)) + lost, 2); // one ends with 0, two with 1
-    EXPECT_TRUE(device.Status().isObject());                // as soon as the start has ended
-    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); })) << device.Log();
+    EXPECT_TRUE(device.Status().isObject());                // once the start has returned
+    ASSERT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); }));
     EXPECT_TRUE(WaitFor([&] { return device.Processes().size() == 6; }));
     const std::string pidFile = Fingerprint(device.root.Path(Device::kPidFile));
     const pid_t pid = device.Status()["pid"].asInt();
     EXPECT_EQ(device.root.Read(Device::kPidFile), std::to_string(pid) + "\n");
     EXPECT_NE(getsid(pid), getsid(0));
-    std::filesystem::remove(device.root.Path(Device::kLog));
+    fs::remove(device.root.Path(Device::kLog));
     kill(pid, SIGHUP);
     EXPECT_TRUE(WaitFor([&] { return device.Logs("configuration reloaded"); }));
-    for (const auto& fd :
-         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
-        std::error_code closed; // by the daemon, since it was listed
-        EXPECT_EQ(Count(std::filesystem::read_symlink(fd, closed), ".log (deleted)"), 0U);
+    for (const auto& fd : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code closed; // by the daemon, after the listing
+        EXPECT_EQ(Count(fs::read_symlink(fd, closed), ".log (deleted)"), 0U);
     }
     EXPECT_THAT(Outcome(device, ""), ContainsRegex("^1 .* Daemon already running on PID file " +
                                                    std::to_string(pid) + "\n$"));
-    EXPECT_THAT(Outcome(device, "--foreground"), StartsWith("1 ")); // told in the log
+    EXPECT_THAT(Outcome(device, "--foreground"), StartsWith("1 ")); // the reason is in the log
     EXPECT_EQ(Fingerprint(device.root.Path(Device::kPidFile)), pidFile);
     EXPECT_TRUE(device.Serves(web));
     kill(pid, SIGTERM);
-    int status = -1; // it is our own child since its parent has gone
+    int status = -1; // it became our child when its parent ended
     EXPECT_TRUE(Within(seconds(2) * kSlow, [&] { return waitpid(pid, &status, WNOHANG) == pid; }));
     EXPECT_EQ(status, 0);
     EXPECT_EQ(device.Processes().size() + device.PasswordFiles(), 0U);
-    EXPECT_FALSE(std::filesystem::exists(device.root.Path(Device::kPidFile)));
+    EXPECT_FALSE(fs::exists(device.root.Path(Device::kPidFile)));
     EXPECT_TRUE(device.Status().isNull());
 }
 
-TEST_F(DaemonProgram, StopsInTheMiddleOfALogIn) {
+TEST_F(Zarorelayd, StopsInTheMiddleOfALogIn) {
     device.root.Write("/) S 1 (", "#!/usr/bin/tail -f\n", 0755); // never ends; /proc shows its name
     device.WrapSsh("touch $ZARO_ROOT/in; exec \"$ZARO_ROOT/) S 1 (\"");
     device.Start();
-    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(device.root.Path("/in")); }));
+    EXPECT_TRUE(WaitFor([&] { return fs::exists(device.root.Path("/in")); }));
     device.Daemon().Signal(SIGTERM);
     EXPECT_TRUE(Takes("stop in a log-in", seconds(2),
                       [&] { return device.Daemon().Wait(milliseconds(0)) == 0; }));
     EXPECT_EQ(device.Processes().size() + device.PasswordFiles(), 0U);
 }
 
-TEST_F(DaemonProgram, StartsOverAStalePidFile) {
+TEST_F(Zarorelayd, StartsOverAStalePidFile) {
     const Device neighbour(hub);
     const Process elsewhere({ZARO_DAEMON, "--foreground"}, "/dev/null", "/",
                             "ZARO_ROOT=" + neighbour.root.Dir());
@@ -116,11 +113,11 @@ TEST_F(DaemonProgram, StartsOverAStalePidFile) {
         device.root.Write(Device::kPidFile, text);
         device.Start();
         EXPECT_TRUE(WaitFor([&] { return device.Status()["pid"] == device.Daemon().Pid(); }))
-            << "[" << text << "] " << device.Log();
+            << text;
         device.Daemon().Signal(SIGKILL);
         device.Daemon().Wait(seconds(10));
     }
-    device.root.Write("/zarorelayd", "#!/usr/bin/tail -f\n", 0755); // begun before there was a lock
+    device.root.Write("/zarorelayd", "#!/usr/bin/tail -f\n", 0755); // a daemon without a lock file
     const Process former({device.root.Path("/zarorelayd")});
     const std::string process = std::to_string(former.Pid());
     EXPECT_TRUE(WaitFor([&] { return ReadFile("/proc/" + process + "/comm") == "zarorelayd\n"; }));
@@ -129,7 +126,7 @@ TEST_F(DaemonProgram, StartsOverAStalePidFile) {
     EXPECT_EQ(device.root.Read(Device::kPidFile), process);
 }
 
-TEST_F(DaemonProgram, AnswersTheCommandLine) {
+TEST_F(Zarorelayd, AnswersTheCommandLine) {
     const std::pair<const char*, const char*> rows[] = {
         {"--version", "^0 zarorelayd [0-9.]+\n$"},
         {"--help", "^0 .*--foreground.*--check"},
@@ -144,13 +141,13 @@ TEST_F(DaemonProgram, AnswersTheCommandLine) {
                 ContainsRegex("^2 zarorelayd: --root: [^\n]*\n$"));
 }
 
-TEST_F(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
+TEST_F(Zarorelayd, ChecksAConfigurationWithoutTouchingIt) {
     const std::pair<std::string, const char*> rows[] = {
         {"{}", ""},
         {R"({"log_level":7,"service":[{"id":"web"},{"id":"b","port":80}],"unknown":[]})", ""},
         {"", "expected JSON"},
         {"{} {}", "expected JSON"},
-        {R"({"service":[],})", "expected JSON"}, // which the library would move aside
+        {R"({"service":[],})", "expected JSON"}, // the library would move it aside
         {std::string(100000, '['), "expected JSON"},
         {"[]", "expected a JSON object"},
         {R"({"log_level":"7"})", "\"log_level\": expected a level from 0 to 7"},
@@ -177,21 +174,20 @@ TEST_F(DaemonProgram, ChecksAConfigurationWithoutTouchingIt) {
     }
 }
 
-TEST_F(DaemonProgram, ServesManyAndThenRests) {
+TEST_F(Zarorelayd, ServesManyAndThenRests) {
     PublishMore(49);
     const auto start = Clock::now();
     device.Start();
     ASSERT_TRUE(WaitFor([&] { return Count(Compact(device.Status()), "\"up\":true") > 0; }));
     const milliseconds alone = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-    Clock::duration slowest{}; // and on a busy machine, no longer than 50 starts of the first one
+    Clock::duration slowest{}; // a busy machine may take 50 times as long as for one
     EXPECT_TRUE(Takes("50 services", std::max<milliseconds>(seconds(10), 50 * alone), [&] {
-        Json::Value dump;
         const auto asked = Clock::now();
-        EXPECT_TRUE(device.AnswersADump(dump));
+        EXPECT_TRUE(device.Dump().isObject());
         slowest = std::max(slowest, Clock::now() - asked);
         return Within(milliseconds(100), [&] { return device.IsAllUp(); });
     }));
-    EXPECT_LE(slowest, seconds(2) * kSlow); // a dump waits for a log-in, and may miss its asker
+    EXPECT_LE(slowest, seconds(2) * kSlow); // a dump waits for the end of a log-in
     EXPECT_TRUE(device.Serves(web));
     for (const WebService& service : more) {
         EXPECT_TRUE(device.Serves(service)) << service.Name();
@@ -199,19 +195,16 @@ TEST_F(DaemonProgram, ServesManyAndThenRests) {
 
     device.Reload([](Json::Value& now) { now["service"].resize(1); });
     ASSERT_TRUE(WaitFor([&] { return device.Processes().size() == 2; }));
-    ASSERT_TRUE(WaitFor([&] { // a wait command stands, and nothing else is to be done
-        Json::Value dump;
-        return device.ComesToRest() && device.AnswersADump(dump) &&
-               dump["exchange"]["wait_command"] == true;
+    ASSERT_TRUE(WaitFor([&] { // only a wait command is under way
+        return device.ComesToRest() && device.Dump()["exchange"]["wait_command"] == true;
     }));
     const long before = device.WakeUps();
-    EXPECT_FALSE(Within(seconds(11), [&] { return device.WakeUps() - before > 11; }))
-        << device.Log();
+    EXPECT_FALSE(Within(seconds(11), [&] { return device.WakeUps() - before > 11; }));
     const std::string pages = ReadFile("/proc/" + std::to_string(device.Daemon().Pid()) + "/statm");
     const long memory = atol(pages.c_str() + pages.find(' ')) * sysconf(_SC_PAGESIZE) / 1024;
     std::cout << "[ measured ] at rest: " << memory << " KiB, " << device.WakeUps() - before
               << " wake-ups in 11 s" << std::endl;
-    EXPECT_LT(memory, kSlow == 1 ? 16 * 1024 : 1024 * 1024); // a sanitizer holds freed memory back
+    EXPECT_LT(memory, kSlow == 1 ? 16 * 1024 : 1024 * 1024); // a sanitizer keeps freed memory
     EXPECT_TRUE(device.Serves(web));
 }
 

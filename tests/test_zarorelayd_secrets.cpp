@@ -10,7 +10,7 @@
 
 namespace {
 
-/// Every command line and environment of a device's processes until it is `over`.
+/// Collects every command line and environment of a device's processes until `over`.
 std::set<std::string> ProcessTexts(const Device& device, const std::atomic<bool>& over) {
     std::set<std::string> texts;
     while (!over) {
@@ -22,7 +22,7 @@ std::set<std::string> ProcessTexts(const Device& device, const std::atomic<bool>
     return texts;
 }
 
-/// Looks at every file of a device's temporary folder from the instant it is there.
+/// Looks at every file in a device's temporary folder as soon as it appears.
 struct Onlooker : NoCopy {
     explicit Onlooker(const Device& device) : folder(device.root.Path("/tmp/")) {
         const uint32_t events = IN_CREATE | IN_ATTRIB | IN_MODIFY | IN_MOVED_TO;
@@ -39,7 +39,7 @@ struct Onlooker : NoCopy {
                 at += static_cast<ssize_t>(sizeof *event + event->len);
                 struct stat info = {};
                 const std::string name = folder + event->name;
-                if (event->len != 0 && stat(name.c_str(), &info) == 0) { // it may have gone
+                if (event->len != 0 && stat(name.c_str(), &info) == 0) { // it may be gone
                     const bool isOpen = (info.st_mode & 077) != 0;
                     (isOpen ? openFiles : closedFiles) += name + (isOpen ? ReadFile(name) : "");
                 }
@@ -49,13 +49,13 @@ struct Onlooker : NoCopy {
 
     const std::string folder;
     const int inotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    std::string openFiles;   ///< names and contents of those that others could read
-    std::string closedFiles; ///< names of the others
+    std::string openFiles;   ///< names and contents of files that others could read
+    std::string closedFiles; ///< names of the other files
 };
 
-using DaemonSecrets = DeviceTest;
+using ZarorelaydSecrets = DeviceTest;
 
-TEST_F(DaemonSecrets, StayWithTheirOwner) {
+TEST_F(ZarorelaydSecrets, StayWithTheirOwner) {
     PublishMore(9);
     device.WrapSsh(R"({ cat "$2"; echo; } >> "$ZARO_ROOT/passwords")");
     Onlooker onlooker(device);
@@ -63,25 +63,24 @@ TEST_F(DaemonSecrets, StayWithTheirOwner) {
     auto files = std::async(std::launch::async, [&] { onlooker.LookUntil(over); });
     auto texts = std::async(std::launch::async, ProcessTexts, std::cref(device), std::cref(over));
     device.Start({"--foreground"}, 0);
-    EXPECT_TRUE(Within(seconds(10) * kSlow, [&] { return device.IsAllUp(); })) << device.Log();
-    Json::Value dump;
-    EXPECT_TRUE(device.AnswersADump(dump));
+    EXPECT_TRUE(Within(seconds(10) * kSlow, [&] { return device.IsAllUp(); }));
+    const Json::Value dump = device.Dump();
     over = true;
     files.get();
 
     const std::vector<std::string> passwords = Words(device.root.Read("/passwords"));
     ASSERT_EQ(passwords.size(), 10U);
     const std::string token = ZARO::Relay::AuthConf(true).token;
-    EXPECT_TRUE(device.Logs(token)); // where the queue shows what it sends
+    EXPECT_TRUE(device.Logs(token)); // the queue logs what it sends
     EXPECT_EQ(Count(onlooker.openFiles, ".tunnel."), 0U) << onlooker.openFiles;
-    EXPECT_GE(Count(onlooker.closedFiles, ".tunnel."), 5U); // it was quick enough to see most
+    EXPECT_GE(Count(onlooker.closedFiles, ".tunnel."), 5U); // it is fast enough to see most
     std::string seen = Compact(dump) + Compact(device.Status()) + hub.Log() + onlooker.openFiles;
     const std::set<std::string> ofProcesses = texts.get();
     EXPECT_GE(ofProcesses.size(), 20U);
     for (const std::string& text : ofProcesses) {
         seen += text;
     }
-    // The lines of the log but those by which the queue shows what it sends.
+    // The log without the lines in which the queue shows what it sends.
     const std::string others =
         Outcome({"/bin/grep", "-v", "add request", device.root.Path(Device::kLog)});
     EXPECT_EQ(others.rfind("0 ", 0), 0U);
@@ -92,7 +91,7 @@ TEST_F(DaemonSecrets, StayWithTheirOwner) {
     }
 }
 
-TEST_F(DaemonSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
+TEST_F(ZarorelaydSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
     StartUp();
     const std::string process = "/proc/" + std::to_string(device.Daemon().Pid());
     EXPECT_EQ(Count(ReadFile(process + "/limits"), "Max core file size        0 "), 1U);
@@ -103,12 +102,12 @@ TEST_F(DaemonSecrets, DaemonKeepsLittlePowerAndLeavesNoCore) {
     EXPECT_EQ(kept & ~0xebULL, 0U) << std::hex << kept;
 }
 
-TEST_F(DaemonSecrets, NoDescriptorReachesTheSshClient) {
+TEST_F(ZarorelaydSecrets, NoDescriptorReachesTheSshClient) {
     PublishMore(1);
     device.config["log_file"] = device.root.Path(Device::kLog);
     device.WrapSsh("echo $(ls /proc/self/fd) >> \"$ZARO_ROOT/descriptors\"");
     StartUp({});
-    // The fourth is the listing's own; the second client starts beside the first one's watch.
+    // Descriptor 3 is the listing's own. The second client starts while the first one is watched.
     EXPECT_EQ(device.root.Read("/descriptors"), "0 1 2 3\n0 1 2 3\n");
 }
 

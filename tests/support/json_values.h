@@ -1,4 +1,4 @@
-/// JSON in tests: texts to values and back, and values that no record may swallow.
+/// JSON in tests: from text to values and back, and wrong values that every record must ignore.
 #pragma once
 
 #include <json/json.h>
@@ -28,7 +28,7 @@ template <class Record> std::string Written(const Record& record, bool full) {
     return Compact(value);
 }
 
-/// Sets a record's fields and offers values of wrong types for each; none may change the record.
+/// Sets a record's fields, then offers values of wrong types for each: none may change the record.
 template <class Record> void KeepsItsFields(Record record, const char* text) {
     const Json::Value fields = Parse(text);
     EXPECT_TRUE(record.Overwrite(fields));

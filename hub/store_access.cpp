@@ -1,0 +1,17 @@
+#include "hub/store_access.h"
+
+#include "hub/log.h"
+#include "hub/schema.h"
+
+namespace ZARO::RelayHub {
+
+void StoreAccess::Open(const std::string& file) {
+    OpenWithTables(database_, file);
+}
+
+StoreResult StoreAccess::Failed(const char* what, const std::exception& fault) {
+    Log(Level::Error, "store", "%s failed: %s", what, fault.what());
+    return StoreResult::Fault;
+}
+
+} // namespace ZARO::RelayHub

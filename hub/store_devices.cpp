@@ -1,0 +1,129 @@
+#include "hub/store_devices.h"
+
+#include "hub/secret.h"
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+/// The serial goes in too, so that equal tokens of two devices don't look equal on disk.
+std::string HashToken(const std::string& serial, const std::string& token) {
+    return Sha256(serial + "\n" + token);
+}
+
+bool HasAnotherDevice(Database& database, const std::string& serverId, std::int64_t device) {
+    Query other(database, "SELECT 1 FROM device WHERE server_id = ? AND key <> ?", serverId,
+                device);
+    return other.Next();
+}
+
+StoreResult Add(Database& database, const Identity& identity, const std::string& token,
+                std::int64_t& key) {
+    Query count(database, "SELECT count(*) FROM device");
+    if (count.Next() && count.Int(0) >= kMaxDevices) {
+        return StoreResult::Full;
+    }
+    Query add(database,
+              "INSERT INTO device(serial, token, server_id, mac, timezone) VALUES(?, ?, ?, ?, ?)"
+              " RETURNING key",
+              identity.serial, token, identity.serverId, identity.mac, identity.timezone);
+    if (add.Next()) {
+        key = add.Integer(0);
+    }
+    return StoreResult::Done;
+}
+
+/// Adds the device or takes over what changed.
+StoreResult Admit(Database& database, const Identity& identity, std::int64_t& key) {
+    const std::string token = HashToken(identity.serial, identity.token);
+    {
+        Query known(database, "SELECT key, token FROM device WHERE serial = ?", identity.serial);
+        if (known.Next()) {
+            if (!EqualSecrets(known.Text(1), token)) {
+                return StoreResult::Refused;
+            }
+            key = known.Integer(0);
+        }
+    }
+    if (HasAnotherDevice(database, identity.serverId, key)) {
+        return StoreResult::Refused;
+    }
+    if (key == 0) {
+        return Add(database, identity, token, key);
+    }
+    Query(database, "UPDATE device SET server_id = ?, mac = ?, timezone = ? WHERE key = ?",
+          identity.serverId, identity.mac, identity.timezone, key)
+        .Run();
+    return StoreResult::Done;
+}
+
+void AddSession(Database& database, std::int64_t device, const std::string& session) {
+    Query(database, "INSERT INTO session(hash, device) VALUES(?, ?)", session, device).Run();
+    Query(database,
+          "DELETE FROM session WHERE device = ?1 AND key NOT IN"
+          " (SELECT key FROM session WHERE device = ?1 ORDER BY key DESC LIMIT ?2)",
+          device, kKeptSessions)
+        .Run();
+}
+
+} // namespace
+
+bool DeviceStore::HasAny() {
+    return access_.Read("look for devices", [](Database& database) {
+        Query any(database, "SELECT 1 FROM device LIMIT 1");
+        return any.Next() ? StoreResult::Done : StoreResult::NotFound;
+    }) == StoreResult::Done;
+}
+
+StoreResult DeviceStore::Register(const Identity& identity, const std::string& session,
+                                  Device& device) {
+    std::int64_t key = 0;
+    const StoreResult result = access_.Write("register", [&](Database& database) {
+        const StoreResult admitted = Admit(database, identity, key);
+        if (admitted == StoreResult::Done) {
+            AddSession(database, key, session);
+            Query(database, "UPDATE service SET stale = 1 WHERE device = ?", key).Run();
+        }
+        return admitted;
+    });
+    if (result == StoreResult::Done) {
+        device = {key, identity.serverId};
+    }
+    return result;
+}
+
+StoreResult DeviceStore::FindSession(const std::string& session, Device& device) {
+    return access_.Read("session look-up", [&](Database& database) {
+        Query found(database,
+                    "SELECT device.key, server_id FROM session JOIN device"
+                    " ON device.key = session.device WHERE hash = ?",
+                    session);
+        if (!found.Next()) {
+            return StoreResult::NotFound;
+        }
+        device = {found.Integer(0), found.Text(1)};
+        return StoreResult::Done;
+    });
+}
+
+StoreResult DeviceStore::Authenticate(const std::string& serial, const std::string& token,
+                                      const std::string& serverId, Device& device) {
+    return access_.Read("authentication", [&](Database& database) {
+        Query known(database, "SELECT key, token, server_id FROM device WHERE serial = ?", serial);
+        if (!known.Next() || !EqualSecrets(known.Text(1), HashToken(serial, token)) ||
+            known.Text(2) != serverId) {
+            return StoreResult::Refused;
+        }
+        device = {known.Integer(0), serverId};
+        return StoreResult::Done;
+    });
+}
+
+StoreResult DeviceStore::SetNetwork(std::int64_t device, const std::string& network) {
+    return access_.Write("network update", [&](Database& database) {
+        Query(database, "UPDATE device SET network = ? WHERE key = ?", network, device).Run();
+        return StoreResult::Done;
+    });
+}
+
+} // namespace ZARO::RelayHub
