@@ -17,9 +17,8 @@ namespace {
 /// Where the loop stops: the process's limit may be millions, and ours are close-on-exec anyway.
 constexpr int kMostDescriptors = 4096;
 
-/// Keeps every descriptor but the standard ones from the program that is about to be executed;
-/// libraries open some without asking.
-void KeepDescriptors() {
+/// Marks every descriptor but the standard ones as close-on-exec; libraries open some without it.
+void HideDescriptors() {
     if (syscall(SYS_close_range, STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) == 0) {
         return;
     }
@@ -93,7 +92,7 @@ Client::Client(const std::string& passFile, const Way& way)
 }
 
 void Client::Execute() const {
-    KeepDescriptors();
+    HideDescriptors();
     execv(argv_[0], argv_.data());
 }
 

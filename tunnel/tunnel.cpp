@@ -15,18 +15,14 @@
 
 #include "base/json.h"
 #include "base/log.h"
-#include "base/replace_file.h"
 #include "base/paths.h"
+#include "base/replace_file.h"
 #include "base/unique_fd.h"
 #include "tunnel/ssh_command.h"
 
 namespace ZARO::Relay {
 
 namespace {
-
-/// The one service whose local port is fixed.
-constexpr const char* kFixedPortService = "syncbay";
-constexpr int kFixedPort = 6691;
 
 /// Carries the errno of a failed exec from the forked child to its parent, in shared memory: a log
 /// line in the child could wait for ever for a lock that another thread held at the fork.
@@ -75,10 +71,6 @@ bool WaitForLogin(pid_t child, const ChildsError& error) {
         return false;
     }
     return true;
-}
-
-int LocalPort(const ServiceConf& service) {
-    return service.id == kFixedPortService ? kFixedPort : service.port;
 }
 
 void LogClient(const ssh::Client& client) {

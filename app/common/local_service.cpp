@@ -39,10 +39,6 @@ Reachable ProbeAddress(int family, const sockaddr* address, socklen_t length) {
 
 } // namespace
 
-int LocalPort(const ServiceConf& service) {
-    return service.id == "syncbay" ? 6691 : service.port;
-}
-
 Reachable ProbeLocalPort(int port) {
     if (!IsPort(port)) {
         return Reachable::Unknown;

@@ -1,8 +1,6 @@
 /// The services of this device, as a tunnel reaches them.
 #pragma once
 
-#include <zarorelayd/config.h>
-
 namespace ZARO::Relay::app {
 
 /// Whether a local service accepts connections on a port of this machine.
@@ -10,8 +8,5 @@ enum class Reachable { Yes, Refuses, Unknown };
 Reachable ProbeLocalPort(int port);
 /// "reachable", "refused" or "unknown", as the status file and the command line show it.
 const char* ReachabilityWord(Reachable reachable);
-
-/// The port that a service's tunnel leads to: one service has a fixed one.
-int LocalPort(const ServiceConf& service);
 
 } // namespace ZARO::Relay::app

@@ -10,6 +10,7 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
+#include <zarorelayd/tunnel.h>
 
 #include "app/common/checks.h"
 #include "app/common/local_service.h"
@@ -116,8 +117,8 @@ void CheckServices(Chain& chain, const Device& device) {
     }
     for (const ServiceConf& service : device.config.conf.services) {
         const std::string name = "service " + service.id;
-        const std::string port = "port " + std::to_string(app::LocalPort(service));
-        if (app::ProbeLocalPort(app::LocalPort(service)) == app::Reachable::Yes) {
+        const std::string port = "port " + std::to_string(LocalPort(service));
+        if (app::ProbeLocalPort(LocalPort(service)) == app::Reachable::Yes) {
             chain.Good(name, port);
         } else {
             chain.Broken(name, port + " does not answer on this device", "start that service");

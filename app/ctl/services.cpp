@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <zarorelayd/config.h>
+#include <zarorelayd/tunnel.h>
 
 #include "app/common/checks.h"
 #include "app/common/local_service.h"
@@ -88,7 +89,7 @@ Json::Value Describe(const Entries& entries) {
         item["name"] = entry.conf.name;
         item["port"] = IsPort(entry.conf.port) ? Json::Value(entry.conf.port) : Json::Value();
         item["published"] = entry.published;
-        item["local"] = app::ReachabilityWord(app::ProbeLocalPort(app::LocalPort(entry.conf)));
+        item["local"] = app::ReachabilityWord(app::ProbeLocalPort(LocalPort(entry.conf)));
     }
     return document;
 }

@@ -6,10 +6,10 @@
 #include <zarorelayd/daemon.h>
 
 #include "app/common/checks.h"
-#include "base/log.h"
-#include "base/read_file.h"
-#include "base/paths.h"
 #include "base/json.h"
+#include "base/log.h"
+#include "base/paths.h"
+#include "base/read_file.h"
 #include "base/text.h"
 
 namespace ZARO::Relay::app {
@@ -18,7 +18,7 @@ namespace {
 
 AliasKeeper* gAliasKeeper = nullptr;
 
-/// The protocol calls every failed transfer "unknown"; the request knows better.
+/// The protocol calls every failed transfer "unknown"; the request can tell more.
 ALIAS_RET PathFault(const Request& request, ALIAS_RET outcome) {
     if (outcome != ALIAS_RET_UNKNOWN) {
         return outcome;
@@ -35,8 +35,8 @@ ALIAS_RET PathFault(const Request& request, ALIAS_RET outcome) {
     }
 }
 
-/// Whether the server certainly does not keep the alias for us after that outcome of a request that
-/// gives it up or keeps it alive.
+/// Whether the server certainly no longer keeps the alias for us, after a request to give it up or
+/// to keep it alive had this outcome.
 bool IsGone(ALIAS_RET outcome) {
     ALIAS_RETRY_TYPE retry = ALIAS_RETRY_NORMAL;
     (void)AliasRequest::GetRetryType(outcome, retry);
@@ -78,7 +78,7 @@ void AliasKeeper::Tick(Time now) {
 }
 
 /// New settings: what was refused may be granted now. At the daemon's start the status file tells
-/// which alias the server has for us.
+/// which alias the server keeps for us.
 void AliasKeeper::TakeChange(Time now) {
     if (!known_) {
         Json::Value file;
@@ -170,7 +170,7 @@ void AliasKeeper::Schedule(ALIAS_RET outcome, const std::string& alias, Time now
     if (outcome == ALIAS_RET_SUCCESS) {
         mapped_ = alias;
     } else if (IsGone(outcome)) {
-        // An alias that ran out while we were away is mapped anew at once.
+        // An alias that ran out while we were away is mapped again at once.
         next_ = running_ == ALIAS_REQUEST_KEEP_ALIVE && retry != ALIAS_RETRY_REFUSED ? now : next_;
         mapped_.clear();
     }

@@ -15,7 +15,8 @@
 namespace ZARO::Relay::app {
 
 /// Maps the alias when it is new or changed, keeps it alive, and gives it up when it is cleared.
-/// Runs on the job queue of the daemon's one loop; nothing blocks. One object a process.
+/// Runs on the job queue of the daemon's one loop; nothing blocks. One object per
+/// process.
 class AliasKeeper {
 public:
     /// `dropNames` is called when the alias server can't be reached: it may have moved.
@@ -51,9 +52,9 @@ private:
     Time next_{};
     ALIAS_REQUEST_CMD running_ = ALIAS_REQUEST_NONE;
     bool runs_ = false;
-    bool known_ = false;   ///< the settings were looked at
-    bool refused_ = false; ///< nothing but other settings help
-    std::string mapped_;   ///< the alias that the server has for us
+    bool known_ = false;   ///< the settings were read once
+    bool refused_ = false; ///< only other settings can help
+    std::string mapped_;   ///< the alias that the server keeps for us
     std::string status_;
     std::string extra_;
 };

@@ -5,8 +5,8 @@
 
 namespace ZARO::Relay::app {
 
-/// Now, as seconds since the epoch that stay right when the clock is set later: a board without a
-/// battery starts in 1970.
+/// The moment at which the object was made. Its seconds since the epoch stay right when the clock
+/// is set later: a board without a battery starts in 1970.
 class Beginning {
 public:
     std::time_t Seconds() const {

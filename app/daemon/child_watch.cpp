@@ -1,7 +1,5 @@
 #include "app/daemon/child_watch.h"
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -13,13 +11,16 @@
 #include <cerrno>
 #include <cstdlib>
 #include <iterator>
-#include <memory>
+#include <filesystem>
 #include <string>
+#include <system_error>
+#include <utility>
 
 #include <zarorelayd/daemon.h>
 
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/read_file.h"
 
 namespace ZARO::Relay::app {
 
@@ -27,23 +28,24 @@ namespace {
 
 constexpr milliseconds kGrace{1000};
 constexpr milliseconds kBetweenReaps{100};
-constexpr milliseconds kBetweenLooks{1000};
-constexpr int kLookMs = 10;
+constexpr milliseconds kBetweenChecks{1000}; // of a process without a pidfd
+constexpr int kEndPollMs = 10;
 constexpr const char* kPasswordFiles = "/tmp/.tunnel."; // the common beginning of their names
 
-int OpenPidfd(pid_t pid) {
-    return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+UniqueFd OpenPidfd(pid_t pid) {
+    return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
 }
 
 void Signal(pid_t pid, int pidfd, int signal) {
     if (pidfd >= 0) {
-        (void)syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0); // a gone one needs none
+        (void)syscall(SYS_pidfd_send_signal, pidfd, signal, nullptr, 0); // else it has gone
     } else {
         (void)kill(pid, signal);
     }
 }
 
-/// Without a descriptor: an own child that waits to be reaped, or nobody of that number.
+/// Tells without a pidfd: the process is a child of ours that waits to be reaped, or there is none
+/// of that number.
 bool HasEnded(pid_t pid) {
     siginfo_t info = {};
     const bool child =
@@ -59,16 +61,10 @@ bool HasEnded(pid_t pid, int pidfd, milliseconds patience) {
     const Time end = Clock::now() + patience;
     bool ended = HasEnded(pid);
     while (!ended && Clock::now() < end) {
-        (void)poll(nullptr, 0, kLookMs);
+        (void)poll(nullptr, 0, kEndPollMs);
         ended = HasEnded(pid);
     }
     return ended;
-}
-
-void Close(int pidfd) {
-    if (pidfd >= 0) {
-        close(pidfd);
-    }
 }
 
 /// Time that is left until `end`, at least 0.
@@ -76,17 +72,12 @@ milliseconds Until(Time end) {
     return std::max(milliseconds(0), std::chrono::duration_cast<milliseconds>(end - Clock::now()));
 }
 
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
-
-/// Calls `see` with the name of each entry of a folder.
+/// Calls `see` with the name of each entry of a folder; with none when it can't be read.
 void ForEachEntry(const std::string& folder, const std::function<void(const std::string&)>& see) {
-    const Directory directory(opendir(folder.c_str()), closedir);
-    while (directory != nullptr) {
-        const dirent* entry = readdir(directory.get());
-        if (entry == nullptr) {
-            return;
-        }
-        see(entry->d_name);
+    std::error_code end;
+    std::filesystem::directory_iterator entry(folder, end);
+    for (; !end && entry != std::filesystem::directory_iterator(); entry.increment(end)) {
+        see(entry->path().filename());
     }
 }
 
@@ -95,18 +86,12 @@ bool IsOwn(const std::string& path) {
     return lstat(path.c_str(), &info) == 0 && info.st_uid == geteuid();
 }
 
-/// The command line of a process, its arguments joined by blanks.
+/// The command line of a process, its arguments joined by blanks; empty when it has ended.
 std::string CommandLine(const std::string& pid) {
-    // The process may end at any moment; a stream's iterators would throw then.
-    const int fd = open(("/proc/" + pid + "/cmdline").c_str(), O_RDONLY | O_CLOEXEC);
-    char buffer[4096];
-    const ssize_t length = fd >= 0 ? read(fd, buffer, sizeof buffer) : -1;
-    if (fd >= 0) {
-        close(fd);
-    }
-    std::string line(buffer, length > 0 ? static_cast<std::size_t>(length) : 0);
-    std::replace(line.begin(), line.end(), '\0', ' ');
-    return line;
+    FileText file;
+    (void)ReadFile("/proc/" + pid + "/cmdline", file, Trust::Anybodys); // else it has just ended
+    std::replace(file.text.begin(), file.text.end(), '\0', ' ');
+    return file.text;
 }
 
 /// What follows the common part of every password file's path.
@@ -122,36 +107,25 @@ std::string FileEnding(const std::string& commandLine, const std::string& prefix
 
 } // namespace
 
-ChildWatch::~ChildWatch() {
-    for (const auto& [pid, child] : children_) {
-        Close(child.pidfd);
-    }
-}
-
 bool ChildWatch::Add(pid_t pid) {
     if (pid <= 0 || (kill(pid, 0) != 0 && errno == ESRCH)) {
         return false;
     }
-    int pidfd = OpenPidfd(pid);
-    if (pidfd >= FD_SETSIZE) { // the loop could not wait for it
-        close(pidfd);
-        pidfd = -1;
+    UniqueFd pidfd = OpenPidfd(pid);
+    if (pidfd.Get() >= FD_SETSIZE) { // the loop could not wait for it
+        (void)pidfd.Close();
     }
-    if (pidfd < 0) { // an old kernel, or too few descriptors: a tunnel is a tunnel all the same
+    if (!pidfd.IsOpen()) { // an old kernel, or too few descriptors; the tunnel works all the same
         RELAY_LOG(log::Info, "process %d is looked at every second", pid);
     }
-    const bool fresh = children_.emplace(pid, Child{pidfd, Time::max(), Time::max()}).second;
-    if (!fresh) {
-        Close(pidfd);
-    }
-    return fresh;
+    return children_.emplace(pid, Child{std::move(pidfd), Time::max(), Time::max()}).second;
 }
 
 void ChildWatch::AddTo(fd_set& read, int& maxfd) const {
     for (const auto& [pid, child] : children_) {
-        if (child.reapAt == Time::max() && child.pidfd >= 0) {
-            FD_SET(child.pidfd, &read);
-            maxfd = std::max(maxfd, child.pidfd);
+        if (child.reapAt == Time::max() && child.pidfd.IsOpen()) {
+            FD_SET(child.pidfd.Get(), &read);
+            maxfd = std::max(maxfd, child.pidfd.Get());
         }
     }
 }
@@ -160,18 +134,13 @@ void ChildWatch::Reap(Time now) {
     // A client that ended before it was watched was left to us all the same. Nothing else is ever
     // waited for here: the library collects its own children before it returns.
     for (pid_t pid = waitpid(-1, nullptr, WNOHANG); pid > 0; pid = waitpid(-1, nullptr, WNOHANG)) {
-        const auto child = children_.find(pid);
-        if (child != children_.end()) {
-            Close(child->second.pidfd);
-            children_.erase(child);
-        }
+        children_.erase(pid);
     }
     for (auto child = children_.begin(); child != children_.end();) {
-        const auto [pid, entry] = *child;
-        if (!HasEnded(pid, entry.pidfd, milliseconds(0))) {
+        const pid_t pid = child->first;
+        if (!HasEnded(pid, child->second.pidfd.Get(), milliseconds(0))) {
             ++child;
         } else if (waitpid(pid, nullptr, WNOHANG) == pid || kill(pid, 0) != 0) {
-            Close(entry.pidfd);
             child = children_.erase(child);
         } else { // its own parent has not reaped it yet, nor left it to us
             child->second.reapAt = now + kBetweenReaps;
@@ -186,10 +155,10 @@ void ChildWatch::EndUnowned(const std::set<pid_t>& owned, Time now) {
             continue;
         }
         if (child.killAt == Time::max()) {
-            Signal(pid, child.pidfd, SIGTERM);
+            Signal(pid, child.pidfd.Get(), SIGTERM);
             child.killAt = now + kGrace;
         } else if (now >= child.killAt) {
-            Signal(pid, child.pidfd, SIGKILL);
+            Signal(pid, child.pidfd.Get(), SIGKILL);
             child.killAt = now + kGrace;
         }
     }
@@ -198,21 +167,21 @@ void ChildWatch::EndUnowned(const std::set<pid_t>& owned, Time now) {
 Time ChildWatch::NextDue() const {
     Time due = Time::max();
     for (const auto& [pid, child] : children_) {
-        const Time look = child.pidfd >= 0 ? Time::max() : Clock::now() + kBetweenLooks;
-        due = std::min({due, child.killAt, child.reapAt, look});
+        const Time check = child.pidfd.IsOpen() ? Time::max() : Clock::now() + kBetweenChecks;
+        due = std::min({due, child.killAt, child.reapAt, check});
     }
     return due;
 }
 
 void ChildWatch::EndAll(milliseconds patience) {
     for (const auto& [pid, child] : children_) {
-        Signal(pid, child.pidfd, SIGTERM);
+        Signal(pid, child.pidfd.Get(), SIGTERM);
     }
     const Time end = Clock::now() + patience;
     for (const auto& [pid, child] : children_) {
-        if (!HasEnded(pid, child.pidfd, Until(end))) {
-            Signal(pid, child.pidfd, SIGKILL);
-            (void)HasEnded(pid, child.pidfd, kGrace);
+        if (!HasEnded(pid, child.pidfd.Get(), Until(end))) {
+            Signal(pid, child.pidfd.Get(), SIGKILL);
+            (void)HasEnded(pid, child.pidfd.Get(), kGrace);
         }
     }
     Reap(Clock::now());

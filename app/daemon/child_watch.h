@@ -9,20 +9,16 @@
 #include <set>
 #include <string>
 
-#include "app/daemon/backoff.h"
+#include "app/common/clock.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
 
-/// Owns one pidfd per process; one that gets none is looked at every second. The daemon is their
-/// subreaper, so each ended one is reaped here. For the daemon's one loop; nothing blocks but
-/// EndAll.
+/// Owns one pidfd per process; a process that gets none is checked every second. The daemon is
+/// their subreaper, so each is reaped here when it has ended. For the daemon's one loop; nothing
+/// blocks but EndAll.
 class ChildWatch {
 public:
-    ChildWatch() = default;
-    ChildWatch(const ChildWatch&) = delete;
-    ChildWatch& operator=(const ChildWatch&) = delete;
-    ~ChildWatch();
-
     /// Watches a process; false when it is gone already.
     bool Add(pid_t pid);
 
@@ -32,21 +28,22 @@ public:
     /// Reaps and forgets what has ended.
     void Reap(Time now);
 
-    /// Asks every process that is not in `owned` to end, and ends it when it does not within a
-    /// second.
+    /// Asks every process that is not in `owned` to end, and kills it when it has not ended within
+    /// a second.
     void EndUnowned(const std::set<pid_t>& owned, Time now);
 
     /// When EndUnowned is to be called next; Time::max() when nothing waits.
     Time NextDue() const;
 
-    /// Ends every process, waiting until it has gone, `patience` at most before it is killed.
+    /// Ends every process and waits until it has gone. One that takes longer than `patience` is
+    /// killed.
     void EndAll(milliseconds patience);
 
 private:
     struct Child {
-        int pidfd;   ///< -1: none was to be had
-        Time killAt; ///< Time::max() while it is owned
-        Time reapAt; ///< when an ended one that is not our child yet is looked at again
+        UniqueFd pidfd; ///< none on an old kernel, or when descriptors ran out
+        Time killAt;    ///< Time::max() while it is owned
+        Time reapAt;    ///< when to try again to reap one that has ended but is not our child yet
     };
 
     std::map<pid_t, Child> children_;
@@ -56,7 +53,7 @@ private:
 bool ServesPasswordFile(pid_t pid, const std::string& ending);
 
 /// Ends the ssh processes of this root whose command line names a password file that `isStray`
-/// picks by its name's ending "PID.SERVICE", waiting at most 1 s, and removes such files. Only
+/// picks by the end of its name, "PID.SERVICE", waiting at most 1 s, and removes such files. Only
 /// processes and files of the daemon's own user are touched.
 void EndStrays(const std::function<bool(const std::string&)>& isStray);
 

@@ -8,16 +8,16 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "base/own_lock.h"
-#include "app/common/pid_file.h"
 #include "app/common/clock.h"
+#include "app/common/pid_file.h"
 #include "base/log.h"
+#include "base/own_lock.h"
 
 namespace ZARO::Relay::app {
 
 namespace {
 
-/// A command line that asks holds the lock for an instant.
+/// A command line that looks for a daemon holds the lock for an instant.
 constexpr milliseconds kPatience{100};
 
 } // namespace
@@ -33,7 +33,7 @@ bool BecomeTheOnlyOne(OwnLock& lock) {
     if (!locked) { // no reason not to run
         RELAY_LOG(log::Warning, "no lock on [%s], %s", InstanceLockFile().c_str(), strerror(error));
     }
-    // The lock is free for one that could not take it, or was begun before there was a lock.
+    // A daemon that could not take the lock, or was started before there was one, runs without it.
     if (IsDaemonOfThisRoot(named)) {
         RELAY_LOG(log::Error, "Daemon already running on PID file %d", named);
         return false;

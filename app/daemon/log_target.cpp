@@ -11,6 +11,7 @@
 
 #include "app/common/strangers_file.h"
 #include "base/log.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
 
@@ -18,24 +19,23 @@ std::string UsableLogFile(const RelaydConf& conf) {
     if (conf.log_file.empty()) {
         return "";
     }
-    // Whoever planted the file could read what a trace holds, or have another one written over.
+    // Whoever planted the file could read a trace, or make us write over another file.
     if (IsStrangersFile(conf.log_file)) {
         RELAY_LOG(log::Error, "log file [%s] is a link or another user's", conf.log_file.c_str());
         return "";
     }
-    const int fd =
+    const UniqueFd fd(
         open(conf.log_file.c_str(),
-             O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (fd < 0) {
+             O_WRONLY | O_CREAT | O_APPEND | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!fd.IsOpen()) {
         RELAY_LOG(log::Error, "log file [%s] can't be opened, %s", conf.log_file.c_str(),
                   strerror(errno));
         return "";
     }
     struct stat info = {};
-    if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-        (void)fchmod(fd, info.st_mode & 0700); // it may have been made under a lax umask
+    if (fstat(fd.Get(), &info) == 0 && S_ISREG(info.st_mode)) {
+        (void)fchmod(fd.Get(), info.st_mode & 0700); // it may have been made under a lax umask
     }
-    close(fd);
     return conf.log_file;
 }
 
@@ -46,7 +46,7 @@ void ApplyLogSettings(const RelaydConf& conf) {
     if (Daemon::IsForked()) {
         return;
     }
-    // Only here: a background daemon would hold the log file that was rotated away.
+    // Only in the foreground: in the background it would keep a rotated log file open.
     static const int original = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (!file.empty()) {
         (void)Daemon::OpenLogFile(file, STDERR_FILENO, O_CREAT | O_APPEND); // it could be opened

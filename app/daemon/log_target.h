@@ -11,9 +11,8 @@ namespace ZARO::Relay::app {
 /// daemon in the background then logs to the system log rather than to nowhere.
 std::string UsableLogFile(const RelaydConf& conf);
 
-/// Puts a configuration's log settings in force. In the foreground, where the library leaves
-/// standard error alone, a log file takes its place, and it comes back when the log file is taken
-/// out of the configuration.
+/// Puts a configuration's log settings in force. In the foreground the library leaves standard
+/// error alone; there the log file replaces it until the configuration names none any more.
 void ApplyLogSettings(const RelaydConf& conf);
 
 } // namespace ZARO::Relay::app

@@ -43,7 +43,7 @@ pid_t ParentOf(int proc, const char* process) {
 }
 
 /// Signals every child; a stop ends them all in any case. A signal handler may not use readdir,
-/// which takes memory, and not every kernel has a list of children in /proc.
+/// which allocates, and not every kernel has a list of children in /proc.
 void SignalChildren(int signal) {
     const UniqueFd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     alignas(dirent64) char entries[4096];
@@ -60,8 +60,8 @@ void SignalChildren(int signal) {
     }
 }
 
-/// A client that is being started still has these handlers until it is executed: there a stop means
-/// its own end, not that of the daemon's children, and not a byte in the daemon's signal pipe.
+/// A client that is being started has these handlers until it is executed. In that process a stop
+/// signal must end the client alone: it must not reach the daemon's children or its signal pipe.
 void EndIfClient() {
     if (getpid() != gDaemon) {
         _exit(127);
@@ -103,7 +103,7 @@ void EndLoginsOnStopSignals() {
         if (sigaction(signal, nullptr, &gFormer[signal]) != 0 ||
             (gFormer[signal].sa_flags & SA_SIGINFO) != 0 || gFormer[signal].sa_handler == SIG_DFL ||
             gFormer[signal].sa_handler == SIG_IGN) {
-            continue; // nothing was routed: the signal does what it does
+            continue; // it was not routed, and keeps its effect
         }
         struct sigaction action = gFormer[signal];
         action.sa_handler = OnStopSignal;

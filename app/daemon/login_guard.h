@@ -3,11 +3,11 @@
 
 namespace ZARO::Relay::app {
 
-/// Makes SIGTERM, SIGINT and SIGQUIT end the SSH client that is logging in while a LoginGuard
-/// stands, on top of what they did before. To be called once, after those signals were routed.
+/// Makes SIGTERM, SIGINT and SIGQUIT also end the SSH client that is logging in while there is
+/// a LoginGuard. To be called once, after those signals were routed.
 void EndLoginsOnStopSignals();
 
-/// Stands while a log-in blocks the loop.
+/// To be held while a log-in blocks the loop.
 class LoginGuard {
 public:
     LoginGuard();

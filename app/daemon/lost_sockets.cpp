@@ -3,21 +3,21 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <dirent.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <set>
 #include <string>
+#include <system_error>
+
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
 
@@ -29,28 +29,21 @@ constexpr unsigned kEstablished = 1;
 std::set<unsigned long> SocketsOf(pid_t pid) {
     std::set<unsigned long> inodes;
     const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(folder.c_str()), closedir);
-    while (directory != nullptr) {
-        const dirent* entry = readdir(directory.get());
-        if (entry == nullptr) {
-            break;
-        }
-        char target[PATH_MAX];
-        const ssize_t length =
-            readlink((folder + "/" + entry->d_name).c_str(), target, sizeof target - 1);
+    std::error_code end;
+    std::filesystem::directory_iterator entry(folder, end);
+    for (; !end && entry != std::filesystem::directory_iterator(); entry.increment(end)) {
+        std::error_code closed; // since it was listed
+        const std::string target = std::filesystem::read_symlink(entry->path(), closed);
         unsigned long inode = 0;
-        if (length > 0) {
-            target[length] = '\0';
-            if (sscanf(target, "socket:[%lu]", &inode) == 1) {
-                inodes.insert(inode);
-            }
+        if (sscanf(target.c_str(), "socket:[%lu]", &inode) == 1) {
+            inodes.insert(inode);
         }
     }
     return inodes;
 }
 
-/// Whether an address, in the form of the kernel's tables, is one of this machine; also when that
-/// can't be told. The kernel alone knows: an interface may have any number of them.
+/// Whether an address, in the form of the kernel's tables, belongs to this machine; true as well
+/// when that can't be found out. Only the kernel knows: an interface may have any number of them.
 bool IsOwnAddress(const std::string& hex) {
     constexpr std::size_t kWord = 8; // digits, the word in the machine's byte order
     uint32_t words[4] = {};
@@ -69,12 +62,8 @@ bool IsOwnAddress(const std::string& hex) {
     const auto* address =
         isV4 ? reinterpret_cast<const sockaddr*>(&v4) : reinterpret_cast<const sockaddr*>(&v6);
     const socklen_t length = isV4 ? sizeof v4 : sizeof v6;
-    const int fd = socket(address->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    const bool lost = fd >= 0 && bind(fd, address, length) != 0 && errno == EADDRNOTAVAIL;
-    if (fd >= 0) {
-        close(fd);
-    }
-    return !lost;
+    const UniqueFd fd(socket(address->sa_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    return !fd.IsOpen() || bind(fd.Get(), address, length) == 0 || errno != EADDRNOTAVAIL;
 }
 
 } // namespace

@@ -7,11 +7,12 @@
 
 namespace ZARO::Relay::app {
 
-/// The established connections whose local address is none of this machine's any more, read once
-/// for all the processes that are asked about. Empty when that can't be told.
+/// The established connections whose local address this machine no longer has. Read once, for any
+/// number of processes. Empty when the kernel does not show them.
 class LostSockets {
 public:
     LostSockets();
+    /// Whether the process has one of them.
     bool Has(pid_t pid) const;
 
 private:

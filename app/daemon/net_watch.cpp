@@ -7,7 +7,6 @@
 #include <netinet/in.h>
 #include <sys/select.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 
@@ -23,19 +22,13 @@ NetWatch::NetWatch()
     address.nl_family = AF_NETLINK;
     address.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR |
                         RTMGRP_IPV6_ROUTE;
-    if (fd_ >= FD_SETSIZE ||
-        (fd_ >= 0 && bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)) {
-        close(fd_);
-        fd_ = -1;
+    if (fd_.Get() >= FD_SETSIZE ||
+        (fd_.IsOpen() &&
+         bind(fd_.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)) {
+        (void)fd_.Close();
     }
-    if (fd_ < 0) {
+    if (!fd_.IsOpen()) {
         RELAY_LOG(log::Warning, "network changes can't be watched, time-outs have to do");
-    }
-}
-
-NetWatch::~NetWatch() {
-    if (fd_ >= 0) {
-        close(fd_);
     }
 }
 
@@ -43,7 +36,7 @@ bool NetWatch::Drain() {
     bool any = false;
     char buffer[8192];
     for (;;) {
-        const ssize_t length = recv(fd_, buffer, sizeof buffer, MSG_DONTWAIT);
+        const ssize_t length = recv(fd_.Get(), buffer, sizeof buffer, MSG_DONTWAIT);
         if (length > 0 || (length < 0 && errno == ENOBUFS)) {
             any = true;
         } else if (length == 0 || errno != EINTR) {

@@ -4,30 +4,29 @@
 #include <set>
 #include <string>
 
+#include "base/unique_fd.h"
+
 namespace ZARO::Relay::app {
 
-/// Owns a routing netlink socket. Without one (no rights, no such kernel) it never tells; the rest
-/// of the daemon then finds out by its time-outs.
+/// Owns a routing netlink socket. Without one (no rights, another kernel) it reports nothing, and
+/// the rest of the daemon notices a change by its time-outs.
 class NetWatch {
 public:
     NetWatch();
-    NetWatch(const NetWatch&) = delete;
-    NetWatch& operator=(const NetWatch&) = delete;
-    ~NetWatch();
 
     /// To be watched for reading; -1 when there is none.
-    int Descriptor() const { return fd_; }
+    int Descriptor() const { return fd_.Get(); }
 
-    /// Takes what has arrived; true when anything did, lost messages included.
+    /// Reads what has arrived. True when there was anything, lost messages included.
     bool Drain();
 
 private:
-    int fd_;
+    UniqueFd fd_;
 };
 
-/// Every address of the device's interfaces that reaches further than the next link, each with its
-/// interface. More than what is reported: also second addresses and those of IPv6. Empty when they
-/// can't be had.
+/// Every address of the device's interfaces but the link-local ones of IPv6, as "INTERFACE
+/// ADDRESS". More than the server is told: also second addresses and those of IPv6. Empty when the
+/// system names none.
 std::set<std::string> OwnAddresses();
 
 } // namespace ZARO::Relay::app

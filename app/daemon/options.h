@@ -12,8 +12,8 @@ struct Options {
     std::string checkFile; ///< empty: the device's own configuration
 };
 
-/// Reads the command line. -1 to go on; else the exit code, with everything printed: 0 for help and
-/// version, 2, with one line on standard error, for a fault.
+/// Reads the command line. -1: go on. Otherwise the exit code, and all is printed: 0 for help and
+/// version, 2 for a fault, with one line on standard error.
 int ReadOptions(int argc, char** argv, Options& options);
 
 } // namespace ZARO::Relay::app

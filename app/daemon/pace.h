@@ -26,7 +26,7 @@ public:
         }
     }
 
-    /// The next log-in begins at that time, whatever was said before.
+    /// The next log-in begins at that time, whatever held before.
     void ComeAt(Time next) { next_ = next; }
 
     void LoggedIn(Time now) { upSince_ = now; }

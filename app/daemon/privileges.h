@@ -4,7 +4,8 @@
 namespace ZARO::Relay::app {
 
 /// Gives up every capability that neither the daemon nor the programs it runs need, for good: what
-/// is executed later can't get them back either. Without privilege only the latter takes effect.
+/// is executed later can't get them back either. Without privileges only this last part takes
+/// effect.
 void DropPrivileges();
 
 } // namespace ZARO::Relay::app

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <exception>
 #include <set>
 #include <string>
@@ -14,7 +13,6 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "app/common/checks.h"
 #include "app/common/config_check.h"
 #include "app/daemon/log_target.h"
 #include "app/daemon/secrets.h"
@@ -28,7 +26,7 @@ namespace {
 
 /// Changes of the network come in bursts.
 constexpr milliseconds kNetworkSettles{200};
-constexpr seconds kProbeEvery{60};
+constexpr seconds kRefreshEvery{60};
 constexpr milliseconds kStopPatience{700};
 
 } // namespace
@@ -60,7 +58,7 @@ void RelayDaemon::Pass() {
     ++passes_;
     const Time now = Clock::now();
     Tick(now);
-    // New requests get their descriptors; what has arrived, also during a log-in, is taken in
+    // New requests get their descriptors. What has arrived, also during a log-in, is taken in
     // before the wait, which would not see it any more.
     watch_.Step("requests");
     queue_.CheckSchedule();
@@ -75,12 +73,12 @@ void RelayDaemon::Tick(Time now) {
     if (now >= networkCheck_) {
         watch_.Step("the network");
         networkCheck_ = Time::max();
-        CheckNetwork(now);
+        TakeNetworkChange(now);
     }
     watch_.Step("the tunnels' processes");
     keeper_.Notice(now);
     if (now >= refreshDue_) {
-        refreshDue_ = now + kProbeEvery;
+        refreshDue_ = now + kRefreshEvery;
         status_.Refresh();
     }
     if (!conf_.enable) {
@@ -95,7 +93,7 @@ void RelayDaemon::Tick(Time now) {
     watch_.Step("a log-in", true);
     keeper_.StartDue(now);
     watch_.Step("the local services");
-    ProbeServices(now);
+    probes_.Probe(conf_.services, now);
 }
 
 Time RelayDaemon::NextDue(Time now) const {
@@ -105,9 +103,7 @@ Time RelayDaemon::NextDue(Time now) const {
         if (exchange_.IsRegistered()) {
             due = std::min(due, alias_.NextDue());
         }
-        for (const auto& [id, probe] : probes_) {
-            due = std::min(due, probe.next);
-        }
+        due = std::min(due, probes_.NextDue());
     }
     if (alias_.IsBusy()) {
         due = std::min(due, now + kTurn);
@@ -127,7 +123,7 @@ void RelayDaemon::Wait(Time now) {
     queue_.GetFdSet(&read, &write, &except, &maxfd);
     Time due = NextDue(now);
     if (maxfd < 0 && exchange_.HasRequest()) {
-        due = std::min(due, now + kTurn); // no descriptor will tell of what libcurl does
+        due = std::min(due, now + kTurn); // no descriptor shows what libcurl does
     }
     const int signals = daemon_signal_fd();
     for (const int fd : {signals, network_.Descriptor()}) {
@@ -174,7 +170,7 @@ void RelayDaemon::OnSignals() {
             break;
         }
     }
-    if (gblShowDebug != 0) { // one dump, however many have asked meanwhile
+    if (gblShowDebug != 0) { // one dump, however many asked for it meanwhile
         gblShowDebug = 0;
         WriteDump(Dump());
     }
@@ -182,7 +178,7 @@ void RelayDaemon::OnSignals() {
 
 // --- configuration
 
-/// Whoever asks for a reload has mended something: everything that waits is tried at once.
+/// Whoever asks for a reload has repaired something: everything that waits is tried at once.
 void RelayDaemon::ReloadByUser() {
     if (!Reload()) {
         return;
@@ -190,9 +186,7 @@ void RelayDaemon::ReloadByUser() {
     const Time now = Clock::now();
     exchange_.ConfigurationChanged(now);
     keeper_.RetryNow(now);
-    for (auto& [id, probe] : probes_) {
-        probe.next = now;
-    }
+    probes_.Restart(now);
 }
 
 bool RelayDaemon::Reload() {
@@ -212,7 +206,7 @@ bool RelayDaemon::Reload() {
     conf_ = SettingsAfter(conf_, checked.document);
     hasFile_ = !checked.document.isNull();
     if (conf_.serverID != id) { // an older copy of the file: the server knows the right one
-        exchange_.RegisterAnew();
+        exchange_.RegisterAgain();
     }
     networkCheck_ = Clock::now(); // a change is dealt with where all changes are
     ApplyLogSettings(conf_);
@@ -239,7 +233,7 @@ void RelayDaemon::OnNetworkEvent(Time now) {
     }
 }
 
-void RelayDaemon::CheckNetwork(Time now) {
+void RelayDaemon::TakeNetworkChange(Time now) {
     NetworkConf current(true);
     current.mode = conf_.network.mode;
     std::set<std::string> addresses = OwnAddresses();
@@ -253,31 +247,6 @@ void RelayDaemon::CheckNetwork(Time now) {
         exchange_.NetworkChanged(now);
         keeper_.DropLostAddresses(now);
         alias_.RetryNow(now);
-    }
-}
-
-// --- local services
-
-void RelayDaemon::ProbeServices(Time now) {
-    std::set<std::string> ids;
-    for (const ServiceConf& service : conf_.services) {
-        ids.insert(service.id);
-        Probe& probe = probes_[service.id];
-        const int port = LocalPort(service);
-        if (probe.port != port || now >= probe.next) {
-            probe.port = port;
-            probe.next = now + kProbeEvery;
-            const Reachable before = probe.reachable;
-            probe.reachable = ProbeLocalPort(port);
-            if (before != probe.reachable &&
-                (before == Reachable::Refuses || probe.reachable == Reachable::Refuses)) {
-                RELAY_LOG(log::Warning, "service %s, port %d: %s", Printable(service.id).c_str(),
-                          port, ReachabilityWord(probe.reachable));
-            }
-        }
-    }
-    for (auto probe = probes_.begin(); probe != probes_.end();) {
-        probe = ids.count(probe->first) != 0 ? std::next(probe) : probes_.erase(probe);
     }
 }
 
@@ -316,9 +285,7 @@ Json::Value RelayDaemon::ServiceStatus() const {
         entry["port"] = service.port;
         entry["up"] = keeper_.IsUp(service.id);
         entry["tunnel"] = keeper_.Describe(service.id);
-        const auto probe = probes_.find(service.id);
-        entry["local"] =
-            ReachabilityWord(probe != probes_.end() ? probe->second.reachable : Reachable::Unknown);
+        entry["local"] = ReachabilityWord(probes_.Found(service.id));
     }
     return list;
 }

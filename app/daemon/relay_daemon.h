@@ -4,7 +4,6 @@
 #include <json/value.h>
 #include <sys/select.h>
 
-#include <map>
 #include <set>
 #include <string>
 
@@ -13,43 +12,35 @@
 
 #include "app/daemon/alias_keeper.h"
 #include "app/daemon/beginning.h"
-#include "app/common/local_service.h"
 #include "app/daemon/exchange.h"
 #include "app/daemon/net_watch.h"
 #include "app/daemon/pass_watch.h"
+#include "app/daemon/service_probes.h"
 #include "app/daemon/status_file.h"
 #include "app/daemon/tunnel_keeper.h"
 
 namespace ZARO::Relay::app {
 
-/// Owns everything that the running daemon has. Built after the fork; signals come through
+/// Owns everything that the running daemon has. To be made after the fork. Signals come through
 /// libdaemon's pipe.
 class RelayDaemon {
 public:
     /// Writes the first status.
     explicit RelayDaemon(const RelaydConf& conf);
 
-    /// Runs until a stop signal. The orderly stop is done when it returns; false when want of
-    /// memory, not a signal, ended it.
+    /// Runs until a stop signal, and stops in an orderly way before it returns. False when it ran
+    /// out of memory instead.
     bool Run();
 
 private:
-    /// What the last look at a local service found.
-    struct Probe {
-        int port = 0;
-        Time next{};
-        Reachable reachable = Reachable::Unknown;
-    };
-
     void Pass();
     void Tick(Time now);
     void Wait(Time now);
     void OnSignals();
     void OnNetworkEvent(Time now);
-    void CheckNetwork(Time now);
+    void TakeNetworkChange(Time now);
     void ReloadByUser();
     bool Reload();
-    void ProbeServices(Time now);
     void SwitchedFrom(bool wasEnabled);
     void Stop();
     Time NextDue(Time now) const;
@@ -67,9 +58,9 @@ private:
     NetWatch network_;
     std::set<std::string> addresses_ = OwnAddresses(); ///< after network_, so that none is missed
     StatusFile status_;
-    std::map<std::string, Probe> probes_;
+    ServiceProbes probes_;
     Time refreshDue_{};
-    Time networkCheck_ = Time::max(); ///< when a change of the network is looked at
+    Time networkCheck_ = Time::max(); ///< when to look for a change of the network
     bool hasFile_;                    ///< the configuration in force came from a file
     bool stopping_ = false;
     RELAYD_STATE shownState_ = RELAYD_STATE_STARTING;

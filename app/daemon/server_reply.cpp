@@ -18,7 +18,7 @@ bool IsPassword(const std::string& password) {
                         [](char c) { return c == '\0' || c == '\n' || c == '\r'; });
 }
 
-/// Whether every member of a server that another server names is one that a URL may be made of.
+/// Whether every member of a server that a reply names may become part of a URL.
 bool IsServer(const Json::Value& server) {
     const auto fits = [&](const char* key, auto isGood) {
         const Json::Value* member = json::Find(server, key);
@@ -41,6 +41,10 @@ bool IsServer(const Json::Value& server) {
 }
 
 } // namespace
+
+const Json::Value& AnswerOf(const Json::Value& reply) {
+    return reply.isArray() ? reply[0U] : reply;
+}
 
 bool CleanBatchReply(Json::Value& reply, bool& goodServer) {
     bool good = true;

@@ -40,4 +40,37 @@ std::string SessionOf(const std::list<std::string>& lines, bool open) {
     return session;
 }
 
+boost::shared_ptr<Request> Session::ControlRequest(const std::string& url,
+                                                   const Json::Value& body) {
+    auto request = Make(url, body, true);
+    controlStore_ = Request::_share != nullptr ? store_ : 0;
+    return request;
+}
+
+boost::shared_ptr<Request> Session::WaitRequest(const std::string& url, const Json::Value& body,
+                                                bool sameHost) const {
+    return Make(url, body, sameHost);
+}
+
+boost::shared_ptr<Request> Session::Make(const std::string& url, const Json::Value& body,
+                                         bool sameHost) const {
+    // The process-wide cookie would go to every server, so it is set for this request alone.
+    Request::SetCookie(sameHost && sessionStore_ == store_ ? "" : cookies_);
+    boost::shared_ptr<Request> request(new Request(url, body, true));
+    Request::SetCookie("");
+    return request;
+}
+
+void Session::Begin(Request& request, bool open) {
+    std::list<std::string> lines;
+    (void)request.GetCookies(lines); // without any there is no session
+    cookies_ = SessionOf(lines, open);
+    sessionStore_ = controlStore_; // a former store, if it was dropped since the request was made
+}
+
+void Session::DropNames() {
+    Request::CleanDnsCache();
+    ++store_;
+}
+
 } // namespace ZARO::Relay::app

@@ -12,8 +12,9 @@
 
 #include "base/json.h"
 #include "base/log.h"
-#include "base/replace_file.h"
 #include "base/paths.h"
+#include "base/replace_file.h"
+#include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
 
@@ -56,25 +57,24 @@ void StatusFile::Refresh() {
         return;
     }
     if (failing_) {
-        return; // what it tells is not the state any more: its age shows that
+        return; // it is out of date, which its age shows
     }
     (void)utimensat(AT_FDCWD, path_.c_str(), nullptr, AT_SYMLINK_NOFOLLOW); // cleaners go by age
 }
 
 void WriteDump(const Json::Value& dump) {
     const std::string path = paths::DebugFile(getpid());
-    const int fd = open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) {
+    const UniqueFd fd(open(path.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd.IsOpen()) {
         RELAY_LOG(log::Debug, "nobody waits for a dump in [%s]", path.c_str());
         return;
     }
     struct stat info;
-    const bool askers = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_nlink <= 1 &&
-                        (info.st_uid == 0 || info.st_uid == geteuid());
-    if (!askers || ftruncate(fd, 0) != 0 || !WriteAll(fd, json::Compact(dump) + "\n")) {
+    const bool askers = fstat(fd.Get(), &info) == 0 && S_ISREG(info.st_mode) &&
+                        info.st_nlink <= 1 && (info.st_uid == 0 || info.st_uid == geteuid());
+    if (!askers || ftruncate(fd.Get(), 0) != 0 || !WriteAll(fd.Get(), json::OneLine(dump))) {
         RELAY_LOG(log::Warning, "dump not written to [%s]", path.c_str());
     }
-    close(fd);
 }
 
 } // namespace ZARO::Relay::app

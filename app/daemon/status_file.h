@@ -8,7 +8,7 @@
 
 namespace ZARO::Relay::app {
 
-/// Owns the status file: readers see a whole one at every instant, and none after it is gone.
+/// Owns the status file. Readers see a whole file at every instant, and none once this is gone.
 class StatusFile {
 public:
     StatusFile();
@@ -19,8 +19,8 @@ public:
     /// Replaces the file if the status differs from what it holds.
     void Write(const Json::Value& status);
 
-    /// Keeps the file alive: the next Write replaces it when a cleaner of the folder, or anybody
-    /// else, has taken it away.
+    /// Marks the file as in use, for cleaners of the folder. If one of them, or anybody else, has
+    /// removed it, the next Write puts it back.
     void Refresh();
 
 private:
@@ -31,8 +31,8 @@ private:
     bool failing_ = false;
 };
 
-/// Writes a dump into the file that an asker made for it, in one piece; a file that is not there,
-/// is a link, or belongs to somebody else than root or us is left alone.
+/// Writes a dump, in one piece, into the file that whoever asked for it has made. Without such a
+/// file nothing is written. A link, and a file that is neither root's nor ours, is left alone.
 void WriteDump(const Json::Value& dump);
 
 } // namespace ZARO::Relay::app

@@ -1,16 +1,12 @@
 #include "app/daemon/tunnel_keeper.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <set>
 
 #include <zarorelayd/daemon.h>
 
-#include "app/common/checks.h"
-#include "app/daemon/login_guard.h"
+#include "app/daemon/login.h"
 #include "app/daemon/lost_sockets.h"
-#include "app/daemon/server_reply.h"
 #include "base/log.h"
 
 namespace ZARO::Relay::app {
@@ -29,72 +25,22 @@ constexpr seconds kSilent{3};
 /// After a log-in that failed the loop is free for as long as that held it, so that many refused
 /// tunnels do not keep it from everything else; but no longer than this.
 constexpr seconds kLongestFree{1};
-constexpr seconds kBetweenLosses{60};
-/// More than any device publishes.
-constexpr Json::ArrayIndex kMostTunnels = 256;
-/// How many refusals of one reply are logged.
-constexpr std::size_t kMostRefusals = 5;
-
-std::string RelayOf(const Tunnel& tunnel) {
-    Json::Value settings;
-    tunnel.Write(settings, false);
-    return settings["relay_ip"].asString();
-}
-
-/// Makes a tunnel one that was never started; the process it knew is not its own.
-void ForgetProcess(Tunnel& tunnel) {
-    Json::Value settings;
-    tunnel.Write(settings, true);
-    tunnel = Tunnel(settings);
-}
 
 } // namespace
 
-pid_t PidOf(const Tunnel& tunnel) {
-    Json::Value all;
-    tunnel.Write(all, true);
-    return all["pid"].asInt();
-}
-
-std::map<std::string, Json::Value>
-TunnelKeeper::TakeAssigned(const Json::Value& assigned, const std::list<ServiceConf>& services) {
-    std::map<std::string, Json::Value> wanted;
-    std::set<std::string> reasons;
-    unsigned refused = 0;
-    for (Json::ArrayIndex i = 0; i < assigned.size(); ++i) {
-        Json::Value tunnel;
-        std::string why;
-        if (CheckTunnel(assigned[i], services, tunnel, why)) {
-            const std::string id = tunnel["id"].asString();
-            if (wanted.emplace(id, tunnel).second) {
-                const Json::Value& answers = assigned[i]["relay_up"];
-                upkeep_[id].relayAnswers = !answers.isBool() || answers.asBool();
-            }
-            continue;
-        }
-        ++refused;
-        if (reasons.size() < kMostRefusals && reasons.insert(why).second &&
-            refused_.count(why) == 0) {
-            RELAY_LOG(log::Error, "refused a tunnel from the server: %s", why.c_str());
-        }
-    }
-    if (refused > kMostRefusals && refused_.size() < kMostRefusals) {
-        RELAY_LOG(log::Error, "refused %u tunnels from the server", refused);
-    }
-    refused_.swap(reasons);
-    return wanted;
-}
-
 bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services,
                              Time now) {
-    if (!assigned.isArray() || assigned.size() > kMostTunnels) {
+    if (!assigned.isArray() || assigned.size() > AssignedTunnels::kMost) {
         return false;
     }
-    std::map<std::string, Json::Value> wanted = TakeAssigned(assigned, services);
+    auto wanted = assigned_.Read(assigned, services);
+    for (const auto& [id, entry] : wanted) {
+        upkeep_[id].relayAnswers = entry.relayAnswers;
+    }
     for (auto tunnel = tunnels_.begin(); tunnel != tunnels_.end();) {
         const std::string id = tunnel->GetServiceId();
         const auto found = wanted.find(id);
-        if (found != wanted.end() && Tunnel(found->second) == *tunnel) {
+        if (found != wanted.end() && found->second.tunnel == *tunnel) {
             wanted.erase(found);
             ++tunnel;
             continue;
@@ -104,8 +50,8 @@ bool TunnelKeeper::Reconcile(const Json::Value& assigned, const std::list<Servic
         tunnel->Destroy();
         tunnel = tunnels_.erase(tunnel);
     }
-    for (const auto& [id, tunnel] : wanted) {
-        tunnels_.emplace_back(tunnel);
+    for (const auto& [id, entry] : wanted) {
+        tunnels_.push_back(entry.tunnel);
         upkeep_[id].pace.StartOver(now, milliseconds(0));
     }
     EndDropped(now);
@@ -145,18 +91,8 @@ void TunnelKeeper::NoticeEnded(Time now) {
         }
         const std::string& id = tunnel.GetServiceId();
         Upkeep& upkeep = upkeep_[id];
-        upkeep.since = Beginning();
-        upkeep.stands = false;
-        if (upkeep.pace.Lost(now)) {
-            // A line that breaks again and again is told of once a minute.
-            const bool told =
-                upkeep.lossToldAt != Time() && now - upkeep.lossToldAt < kBetweenLosses;
-            upkeep.lossToldAt = told ? upkeep.lossToldAt : now;
-            RELAY_LOG(told ? log::Info : log::Warning, "tunnel of %s is down, rebuilding it",
-                      id.c_str());
+        if (upkeep.Ended(id, now)) {
             SpreadLost(id, upkeep.pace, now);
-        } else {
-            Troubled(upkeep, id, "does not stand");
         }
     }
 }
@@ -164,19 +100,11 @@ void TunnelKeeper::NoticeEnded(Time now) {
 /// A trouble has ended when a tunnel stands, not each time that it is up for a moment.
 void TunnelKeeper::NoticeSteady(Time now) {
     for (const Tunnel& tunnel : tunnels_) {
-        Upkeep& upkeep = upkeep_[tunnel.GetServiceId()];
-        if (upkeep.stands || tunnel.GetStatus() != TUNNEL_STATUS_READY ||
-            now < upkeep.pace.SteadyFrom()) {
-            continue;
-        }
-        upkeep.stands = true;
-        upkeep.pace.Stood();
-        for (Pace* other : OthersWithoutRelay(tunnel)) {
-            other->StartOver(now, kSpread);
-        }
-        if (upkeep.troubled) {
-            upkeep.troubled = false;
-            RELAY_LOG(log::Warning, "tunnel of %s works again", tunnel.GetServiceId().c_str());
+        const std::string& id = tunnel.GetServiceId();
+        if (tunnel.GetStatus() == TUNNEL_STATUS_READY && upkeep_[id].BeginsToStand(id, now)) {
+            for (Pace* other : OthersWithoutRelay(tunnel)) {
+                other->StartOver(now, kSpread);
+            }
         }
     }
 }
@@ -199,7 +127,7 @@ void TunnelKeeper::EndDropped(Time now) {
     std::set<pid_t> owned;
     std::set<std::string> ids;
     for (const Tunnel& tunnel : tunnels_) {
-        owned.insert(PidOf(tunnel));
+        owned.insert(tunnel.GetPid());
         ids.insert(tunnel.GetServiceId());
     }
     children_.EndUnowned(owned, now);
@@ -213,10 +141,10 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
     Upkeep& upkeep = upkeep_[id];
     const TUNNEL_STATUS before = tunnel.GetStatus();
     const Time begun = Clock::now();
-    const bool good = LogIn(tunnel);
+    const bool good = LogIn(tunnel, children_);
     const Time now = Clock::now();
     if (tunnel.GetStatus() != before) {
-        upkeep.since = Beginning();
+        upkeep.ChangeStatus();
     }
     if (!good) {
         upkeep.pace.Failed(begun, now);
@@ -226,51 +154,20 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
                 other->Failed(now, now);
             }
         }
-        Troubled(upkeep, id, "could not be built");
+        upkeep.Trouble(id, "could not be built");
         return;
     }
-    upkeep.pace.LoggedIn(now);
-    ++upkeep.starts;
+    upkeep.LoggedIn(now);
     RELAY_LOG(log::Info, "tunnel of %s is up", id.c_str());
-}
-
-bool TunnelKeeper::LogIn(Tunnel& tunnel) {
-    const pid_t daemon = getpid();
-    bool good = false;
-    {
-        const LoginGuard guard;
-        good = tunnel.Create();
-        if (getpid() != daemon) {
-            _exit(127); // the child whose SSH client could not be executed
-        }
-    }
-    // The search for the process also finds that of a service whose id only begins with this one's.
-    const std::string ending = std::to_string(daemon) + "." + tunnel.GetServiceId();
-    if (good && ServesPasswordFile(PidOf(tunnel), ending) && children_.Add(PidOf(tunnel))) {
-        return true;
-    }
-    // The process that could not be found may run all the same; it must not hold the port.
-    EndStrays([&](const std::string& file) { return file == ending; });
-    if (good) {
-        ForgetProcess(tunnel);
-    }
-    return false;
-}
-
-void TunnelKeeper::Troubled(Upkeep& upkeep, const std::string& id, const char* how) const {
-    RELAY_LOG(upkeep.troubled ? log::Info : log::Warning, "tunnel of %s %s, trying on", id.c_str(),
-              how);
-    upkeep.troubled = true;
 }
 
 /// The other tunnels to the same relay, if none of them is up. A relay that does not even refuse
 /// holds the loop for a whole log-in, so they wait as well instead of trying one after the other;
 /// and one that has come back has come back for all of them.
 std::vector<Pace*> TunnelKeeper::OthersWithoutRelay(const Tunnel& tunnel) {
-    const std::string host = RelayOf(tunnel);
     std::vector<Pace*> others;
     for (const Tunnel& other : tunnels_) {
-        if (&other == &tunnel || RelayOf(other) != host) {
+        if (&other == &tunnel || other.GetRelayHost() != tunnel.GetRelayHost()) {
             continue;
         }
         if (other.GetStatus() == TUNNEL_STATUS_READY) {
@@ -290,8 +187,8 @@ Time TunnelKeeper::NextDue() const {
         }
         if (tunnel.GetStatus() != TUNNEL_STATUS_READY) {
             due = std::min(due, std::max(upkeep->second.pace.Next(), freeUntil_));
-        } else if (!upkeep->second.stands) {
-            due = std::min(due, upkeep->second.pace.SteadyFrom());
+        } else {
+            due = std::min(due, upkeep->second.StandsFrom());
         }
     }
     return due;
@@ -326,7 +223,7 @@ void TunnelKeeper::DropWithdrawn(const std::list<ServiceConf>& services, Time no
 void TunnelKeeper::DropLostAddresses(Time now) {
     const LostSockets lost;
     for (Tunnel& tunnel : tunnels_) {
-        const pid_t pid = PidOf(tunnel);
+        const pid_t pid = tunnel.GetPid();
         if (pid > 0 && lost.Has(pid)) {
             RELAY_LOG(log::Notice, "tunnel of %s lost its address", tunnel.GetServiceId().c_str());
             tunnel.Destroy();
@@ -361,14 +258,12 @@ Json::Value TunnelKeeper::Describe(const std::string& id) const {
     if (tunnel == nullptr || upkeep == upkeep_.end()) {
         return Json::Value();
     }
-    Json::Value short_form;
-    tunnel->Write(short_form, false);
     Json::Value description;
     description["status"] = Tunnel::GetStatusStr(tunnel->GetStatus());
-    description["relay_ip"] = short_form["relay_ip"];
-    description["relay_port"] = short_form["relay_port"];
-    description["since"] = static_cast<Json::Int64>(upkeep->second.since.Seconds());
-    description["restarts"] = std::max(0, upkeep->second.starts - 1);
+    description["relay_ip"] = tunnel->GetRelayHost();
+    description["relay_port"] = tunnel->GetRelayPort();
+    description["since"] = static_cast<Json::Int64>(upkeep->second.Since());
+    description["restarts"] = std::max(0, upkeep->second.Starts() - 1);
     return description;
 }
 
@@ -386,9 +281,9 @@ Json::Value TunnelKeeper::Dump() const {
         tunnel.Write(entry, true);
         const auto upkeep = upkeep_.find(tunnel.GetServiceId());
         if (upkeep != upkeep_.end()) {
-            entry["starts"] = upkeep->second.starts;
+            entry["starts"] = upkeep->second.Starts();
             entry["relay_up"] = upkeep->second.relayAnswers;
-            entry["since"] = static_cast<Json::Int64>(upkeep->second.since.Seconds());
+            entry["since"] = static_cast<Json::Int64>(upkeep->second.Since());
         }
     }
     return list;

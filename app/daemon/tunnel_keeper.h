@@ -3,19 +3,17 @@
 
 #include <json/value.h>
 
-#include <ctime>
 #include <list>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/tunnel.h>
 
-#include "app/daemon/beginning.h"
+#include "app/daemon/assigned_tunnels.h"
 #include "app/daemon/child_watch.h"
-#include "app/daemon/pace.h"
+#include "app/daemon/upkeep.h"
 
 namespace ZARO::Relay::app {
 
@@ -23,21 +21,22 @@ namespace ZARO::Relay::app {
 /// for one log-in at most.
 class TunnelKeeper {
 public:
-    /// The list that Register edits too: a tunnel that it drops is ended here.
+    /// The library's Register edits this list too. A tunnel that it drops is ended here.
     std::list<Tunnel>& Tunnels() { return tunnels_; }
 
     /// Takes the whole list that the server assigns: closes tunnels that are not in it or differ,
-    /// keeps equal ones, starts missing ones one by one. What fails the checks is refused
-    /// and logged. False when it is no list.
+    /// keeps equal ones, starts missing ones one by one. What fails the checks is refused and
+    /// logged. False, and nothing changes, for what is not a list or is far too long.
     bool Reconcile(const Json::Value& assigned, const std::list<ServiceConf>& services, Time now);
 
-    /// Notices ended processes and ends dropped ones. On every pass, whatever else is off.
+    /// Notices ended processes and ends dropped ones. To be called on every pass, even while the
+    /// service is switched off.
     void Notice(Time now);
 
     /// Starts at most one tunnel.
     void StartDue(Time now);
 
-    /// When the two are to be called next, at the latest.
+    /// When Notice or StartDue is to be called next, at the latest.
     Time NextDue() const;
 
     /// The path to the servers is back: waiting tunnels are tried at once.
@@ -56,9 +55,10 @@ public:
     /// Closes all tunnels and forgets what was assigned; for a service that is switched off.
     void CloseAll();
 
-    /// Ends every ssh process, within `patience` and the time to kill.
+    /// Ends every ssh process and waits for that; kills those that take longer than `patience`.
     void Stop(milliseconds patience);
 
+    /// Adds the descriptors by which the end of a process shows.
     void AddTo(fd_set& read, int& maxfd) const { children_.AddTo(read, maxfd); }
 
     /// Status of a service's tunnel for the status file; null when it has none.
@@ -70,40 +70,22 @@ public:
     Json::Value Dump() const;
 
 private:
-    /// What is known of one assigned service beside its tunnel.
-    struct Upkeep {
-        Pace pace;
-        Beginning since; ///< of its state
-        int starts = 0;
-        Time lossToldAt{};        ///< when a loss was last logged as a warning
-        bool stands = false;      ///< it has been up for a while
-        bool troubled = false;    ///< it can't log in or does not stand, which the log has told
-        bool relayAnswers = true; ///< what the server said last about the relay's own port
-    };
-
-    std::map<std::string, Json::Value> TakeAssigned(const Json::Value& assigned,
-                                                    const std::list<ServiceConf>& services);
     void NoticeEnded(Time now);
     void NoticeSteady(Time now);
     void SpreadLost(const std::string& id, Pace& pace, Time now);
     void EndDropped(Time now);
     void Retry(Time now, milliseconds spread);
     void Start(Tunnel& tunnel);
-    bool LogIn(Tunnel& tunnel);
-    void Troubled(Upkeep& upkeep, const std::string& id, const char* how) const;
     std::vector<Pace*> OthersWithoutRelay(const Tunnel& tunnel);
     const Tunnel* Find(const std::string& id) const;
 
     std::list<Tunnel> tunnels_;
     std::map<std::string, Upkeep> upkeep_;
     ChildWatch children_;
+    AssignedTunnels assigned_;
     std::string lost_; ///< whose tunnel was lost last
     Time lostAt_{};
-    Time freeUntil_{};              ///< until then no log-in holds the loop
-    std::set<std::string> refused_; ///< what the last reply was refused for, to log it once
+    Time freeUntil_{}; ///< until then no log-in holds the loop
 };
-
-/// The ssh process of a tunnel, -1 when none is known.
-pid_t PidOf(const Tunnel& tunnel);
 
 } // namespace ZARO::Relay::app

@@ -21,6 +21,12 @@ enum TUNNEL_STATUS : int {
     TUNNEL_STATUS_INVALID_CONF = 4, ///< for users of the class, which never sets it
 };
 
+/// The port of this machine that a service's tunnel leads to: the service's own, which is -1 while
+/// it is unknown, except for the one service whose port is fixed.
+inline int LocalPort(const ServiceConf& service) {
+    return service.id == "syncbay" ? 6691 : service.port;
+}
+
 /// An SSH reverse tunnel: a port of the relay server that leads to a local service. For one thread.
 /// Only Create waits for anything but files. Does not own the ssh process: destroying the object
 /// leaves it running.
@@ -47,6 +53,13 @@ public:
     const std::string& GetServiceId() const;
     /// The published service. The reference lives as long as the tunnel.
     const ServiceConf& GetServiceConf() const;
+    /// The server whose port leads here, a name or an address; empty when none was set. The
+    /// reference holds until the tunnel is changed.
+    const std::string& GetRelayHost() const { return relay_ip_; }
+    /// That port; -1 when none was set.
+    int GetRelayPort() const { return relay_port_; }
+    /// The background ssh process, which may have ended meanwhile; -1 when none is known.
+    pid_t GetPid() const { return pid_; }
     /// The status as it was last found; see CheckStatusChanged.
     TUNNEL_STATUS GetStatus() const;
     /// The enumerator's name; "(unknown)" for other values.
@@ -66,6 +79,13 @@ public:
     /// Sends SIGTERM to the ssh process; does not wait. True also without a process; false when it
     /// can't be signalled.
     bool Destroy();
+
+    /// Makes this a tunnel that was never started: no process, status NONE. The settings stay. A
+    /// process that runs goes on, and Destroy does not reach it any more.
+    void ForgetProcess() {
+        pid_ = -1;
+        status_ = TUNNEL_STATUS_NONE;
+    }
 
     /// Starts the SSH client and blocks until it has logged in and gone to the background, or has
     /// failed; only the client's own time-outs bound this. The password is in a file during that
