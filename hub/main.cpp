@@ -11,18 +11,19 @@
 
 #include <CLI/CLI.hpp>
 
+#include "base/names.h"
 #include "base/standard_descriptors.h"
 #include "hub/hub.h"
 #include "hub/log.h"
-#include "hub/names.h"
 #include "hub/net.h"
 #include "hub/store.h"
 
 namespace {
 
+using ZARO::IsAddress;
+using ZARO::IsHostName;
 using ZARO::RelayHub::Hub;
 using ZARO::RelayHub::HubOptions;
-using ZARO::RelayHub::IsAddress;
 
 constexpr int kUsage = 2; // exit code for a wrong command line
 
@@ -51,7 +52,7 @@ CLI::Validator Number(long low, long high) {
 }
 
 bool IsHostOrAddress(const std::string& text) {
-    return IsAddress(text) || ZARO::RelayHub::IsHost(text);
+    return IsAddress(text) || IsHostName(text);
 }
 
 /// Takes "FIRST-LAST" apart.
