@@ -1,5 +1,4 @@
 /// zarorelay-hub: reads the command line, runs the hub until a signal ends it.
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -13,6 +12,7 @@
 #include <CLI/CLI.hpp>
 
 #include "hub/names.h"
+#include "base/standard_descriptors.h"
 #include "hub/hub.h"
 #include "hub/log.h"
 #include "hub/net.h"
@@ -108,18 +108,6 @@ void Describe(CLI::App& app, CommandLine& line) {
     app.set_version_flag("--version", "zarorelay-hub " ZARO_VERSION);
 }
 
-/// When the process was started without standard descriptors, its first sockets would take their
-/// numbers, and log lines would go to a peer.
-void FillStandardDescriptors() {
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-}
-
 /// A connection costs one to three descriptors, so the usual soft limit serves few devices.
 void RaiseDescriptorLimit() {
     rlimit limit{};
@@ -206,7 +194,7 @@ std::optional<int> Parse(int argc, char** argv, CommandLine& line) {
 } // namespace
 
 int main(int argc, char** argv) {
-    FillStandardDescriptors();
+    ZARO::FillStandardDescriptors();
     try {
         CommandLine line;
         const std::optional<int> code = Parse(argc, argv, line);
