@@ -13,8 +13,8 @@
 #include <optional>
 
 #include "hub/files.h"
-#include "hub/names.h"
 #include "hub/log.h"
+#include "hub/names.h"
 
 namespace ZARO::RelayHub {
 

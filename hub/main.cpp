@@ -11,10 +11,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "hub/names.h"
 #include "base/standard_descriptors.h"
 #include "hub/hub.h"
 #include "hub/log.h"
+#include "hub/names.h"
 #include "hub/net.h"
 #include "hub/store.h"
 
