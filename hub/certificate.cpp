@@ -15,6 +15,7 @@
 #include "base/names.h"
 #include "hub/files.h"
 #include "hub/log.h"
+#include "hub/names.h"
 
 namespace ZARO::RelayHub {
 

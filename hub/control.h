@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "hub/origin.h"
 #include "hub/log.h"
+#include "hub/origin.h"
 #include "hub/store.h"
 #include "hub/waiters.h"
 

@@ -14,8 +14,8 @@
 #include <string>
 
 #include "base/unique_fd.h"
-#include "hub/origin.h"
 #include "hub/net.h"
+#include "hub/origin.h"
 #include "hub/store.h"
 #include "hub/threads.h"
 
