@@ -47,11 +47,11 @@ void ApplyLogSettings(const RelaydConf& conf) {
         return;
     }
     // Only in the foreground: in the background it would keep a rotated log file open.
-    static const int original = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    static const int kOriginal = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     if (!file.empty()) {
         (void)Daemon::OpenLogFile(file, STDERR_FILENO, O_CREAT | O_APPEND); // it could be opened
-    } else if (hadFile && original >= 0) {
-        (void)dup2(original, STDERR_FILENO);
+    } else if (hadFile && kOriginal >= 0) {
+        (void)dup2(kOriginal, STDERR_FILENO);
     }
 }
 
