@@ -39,6 +39,7 @@ bool ReadWith(const Json::CharReaderBuilder& builder, const std::string& text, J
 /// as "+1". So both have their say.
 bool ReadWhole(const std::string& text, Json::Value& out, std::string& errors) {
     Json::CharReaderBuilder builder;
+    builder["collectComments"] = false; // they would go into files that are written
     builder["failIfExtra"] = true;
     builder["allowTrailingCommas"] = false;
     builder["skipBom"] = false;

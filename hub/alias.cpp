@@ -3,6 +3,7 @@
 #include <exception>
 #include <map>
 
+#include "base/names.h"
 #include "base/json.h"
 #include "hub/http_form.h"
 #include "hub/log.h"
@@ -48,7 +49,7 @@ std::string Alias::Update(const std::string& form) {
         const std::string& action = fields["action"];
         const std::string& name = fields["alias"];
         if ((action != "map_alias" && action != "delete_alias" && action != "keep_alive_alias") ||
-            !IsAliasName(name) || !IsSerial(fields["serial"]) || !IsToken(fields["token"]) ||
+            !IsPlainAliasName(name) || !IsSerial(fields["serial"]) || !IsToken(fields["token"]) ||
             fields["id"].empty()) {
             return kBadParam;
         }
@@ -73,7 +74,7 @@ std::string Alias::Update(const std::string& form) {
 std::string Alias::Query(const std::string& form, const Origin& origin) {
     try {
         std::map<std::string, std::string> fields = ParseForm(form);
-        if (fields["action"] != "query_alias" || !IsAliasName(fields["alias"])) {
+        if (fields["action"] != "query_alias" || !IsPlainAliasName(fields["alias"])) {
             return kBadParam;
         }
         return Describe(fields["alias"], origin);

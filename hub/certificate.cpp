@@ -12,8 +12,8 @@
 #include <memory>
 #include <optional>
 
+#include "base/names.h"
 #include "hub/files.h"
-#include "hub/names.h"
 #include "hub/log.h"
 
 namespace ZARO::RelayHub {
@@ -173,7 +173,7 @@ SslContext MakeContext(std::string& error) {
 std::set<std::string> ServedNames(const std::set<std::string>& more) {
     std::set<std::string> names = {"localhost", "127.0.0.1", "::1"};
     char host[256] = "";
-    if (gethostname(host, sizeof host - 1) == 0 && IsHost(host)) {
+    if (gethostname(host, sizeof host - 1) == 0 && IsHostName(host)) {
         names.insert(host);
     }
     for (const std::string& name : more) {

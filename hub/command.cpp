@@ -4,6 +4,7 @@
 #include <optional>
 #include <utility>
 
+#include "base/names.h"
 #include "base/json.h"
 #include "hub/names.h"
 

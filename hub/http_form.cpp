@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "hub/ascii.h"
+#include "base/ascii.h"
 
 namespace ZARO::RelayHub {
 

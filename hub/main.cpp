@@ -1,5 +1,4 @@
 /// zarorelay-hub: reads the command line, runs the hub until a signal ends it.
-#include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -12,7 +11,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "hub/names.h"
+#include "base/names.h"
+#include "base/standard_descriptors.h"
 #include "hub/hub.h"
 #include "hub/log.h"
 #include "hub/net.h"
@@ -20,9 +20,10 @@
 
 namespace {
 
+using ZARO::IsAddress;
+using ZARO::IsHostName;
 using ZARO::RelayHub::Hub;
 using ZARO::RelayHub::HubOptions;
-using ZARO::RelayHub::IsAddress;
 
 constexpr int kUsage = 2; // exit code for a wrong command line
 
@@ -51,7 +52,7 @@ CLI::Validator Number(long low, long high) {
 }
 
 bool IsHostOrAddress(const std::string& text) {
-    return IsAddress(text) || ZARO::RelayHub::IsHost(text);
+    return IsAddress(text) || IsHostName(text);
 }
 
 /// Takes "FIRST-LAST" apart.
@@ -106,18 +107,6 @@ void Describe(CLI::App& app, CommandLine& line) {
     app.add_option("--log-level", line.logLevel, "3 = errors only, up to 7 = debug")
         ->check(Number(3, 7));
     app.set_version_flag("--version", "zarorelay-hub " ZARO_VERSION);
-}
-
-/// When the process was started without standard descriptors, its first sockets would take their
-/// numbers, and log lines would go to a peer.
-void FillStandardDescriptors() {
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) {
-        fd = open("/dev/null", O_RDWR);
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
 }
 
 /// A connection costs one to three descriptors, so the usual soft limit serves few devices.
@@ -206,7 +195,7 @@ std::optional<int> Parse(int argc, char** argv, CommandLine& line) {
 } // namespace
 
 int main(int argc, char** argv) {
-    FillStandardDescriptors();
+    ZARO::FillStandardDescriptors();
     try {
         CommandLine line;
         const std::optional<int> code = Parse(argc, argv, line);

@@ -1,27 +1,13 @@
 #include "hub/names.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
 
-#include "hub/ascii.h"
+#include "base/ascii.h"
+#include "base/names.h"
 
 namespace ZARO::RelayHub {
-
-namespace {
-
-/// Whether `text` has 1 to `longest` characters and each is a letter, a digit or one of `others`.
-bool IsMadeOf(const std::string& text, std::size_t longest, std::string_view others) {
-    return !text.empty() && text.size() <= longest &&
-           std::all_of(text.begin(), text.end(), [others](char c) {
-               return IsAlphanumeric(c) || others.find(c) != std::string_view::npos;
-           });
-}
-
-} // namespace
 
 bool IsSerial(const std::string& text) {
     return IsMadeOf(text, 35, "-_.");
@@ -32,29 +18,10 @@ bool IsToken(const std::string& text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
 }
 
-bool IsServiceId(const std::string& text) {
-    return IsMadeOf(text, 63, "_-.") && text[0] != '-' && text[0] != '.';
-}
-
-bool IsAliasName(const std::string& text) {
-    return IsMadeOf(text, 63, "-") && std::none_of(text.begin(), text.end(), IsUpper);
-}
-
 bool IsShortText(const std::string& text, std::size_t longest) {
     return text.size() <= longest && std::none_of(text.begin(), text.end(), [](char c) {
                return static_cast<unsigned char>(c) < ' ' || c == '\x7f';
            });
-}
-
-bool IsAddress(const std::string& text) {
-    unsigned char bytes[sizeof(in6_addr)];
-    return text.find('\0') == std::string::npos && // what follows it would go unchecked
-           (inet_pton(AF_INET, text.c_str(), bytes) == 1 ||
-            inet_pton(AF_INET6, text.c_str(), bytes) == 1);
-}
-
-bool IsHost(const std::string& text) {
-    return IsMadeOf(text, 253, "-._") && text[0] != '-' && text[0] != '.';
 }
 
 bool IsUrlHost(const std::string& text) {
@@ -62,7 +29,7 @@ bool IsUrlHost(const std::string& text) {
         const std::string address = text.substr(1, text.size() - 2);
         return address.find(':') != std::string::npos && IsAddress(address);
     }
-    return IsHost(text);
+    return IsHostName(text);
 }
 
 std::optional<std::string> ServerIdOf(const std::string& mac) {

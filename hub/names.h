@@ -1,4 +1,4 @@
-/// Which names, ids and addresses from outside are well-formed. Nothing is done with others.
+/// Which names and ids of devices are well-formed, beside the rules that the devices share.
 #pragma once
 
 #include <cstddef>
@@ -13,20 +13,8 @@ bool IsSerial(const std::string& text);
 /// 1 to 32 visible ASCII characters.
 bool IsToken(const std::string& text);
 
-/// 1 to 63 letters, digits, "_", "-", "."; neither "-" nor "." comes first.
-bool IsServiceId(const std::string& text);
-
-/// 1 to 63 of a-z, 0-9, "-".
-bool IsAliasName(const std::string& text);
-
 /// At most `longest` bytes without a control character; may be empty.
 bool IsShortText(const std::string& text, std::size_t longest);
-
-/// An IPv4 or IPv6 address.
-bool IsAddress(const std::string& text);
-
-/// A host name or an IPv4 address.
-bool IsHost(const std::string& text);
 
 /// What may stand in a URL: a host name, an IPv4 address or an IPv6 address in brackets.
 bool IsUrlHost(const std::string& text);

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "hub/ascii.h"
+#include "base/ascii.h"
 #include "hub/names.h"
 
 namespace ZARO::RelayHub {

@@ -37,9 +37,9 @@ void RemoveServices(std::list<ServiceConf>& services, const std::string& id) {
 }
 
 const Json::Value& ArrayMember(const Json::Value& object, const char* key) {
-    static const Json::Value none(Json::arrayValue);
+    static const Json::Value kNone(Json::arrayValue);
     const Json::Value* member = json::Find(object, key);
-    return member != nullptr && member->isArray() ? *member : none;
+    return member != nullptr && member->isArray() ? *member : kNone;
 }
 
 } // namespace

@@ -1,13 +1,11 @@
-/// What texts and numbers from outside must look like before anything is done with them.
+/// What the device takes from outside, beside the rules that it shares with the hub.
 #pragma once
 
 #include <string>
+
 namespace ZARO::Relay::app {
 
-/// 1 to 63 of letters, digits, "_", "-", ".", not beginning with "-" or ".".
-bool IsServiceId(const std::string& id);
-
-/// A host name, in which "_" is allowed as in local networks, or an IPv4 or IPv6 address.
+/// A host name or an IPv4 or IPv6 address.
 bool IsRelayHost(const std::string& host);
 
 /// A host as it stands in a URL, where an IPv6 address is in brackets.
@@ -19,13 +17,8 @@ bool IsPagePath(const std::string& page);
 /// 1 to 255 of letters, digits, ".", "_", "-", "+", "=", not beginning with "-".
 bool IsRelayUser(const std::string& user);
 
-bool IsPort(int port);
-
 /// An alias that may go to a server: 1 to 63 of letters, digits, "_", "-", ".", of which none has a
 /// meaning in a form. Servers differ in what they accept, so the daemon leaves the rest to them.
 bool IsAliasName(const std::string& name);
-
-/// An alias that users may choose: 1 to 63 of a-z, 0-9, "-", which every server accepts.
-bool IsPlainAliasName(const std::string& name);
 
 } // namespace ZARO::Relay::app

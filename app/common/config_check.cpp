@@ -6,7 +6,7 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
-#include "app/common/checks.h"
+#include "base/names.h"
 #include "base/json.h"
 #include "base/read_file.h"
 

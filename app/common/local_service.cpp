@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "app/common/checks.h"
+#include "base/names.h"
 #include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {

@@ -12,6 +12,7 @@
 #include <zarorelayd/zarorelayd.h>
 #include <zarorelayd/tunnel.h>
 
+#include "base/names.h"
 #include "app/common/checks.h"
 #include "app/common/local_service.h"
 #include "app/ctl/chain.h"
@@ -229,7 +230,7 @@ void CheckRelays(Chain& chain, const Device& device, bool connected) {
         const std::string name = "relay for " + service["id"].asString();
         const std::string host = json::TextOf(tunnel, "relay_ip");
         const int port = json::NumberOf(tunnel, "relay_port");
-        if (!app::IsRelayHost(host) || !app::IsPort(port)) {
+        if (!app::IsRelayHost(host) || !IsPort(port)) {
             chain.Broken(name, "the server has assigned no tunnel",
                          "wait a moment, or ask whoever runs the server");
         } else if (probes.size() < kMostRelays) {

@@ -8,7 +8,7 @@
 #include <zarorelayd/config.h>
 #include <zarorelayd/tunnel.h>
 
-#include "app/common/checks.h"
+#include "base/names.h"
 #include "app/common/local_service.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
@@ -21,8 +21,6 @@
 namespace ZARO::Relay::ctl {
 
 namespace {
-
-using app::IsPort;
 
 struct Entry {
     explicit Entry(const ServiceConf& service) : conf(service) {}
@@ -40,7 +38,7 @@ Entries ReadDefinitions() {
     for (std::filesystem::directory_iterator file(paths::ServicesDir(), fault), end;
          !fault && file != end; file.increment(fault)) {
         const std::string id = services::IdOf(file->path().stem().string());
-        if (file->path().extension() == ".conf" && app::IsServiceId(id)) {
+        if (file->path().extension() == ".conf" && IsServiceId(id)) {
             entries.emplace(id, ServiceConf(id.c_str()));
         }
     }
@@ -56,7 +54,7 @@ void AddPublished(const Json::Value& config, Entries& entries) {
     for (const Json::Value& item : *list) {
         const std::string id = json::TextOf(item, "id");
         if (!id.empty()) {
-            Entry entry(ServiceConf(item, app::IsServiceId(id)));
+            Entry entry(ServiceConf(item, IsServiceId(id)));
             entry.published = true;
             entries.insert_or_assign(id, entry);
         }
@@ -182,7 +180,7 @@ int AddService(const std::string& id) {
     const Entries published = ReadPublished(change);
     const auto own = published.find(id);
     const bool hasPort = own != published.end() && IsPort(own->second.conf.port);
-    if (!hasPort && (!app::IsServiceId(id) || !IsPort(ServiceConf(id.c_str()).port))) {
+    if (!hasPort && (!IsServiceId(id) || !IsPort(ServiceConf(id.c_str()).port))) {
         return Fail(kNoAnswer, "no service \"" + Clean(id) + "\" with one port is defined",
                     Expected());
     }
@@ -195,7 +193,7 @@ int RemoveService(const std::string& id) {
     if (code != kSuccess) {
         return code;
     }
-    const bool defined = app::IsServiceId(id) && ServiceConf("").ReadConf(id);
+    const bool defined = IsServiceId(id) && ServiceConf("").ReadConf(id);
     if (!defined && ReadPublished(change).count(id) == 0) {
         return Fail(kNoAnswer, "no service \"" + Clean(id) + "\" is defined or published",
                     "see: zarorelayctl service list");

@@ -9,7 +9,7 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
-#include "app/common/checks.h"
+#include "base/names.h"
 #include "app/common/strangers_file.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
@@ -106,7 +106,7 @@ int ShowAlias(bool json) {
 }
 
 int SetAlias(const std::string& name) {
-    if (!name.empty() && !app::IsPlainAliasName(name)) {
+    if (!name.empty() && !IsPlainAliasName(name)) {
         return Fail(kNoAnswer, "\"" + Clean(name) + "\" can't be an alias",
                     "expected 1 to 63 of a-z, 0-9 and \"-\"");
     }

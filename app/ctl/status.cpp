@@ -11,7 +11,7 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "app/common/checks.h"
+#include "base/names.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
@@ -139,7 +139,7 @@ Cell LocalCell(const std::string& local) {
 
 std::string Address(const Json::Value& tunnel) {
     const int port = json::NumberOf(tunnel, "relay_port");
-    return app::IsPort(port) ? HostAndPort(Clean(tunnel["relay_ip"].asString()), port) : "-";
+    return IsPort(port) ? HostAndPort(Clean(tunnel["relay_ip"].asString()), port) : "-";
 }
 
 std::string RenderServices(const Json::Value& document, std::int64_t now, bool colour) {

@@ -6,7 +6,6 @@
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/tunnel.h>
 
-#include "app/common/checks.h"
 #include "app/daemon/server_reply.h"
 #include "base/json.h"
 #include "base/log.h"

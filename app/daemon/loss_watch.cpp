@@ -6,7 +6,6 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "app/common/checks.h"
 #include "base/json.h"
 #include "base/log.h"
 #include "base/text.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/names.h"
 #include "app/common/checks.h"
 #include "base/json.h"
 #include "base/text.h"

@@ -1,7 +1,7 @@
 /// Characters of ASCII. What <cctype> answers depends on the locale; this doesn't.
 #pragma once
 
-namespace ZARO::RelayHub {
+namespace ZARO {
 
 inline bool IsDigit(char c) {
     return c >= '0' && c <= '9';
@@ -26,4 +26,4 @@ inline int HexValue(char c) {
     return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
 }
 
-} // namespace ZARO::RelayHub
+} // namespace ZARO
