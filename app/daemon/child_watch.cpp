@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <iterator>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <system_error>
 #include <utility>

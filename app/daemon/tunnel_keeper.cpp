@@ -278,7 +278,7 @@ Json::Value TunnelKeeper::Dump() const {
     Json::Value list(Json::arrayValue);
     for (const Tunnel& tunnel : tunnels_) {
         Json::Value& entry = list.append(Json::Value());
-        tunnel.Write(entry, true);
+        tunnel.Write(entry, kFullForm);
         const auto upkeep = upkeep_.find(tunnel.GetServiceId());
         if (upkeep != upkeep_.end()) {
             entry["starts"] = upkeep->second.Starts();
