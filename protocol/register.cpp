@@ -183,7 +183,7 @@ bool Register::ParseResponse(RelaydConf& conf, const Json::Value& request,
             ParseServiceResponse(conf, request[i], response[i]);
         }
     }
-    if (Daemon::IsLogEnable(7)) {
+    if (Daemon::IsLogEnable(log::Debug)) {
         std::cerr << "\033[34mprev register config:\033[0m " << previous_;
     }
     return result;

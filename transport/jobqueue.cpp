@@ -115,7 +115,7 @@ bool JobQueue::CheckStart(Job& job) {
     if (job.schedule > now) {
         return true;
     }
-    if (Daemon::IsLogEnable(7)) {
+    if (Daemon::IsLogEnable(log::Debug)) {
         std::cerr << "\033[34madd request\033[0m: "
                   << Harmless(job.request->GetUrl().c_str()).Value() << " "
                   << job.request->GetData() << std::flush;
