@@ -7,7 +7,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <optional>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 

@@ -6,9 +6,11 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 #include "hub/log.h"
 

@@ -22,8 +22,8 @@ bool ListenTcp(const std::string& address, int port, UniqueFd& listener, std::st
 /// The port that a socket is bound to; 0 when unknown.
 int PortOf(int fd);
 
-/// Whether that address and port can be listened on at the moment. Throws system_error when there
-/// is no telling: out of descriptors, or the address is not this machine's.
+/// Whether that address and port can be listened on at the moment. Throws system_error when this
+/// can't be found out: no descriptor is left, or the address is not this machine's.
 bool IsPortFree(const std::string& address, int port);
 
 /// Whether accept() failed with `error` because the system is out of descriptors or memory. A retry
