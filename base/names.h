@@ -1,7 +1,9 @@
-/// Which names, addresses and ports from outside are well-formed; device and hub agree on these.
+/// The names, addresses and ports on which device and hub agree: which ones are well-formed, and
+/// the id that follows from a hardware address.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -24,5 +26,9 @@ bool IsAddress(const std::string& text);
 
 /// 1 to 65535.
 bool IsPort(int port);
+
+/// The server id of a device whose hardware address ends in these 24 bits. Two check bits are
+/// appended, the parity of the odd bits and that of all; the id is the number as nine digits.
+std::string ServerIdOf(std::uint32_t bits);
 
 } // namespace ZARO
