@@ -35,6 +35,10 @@ bool IsAddress(const std::string& text) {
             inet_pton(AF_INET6, text.c_str(), bytes) == 1);
 }
 
+std::string ForUrl(const std::string& host) {
+    return host.find(':') == std::string::npos ? host : "[" + host + "]";
+}
+
 bool IsPort(int port) {
     return port >= 1 && port <= 65535;
 }

@@ -1,5 +1,5 @@
-/// The names, addresses and ports on which device and hub agree: which ones are well-formed, and
-/// the id that follows from a hardware address.
+/// The names, addresses and ports on which device and hub agree: which ones are well-formed, how
+/// they are written, and the id that follows from a hardware address.
 #pragma once
 
 #include <cstddef>
@@ -23,6 +23,9 @@ bool IsHostName(const std::string& text);
 
 /// An IPv4 or IPv6 address.
 bool IsAddress(const std::string& text);
+
+/// A host as it stands in a URL: an IPv6 address gets brackets.
+std::string ForUrl(const std::string& host);
 
 /// 1 to 65535.
 bool IsPort(int port);

@@ -9,7 +9,6 @@
 #include "hub/http_form.h"
 #include "hub/log.h"
 #include "hub/names.h"
-#include "hub/net.h"
 
 namespace ZARO::RelayHub {
 

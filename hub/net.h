@@ -46,9 +46,6 @@ std::string PeerOf(int fd, int& port);
 /// or the first half of the IPv6 address. 0 when unknown.
 std::uint64_t NetworkOf(int fd);
 
-/// `address` as it stands in a URL: an IPv6 address in brackets.
-std::string ForUrl(const std::string& address);
-
 /// Accepts connections on a thread of its own. Running out of descriptors or threads pauses it;
 /// nothing but Stop() ends it.
 class Acceptor {
