@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstdio>
 
 #include "base/ascii.h"
 
@@ -34,8 +35,20 @@ bool IsAddress(const std::string& text) {
             inet_pton(AF_INET6, text.c_str(), bytes) == 1);
 }
 
+std::string ForUrl(const std::string& host) {
+    return host.find(':') == std::string::npos ? host : "[" + host + "]";
+}
+
 bool IsPort(int port) {
     return port >= 1 && port <= 65535;
+}
+
+std::string ServerIdOf(std::uint32_t bits) {
+    const auto all = static_cast<unsigned>(__builtin_parity(bits));
+    const auto odd = static_cast<unsigned>(__builtin_parity(bits & 0xAAAAAA));
+    char id[16];
+    (void)snprintf(id, sizeof id, "%09u", bits * 4 + odd * 2 + all);
+    return id;
 }
 
 } // namespace ZARO

@@ -1,7 +1,9 @@
-/// Which names, addresses and ports from outside are well-formed; device and hub agree on these.
+/// The names, addresses and ports on which device and hub agree: which ones are well-formed, how
+/// they are written, and the id that follows from a hardware address.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -22,7 +24,14 @@ bool IsHostName(const std::string& text);
 /// An IPv4 or IPv6 address.
 bool IsAddress(const std::string& text);
 
+/// A host as it stands in a URL: an IPv6 address gets brackets.
+std::string ForUrl(const std::string& host);
+
 /// 1 to 65535.
 bool IsPort(int port);
+
+/// The server id of a device whose hardware address ends in these 24 bits. Two check bits are
+/// appended, the parity of the odd bits and that of all; the id is the number as nine digits.
+std::string ServerIdOf(std::uint32_t bits);
 
 } // namespace ZARO

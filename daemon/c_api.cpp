@@ -1,6 +1,7 @@
 #include <zarorelayd/zarorelayd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
@@ -10,6 +11,7 @@
 #include <zarorelayd/daemon.h>
 
 #include "base/json.h"
+#include "base/names.h"
 #include "base/paths.h"
 
 using ZARO::Relay::AuthConf;
@@ -65,19 +67,10 @@ bool HasService(const Json::Value& config, const char* serviceId) {
     return false;
 }
 
-/// Nine digits: the low 24 bits of the MAC, then the parity of its odd bits, then that of all.
+/// The id of the device with this MAC address, without separators.
 std::string ComputeServerId(const std::string& mac) {
     const long bits = strtol(mac.substr(6).c_str(), nullptr, 16) & 0xffffff;
-    long all = 0;
-    long odd = 0;
-    for (int bit = 0; bit < 24; ++bit) {
-        const long value = (bits >> bit) & 1;
-        all ^= value;
-        odd ^= bit % 2 == 1 ? value : 0;
-    }
-    char text[16];
-    (void)snprintf(text, sizeof text, "%09d", static_cast<int>(bits * 4 + odd * 2 + all));
-    return text;
+    return ZARO::ServerIdOf(static_cast<std::uint32_t>(bits));
 }
 
 int GetServerId(const char* serviceId, char* buffer, size_t size) {

@@ -2,13 +2,13 @@
 
 #include <exception>
 #include <map>
+#include <vector>
 
-#include "base/names.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "hub/http_form.h"
 #include "hub/log.h"
 #include "hub/names.h"
-#include "hub/net.h"
 
 namespace ZARO::RelayHub {
 

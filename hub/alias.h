@@ -4,6 +4,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "hub/origin.h"
 #include "hub/store.h"

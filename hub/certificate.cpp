@@ -2,15 +2,17 @@
 
 #include <ifaddrs.h>
 #include <netdb.h>
+
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <utility>
+
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
-
-#include <ctime>
-#include <memory>
-#include <optional>
 
 #include "base/names.h"
 #include "hub/files.h"

@@ -2,10 +2,9 @@
 
 #include <cstddef>
 #include <optional>
-#include <utility>
 
-#include "base/names.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "hub/names.h"
 
 namespace ZARO::RelayHub {
@@ -19,8 +18,8 @@ constexpr std::size_t kMaxAddressText = 45;   // an IPv6 address at its longest
 constexpr std::size_t kMaxInterfaceName = 15; // the kernel's own limit
 constexpr Json::ArrayIndex kMaxInterfaces = 32;
 
-/// Whether a document has far more values than any honest one. The parser needs a hundred bytes for
-/// a value that may have two.
+/// Whether a document has far more values than any honest one. The parser needs a hundred bytes of
+/// memory for a value that may be two bytes long.
 bool HasManyValues(const std::string& text) {
     constexpr int kMaxValues = 8192; // 256 services take 1300
     int values = 0;
@@ -158,7 +157,7 @@ bool TakeServices(const Json::Value& command, std::vector<ServiceRecord>& presen
 }
 
 bool TakeWait(const Json::Value& command, std::string& serverId, int& revision) {
-    const auto takeTunnel = [](const Json::Value& element) { // what it tells is of no use here
+    const auto takeTunnel = [](const Json::Value& element) { // checked, but not used
         std::string text;
         return TakeText(element, "id", text) && TakeText(element, "status", text);
     };

@@ -1,10 +1,10 @@
 /// Takes the control server's commands apart and checks everything in them.
 #pragma once
 
-#include <json/value.h>
-
 #include <string>
 #include <vector>
+
+#include <json/value.h>
 
 #include "hub/store_devices.h"
 #include "hub/store_services.h"
@@ -15,8 +15,8 @@ namespace ZARO::RelayHub {
 /// when it has more values than a batch can need.
 bool ParseBatch(const std::string& body, Json::Value& commands);
 
-// Each of the following returns false when the command is malformed; what was filled by then is
-// worth nothing.
+// Each of the following returns false when the command is malformed; then its outputs are in any
+// state.
 
 /// Takes "register".
 bool TakeIdentity(const Json::Value& command, Identity& identity);

@@ -1,6 +1,7 @@
 #include "hub/control.h"
 
 #include <exception>
+#include <utility>
 
 #include "base/json.h"
 #include "hub/command.h"

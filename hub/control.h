@@ -1,12 +1,13 @@
 /// The control server: a JSON array of commands in, a JSON array of their replies out.
 #pragma once
 
-#include <json/value.h>
-
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include <json/value.h>
 
 #include "hub/log.h"
 #include "hub/origin.h"

@@ -1,12 +1,12 @@
 /// A thin layer over SQLite: failures become exceptions, which the store's methods catch.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <cstdint>
 #include <map>
 #include <stdexcept>
 #include <string>
+
+#include <sqlite3.h>
 
 namespace ZARO::RelayHub {
 

@@ -7,7 +7,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <functional>
 #include <optional>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
@@ -15,7 +18,6 @@
 #include "base/standard_descriptors.h"
 #include "hub/hub.h"
 #include "hub/log.h"
-#include "hub/net.h"
 #include "hub/store.h"
 
 namespace {
@@ -130,7 +132,7 @@ void RaiseDescriptorLimit() {
 
 /// One line per listener. Whoever started the hub may wait for them.
 void PrintListeners(const HubOptions& options, const Hub& hub) {
-    const std::string host = ZARO::RelayHub::ForUrl(options.address);
+    const std::string host = ZARO::ForUrl(options.address);
     if (options.httpPort >= 0) {
         printf("control http://%s:%d/Serv.php\n", host.c_str(), hub.HttpPort());
     }

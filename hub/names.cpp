@@ -1,7 +1,7 @@
 #include "hub/names.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <cstdint>
 #include <cstdlib>
 
 #include "base/ascii.h"
@@ -46,13 +46,7 @@ std::optional<std::string> ServerIdOf(const std::string& mac) {
     if (digits.size() != 12) {
         return std::nullopt;
     }
-    const auto number = static_cast<unsigned>(strtoul(digits.c_str() + 6, nullptr, 16));
-    // Two check bits: the parity of all the bits, and of those at odd places.
-    const auto all = static_cast<unsigned>(__builtin_parity(number));
-    const auto odd = static_cast<unsigned>(__builtin_parity(number & 0xAAAAAA));
-    char id[16];
-    (void)snprintf(id, sizeof id, "%09u", number * 4 + odd * 2 + all);
-    return id;
+    return ZARO::ServerIdOf(static_cast<std::uint32_t>(strtoul(digits.c_str() + 6, nullptr, 16)));
 }
 
 } // namespace ZARO::RelayHub

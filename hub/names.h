@@ -20,7 +20,7 @@ bool IsShortText(const std::string& text, std::size_t longest);
 bool IsUrlHost(const std::string& text);
 
 /// The id that a device with this MAC address (six pairs of hex digits, with or without separators)
-/// computes for itself: nine or more digits. Nothing when the MAC is malformed.
+/// computes for itself. Nothing when the MAC is malformed.
 std::optional<std::string> ServerIdOf(const std::string& mac);
 
 } // namespace ZARO::RelayHub

@@ -6,10 +6,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <system_error>
+#include <utility>
 
+#include "base/names.h"
 #include "hub/log.h"
 
 namespace ZARO::RelayHub {
@@ -143,10 +146,6 @@ std::uint64_t NetworkOf(int fd) {
         network = reinterpret_cast<sockaddr_in*>(&peer)->sin_addr.s_addr;
     }
     return network;
-}
-
-std::string ForUrl(const std::string& address) {
-    return address.find(':') == std::string::npos ? address : "[" + address + "]";
 }
 
 Acceptor::Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)

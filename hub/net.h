@@ -22,8 +22,8 @@ bool ListenTcp(const std::string& address, int port, UniqueFd& listener, std::st
 /// The port that a socket is bound to; 0 when unknown.
 int PortOf(int fd);
 
-/// Whether that address and port can be listened on at the moment. Throws system_error when there
-/// is no telling: out of descriptors, or the address is not this machine's.
+/// Whether that address and port can be listened on at the moment. Throws system_error when this
+/// can't be found out: no descriptor is left, or the address is not this machine's.
 bool IsPortFree(const std::string& address, int port);
 
 /// Whether accept() failed with `error` because the system is out of descriptors or memory. A retry
@@ -45,9 +45,6 @@ std::string PeerOf(int fd, int& port);
 /// A number for the peer's network, which usually belongs to a single subscriber: the IPv4 address,
 /// or the first half of the IPv6 address. 0 when unknown.
 std::uint64_t NetworkOf(int fd);
-
-/// `address` as it stands in a URL: an IPv6 address in brackets.
-std::string ForUrl(const std::string& address);
 
 /// Accepts connections on a thread of its own. Running out of descriptors or threads pauses it;
 /// nothing but Stop() ends it.

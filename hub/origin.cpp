@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "base/ascii.h"
+#include "base/names.h"
 #include "hub/names.h"
 
 namespace ZARO::RelayHub {
@@ -22,7 +23,7 @@ std::optional<Origin> ParseHost(const std::string& scheme, const std::string& he
         }
         origin.port = atoi(port.c_str());
     }
-    if (!IsUrlHost(origin.host) || origin.port < 1 || origin.port > 65535) {
+    if (!IsUrlHost(origin.host) || !IsPort(origin.port)) {
         return std::nullopt;
     }
     return origin;

@@ -1,9 +1,8 @@
 /// The SSH relay: devices log in and have their visitors forwarded to them.
 #pragma once
 
-#include <libssh/server.h>
-
 #include <atomic>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -11,6 +10,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <libssh/server.h>
 
 #include "base/unique_fd.h"
 #include "hub/log.h"

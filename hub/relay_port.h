@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <mutex>
+#include <utility>
 
 #include "base/unique_fd.h"
 

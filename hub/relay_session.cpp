@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "hub/log.h"
 #include "hub/net.h"
@@ -25,8 +26,8 @@ constexpr auto kSilence = seconds(14);
 constexpr auto kFirstProbe = seconds(6); // the device's own probes come sooner, as a rule
 constexpr auto kNextProbe = seconds(4);  // if the first could not be sent
 
-// A device that takes no data is listened to once a second only: the library gathers the replies to
-// whatever it asks, without bound. A slow line, whose buffer is deep, frees it in time.
+// A device that takes no data is read from only once per second: the library collects the replies
+// to its requests without bound. A slow line, whose buffer is deep, frees it in time.
 constexpr auto kPatience = seconds(2);
 constexpr auto kSlowReading = seconds(1);
 constexpr auto kStuckTime = seconds(300); // ends it

@@ -1,16 +1,16 @@
 /// One SSH session of a device: the log-in, the one forward it may have, and its visitors.
 #pragma once
 
-#include <libssh/callbacks.h>
-#include <libssh/libssh.h>
-#include <libssh/server.h>
-
 #include <atomic>
 #include <chrono>
 #include <list>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <libssh/callbacks.h>
+#include <libssh/libssh.h>
+#include <libssh/server.h>
 
 #include "hub/net.h"
 #include "hub/relay_port.h"

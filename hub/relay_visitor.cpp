@@ -1,10 +1,12 @@
 #include "hub/relay_visitor.h"
 
-#include <libssh/server.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
+
+#include <libssh/server.h>
 
 #include "hub/net.h"
 

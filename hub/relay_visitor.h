@@ -1,12 +1,13 @@
 /// One visitor's connection and the SSH channel that carries it to the device.
 #pragma once
 
-#include <libssh/callbacks.h>
-#include <libssh/libssh.h>
 #include <poll.h>
 
 #include <chrono>
 #include <string>
+
+#include <libssh/callbacks.h>
+#include <libssh/libssh.h>
 
 #include "base/unique_fd.h"
 

@@ -44,8 +44,8 @@ INSERT INTO port_cursor VALUES(0);
 PRAGMA user_version = 1;
 )";
 
-/// NORMAL syncs at checkpoints only. What a loss of power takes, devices bring back; with more than
-/// that, each step of a mass of registering devices would wait for the disk.
+/// NORMAL syncs at checkpoints only. Devices bring back what a loss of power takes. With more syncs
+/// each step would wait for the disk when many devices register at once.
 constexpr char kSettings[] = "PRAGMA synchronous = NORMAL; PRAGMA foreign_keys = ON;"
                              "PRAGMA journal_size_limit = 4194304";
 

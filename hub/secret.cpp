@@ -1,10 +1,11 @@
 #include "hub/secret.h"
 
-#include <openssl/crypto.h>
-#include <openssl/sha.h>
 #include <sys/random.h>
 
 #include <array>
+
+#include <openssl/crypto.h>
+#include <openssl/sha.h>
 
 namespace ZARO::RelayHub {
 

@@ -1,6 +1,7 @@
 #include "hub/threads.h"
 
 #include <exception>
+#include <utility>
 
 namespace ZARO::RelayHub {
 

@@ -8,7 +8,7 @@ namespace {
 
 constexpr auto kGathering = std::chrono::milliseconds(200);
 
-/// Between two attempts to write, as on a full disk.
+/// Between two attempts to write when the store fails, as on a full disk.
 constexpr auto kRetry = std::chrono::seconds(10);
 
 } // namespace
@@ -49,7 +49,7 @@ bool Waiters::Report(std::int64_t device, Seat& seat, int& revision) {
             seat.due.reset();
             return true;
         }
-        seat.due = Clock::now() + kRetry; // the statuses can be told all the same
+        seat.due = Clock::now() + kRetry; // the reply can show the statuses nevertheless
     }
     return store_.services.Revision(device, revision) == StoreResult::Done;
 }

@@ -17,7 +17,7 @@ namespace ZARO::RelayHub {
 class Waker {
 public:
     Waker() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-    /// Takes the descriptor of another one over.
+    /// Takes over the descriptor of another one.
     explicit Waker(UniqueFd fd) : fd_(std::move(fd)) {}
 
     bool IsValid() const { return fd_.IsOpen(); }

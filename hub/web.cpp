@@ -1,6 +1,8 @@
 #include "hub/web.h"
 
 #include <atomic>
+#include <optional>
+#include <utility>
 
 #include "hub/log.h"
 #include "hub/web_stream.h"

@@ -3,8 +3,6 @@
 /// nothing else.
 #pragma once
 
-#include <openssl/ssl.h>
-
 #include <condition_variable>
 #include <functional>
 #include <map>
@@ -12,6 +10,8 @@
 #include <mutex>
 #include <set>
 #include <string>
+
+#include <openssl/ssl.h>
 
 #include "base/unique_fd.h"
 #include "hub/net.h"

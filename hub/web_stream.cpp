@@ -1,12 +1,14 @@
 #include "hub/web_stream.h"
 
-#include <openssl/err.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
+
+#include <openssl/err.h>
 
 #include "hub/net.h"
 

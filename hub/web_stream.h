@@ -1,12 +1,12 @@
 /// The byte stream of one web client, plain or TLS, as the HTTP library wants it.
 #pragma once
 
-#include <httplib.h>
-
 #include <array>
 #include <chrono>
 #include <memory>
 #include <string>
+
+#include <httplib.h>
 
 #include "base/unique_fd.h"
 #include "hub/web.h"

@@ -1,6 +1,7 @@
 #include <zarorelayd/daemon.h>
 
 #include <dlfcn.h>
+
 #include <libdaemon/daemon.h>
 
 #include "tests/support/unit.h"

@@ -1,11 +1,6 @@
 // Every call that can fail fails once, at its first, second, ... use within an operation. Checks
 // what the operation returns and logs, that it leaves the old files or the new ones and nothing
 // else, that it leaks no descriptor and no handle, and that it works when it is repeated.
-#include <zarorelayd/file_lock.h>
-#include <zarorelayd/jobqueue.h>
-#include <zarorelayd/tunnel.h>
-#include <zarorelayd/zarorelayd.h>
-
 #include <sys/file.h>
 
 #include <map>
@@ -13,6 +8,10 @@
 #include <boost/algorithm/string/replace.hpp>
 
 #include <zaro/platform.h>
+#include <zarorelayd/file_lock.h>
+#include <zarorelayd/jobqueue.h>
+#include <zarorelayd/tunnel.h>
+#include <zarorelayd/zarorelayd.h>
 
 #include "app/daemon/status_file.h"
 #include "tests/support/http_server.h"

@@ -1,9 +1,9 @@
 // A small web service of the device, for the demonstration: prints its port and serves one page.
-#include <httplib.h>
-
 #include <ctime>
 #include <iostream>
 #include <string>
+
+#include <httplib.h>
 
 int main() {
     httplib::Server server;

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <ctime>
 
+#include "base/names.h"
+
 namespace ZARO::Relay::ctl {
 
 namespace {
@@ -98,8 +100,7 @@ std::string Layout(const std::vector<std::vector<Cell>>& rows, bool colour) {
 }
 
 std::string HostAndPort(const std::string& host, int port) {
-    const bool v6 = host.find(':') != std::string::npos;
-    return (v6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+    return ForUrl(host) + ":" + std::to_string(port);
 }
 
 bool IsTerminal() {

@@ -1,8 +1,8 @@
 /// What the alias server says, and the form that asks it. The first byte is "2" for status 200.
+#include <zarorelayd/request_alias.h>
+
 #include "base/json.h"
 #include "tests/fuzz/fuzz.h"
-
-#include <zarorelayd/request_alias.h>
 
 void Fuzz(const std::string& input) {
     HTTPResponse reply = {input[0] == '2' ? 200 : input[0], input.substr(!input.empty()), 0};

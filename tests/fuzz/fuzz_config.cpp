@@ -1,9 +1,8 @@
 /// A configuration file as somebody left it: checked, reloaded, written and read again.
-#include "base/paths.h"
-#include "base/json.h"
-#include "tests/fuzz/fuzz.h"
-
 #include "app/common/config_check.h"
+#include "base/json.h"
+#include "base/paths.h"
+#include "tests/fuzz/fuzz.h"
 
 /// What a record that has read `text` writes.
 static std::string Again(const std::string& text, bool full) {

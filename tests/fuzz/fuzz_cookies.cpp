@@ -1,7 +1,6 @@
 /// Cookie lines behind the URL that set them, through libcurl's store into the session.
-#include "tests/fuzz/fuzz.h"
-
 #include "app/daemon/session.h"
+#include "tests/fuzz/fuzz.h"
 
 void Fuzz(const std::string& input) {
     std::istringstream lines(input);

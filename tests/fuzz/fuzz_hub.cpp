@@ -1,10 +1,9 @@
 /// The hub: the first line is a Host header; each further line is sent as a batch and as a form.
 #include "base/json.h"
-#include "tests/fuzz/fuzz.h"
-
 #include "hub/alias.h"
 #include "hub/control.h"
 #include "hub/http_form.h"
+#include "tests/fuzz/fuzz.h"
 
 using namespace ZARO::RelayHub;
 

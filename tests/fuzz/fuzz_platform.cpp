@@ -1,11 +1,10 @@
 /// The platform's files, one text for all of them; its first two lines are a key and a value to
 /// set.
-#include "base/paths.h"
-#include "tests/fuzz/fuzz.h"
-
 #include <zaro/platform.h>
 
+#include "base/paths.h"
 #include "platform/linux/lines.h"
+#include "tests/fuzz/fuzz.h"
 
 void Fuzz(const std::string& input) {
     const std::string file = paths::DeviceKeyFile();

@@ -3,7 +3,6 @@
 #include "base/json.h"
 #include "base/paths.h"
 #include "tests/fuzz/fuzz.h"
-
 #include "tunnel/ssh_command.h"
 
 void Fuzz(const std::string& input) {

@@ -1,14 +1,14 @@
 /// A web server within this process that answers as a test tells it to.
 #pragma once
 
-#include <httplib.h>
-#include <openssl/evp.h>
-#include <openssl/x509v3.h>
-
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
+
+#include <httplib.h>
+#include <openssl/evp.h>
+#include <openssl/x509v3.h>
 
 #include "tests/support/processes.h"
 

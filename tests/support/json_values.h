@@ -1,11 +1,10 @@
 /// JSON in tests: from text to values and back, and wrong values that every record must ignore.
 #pragma once
 
-#include <json/json.h>
+#include <sstream>
 
 #include <gtest/gtest.h>
-
-#include <sstream>
+#include <json/json.h>
 
 /// Throws when the test's own text is wrong.
 inline Json::Value Parse(const std::string& text) {

@@ -5,9 +5,9 @@
 #include <sys/mman.h>
 #include <time.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
+
+#include <gtest/gtest.h>
 
 #include <zarorelayd/daemon.h>
 

@@ -6,9 +6,9 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 
-#include <gtest/gtest.h>
-
 #include <iostream>
+
+#include <gtest/gtest.h>
 
 #include "tests/support/processes.h"
 
