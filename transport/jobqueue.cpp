@@ -1,4 +1,3 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/jobqueue.h>
 
 #include <algorithm>
@@ -9,9 +8,11 @@
 #include <limits>
 #include <utility>
 
-#include "base/text.h"
+#include <zarorelayd/daemon.h>
+
 #include "base/json.h"
 #include "base/log.h"
+#include "base/text.h"
 
 namespace ZARO::Relay {
 
@@ -115,7 +116,7 @@ bool JobQueue::CheckStart(Job& job) {
     if (job.schedule > now) {
         return true;
     }
-    if (Daemon::IsLogEnable(7)) {
+    if (Daemon::IsLogEnable(log::Debug)) {
         std::cerr << "\033[34madd request\033[0m: "
                   << Harmless(job.request->GetUrl().c_str()).Value() << " "
                   << job.request->GetData() << std::flush;
