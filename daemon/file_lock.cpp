@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "base/unique_fd.h"
+
 namespace {
 
 bool IsStillThere(int fd, const std::string& path) {
@@ -47,19 +49,15 @@ bool FileLock::Lock(int operation) {
             continue;
         }
         // Anybody may plant a link where these files are, so links are not followed.
-        const int opened =
-            open(file->c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0644);
-        if (opened < 0) {
-            Unlock();
-            return false;
-        }
+        ZARO::UniqueFd opened(
+            open(file->c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, 0644));
         // If its former owner has removed the file meanwhile, others will lock a new one.
-        if (flock(opened, operation | LOCK_NB) != 0 || !IsStillThere(opened, *file)) {
-            close(opened);
+        if (!opened.IsOpen() || flock(opened.Get(), operation | LOCK_NB) != 0 ||
+            !IsStillThere(opened.Get(), *file)) {
             Unlock();
             return false;
         }
-        *fd = opened;
+        *fd = opened.Release();
     }
     return true;
 }

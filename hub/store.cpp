@@ -25,7 +25,7 @@ bool Store::Open(const std::string& file, PortPool pool, std::string& error) {
     } catch (const DatabaseFault& fault) {
         error = "can't use " + file + ": " + fault.what();
         if (fault.IsDamage()) {
-            error += "; put a copy back, or move it away, which makes every device register anew;"
+            error += "; put a copy back, or move it away, which makes every device register again;"
                      " remove its -wal and -shm files with it";
         }
     } catch (const std::exception& fault) {

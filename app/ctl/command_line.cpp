@@ -74,11 +74,11 @@ void DescribeDaemon(Commands& commands, Values& values) {
     commands.Add("start", "Start the daemon; ends with its exit code", Start);
     commands.Add("stop", "Stop the daemon", Stop);
     commands.Add("restart", "Stop the daemon, then start it", Restart);
-    commands.Add("reload", "Make the daemon read its configuration anew", Reload);
+    commands.Add("reload", "Make the daemon read its configuration again", Reload);
     CLI::App* status = commands.Add("status", "Show how the daemon and its services are doing",
                                     [&values] { return ShowStatus(values.status); });
     status->add_flag("--json", values.status.json, "One JSON document");
-    status->add_flag("--watch", values.status.watch, "Show it anew when it changes");
+    status->add_flag("--watch", values.status.watch, "Show it again whenever it changes");
     status->add_option("--service", values.status.service, "Of one service alone")->type_name("ID");
     commands.Add("debug", "Print the daemon's inner state as JSON", Debug);
     commands.Add("enable", "Switch the relay service on", [] { return Switch(true); });

@@ -33,7 +33,7 @@ bool LossWatch::FindsLoss(const Json::Value& tunnels, const std::list<ServiceCon
     if (lost == services.end()) {
         return false;
     }
-    RELAY_LOG(log::Warning, "the server lists no tunnel for %s, registering anew",
+    RELAY_LOG(log::Warning, "the server lists no tunnel for %s, registering again",
               Printable(lost->id).c_str());
     quietUntil_ = now + kBetweenLosses;
     return true;

@@ -11,6 +11,8 @@
 #include <array>
 #include <chrono>
 
+#include "base/unique_fd.h"
+
 namespace ZARO::Platform {
 namespace {
 
@@ -52,15 +54,15 @@ private:
 /// Waits for a program's end and kills it when that takes too long: the caller may be a daemon with
 /// other things to do. On kernels without process descriptors there is no limit.
 void EndAfter(pid_t pid, int milliseconds) {
-    const int pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (pidfd < 0) {
+    const UniqueFd pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    if (!pidfd.IsOpen()) {
         return;
     }
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     int ready = -1;
     int left = milliseconds;
     do {
-        pollfd entry = {pidfd, POLLIN, 0};
+        pollfd entry = {pidfd.Get(), POLLIN, 0};
         ready = poll(&entry, 1, left);
         left = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
                                     end - std::chrono::steady_clock::now())
@@ -69,7 +71,6 @@ void EndAfter(pid_t pid, int milliseconds) {
     if (ready != 1) {
         kill(pid, SIGKILL);
     }
-    close(pidfd);
 }
 
 int Run(char* const* argv) {
