@@ -13,8 +13,8 @@ namespace {
 
 constexpr int kStrictLevels = 32; // the deepest honest message has 4
 
-// Reader and StyledWriter are the forms that this system's files and servers have had from the
-// beginning; jsoncpp marks them as superseded.
+// Reader, FastWriter and StyledWriter are the forms that this system's files and servers have had
+// from the beginning; jsoncpp marks them as superseded.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
@@ -36,7 +36,7 @@ bool ReadWith(const Json::CharReaderBuilder& builder, const std::string& text, J
 }
 
 /// The loose reader can't tell what follows the document, and the other one also takes numbers such
-/// as "+1". So both have their say.
+/// as "+1". So both must accept the text.
 bool ReadWhole(const std::string& text, Json::Value& out, std::string& errors) {
     Json::CharReaderBuilder builder;
     builder["collectComments"] = false; // they would go into files that are written
@@ -96,12 +96,6 @@ std::string FirstFault(const std::string& errors) {
     return fault;
 }
 
-std::string Write(const Json::Value& value, const char* indentation) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = indentation;
-    return Json::writeString(builder, value);
-}
-
 } // namespace
 
 bool Parse(const std::string& text, Json::Value& out, Grammar grammar) {
@@ -118,23 +112,29 @@ bool Parse(const std::string& text, Json::Value& out, std::string& fault) {
     return false;
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
 std::string Compact(const Json::Value& value) {
-    return Write(value, "");
+    Json::FastWriter writer;
+    writer.omitEndingLineFeed();
+    return writer.write(value);
 }
 
 std::string OneLine(const Json::Value& value) {
-    return Compact(value) + "\n";
+    return Json::FastWriter().write(value);
 }
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 std::string Styled(const Json::Value& value) {
     return Json::StyledWriter().write(value);
 }
+
 #pragma GCC diagnostic pop
 
 std::string Pretty(const Json::Value& value) {
-    return Write(value, "  ") + "\n";
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    return Json::writeString(builder, value) + "\n";
 }
 
 const Json::Value* Find(const Json::Value& object, const char* key) {

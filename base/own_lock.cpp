@@ -34,6 +34,7 @@ bool OwnLock::Open() {
         errno = EPERM;
         return false;
     }
+    (void)fchmod(fd.Get(), 0600); // one that was copied or restored may be open to others
     fd_ = std::move(fd);
     return true;
 }

@@ -49,11 +49,9 @@ bool IsFirstCallFor(const std::string& name) {
 
 /// Opens the temporary file. Whatever has its name is never written through: it may be a leftover
 /// of an earlier process with our id, or a link that somebody planted.
-UniqueFd OpenNewFile(const std::string& path) {
-    RemoveLeftNewFiles(path);
-    FreeName(NewFileOf(path));
-    return UniqueFd(
-        open(NewFileOf(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+UniqueFd OpenNewFile(const std::string& name) {
+    FreeName(name);
+    return UniqueFd(open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
 }
 
 /// Whether what was written is on the disk, as far as the file system can tell.
@@ -70,8 +68,7 @@ bool Write(UniqueFd& fd, std::string_view text, const NewFile& file) {
     return good && WriteAll(fd.Get(), text) && (!file.lasts || Sync(fd.Get())) && fd.Close();
 }
 
-bool Place(const std::string& path, const NewFile& file) {
-    const std::string name = NewFileOf(path);
+bool Place(const std::string& name, const std::string& path, const NewFile& file) {
     if (file.onlyIfMissing) {
         const bool placed = link(name.c_str(), path.c_str()) == 0 || errno == EEXIST;
         (void)unlink(name.c_str()); // what stays only its owner can read; it is removed later
@@ -87,9 +84,9 @@ bool Place(const std::string& path, const NewFile& file) {
     return rename(name.c_str(), path.c_str()) == 0;
 }
 
-Replaced RemoveNewFile(const std::string& path, Replaced outcome) {
+Replaced RemoveNewFile(const std::string& name, Replaced outcome) {
     const int error = errno;
-    (void)unlink(NewFileOf(path).c_str());
+    (void)unlink(name.c_str());
     errno = error;
     return outcome;
 }
@@ -119,15 +116,17 @@ std::string NewFileOf(const std::string& path) {
 }
 
 Replaced ReplaceFile(const std::string& path, std::string_view text, const NewFile& file) {
-    UniqueFd fd = OpenNewFile(path);
+    RemoveLeftNewFiles(path);
+    const std::string name = NewFileOf(path); // here: if memory runs out later, a file would stay
+    UniqueFd fd = OpenNewFile(name);
     if (!fd.IsOpen()) {
         return Replaced::NotOpened;
     }
     if (!Write(fd, text, file)) {
-        return RemoveNewFile(path, Replaced::NotWritten);
+        return RemoveNewFile(name, Replaced::NotWritten);
     }
-    if (!Place(path, file)) {
-        return RemoveNewFile(path, Replaced::NotPlaced);
+    if (!Place(name, path, file)) {
+        return RemoveNewFile(name, Replaced::NotPlaced);
     }
     if (file.lasts) {
         SyncFolder(FolderOf(path));

@@ -12,10 +12,9 @@ namespace ZARO {
 
 /// How a new file is written.
 struct NewFile {
-    mode_t mode = 0600;    ///< whatever the umask is
-    bool needsMode = true; ///< else it may stay 0600: some file systems have no modes
-    const struct stat* like =
-        nullptr;                ///< if there is one: take this mode and, as far as we may, owner
+    mode_t mode = 0600;                ///< whatever the umask is
+    bool needsMode = true;             ///< else it may stay 0600: some file systems have no modes
+    const struct stat* like = nullptr; ///< instead: this file's mode and, if allowed, its owner
     bool lasts = true;          ///< is on the disk before others see it, and survives a power cut
     bool onlyIfMissing = false; ///< a file that is there already stays; that is Done as well
 };

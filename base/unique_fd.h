@@ -11,7 +11,7 @@ namespace ZARO {
 class UniqueFd {
 public:
     explicit UniqueFd(int fd = -1) : fd_(fd) {}
-    ~UniqueFd() { (void)Close(); } // who cares about the result calls Close
+    ~UniqueFd() { (void)Close(); } // for the result, call Close first
     UniqueFd(UniqueFd&& other) noexcept : fd_(other.Release()) {}
     UniqueFd& operator=(UniqueFd&& other) noexcept {
         UniqueFd former(std::exchange(fd_, other.Release()));

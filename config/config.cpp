@@ -1,4 +1,3 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 // The assertion in this file stays on in every build.
@@ -10,6 +9,8 @@
 #include <memory>
 #include <ostream>
 #include <utility>
+
+#include <zarorelayd/daemon.h>
 
 #include "base/json.h"
 #include "base/log.h"
@@ -178,8 +179,7 @@ bool ServiceConf::ReadConf(const std::string& serviceId) {
     id = serviceId;
     ZARO_FW_SERVICE_LIST* found = nullptr;
     const int count = ZAROFwServiceEnum(&found);
-    const ServiceList list(count >= 0 ? found
-                                      : nullptr); // after a failure there is nothing to free
+    const ServiceList list(count >= 0 ? found : nullptr); // a failure leaves nothing to free
     if (count <= 0) {
         RELAY_LOG(log::Error, "enum fw service failed [0x%04X]", TLIBCErrGet());
         return false;

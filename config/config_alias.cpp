@@ -1,4 +1,3 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/config_alias.h>
 
 #include <algorithm>
@@ -7,13 +6,14 @@
 #include <limits>
 
 #include <zarorelayd/config.h>
+#include <zarorelayd/daemon.h>
 
-#include "base/read_file.h"
 #include "base/json.h"
-#include "config/defaults.h"
-#include "config/json_file.h"
 #include "base/log.h"
 #include "base/paths.h"
+#include "base/read_file.h"
+#include "config/defaults.h"
+#include "config/json_file.h"
 
 namespace ZARO::Relay {
 

@@ -1,5 +1,4 @@
 #define RELAY_LOG_UNIT "config.cpp"
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <algorithm>
@@ -7,11 +6,13 @@
 #include <cstdio>
 #include <new>
 
-#include "base/read_file.h"
+#include <zarorelayd/daemon.h>
+
 #include "base/json.h"
 #include "base/log.h"
-#include "platform/include/zaro/platform.h"
 #include "base/paths.h"
+#include "base/read_file.h"
+#include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
 

@@ -1,6 +1,5 @@
 // RelaydConf's JSON files.
 #define RELAY_LOG_UNIT "config.cpp"
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <sys/stat.h>
@@ -11,9 +10,11 @@
 #include <iostream>
 #include <new>
 
-#include "base/read_file.h"
+#include <zarorelayd/daemon.h>
+
 #include "base/json.h"
 #include "base/log.h"
+#include "base/read_file.h"
 #include "base/replace_file.h"
 #include "config/json_file.h"
 

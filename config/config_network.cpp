@@ -1,15 +1,16 @@
 #define RELAY_LOG_UNIT "config.cpp"
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <strings.h>
 
 #include <algorithm>
 
+#include <zarorelayd/daemon.h>
+
 #include "base/json.h"
 #include "base/log.h"
-#include "platform/include/zaro/platform.h"
 #include "base/paths.h"
+#include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
 

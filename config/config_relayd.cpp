@@ -1,5 +1,4 @@
 #define RELAY_LOG_UNIT "config.cpp"
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/config.h>
 
 #include <strings.h>
@@ -8,13 +7,14 @@
 #include <algorithm>
 #include <cerrno>
 
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
 #include "base/json.h"
-#include "config/json_file.h"
 #include "base/log.h"
-#include "platform/include/zaro/platform.h"
 #include "base/paths.h"
+#include "config/json_file.h"
+#include "platform/include/zaro/platform.h"
 
 namespace ZARO::Relay {
 

@@ -5,9 +5,9 @@
 #include <iterator>
 #include <string_view>
 
+#include "base/paths.h"
 #include "config/defaults.h"
 #include "platform/include/zaro/platform.h"
-#include "base/paths.h"
 
 namespace ZARO::Relay {
 

@@ -1,9 +1,9 @@
 #include <zarorelayd/daemon.h>
 
 #include <signal.h>
-#include <syslog.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -14,11 +14,11 @@
 #include <zarorelayd/file_lock.h>
 #include <zarorelayd/result.h>
 
-#include "base/text.h"
 #include "base/json.h"
 #include "base/paths.h"
 #include "base/read_file.h"
 #include "base/replace_file.h"
+#include "base/text.h"
 
 // These functions run in other programs and report to the system log themselves: the settings of
 // the logging facility are the daemon's.

@@ -1,9 +1,9 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/register.h>
 
 #include <algorithm>
 #include <iostream>
 
+#include <zarorelayd/daemon.h>
 #include <zarorelayd/result.h>
 
 #include "base/json.h"
@@ -194,8 +194,8 @@ bool Register::ParseRegisterResponse(RelaydConf& conf, const Json::Value&,
     RELAY_LOG(log::Debug, "register success");
     registered_ = true;
     if (json::Get(reply, "serverID", conf.serverID)) {
-        (void)conf.WriteServerId(
-            ""); // logged; the id holds for this run, and the next gets it again
+        // A failure is logged; the id holds for this run, and the next one gets it again.
+        (void)conf.WriteServerId("");
     }
     const Json::Value* waitcmd = json::Find(reply, "server_wait_cmd");
     if (waitcmd != nullptr && waitcmd->isObject()) {

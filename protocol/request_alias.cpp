@@ -1,4 +1,3 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/request_alias.h>
 
 #include <syslog.h>
@@ -7,6 +6,8 @@
 #include <cstring>
 
 #include <curl/curl.h>
+
+#include <zarorelayd/daemon.h>
 
 #include "base/json.h"
 #include "base/log.h"

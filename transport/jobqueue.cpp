@@ -1,4 +1,3 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/jobqueue.h>
 
 #include <algorithm>
@@ -9,9 +8,11 @@
 #include <limits>
 #include <utility>
 
-#include "base/text.h"
+#include <zarorelayd/daemon.h>
+
 #include "base/json.h"
 #include "base/log.h"
+#include "base/text.h"
 
 namespace ZARO::Relay {
 

@@ -1,10 +1,11 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/request.h>
 
 #include <cstring>
 #include <list>
 #include <memory>
 #include <utility>
+
+#include <zarorelayd/daemon.h>
 
 #include "base/json.h"
 #include "base/log.h"

@@ -1,6 +1,5 @@
 // The cookies that a request's replies set.
 #define RELAY_LOG_UNIT "request.cpp"
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/request.h>
 
 #include <algorithm>
@@ -9,6 +8,9 @@
 #include <memory>
 #include <string>
 
+#include <zarorelayd/daemon.h>
+
+#include "base/ascii.h"
 #include "base/log.h"
 #include "transport/set_option.h"
 
@@ -39,7 +41,7 @@ std::string CookieHost(const std::string& line) {
     const std::size_t begin = line.rfind(httpOnly, 0) == 0 ? httpOnly.size() : 0;
     std::string host = line.substr(begin, line.find('\t') - begin);
     std::transform(host.begin(), host.end(), host.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
+                   [](char c) { return IsUpper(c) ? static_cast<char>(c + 32) : c; });
     return host[0] == '.' ? host.substr(1) : host;
 }
 

@@ -1,12 +1,13 @@
 // What libcurl is told about a request.
 #define RELAY_LOG_UNIT "request.cpp"
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/request.h>
 
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
 #include <cstring>
+
+#include <zarorelayd/daemon.h>
 
 #include "base/json.h"
 #include "base/log.h"

@@ -1,14 +1,15 @@
 // What all requests of the process have in common: cookies and resolved names.
 #define RELAY_LOG_UNIT "request.cpp"
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/request.h>
 
-#include <netinet/in.h>
 #include <arpa/nameser.h>
+#include <netinet/in.h>
 #include <resolv.h>
 
 #include <algorithm>
 #include <vector>
+
+#include <zarorelayd/daemon.h>
 
 #include "base/log.h"
 

@@ -1,4 +1,3 @@
-#include <zarorelayd/daemon.h>
 #include <zarorelayd/tunnel.h>
 
 #include <fcntl.h>
@@ -12,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include <zarorelayd/daemon.h>
 
 #include "base/json.h"
 #include "base/log.h"

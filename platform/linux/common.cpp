@@ -20,9 +20,9 @@ int Fail(int error) noexcept {
     return -1;
 }
 
-int ReadWhole(const std::string& path, std::string& text, Trust trust, size_t most) {
+int ReadWhole(const std::string& path, std::string& text) {
     FileText file;
-    if (ReadFile(path, file, trust, most) != Reading::Done) {
+    if (ReadFile(path, file, Trust::Anybodys) != Reading::Done) {
         return errno;
     }
     text = std::move(file.text);

@@ -15,10 +15,10 @@
 
 // Everything is built with hidden symbols; only the contract's functions leave the library.
 #pragma GCC visibility push(default)
-#include "base/paths.h"
 #include "zaro/platform.h"
 #pragma GCC visibility pop
 
+#include "base/paths.h"
 #include "base/read_file.h"
 
 namespace ZARO::Platform {
@@ -43,10 +43,9 @@ template <typename Body> int Guard(Body body) noexcept {
 
 /// Reads a whole regular file. Refuses anything else without blocking on it. `text` is untouched on
 /// failure.
-int ReadWhole(const std::string& path, std::string& text, Trust trust = Trust::Anybodys,
-              size_t most = kSmallFile);
+int ReadWhole(const std::string& path, std::string& text);
 
-/// Gives the names in a folder in byte order, without hidden ones.
+/// Adds the names in a folder to `names`, without hidden ones, and sorts them in byte order.
 int ListFolder(const std::string& path, std::vector<std::string>& names);
 
 /// Puts `text` into a caller's buffer of `size` > 0 bytes, cut to fit and never within a UTF-8

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/ascii.h"
 #include "common.h"
 
 namespace ZARO::Platform {
@@ -10,8 +11,7 @@ namespace {
 constexpr std::string_view kBlanks = " \t\r";
 
 bool IsKeyCharacter(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-           c == '-' || c == '.';
+    return IsAlphanumeric(c) || c == '_' || c == '-' || c == '.';
 }
 
 bool IsBlankOrComment(std::string_view text) {

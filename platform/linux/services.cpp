@@ -1,12 +1,11 @@
 #include "common.h"
 
-#include <ctype.h>
-
 #include <algorithm>
 #include <map>
 #include <memory>
 #include <vector>
 
+#include "base/ascii.h"
 #include "base/paths.h"
 #include "lines.h"
 #include "number.h"
@@ -92,8 +91,7 @@ std::string_view ServiceName(std::string_view file) {
         return {};
     }
     const std::string_view name = file.substr(0, file.size() - kSuffix.size());
-    return IsKey(name) && isalnum(static_cast<unsigned char>(name.front())) ? name
-                                                                            : std::string_view();
+    return IsKey(name) && IsAlphanumeric(name.front()) ? name : std::string_view();
 }
 
 } // namespace

@@ -6,9 +6,9 @@
 #include <chrono>
 #include <memory>
 
-#include "base/read_file.h"
-#include "base/paths.h"
 #include "base/own_lock.h"
+#include "base/paths.h"
+#include "base/read_file.h"
 #include "base/replace_file.h"
 #include "lines.h"
 

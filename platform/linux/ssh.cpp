@@ -24,8 +24,9 @@
 #include <string_view>
 #include <vector>
 
-#include "number.h"
+#include "base/ascii.h"
 #include "base/paths.h"
+#include "number.h"
 
 namespace ZARO::Platform {
 namespace {
@@ -82,8 +83,7 @@ int Refuse(const char* reason) {
 }
 
 bool IsOneOf(char c, const char* others) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           (c != '\0' && strchr(others, c) != nullptr);
+    return IsAlphanumeric(c) || (c != '\0' && strchr(others, c) != nullptr);
 }
 
 bool IsName(std::string_view text, const char* others) {

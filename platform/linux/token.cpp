@@ -8,11 +8,12 @@
 #include <algorithm>
 #include <array>
 
-#include "base/read_file.h"
+#include "base/ascii.h"
 #include "base/paths.h"
+#include "base/read_file.h"
+#include "base/replace_file.h"
 #include "lines.h"
 #include "number.h"
-#include "base/replace_file.h"
 
 namespace ZARO::Platform {
 namespace {
@@ -57,8 +58,7 @@ bool ParseSecret(std::string_view text, Secret& secret) {
 
 bool IsSerial(std::string_view text) {
     return !text.empty() && text.size() <= kMaxSerialSize &&
-           std::all_of(text.begin(), text.end(),
-                       [](char c) { return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); });
+           std::all_of(text.begin(), text.end(), [](char c) { return IsUpper(c) || IsDigit(c); });
 }
 
 /// Reads the key file; ENOENT when the device has none yet, EBADMSG when it is damaged.
@@ -97,6 +97,7 @@ int MakeIdentity(const std::string& path) {
     const std::string text =
         "serial=\"" + identity.serial + "\"\nsecret=\"" + ToHex(identity.secret) + "\"\n";
     NewFile kind;
+    kind.needsMode = false;
     kind.onlyIfMissing = true;
     return ReplaceFile(path, text, kind) == Replaced::Done ? 0 : errno;
 }
