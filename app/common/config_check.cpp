@@ -2,12 +2,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
-#include "base/names.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/read_file.h"
 
 namespace ZARO::Relay::app {

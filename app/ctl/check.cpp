@@ -9,10 +9,9 @@
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
-#include <zarorelayd/zarorelayd.h>
 #include <zarorelayd/tunnel.h>
+#include <zarorelayd/zarorelayd.h>
 
-#include "base/names.h"
 #include "app/common/checks.h"
 #include "app/common/local_service.h"
 #include "app/ctl/chain.h"
@@ -22,6 +21,7 @@
 #include "app/ctl/status.h"
 #include "app/ctl/text.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/paths.h"
 
 namespace ZARO::Relay::ctl {

@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 #include <string>
 #include <system_error>
 #include <utility>
