@@ -34,7 +34,6 @@ constexpr milliseconds kServerPatience{4000}; // for all of them together
 constexpr std::size_t kMostRelays = 64;
 constexpr int kFirstYear = 2024; // no device is older than this program
 constexpr int kLastYear = 2099;
-constexpr const char* kStockSsh = "/usr/bin/ssh";
 
 // --- the device itself
 
@@ -102,8 +101,8 @@ void CheckSsh(Chain& chain) {
     if (!IsProgram(own)) {
         chain.Broken("ssh client", own + " is missing or not executable",
                      "install zarorelayd again");
-    } else if (!IsProgram(kStockSsh)) {
-        chain.Broken("ssh client", std::string(kStockSsh) + " is missing or not executable",
+    } else if (!IsProgram(paths::kStockSsh)) {
+        chain.Broken("ssh client", std::string(paths::kStockSsh) + " is missing or not executable",
                      "install the package openssh-client");
     } else {
         chain.Good("ssh client", own);
