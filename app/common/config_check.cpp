@@ -166,6 +166,7 @@ const char* ReasonOf(int error) {
     switch (error) {
     case EISDIR:
     case EINVAL:
+    case ENXIO: // a socket can't even be opened
         return "not a file";
     case EFBIG:
         return "larger than 1 MiB";
