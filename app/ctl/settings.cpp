@@ -86,8 +86,7 @@ int ShowAlias(bool json) {
     std::string status;
     std::string extra;
     if (!name.empty()) {
-        (void)AliasStatus().GetStatus(name, status,
-                                      extra); // both stay empty when it is not known yet
+        (void)AliasStatus().GetStatus(name, status, extra); // else they stay empty
     }
     if (json) {
         Json::Value document;

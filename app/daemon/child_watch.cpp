@@ -43,8 +43,8 @@ void Signal(pid_t pid, int pidfd, int signal) {
     }
 }
 
-/// Tells without a pidfd: the process is a child of ours that waits to be reaped, or there is none
-/// of that number.
+/// For a process without a pidfd: whether it is a child of ours that waits to be reaped, or no
+/// process has that number.
 bool HasEnded(pid_t pid) {
     siginfo_t info = {};
     const bool child =
