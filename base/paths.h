@@ -1,4 +1,4 @@
-/// Every fixed path of the system, named once. All of them lie below one root directory, which is
+/// Every fixed path of the system, named once. All but one lie below one root directory, which is
 /// empty on an appliance; a device that lives in a directory has its own.
 ///
 /// The root is kept in the environment variable ZARO_ROOT, so that the library, whichever platform
@@ -58,13 +58,20 @@ inline std::string DebugFile(pid_t daemon) {
     return path;
 }
 
+/// What every password file's path begins with; the daemon's process id and the service follow.
+inline std::string PasswordFiles() {
+    return Below("/tmp/.tunnel.");
+}
+
 /// Where the daemon with that process id keeps a tunnel's password during the log-in.
 inline std::string PasswordFile(pid_t daemon, const std::string& service) {
     char path[1024];
-    (void)snprintf(path, sizeof path, "%s/tmp/.tunnel.%d.%s", Root().c_str(), daemon,
-                   service.c_str());
+    (void)snprintf(path, sizeof path, "%s%d.%s", PasswordFiles().c_str(), daemon, service.c_str());
     return path;
 }
+
+/// The stock SSH client, which the device's own runs. It belongs to the system, whatever the root.
+constexpr const char* kStockSsh = "/usr/bin/ssh";
 
 // clang-format off
 // The stock-Linux platform's files.

@@ -133,7 +133,9 @@ TEST_F(Zarorelayd, AnswersTheCommandLine) {
         {"--frobnicate", "^2 zarorelayd: [^\n]*--frobnicate[^\n]*\n$"},
         {"stray", "^2 zarorelayd: [^\n]*stray[^\n]*\n$"},
         {"--root", "^2 zarorelayd: [^\n]*--root[^\n]*\n$"},
-        {"--check /no/such/file", "^2 zarorelayd: /no/such/file: can't be read: [^\n]*\n$"}};
+        {"--check /no/such/file", "^2 zarorelayd: /no/such/file: can't be read: [^\n]*\n$"},
+        // It can't even be opened, as a socket can't, by a process without a terminal.
+        {"--check /dev/tty", "^2 zarorelayd: /dev/tty: can't be read: not a file\n$"}};
     for (const auto& [options, pattern] : rows) {
         EXPECT_THAT(Outcome(device, options), ContainsRegex(pattern));
     }

@@ -2,12 +2,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
-#include "base/names.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/read_file.h"
 
 namespace ZARO::Relay::app {
@@ -165,6 +166,7 @@ const char* ReasonOf(int error) {
     switch (error) {
     case EISDIR:
     case EINVAL:
+    case ENXIO: // a socket can't even be opened
         return "not a file";
     case EFBIG:
         return "larger than 1 MiB";

@@ -27,9 +27,8 @@ Reachable ProbeAddress(int family, const sockaddr* address, socklen_t length) {
         pollfd entry = {fd.Get(), POLLOUT, 0};
         socklen_t size = sizeof error;
         if (poll(&entry, 1, kProbeMilliseconds) == 1) {
-            (void)getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error,
-                             &size); // else still in progress
-        }
+            (void)getsockopt(fd.Get(), SOL_SOCKET, SO_ERROR, &error, &size);
+        } // else still in progress
     }
     if (error == 0) {
         return Reachable::Yes;

@@ -1,4 +1,4 @@
-/// The services of this device, as a tunnel reaches them.
+/// Whether the services of this device answer where a tunnel reaches them.
 #pragma once
 
 namespace ZARO::Relay::app {

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <system_error>
 
 #include <zarorelayd/daemon.h>
 

@@ -9,10 +9,9 @@
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
-#include <zarorelayd/zarorelayd.h>
 #include <zarorelayd/tunnel.h>
+#include <zarorelayd/zarorelayd.h>
 
-#include "base/names.h"
 #include "app/common/checks.h"
 #include "app/common/local_service.h"
 #include "app/ctl/chain.h"
@@ -22,6 +21,7 @@
 #include "app/ctl/status.h"
 #include "app/ctl/text.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
@@ -34,7 +34,6 @@ constexpr milliseconds kServerPatience{4000}; // for all of them together
 constexpr std::size_t kMostRelays = 64;
 constexpr int kFirstYear = 2024; // no device is older than this program
 constexpr int kLastYear = 2099;
-constexpr const char* kStockSsh = "/usr/bin/ssh";
 
 // --- the device itself
 
@@ -102,8 +101,8 @@ void CheckSsh(Chain& chain) {
     if (!IsProgram(own)) {
         chain.Broken("ssh client", own + " is missing or not executable",
                      "install zarorelayd again");
-    } else if (!IsProgram(kStockSsh)) {
-        chain.Broken("ssh client", std::string(kStockSsh) + " is missing or not executable",
+    } else if (!IsProgram(paths::kStockSsh)) {
+        chain.Broken("ssh client", std::string(paths::kStockSsh) + " is missing or not executable",
                      "install the package openssh-client");
     } else {
         chain.Good("ssh client", own);

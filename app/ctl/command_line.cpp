@@ -2,7 +2,6 @@
 
 #include <exception>
 #include <iostream>
-#include <memory>
 #include <vector>
 
 #include <CLI/CLI.hpp>

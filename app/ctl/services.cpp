@@ -3,18 +3,20 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <string>
+#include <system_error>
 #include <vector>
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/tunnel.h>
 
-#include "base/names.h"
 #include "app/common/local_service.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/paths.h"
 #include "base/service_names.h"
 

@@ -1,21 +1,21 @@
 #include "app/ctl/settings.h"
 
-#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <system_error>
 
 #include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 #include <zarorelayd/zarorelayd.h>
 
-#include "base/names.h"
 #include "app/common/strangers_file.h"
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/paths.h"
 
 namespace ZARO::Relay::ctl {
@@ -86,8 +86,7 @@ int ShowAlias(bool json) {
     std::string status;
     std::string extra;
     if (!name.empty()) {
-        (void)AliasStatus().GetStatus(name, status,
-                                      extra); // both stay empty when it is not known yet
+        (void)AliasStatus().GetStatus(name, status, extra); // else they stay empty
     }
     if (json) {
         Json::Value document;

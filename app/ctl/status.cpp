@@ -11,12 +11,12 @@
 
 #include <zarorelayd/daemon.h>
 
-#include "base/names.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
 #include "app/ctl/watch.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/paths.h"
 
 namespace ZARO::Relay::ctl {

@@ -134,7 +134,7 @@ private:
 };
 
 std::string Text(const Status& status, const StatusOptions& options) {
-    return options.json ? json::Compact(status.document) + "\n"
+    return options.json ? json::OneLine(status.document)
                         : RenderStatus(status.document, time(nullptr), WantsColour());
 }
 

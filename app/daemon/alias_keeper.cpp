@@ -1,5 +1,6 @@
 #include "app/daemon/alias_keeper.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 

@@ -15,8 +15,7 @@
 namespace ZARO::Relay::app {
 
 /// Maps the alias when it is new or changed, keeps it alive, and gives it up when it is cleared.
-/// Runs on the job queue of the daemon's one loop; nothing blocks. One object per
-/// process.
+/// Runs on the job queue of the daemon's one loop; nothing blocks. One object per process.
 class AliasKeeper {
 public:
     /// `dropNames` is called when the alias server can't be reached: it may have moved.

@@ -1,8 +1,8 @@
 #include "app/daemon/assigned_tunnels.h"
 
-#include "app/daemon/server_reply.h"
 #include <zarorelayd/daemon.h>
 
+#include "app/daemon/server_reply.h"
 #include "base/log.h"
 
 namespace ZARO::Relay::app {

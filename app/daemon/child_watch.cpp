@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <iterator>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -21,6 +20,7 @@
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/read_file.h"
+#include "base/replace_file.h"
 
 namespace ZARO::Relay::app {
 
@@ -30,7 +30,6 @@ constexpr milliseconds kGrace{1000};
 constexpr milliseconds kBetweenReaps{100};
 constexpr milliseconds kBetweenChecks{1000}; // of a process without a pidfd
 constexpr int kEndPollMs = 10;
-constexpr const char* kPasswordFiles = "/tmp/.tunnel."; // the common beginning of their names
 
 UniqueFd OpenPidfd(pid_t pid) {
     return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
@@ -44,8 +43,8 @@ void Signal(pid_t pid, int pidfd, int signal) {
     }
 }
 
-/// Tells without a pidfd: the process is a child of ours that waits to be reaped, or there is none
-/// of that number.
+/// For a process without a pidfd: whether it is a child of ours that waits to be reaped, or no
+/// process has that number.
 bool HasEnded(pid_t pid) {
     siginfo_t info = {};
     const bool child =
@@ -74,9 +73,9 @@ milliseconds Until(Time end) {
 
 /// Calls `see` with the name of each entry of a folder; with none when it can't be read.
 void ForEachEntry(const std::string& folder, const std::function<void(const std::string&)>& see) {
-    std::error_code end;
-    std::filesystem::directory_iterator entry(folder, end);
-    for (; !end && entry != std::filesystem::directory_iterator(); entry.increment(end)) {
+    std::error_code error;
+    std::filesystem::directory_iterator entry(folder, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         see(entry->path().filename());
     }
 }
@@ -190,12 +189,11 @@ void ChildWatch::EndAll(milliseconds patience) {
 bool ServesPasswordFile(pid_t pid, const std::string& ending) {
     const std::string process = std::to_string(pid);
     return IsOwn("/proc/" + process) &&
-           FileEnding(CommandLine(process), paths::Below(kPasswordFiles)) == ending;
+           FileEnding(CommandLine(process), paths::PasswordFiles()) == ending;
 }
 
 void EndStrays(const std::function<bool(const std::string&)>& isStray) {
-    const std::string prefix = paths::Below(kPasswordFiles);
-    const std::string folder = paths::Below("/tmp");
+    const std::string prefix = paths::PasswordFiles();
     ChildWatch strays;
     ForEachEntry("/proc", [&](const std::string& pid) {
         if (pid.find_first_not_of("0123456789") != std::string::npos || !IsOwn("/proc/" + pid)) {
@@ -207,10 +205,10 @@ void EndStrays(const std::function<bool(const std::string&)>& isStray) {
         }
     });
     strays.EndAll(kGrace);
+    const std::string folder = FolderOf(prefix);
     ForEachEntry(folder, [&](const std::string& name) {
-        const std::string path = folder + "/" + name;
-        const std::string common = ".tunnel.";
-        if (name.compare(0, common.size(), common) == 0 && isStray(name.substr(common.size())) &&
+        const std::string path = folder + name;
+        if (path.compare(0, prefix.size(), prefix) == 0 && isStray(path.substr(prefix.size())) &&
             IsOwn(path)) {
             (void)unlink(path.c_str()); // a password file that a killed daemon left
         }

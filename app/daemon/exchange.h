@@ -25,7 +25,7 @@ constexpr milliseconds kTurn{100};
 /// job callbacks are plain functions.
 class Exchange {
 public:
-    /// `reload` is called when the server tells that it moved.
+    /// `reload` is called when the server says that it has moved.
     Exchange(RelaydConf& conf, JobQueue& queue, TunnelKeeper& keeper, std::function<void()> reload);
     Exchange(const Exchange&) = delete;
     Exchange& operator=(const Exchange&) = delete;

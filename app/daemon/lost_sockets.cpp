@@ -29,9 +29,9 @@ constexpr unsigned kEstablished = 1;
 std::set<unsigned long> SocketsOf(pid_t pid) {
     std::set<unsigned long> inodes;
     const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-    std::error_code end;
-    std::filesystem::directory_iterator entry(folder, end);
-    for (; !end && entry != std::filesystem::directory_iterator(); entry.increment(end)) {
+    std::error_code error;
+    std::filesystem::directory_iterator entry(folder, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
         std::error_code closed; // since it was listed
         const std::string target = std::filesystem::read_symlink(entry->path(), closed);
         unsigned long inode = 0;

@@ -11,7 +11,6 @@
 #include <exception>
 #include <iostream>
 #include <string>
-#include <vector>
 
 #include <libdaemon/dfork.h>
 #include <libdaemon/dpid.h>

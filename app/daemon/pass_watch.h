@@ -3,6 +3,7 @@
 
 #include <json/value.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <string_view>

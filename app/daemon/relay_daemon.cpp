@@ -1,6 +1,7 @@
 #include "app/daemon/relay_daemon.h"
 
 #include <signal.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <algorithm>

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <json/value.h>
-#include <sys/select.h>
 
 #include <set>
 #include <string>

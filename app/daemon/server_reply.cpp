@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "base/names.h"
 #include "app/common/checks.h"
 #include "base/json.h"
+#include "base/names.h"
 #include "base/text.h"
 
 namespace ZARO::Relay::app {

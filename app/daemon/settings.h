@@ -12,8 +12,8 @@ namespace ZARO::Relay::app {
 RelaydConf SettingsFrom(const Json::Value& document);
 
 /// The same for a daemon that runs with `current`: as RelaydConf::Reload does, but without reading
-/// the file again, it keeps what the platform and the control server told since. The wait-command
-/// server is kept only while the control server stays the same, which named it.
+/// the file again, it keeps what the platform and the control server have said since. The
+/// wait-command server is kept only while the control server, which named it, stays the same.
 RelaydConf SettingsAfter(const RelaydConf& current, const Json::Value& document);
 
 } // namespace ZARO::Relay::app

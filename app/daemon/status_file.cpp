@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 
 #include <zarorelayd/daemon.h>
@@ -34,7 +33,7 @@ void StatusFile::Write(const Json::Value& status) {
     }
     NewFile file;
     file.mode = 0644;   // everybody may read it
-    file.lasts = false; // it tells of this run only, and is written often
+    file.lasts = false; // it describes this run only, and is written often
     const bool good = ReplaceFile(path_, text, file) == Replaced::Done;
     struct stat info = {};
     if (good && lstat(path_.c_str(), &info) == 0) {

@@ -1,6 +1,7 @@
 #include "app/daemon/tunnel_keeper.h"
 
 #include <algorithm>
+#include <iterator>
 #include <set>
 
 #include <zarorelayd/daemon.h>

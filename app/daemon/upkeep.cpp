@@ -1,7 +1,8 @@
 #include "app/daemon/upkeep.h"
 
-#include "base/log.h"
 #include <zarorelayd/daemon.h>
+
+#include "base/log.h"
 
 namespace ZARO::Relay::app {
 

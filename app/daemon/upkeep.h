@@ -33,8 +33,8 @@ public:
     /// When that is to be asked next, for a tunnel that is up.
     Time StandsFrom() const { return stands_ ? Time::max() : pace.SteadyFrom(); }
 
-    /// Logs as a warning that the tunnel has a trouble, and what comes after it until the tunnel
-    /// stands as information.
+    /// Logs what is wrong with the tunnel: the first time as a warning, then, until the tunnel
+    /// stands, as information.
     void Trouble(const std::string& id, const char* how);
 
 private:
@@ -42,7 +42,7 @@ private:
     int starts_ = 0;
     Time lossToldAt_{};     ///< when a loss was last logged as a warning
     bool stands_ = false;   ///< it has been up for a while
-    bool troubled_ = false; ///< it can't log in or does not stand, which the log has told
+    bool troubled_ = false; ///< it can't log in or does not stand, which was logged
 };
 
 } // namespace ZARO::Relay::app

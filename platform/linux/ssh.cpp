@@ -31,7 +31,6 @@
 namespace ZARO::Platform {
 namespace {
 
-constexpr char kClient[] = "/usr/bin/ssh";
 constexpr char kKnownHostsVariable[] = "ZARO_SSH_KNOWN_HOSTS";
 constexpr int kFailed = 255; // as the stock client ends
 constexpr unsigned int kLoginSeconds = 15;
@@ -239,7 +238,7 @@ int Connect(int argc, char** argv) {
     pointers.push_back(nullptr);
     ResetSignals();
     alarm(kLoginSeconds); // lives on in the client; the background part does not inherit it
-    execv(kClient, pointers.data());
+    execv(paths::kStockSsh, pointers.data());
     return Refuse("can't run /usr/bin/ssh");
 }
 
