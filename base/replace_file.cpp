@@ -12,6 +12,7 @@
 #include <mutex>
 #include <set>
 
+#include "base/folder.h"
 #include "base/unique_fd.h"
 
 namespace ZARO {
@@ -139,14 +140,12 @@ void RemoveLeftNewFiles(const std::string& path) {
         return;
     }
     const std::string prefix = path.substr(path.rfind('/') + 1) + kMark;
-    std::error_code end;
-    std::filesystem::directory_iterator entry(FolderOf(path), end);
-    for (; !end && entry != std::filesystem::directory_iterator(); entry.increment(end)) {
-        const pid_t writer = WriterOf(entry->path().filename(), prefix);
-        if (writer > 0 && IsAbandoned(entry->path(), writer)) {
-            (void)unlink(entry->path().c_str());
+    (void)ForEachEntry(FolderOf(path), [&](const std::filesystem::path& file) {
+        const pid_t writer = WriterOf(file.filename(), prefix);
+        if (writer > 0 && IsAbandoned(file, writer)) {
+            (void)unlink(file.c_str());
         }
-    }
+    });
 }
 
 void SyncFolder(const std::string& folder) {

@@ -14,6 +14,7 @@
 #include <system_error>
 #include <utility>
 
+#include "base/folder.h"
 #include "base/read_file.h"
 #include "base/replace_file.h"
 
@@ -54,16 +55,13 @@ bool IsOurs(int folder, const std::string& name) {
     if (hasLock && (!S_ISREG(lock.st_mode) || lock.st_uid != geteuid())) {
         return false;
     }
-    std::error_code failed;
     bool isEmpty = true;
-    std::filesystem::directory_iterator entry(name, failed);
-    for (; !failed && entry != std::filesystem::directory_iterator(); entry.increment(failed)) {
-        if (!IsKnown(entry->path().filename())) {
-            return false;
-        }
+    bool allKnown = true;
+    const std::error_code failed = ForEachEntry(name, [&](const std::filesystem::path& file) {
+        allKnown = allKnown && IsKnown(file.filename());
         isEmpty = false;
-    }
-    return !failed && (hasLock || isEmpty);
+    });
+    return !failed && allKnown && (hasLock || isEmpty);
 }
 
 /// Closes the folder to all but this user. One that has another owner is left as it is.

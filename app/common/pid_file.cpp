@@ -11,6 +11,7 @@
 
 #include <zarorelayd/daemon.h>
 
+#include "base/folder.h"
 #include "base/paths.h"
 #include "base/read_file.h"
 
@@ -43,17 +44,16 @@ std::string ShortName(const std::string& process) {
 /// The lock file that a process has open, as a daemon does all its life; empty when it has none or
 /// this user may not look.
 std::string LockHeldBy(const std::string& process) {
-    std::error_code error; // the process may end meanwhile
+    std::string lock;
     const std::string ending = std::string(".pid") + kLockEnding;
-    std::filesystem::directory_iterator entry("/proc/" + process + "/fd", error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        std::error_code closed;
-        std::string path = std::filesystem::read_symlink(*entry, closed);
-        if (EndsWith(path, ending)) {
-            return path;
+    (void)ForEachEntry("/proc/" + process + "/fd", [&](const std::filesystem::path& descriptor) {
+        std::error_code closed; // since it was listed
+        const std::string path = std::filesystem::read_symlink(descriptor, closed);
+        if (lock.empty() && EndsWith(path, ending)) {
+            lock = path;
         }
-    }
-    return "";
+    });
+    return lock;
 }
 
 bool IsSameFile(const std::string& one, const std::string& other) {

@@ -15,6 +15,7 @@
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/text.h"
+#include "base/folder.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
@@ -36,14 +37,12 @@ using Entries = std::map<std::string, Entry>;
 /// All services that the device defines.
 Entries ReadDefinitions() {
     Entries entries;
-    std::error_code fault;
-    for (std::filesystem::directory_iterator file(paths::ServicesDir(), fault), end;
-         !fault && file != end; file.increment(fault)) {
-        const std::string id = services::IdOf(file->path().stem().string());
-        if (file->path().extension() == ".conf" && IsServiceId(id)) {
+    (void)ForEachEntry(paths::ServicesDir(), [&](const std::filesystem::path& file) {
+        const std::string id = services::IdOf(file.stem());
+        if (file.extension() == ".conf" && IsServiceId(id)) {
             entries.emplace(id, ServiceConf(id.c_str()));
         }
-    }
+    });
     return entries;
 }
 

@@ -17,6 +17,7 @@
 
 #include <zarorelayd/daemon.h>
 
+#include "base/folder.h"
 #include "base/log.h"
 #include "base/paths.h"
 #include "base/read_file.h"
@@ -69,15 +70,6 @@ bool HasEnded(pid_t pid, int pidfd, milliseconds patience) {
 /// Time that is left until `end`, at least 0.
 milliseconds Until(Time end) {
     return std::max(milliseconds(0), std::chrono::duration_cast<milliseconds>(end - Clock::now()));
-}
-
-/// Calls `see` with the name of each entry of a folder; with none when it can't be read.
-void ForEachEntry(const std::string& folder, const std::function<void(const std::string&)>& see) {
-    std::error_code error;
-    std::filesystem::directory_iterator entry(folder, error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        see(entry->path().filename());
-    }
 }
 
 bool IsOwn(const std::string& path) {
@@ -195,7 +187,8 @@ bool ServesPasswordFile(pid_t pid, const std::string& ending) {
 void EndStrays(const std::function<bool(const std::string&)>& isStray) {
     const std::string prefix = paths::PasswordFiles();
     ChildWatch strays;
-    ForEachEntry("/proc", [&](const std::string& pid) {
+    (void)ForEachEntry("/proc", [&](const std::filesystem::path& process) {
+        const std::string pid = process.filename();
         if (pid.find_first_not_of("0123456789") != std::string::npos || !IsOwn("/proc/" + pid)) {
             return;
         }
@@ -205,9 +198,8 @@ void EndStrays(const std::function<bool(const std::string&)>& isStray) {
         }
     });
     strays.EndAll(kGrace);
-    const std::string folder = FolderOf(prefix);
-    ForEachEntry(folder, [&](const std::string& name) {
-        const std::string path = folder + name;
+    (void)ForEachEntry(FolderOf(prefix), [&](const std::filesystem::path& file) {
+        const std::string path = file;
         if (path.compare(0, prefix.size(), prefix) == 0 && isStray(path.substr(prefix.size())) &&
             IsOwn(path)) {
             (void)unlink(path.c_str()); // a password file that a killed daemon left

@@ -17,6 +17,7 @@
 #include <string>
 #include <system_error>
 
+#include "base/folder.h"
 #include "base/unique_fd.h"
 
 namespace ZARO::Relay::app {
@@ -29,16 +30,14 @@ constexpr unsigned kEstablished = 1;
 std::set<unsigned long> SocketsOf(pid_t pid) {
     std::set<unsigned long> inodes;
     const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-    std::error_code error;
-    std::filesystem::directory_iterator entry(folder, error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+    (void)ForEachEntry(folder, [&](const std::filesystem::path& descriptor) {
         std::error_code closed; // since it was listed
-        const std::string target = std::filesystem::read_symlink(entry->path(), closed);
+        const std::string target = std::filesystem::read_symlink(descriptor, closed);
         unsigned long inode = 0;
         if (sscanf(target.c_str(), "socket:[%lu]", &inode) == 1) {
             inodes.insert(inode);
         }
-    }
+    });
     return inodes;
 }
 

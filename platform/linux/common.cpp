@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "base/folder.h"
 #include "base/read_file.h"
 
 namespace ZARO::Platform {
@@ -30,14 +31,12 @@ int ReadWhole(const std::string& path, std::string& text) {
 }
 
 int ListFolder(const std::string& path, std::vector<std::string>& names) {
-    std::error_code error;
-    std::filesystem::directory_iterator entry(path, error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        const std::string name = entry->path().filename();
+    const std::error_code error = ForEachEntry(path, [&](const std::filesystem::path& file) {
+        const std::string name = file.filename();
         if (name[0] != '.') {
             names.push_back(name);
         }
-    }
+    });
     std::sort(names.begin(), names.end());
     return error.value();
 }
