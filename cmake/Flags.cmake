@@ -44,3 +44,7 @@ if(ZARO_SANITIZE)
 else()
     target_compile_definitions(zaro_flags INTERFACE _FORTIFY_SOURCE=2 _GLIBCXX_ASSERTIONS)
 endif()
+
+# For sources that consist of a large library's headers: what the debugger would know of them takes a
+# third of their compile time. Line numbers stay.
+set(ZARO_LESS_DEBUG_INFO -g1)

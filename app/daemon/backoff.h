@@ -2,7 +2,6 @@
 #pragma once
 
 #include <algorithm>
-#include <random>
 
 #include "app/common/clock.h"
 
@@ -45,11 +44,8 @@ public:
         healthySince_ = Time();
     }
 
-    static milliseconds Random(milliseconds from, milliseconds to) {
-        static std::mt19937 generator{std::random_device{}()};
-        return milliseconds(
-            std::uniform_int_distribution<milliseconds::rep>(from.count(), to.count())(generator));
-    }
+    /// Any time between the two, each as likely.
+    static milliseconds Random(milliseconds from, milliseconds to);
 
 private:
     static constexpr seconds kHealth{60};
