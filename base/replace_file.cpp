@@ -60,13 +60,18 @@ bool Sync(int fd) {
     return fsync(fd) == 0 || (errno != EIO && errno != ENOSPC && errno != EDQUOT);
 }
 
-bool Write(UniqueFd& fd, std::string_view text, const NewFile& file) {
-    if (file.like != nullptr) {
-        (void)!fchown(fd.Get(), file.like->st_uid, file.like->st_gid); // root's right alone
+/// Gives a file that is whole its owner and its mode. Only root can give a file away.
+bool SetOwnerAndMode(int fd, const NewFile& file) {
+    if (file.like == nullptr) {
+        return fchmod(fd, file.mode) == 0 || !file.needsMode;
     }
-    const mode_t mode = file.like != nullptr ? file.like->st_mode & 07777 : file.mode;
-    const bool good = fchmod(fd.Get(), mode) == 0 || !file.needsMode;
-    return good && WriteAll(fd.Get(), text) && (!file.lasts || Sync(fd.Get())) && fd.Close();
+    (void)!fchown(fd, file.like->st_uid, file.like->st_gid);
+    return fchmod(fd, file.like->st_mode & 07777) == 0 || !file.needsMode;
+}
+
+bool Write(UniqueFd& fd, std::string_view text, const NewFile& file) {
+    return WriteAll(fd.Get(), text) && SetOwnerAndMode(fd.Get(), file) &&
+           (!file.lasts || Sync(fd.Get())) && fd.Close();
 }
 
 bool Place(const std::string& name, const std::string& path, const NewFile& file) {
@@ -114,6 +119,10 @@ std::string FolderOf(const std::string& path) {
 
 std::string NewFileOf(const std::string& path) {
     return path + kMark + std::to_string(getpid());
+}
+
+bool IsNewFileOf(const std::string& name, const std::string& file) {
+    return WriterOf(name, file + kMark) > 0;
 }
 
 Replaced ReplaceFile(const std::string& path, std::string_view text, const NewFile& file) {

@@ -36,6 +36,9 @@ Replaced ReplaceFile(const std::string& path, std::string_view text, const NewFi
 /// The temporary name that ReplaceFile uses in this process, for messages.
 std::string NewFileOf(const std::string& path);
 
+/// Whether a name is the temporary one of a file, in whatever process wrote it.
+bool IsNewFileOf(const std::string& name, const std::string& file);
+
 /// Removes what killed writers of `path` left under temporary names. The first call for a path in
 /// this process does it, the others return at once: the folder may be large.
 void RemoveLeftNewFiles(const std::string& path);

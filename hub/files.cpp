@@ -29,22 +29,14 @@ bool Fail(const std::string& doing, std::string& error) {
     return false;
 }
 
-/// Whether `name` is one that a killed hub may have left while it wrote `file`.
-bool IsNewFileOf(const std::string& name, const std::string& file) {
-    const std::string own = NewFileOf(file); // ends in our process id
-    const std::size_t id = own.find_last_not_of("0123456789") + 1;
-    return name == file + ".new" || // that of earlier versions
-           (name.compare(0, id, own, 0, id) == 0 &&
-            name.find_first_not_of("0123456789", id) == std::string::npos);
-}
-
 bool IsKnown(const std::string& name) {
     constexpr std::array kDatabase = {"lock", "hub.db", "hub.db-wal", "hub.db-shm",
                                       "hub.db-journal"};
     constexpr std::array kWritten = {"https.pem", "relay.key"};
     return std::find(kDatabase.begin(), kDatabase.end(), name) != kDatabase.end() ||
            std::any_of(kWritten.begin(), kWritten.end(), [&name](const char* file) {
-               return name == file || IsNewFileOf(name, file);
+               return name == file || IsNewFileOf(name, file) ||
+                      name == std::string(file) + ".new"; // left by an earlier version
            });
 }
 
