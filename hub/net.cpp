@@ -148,11 +148,11 @@ std::uint64_t NetworkOf(int fd) {
     return network;
 }
 
-Acceptor::Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)
+ThreadAcceptor::ThreadAcceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)
     : unit_(unit), mayAccept_(std::move(mayAccept)), onAccept_(std::move(onAccept)) {
 }
 
-bool Acceptor::Start(UniqueFd listener, std::string& error) {
+bool ThreadAcceptor::Start(UniqueFd listener, std::string& error) {
     listener_ = std::move(listener);
     port_ = PortOf(listener_.Get());
     if (!stop_.IsValid()) {
@@ -168,7 +168,7 @@ bool Acceptor::Start(UniqueFd listener, std::string& error) {
     return true;
 }
 
-void Acceptor::Stop() {
+void ThreadAcceptor::Stop() {
     stop_.Wake();
     if (thread_.joinable()) {
         thread_.join();
@@ -177,7 +177,7 @@ void Acceptor::Stop() {
     (void)listener_.Close();
 }
 
-void Acceptor::Run() {
+void ThreadAcceptor::Run() {
     const auto pause = static_cast<int>(kAcceptPause.count());
     for (;;) {
         pollfd wait[] = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
@@ -192,7 +192,7 @@ void Acceptor::Run() {
     }
 }
 
-bool Acceptor::AcceptOne() {
+bool ThreadAcceptor::AcceptOne() {
     if (!waiting_.IsOpen()) {
         waiting_ =
             UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
@@ -214,7 +214,7 @@ bool Acceptor::AcceptOne() {
     return true;
 }
 
-void Acceptor::SetShortage(const char* reason) {
+void ThreadAcceptor::SetShortage(const char* reason) {
     if (inShortage_ && reason == nullptr) {
         Log(Level::Info, unit_, "accepts connections again");
     } else if (!inShortage_ && reason != nullptr) {

@@ -48,7 +48,7 @@ std::uint64_t NetworkOf(int fd);
 
 /// Accepts connections on a thread of its own. Running out of descriptors or threads pauses it;
 /// nothing but Stop() ends it.
-class Acceptor {
+class ThreadAcceptor {
 public:
     using MayAccept = std::function<bool()>;
     using OnAccept = std::function<bool(int connection)>;
@@ -57,8 +57,8 @@ public:
     /// the backlog. `onAccept` gets each connection, non-blocking and close-on-exec, and must not
     /// block. It owns the connection once it returns true. If it returns false, since no thread is
     /// left, it gets the same connection again later.
-    Acceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept);
-    ~Acceptor() { Stop(); }
+    ThreadAcceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept);
+    ~ThreadAcceptor() { Stop(); }
 
     bool Start(UniqueFd listener, std::string& error);
     /// Returns when the thread is gone and the listener closed. May be called twice.

@@ -94,7 +94,7 @@ private:
 
     ThreadSet threads_;
     std::optional<Waker> spare_; ///< for the next session; the acceptor's thread alone uses it
-    Acceptor acceptor_;
+    ThreadAcceptor acceptor_;
 };
 
 } // namespace ZARO::RelayHub

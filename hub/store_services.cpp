@@ -1,5 +1,7 @@
 #include "hub/store_services.h"
 
+#include <set>
+
 #include "hub/secret.h"
 
 namespace ZARO::RelayHub {
@@ -218,6 +220,19 @@ StoreResult ServiceStore::BumpRevision(std::int64_t device, int& revision) {
         revision = bumped;
     }
     return result;
+}
+
+StoreResult ServiceStore::ReportStatus(const std::vector<TunnelStatus>& changes) {
+    std::set<std::int64_t> devices;
+    for (const TunnelStatus& change : changes) {
+        devices.insert(change.device);
+    }
+    return access_.Write("status change", [&](Database& database) {
+        for (const std::int64_t device : devices) {
+            (void)Bump(database, device); // whoever waits for it reads it
+        }
+        return StoreResult::Done;
+    });
 }
 
 } // namespace ZARO::RelayHub

@@ -27,8 +27,18 @@ struct TunnelRecord {
     std::int64_t device = 0;
     std::string id, name;
     int port = 0;      ///< of the service, at the device
-    int relayPort = 0; ///< at the hub
+    std::int64_t relay = 0; ///< key of the relay that carries it; 0 = this hub's only one
+    std::string relayHost;  ///< what the relay says that it is called; "" = it doesn't
+    int relayPort = 0;      ///< at the relay
     std::string user, password;
+    bool up = false; ///< as the relay reported last
+};
+
+/// A tunnel whose port was opened for visitors or closed.
+struct TunnelStatus {
+    std::int64_t device = 0;
+    std::string user; ///< of the tunnel
+    bool up = false;
 };
 
 /// The ports that tunnels get, and a test whether one is usable at the moment. When the test
@@ -64,6 +74,9 @@ public:
     StoreResult Revision(std::int64_t device, int& revision);
     /// Gives the list its next revision.
     StoreResult BumpRevision(std::int64_t device, int& revision);
+    /// Keeps these statuses and gives the list of each device among them its next revision, all in
+    /// one transaction.
+    StoreResult ReportStatus(const std::vector<TunnelStatus>& changes);
 
 private:
     // The steps below run inside a piece of work on the database.

@@ -78,7 +78,7 @@ private:
     bool closing_ = false;
     std::condition_variable allGone_;
     ThreadSet threads_;
-    Acceptor acceptor_;
+    ThreadAcceptor acceptor_;
 };
 
 } // namespace ZARO::RelayHub
