@@ -104,7 +104,7 @@ std::string Alias::Describe(const std::string& name, const Origin& origin) {
         service["id"] = tunnel.id;
         service["name"] = tunnel.name;
         service["address"] = host + ":" + std::to_string(tunnel.relayPort);
-        service["relay_up"] = isUp_(tunnel.relayPort);
+        service["relay_up"] = isUp_(tunnel);
         services.append(service);
     }
     return json::Compact(reply);

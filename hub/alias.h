@@ -16,7 +16,7 @@ class Alias {
 public:
     /// A name lasts for `ttl` after it was last kept alive. `visitorHost` is the host that visitors
     /// are shown; empty = the host of their own request.
-    Alias(Store& store, std::chrono::seconds ttl, std::function<bool(int port)> isUp,
+    Alias(Store& store, std::chrono::seconds ttl, std::function<bool(const TunnelRecord&)> isUp,
           std::string visitorHost)
         : store_(store), ttl_(ttl), isUp_(std::move(isUp)), visitorHost_(std::move(visitorHost)) {}
 
@@ -30,7 +30,7 @@ private:
 
     Store& store_;
     const std::chrono::seconds ttl_;
-    const std::function<bool(int port)> isUp_;
+    const std::function<bool(const TunnelRecord&)> isUp_;
     const std::string visitorHost_;
 };
 

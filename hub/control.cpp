@@ -145,7 +145,7 @@ Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Val
 Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value&) {
     std::vector<ServiceRecord> present;
     std::vector<std::string> removed;
-    std::vector<std::string> gone;
+    std::vector<TunnelKey> gone;
     // Even when the list is refused, the device has named its services: nothing is dropped then.
     batch.owesServices = false;
     if (!TakeServices(command, present, removed)) {
@@ -192,14 +192,14 @@ Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply)
         entry["relay_port"] = tunnel.relayPort;
         entry["relay_user"] = tunnel.user;
         entry["relay_pass"] = tunnel.password;
-        entry["relay_up"] = relay_.isUp(tunnel.relayPort);
+        entry["relay_up"] = relay_.isUp(tunnel);
         list.append(entry);
     }
     return ErrnoOf(result);
 }
 
 void Control::FinishRegistration(Batch& batch) {
-    std::vector<std::string> gone;
+    std::vector<TunnelKey> gone;
     if (batch.owesServices &&
         store_.services.DropStale(batch.device->key, gone) == StoreResult::Done) {
         ServicesChanged(batch.device->key, gone);
@@ -207,7 +207,7 @@ void Control::FinishRegistration(Batch& batch) {
     batch.owesServices = false;
 }
 
-void Control::ServicesChanged(std::int64_t device, const std::vector<std::string>& gone) {
+void Control::ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& gone) {
     relay_.close(gone);
     waiters_.ListChanged(device);
 }

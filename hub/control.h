@@ -30,9 +30,8 @@ enum class Errno {
 
 /// What control needs of the relay.
 struct RelayControl {
-    std::function<bool(int port)> isUp; ///< whether that port is open for visitors
-    std::function<void(const std::vector<std::string>& users)>
-        close; ///< ends tunnels that are gone
+    std::function<bool(const TunnelRecord&)> isUp; ///< whether its port is open for visitors
+    std::function<void(const std::vector<TunnelKey>&)> close; ///< ends tunnels that are gone
 };
 
 /// May be called from any thread; a wait command blocks its thread for the hold time at most.
@@ -67,7 +66,7 @@ private:
     Errno ListTunnels(const Batch& batch, int revision, Json::Value& reply);
     /// Removes the services of a device that registered and named none: it has none then.
     void FinishRegistration(Batch& batch);
-    void ServicesChanged(std::int64_t device, const std::vector<std::string>& gone);
+    void ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& gone);
 
     Store& store_;
     Waiters& waiters_;

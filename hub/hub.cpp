@@ -38,11 +38,12 @@ struct Hub::Parts {
           relay(store, options.visitorAddress,
                 [this](std::int64_t device) { waiters.StatusChanged(device); }),
           control(store, waiters,
-                  {[this](int port) { return relay.IsUp(port); },
-                   [this](const std::vector<std::string>& users) { relay.Close(users); }},
+                  {[this](const TunnelRecord& tunnel) { return relay.IsUp(tunnel.relayPort); },
+                   [this](const std::vector<TunnelKey>& gone) { relay.Close(gone); }},
                   options.relayHost),
           alias(
-              store, options.aliasTtl, [this](int port) { return relay.IsUp(port); },
+              store, options.aliasTtl,
+              [this](const TunnelRecord& tunnel) { return relay.IsUp(tunnel.relayPort); },
               options.relayHost) {}
 
     UniqueFd lock;

@@ -247,11 +247,11 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
     return opened;
 }
 
-void Relay::Close(const std::vector<std::string>& users) {
+void Relay::Close(const std::vector<TunnelKey>& gone) {
     // No status to report: these tunnels are off their device's list already.
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (const std::string& user : users) {
-        const auto seat = seats_.find(user);
+    for (const TunnelKey& tunnel : gone) {
+        const auto seat = seats_.find(tunnel.user);
         if (seat != seats_.end()) {
             (void)ClosePort(seat->second);
             seat->second.session->End();

@@ -44,7 +44,7 @@ public:
     /// Whether that port is open for visitors at the moment. Takes no lock.
     bool IsUp(int port) const { return up_[static_cast<std::uint16_t>(port)]; }
     /// Ends the sessions of these tunnels and closes their ports before it returns.
-    void Close(const std::vector<std::string>& users);
+    void Close(const std::vector<TunnelKey>& gone);
 
 private:
     /// A tunnel that a session has logged in for.

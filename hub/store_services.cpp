@@ -28,15 +28,15 @@ int Bump(Database& database, std::int64_t device) {
     return change.Next() ? change.Int(0) : 0;
 }
 
-/// Adds the users of the tunnels that a deletion returns to `gone`.
-void Collect(Query& deletion, std::vector<std::string>& gone) {
+/// Adds the tunnels that a deletion returns to `gone`.
+void Collect(Query& deletion, std::vector<TunnelKey>& gone) {
     while (deletion.Next()) {
-        gone.push_back(deletion.Text(0));
+        gone.push_back({0, deletion.Text(0)});
     }
 }
 
 void Remove(Database& database, std::int64_t device, const std::vector<std::string>& ids,
-            std::vector<std::string>& gone) {
+            std::vector<TunnelKey>& gone) {
     for (const std::string& id : ids) {
         Query deletion(database,
                        "DELETE FROM service WHERE device = ? AND id = ? RETURNING relay_user",
@@ -45,7 +45,7 @@ void Remove(Database& database, std::int64_t device, const std::vector<std::stri
     }
 }
 
-void RemoveStale(Database& database, std::int64_t device, std::vector<std::string>& gone) {
+void RemoveStale(Database& database, std::int64_t device, std::vector<TunnelKey>& gone) {
     Query deletion(database,
                    "DELETE FROM service WHERE device = ? AND stale = 1 RETURNING relay_user",
                    device);
@@ -64,8 +64,8 @@ void Refresh(Database& database, std::int64_t device, const std::vector<ServiceR
 
 StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceRecord>& present,
                                  const std::vector<std::string>& removed,
-                                 std::vector<std::string>& gone) {
-    std::vector<std::string> users;
+                                 std::vector<TunnelKey>& gone) {
+    std::vector<TunnelKey> users;
     const StoreResult result = access_.Write("service update", [&](Database& database) {
         // What goes makes room for what comes.
         Remove(database, device, removed, users);
@@ -155,8 +155,8 @@ std::optional<int> ServiceStore::NextPort(Database& database) {
     return std::nullopt;
 }
 
-StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<std::string>& gone) {
-    std::vector<std::string> users;
+StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>& gone) {
+    std::vector<TunnelKey> users;
     const StoreResult result = access_.Write("service removal", [&](Database& database) {
         RemoveStale(database, device, users);
         if (!users.empty()) {

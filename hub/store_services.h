@@ -26,12 +26,18 @@ struct ServiceRecord {
 struct TunnelRecord {
     std::int64_t device = 0;
     std::string id, name;
-    int port = 0;      ///< of the service, at the device
+    int port = 0;           ///< of the service, at the device
     std::int64_t relay = 0; ///< key of the relay that carries it; 0 = this hub's only one
     std::string relayHost;  ///< what the relay says that it is called; "" = it doesn't
     int relayPort = 0;      ///< at the relay
     std::string user, password;
     bool up = false; ///< as the relay reported last
+};
+
+/// Names one tunnel among those of all relays.
+struct TunnelKey {
+    std::int64_t relay = 0;
+    std::string user;
 };
 
 /// A tunnel whose port was opened for visitors or closed.
@@ -58,12 +64,11 @@ public:
     void UsePorts(PortPool pool) { pool_ = std::move(pool); }
 
     /// Removes the services `removed`, then adds or changes those in `present`; stale ones that
-    /// `present` does not name go too. On Done `gone` holds the users of the tunnels that ceased to
-    /// be.
+    /// `present` does not name go too. On Done `gone` holds the tunnels that ceased to be.
     StoreResult Update(std::int64_t device, const std::vector<ServiceRecord>& present,
-                       const std::vector<std::string>& removed, std::vector<std::string>& gone);
+                       const std::vector<std::string>& removed, std::vector<TunnelKey>& gone);
     /// Removes the services that the device has not named since it registered; `gone` as above.
-    StoreResult DropStale(std::int64_t device, std::vector<std::string>& gone);
+    StoreResult DropStale(std::int64_t device, std::vector<TunnelKey>& gone);
 
     /// The device's tunnels in order of their ids.
     StoreResult ListTunnels(std::int64_t device, std::vector<TunnelRecord>& tunnels);
