@@ -42,6 +42,8 @@ public:
     void Rollback() override { Execute("ROLLBACK"); }
     bool IsShared() const override { return true; }
     bool IsLost() const override { return connection_ == nullptr; }
+    /// For what needs libpq itself; null once it is lost.
+    PGconn* Connection() const { return connection_.get(); }
 
 private:
     struct ResultClearer {

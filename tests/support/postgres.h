@@ -97,11 +97,17 @@ public:
     void Kill() {
         const std::string pid = std::to_string(server_->Pid());
         server_->Signal(SIGSTOP); // so that it starts no process meanwhile
-        for (const std::string& child :
-             Words(ReadFile("/proc/" + pid + "/task/" + pid + "/children"))) {
+        const auto children = Words(ReadFile("/proc/" + pid + "/task/" + pid + "/children"));
+        for (const std::string& child : children) {
             kill(std::stoi(child), SIGKILL);
         }
         End(SIGKILL);
+        for (const std::string& child : children) { // else a new server would be refused
+            WaitFor([&] {
+                const std::string stat = ReadFile("/proc/" + child + "/stat");
+                return stat.empty() || stat.find(") Z") != stat.npos;
+            });
+        }
     }
     std::string Log() const { return ReadFile(LogFile()); }
 
