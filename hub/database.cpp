@@ -1,57 +1,60 @@
 #include "hub/database.h"
 
+#include <algorithm>
+#include <cstddef>
+
 namespace ZARO::RelayHub {
 
-void Database::Close() {
-    for (const auto& [sql, statement] : statements_) {
-        sqlite3_finalize(statement);
+namespace {
+
+constexpr char kReplacement[] = "\xef\xbf\xbd"; // U+FFFD
+
+bool IsTail(unsigned char c) {
+    return (c & 0xc0) == 0x80;
+}
+
+/// The length of the character at `at`, 0 when none that may be kept begins there.
+std::size_t LengthAt(const std::string& text, std::size_t at) {
+    const auto byte = [&text](std::size_t i) {
+        return i < text.size() ? static_cast<unsigned char>(text[i]) : 0U;
+    };
+    const unsigned first = byte(at);
+    const unsigned second = byte(at + 1);
+    if (first < 0x80) {
+        return first == 0 ? 0 : 1;
     }
-    statements_.clear();
-    sqlite3_close(handle_);
-    handle_ = nullptr;
-}
-
-void Database::Open(const std::string& file) {
-    const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    if (sqlite3_open_v2(file.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
-        Fail("open");
+    if (first >= 0xc2 && first < 0xe0) {
+        return IsTail(static_cast<unsigned char>(second)) ? 2 : 0;
     }
-    sqlite3_busy_timeout(handle_, 2000); // an administrator may be reading the file
-}
-
-void Database::Execute(const char* sql) {
-    if (sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        Fail(sql);
+    // Overlong forms, surrogates and what lies above U+10FFFF are excluded by the second byte.
+    const unsigned low = first == 0xe0 ? 0xa0 : first == 0xf0 ? 0x90 : 0x80;
+    const unsigned high = first == 0xed ? 0x9f : first == 0xf4 ? 0x8f : 0xbf;
+    const std::size_t length = first < 0xe0 ? 0 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 0;
+    bool good = length != 0 && second >= low && second <= high;
+    for (std::size_t i = 2; i < length; ++i) {
+        good = good && IsTail(static_cast<unsigned char>(byte(at + i)));
     }
+    return good ? length : 0;
 }
 
-sqlite3_stmt* Database::Prepare(const char* sql) {
-    sqlite3_stmt*& statement = statements_[sql];
-    if (statement == nullptr && sqlite3_prepare_v3(handle_, sql, -1, SQLITE_PREPARE_PERSISTENT,
-                                                   &statement, nullptr) != SQLITE_OK) {
-        Fail(sql);
+} // namespace
+
+Value ToValue(const std::string& text) {
+    if (std::all_of(text.begin(), text.end(), [](char c) { return c > 0; })) {
+        return text;
     }
-    return statement;
-}
-
-void Database::Fail(const char* doing) const {
-    const std::string what(doing);
-    throw DatabaseFault(what.substr(0, what.find_first_of(";(\n")) + ": " + sqlite3_errmsg(handle_),
-                        sqlite3_errcode(handle_));
-}
-
-Query::~Query() {
-    // The result repeats that of the last step, which has been checked.
-    (void)sqlite3_reset(statement_);
-    (void)sqlite3_clear_bindings(statement_);
-}
-
-bool Query::Next() {
-    const int result = sqlite3_step(statement_);
-    if (result != SQLITE_ROW && result != SQLITE_DONE) {
-        database_.Fail(sqlite3_sql(statement_));
+    std::string valid;
+    for (std::size_t at = 0; at < text.size();) {
+        const std::size_t length = LengthAt(text, at);
+        valid += length == 0 ? kReplacement : text.substr(at, length);
+        at += std::max<std::size_t>(length, 1);
     }
-    return result == SQLITE_ROW;
+    return valid;
+}
+
+std::string Summary(const char* sql) {
+    const std::string whole(sql);
+    return whole.substr(0, whole.find_first_of(";(\n"));
 }
 
 void Query::Run() {
@@ -59,37 +62,18 @@ void Query::Run() {
     }
 }
 
-std::string Query::Text(int column) const {
-    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement_, column));
-    return text == nullptr ? std::string() : std::string(text, size);
-}
-
-void Query::Bind(int place, std::int64_t value) {
-    if (sqlite3_bind_int64(statement_, place, value) != SQLITE_OK) {
-        database_.Fail("bind");
-    }
-}
-
-void Query::Bind(int place, const std::string& value) {
-    if (sqlite3_bind_text(statement_, place, value.data(), static_cast<int>(value.size()),
-                          SQLITE_TRANSIENT) != SQLITE_OK) {
-        database_.Fail("bind");
-    }
-}
-
 Transaction::~Transaction() {
     if (open_) {
         try {
-            database_.Execute("ROLLBACK");
-        } catch (const DatabaseFault&) {
-            // SQLite has rolled back by itself already.
+            database_.Rollback();
+        } catch (const std::exception&) {
+            // The engine has rolled back by itself already, or does so with the connection's end.
         }
     }
 }
 
 void Transaction::Commit() {
-    database_.Execute("COMMIT");
+    database_.Commit();
     open_ = false;
 }
 

@@ -1,89 +1,115 @@
-/// A thin layer over SQLite: failures become exceptions, which the store's methods catch.
+/// A database in plain SQL, whichever engine it has: failures become exceptions, which the store's
+/// methods catch.
 #pragma once
 
 #include <cstdint>
-#include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
-
-#include <sqlite3.h>
+#include <variant>
+#include <vector>
 
 namespace ZARO::RelayHub {
 
-/// What SQLite said. Never leaves the store.
-struct DatabaseFault : std::runtime_error {
-    /// `code` is SQLite's own result; 0 = the fault is not SQLite's.
-    explicit DatabaseFault(const std::string& what, int code = 0)
-        : std::runtime_error(what), code_(code & 0xff) {}
-    /// Whether the file is broken, or no database at all.
-    bool IsDamage() const { return code_ == SQLITE_CORRUPT || code_ == SQLITE_NOTADB; }
-    /// Whether nothing can be written at the moment, as on a full disk.
-    bool IsUnwritable() const { return code_ == SQLITE_FULL || code_ == SQLITE_IOERR; }
-
-private:
-    int code_;
+enum class FaultKind {
+    Damage,     ///< the file is broken, or no database at all
+    Unwritable, ///< nothing can be written at the moment, as on a full disk
+    Away,       ///< no connection, or it was lost; nothing was kept unless a commit was under way
+    Conflict,   ///< somebody else's change came between; the same work may succeed now
+    Newer,      ///< the tables are those of a newer hub
+    Other,
 };
 
-/// One connection with its prepared statements. For one thread at a time.
+/// What the engine said, without any value. Never leaves the store.
+struct DatabaseFault : std::runtime_error {
+    explicit DatabaseFault(const std::string& what, FaultKind faultKind = FaultKind::Other)
+        : std::runtime_error(what), kind(faultKind) {}
+    const FaultKind kind;
+};
+
+/// What a statement takes: a number or a text in valid UTF-8 without a NUL.
+using Value = std::variant<std::int64_t, std::string>;
+
+/// The value as every engine can keep it: each byte that is no part of valid UTF-8, and each NUL,
+/// becomes U+FFFD.
+Value ToValue(const std::string& text);
+inline Value ToValue(std::int64_t number) {
+    return number;
+}
+inline Value ToValue(int number) {
+    return static_cast<std::int64_t>(number);
+}
+
+/// The beginning of a statement, for messages: what it does and to which table.
+std::string Summary(const char* sql);
+
+/// The rows that a statement gives.
+class Rows {
+public:
+    virtual ~Rows() = default;
+    /// Goes to the next row; false when there is none.
+    virtual bool Next() = 0;
+    /// Columns count from 0. NULL reads as 0 and "".
+    virtual std::int64_t Integer(int column) const = 0;
+    virtual std::string Text(int column) const = 0;
+};
+
+/// One connection with its prepared statements. For one thread at a time. Methods block, for a few
+/// seconds at most, and throw DatabaseFault.
 class Database {
 public:
     Database() = default;
     Database(const Database&) = delete;
     Database& operator=(const Database&) = delete;
-    ~Database() { Close(); }
+    virtual ~Database() = default;
 
-    void Open(const std::string& file);
-    void Close();
-    /// Runs statements that give no rows.
-    void Execute(const char* sql);
-    /// The statement for `sql`, prepared at its first use. The text must be a literal: its address
-    /// is the key.
-    sqlite3_stmt* Prepare(const char* sql);
-    /// Throws what SQLite last reported. `doing` is the SQL or a word for what failed.
-    [[noreturn]] void Fail(const char* doing) const;
+    /// Runs one statement with `values` for its $1, $2 and so on. An engine may do the work only as
+    /// far as rows are read, so read them all. The text must be a literal: its address is the key
+    /// of the prepared statement.
+    virtual std::unique_ptr<Rows> Run(const char* sql, const std::vector<Value>& values) = 0;
+    /// Runs statements that give no rows and take no values.
+    virtual void Execute(const char* sql) = 0;
 
-private:
-    sqlite3* handle_ = nullptr;
-    std::map<const char*, sqlite3_stmt*> statements_;
+    /// Begins a transaction that may write.
+    virtual void Begin() = 0;
+    virtual void Commit() = 0;
+    virtual void Rollback() = 0;
+
+    /// Whether other hosts may use the database at the same time.
+    virtual bool IsShared() const = 0;
+    /// Whether this connection is lost for good.
+    virtual bool IsLost() const { return false; }
+
+    /// The text for this engine, where the two differ.
+    const char* Sql(const char* sqlite, const char* postgres) const {
+        return IsShared() ? postgres : sqlite;
+    }
 };
 
-/// One use of a prepared statement, with its values bound in order. Two objects with the same text
-/// must not exist at a time.
+/// One use of a statement, with its values in order. Two objects with the same text must not exist
+/// at a time.
 class Query {
 public:
     template <typename... Values>
     Query(Database& database, const char* sql, const Values&... values)
-        : database_(database), statement_(database.Prepare(sql)) {
-        int place = 0;
-        (Bind(++place, values), ...);
-    }
-    Query(const Query&) = delete;
-    Query& operator=(const Query&) = delete;
-    ~Query();
+        : rows_(database.Run(sql, std::vector<Value>{ToValue(values)...})) {}
 
     /// Goes to the next row; false when there is none.
-    bool Next();
+    bool Next() { return rows_->Next(); }
     /// Runs a statement to its end, whatever rows it gives.
     void Run();
-    std::int64_t Integer(int column) const { return sqlite3_column_int64(statement_, column); }
-    int Int(int column) const { return sqlite3_column_int(statement_, column); }
-    std::string Text(int column) const;
+    std::int64_t Integer(int column) const { return rows_->Integer(column); }
+    int Int(int column) const { return static_cast<int>(rows_->Integer(column)); }
+    std::string Text(int column) const { return rows_->Text(column); }
 
 private:
-    void Bind(int place, std::int64_t value);
-    void Bind(int place, int value) { Bind(place, static_cast<std::int64_t>(value)); }
-    void Bind(int place, const std::string& value);
-
-    Database& database_;
-    sqlite3_stmt* statement_;
+    std::unique_ptr<Rows> rows_;
 };
 
 /// A transaction that is rolled back when this object goes, unless it was committed.
 class Transaction {
 public:
-    explicit Transaction(Database& database) : database_(database) {
-        database_.Execute("BEGIN IMMEDIATE");
-    }
+    explicit Transaction(Database& database) : database_(database) { database_.Begin(); }
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
     ~Transaction();

@@ -1,6 +1,9 @@
 #include "hub/schema.h"
 
+#include <utility>
+
 #include "hub/log.h"
+#include "hub/sqlite.h"
 
 namespace ZARO::RelayHub {
 
@@ -55,48 +58,50 @@ int VersionOf(Database& database) {
     Query query(database, "PRAGMA user_version");
     const int version = query.Next() ? query.Int(0) : 0;
     if (version > kVersion) {
-        throw DatabaseFault("it was written by a newer version");
+        throw DatabaseFault("it was written by a newer version", FaultKind::Newer);
     }
     return version;
 }
 
-void OpenForWriting(Database& database, const std::string& file) {
-    database.Open(file);
-    database.Execute("PRAGMA journal_mode = WAL");
-    database.Execute(kSettings);
-    const int version = VersionOf(database);
-    Transaction transaction(database);
+std::unique_ptr<Database> OpenForWriting(const std::string& file) {
+    auto database = std::make_unique<Sqlite>(file);
+    database->Execute("PRAGMA journal_mode = WAL");
+    database->Execute(kSettings);
+    const int version = VersionOf(*database);
+    Transaction transaction(*database);
     if (version == 0) {
-        database.Execute(kTables);
+        database->Execute(kTables);
     }
     // Devices may have seen their tunnels up.
-    database.Execute("UPDATE device SET revision = revision % 2147483647 + 1");
+    database->Execute("UPDATE device SET revision = revision % 2147483647 + 1");
     transaction.Commit();
+    return database;
 }
 
-/// Whether the tables are there. In exclusive mode SQLite needs no shared memory file, for which
-/// there may be no room.
-bool OpenForReading(Database& database, const std::string& file) {
-    database.Open(file);
-    database.Execute("PRAGMA locking_mode = EXCLUSIVE");
-    database.Execute(kSettings);
-    return VersionOf(database) != 0;
+/// Nothing when the tables are missing. In exclusive mode SQLite needs no shared memory file, for
+/// which there may be no room.
+std::unique_ptr<Database> OpenForReading(const std::string& file) {
+    auto database = std::make_unique<Sqlite>(file);
+    database->Execute("PRAGMA locking_mode = EXCLUSIVE");
+    database->Execute(kSettings);
+    return VersionOf(*database) == 0 ? nullptr : std::move(database);
 }
 
 } // namespace
 
-void OpenWithTables(Database& database, const std::string& file) {
+std::unique_ptr<Database> OpenWithTables(const std::string& file) {
     try {
-        OpenForWriting(database, file);
+        return OpenForWriting(file);
     } catch (const DatabaseFault& fault) {
-        if (!fault.IsUnwritable()) {
-            throw;
+        std::unique_ptr<Database> database;
+        if (fault.kind == FaultKind::Unwritable) {
+            database = OpenForReading(file);
         }
-        database.Close();
-        if (!OpenForReading(database, file)) {
+        if (database == nullptr) {
             throw;
         }
         Log(Level::Warning, "store", "serves what it knows, but can't write: %s", fault.what());
+        return database;
     }
 }
 

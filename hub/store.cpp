@@ -24,7 +24,7 @@ bool Store::Open(const std::string& file, PortPool pool, std::string& error) {
         return true;
     } catch (const DatabaseFault& fault) {
         error = "can't use " + file + ": " + fault.what();
-        if (fault.IsDamage()) {
+        if (fault.kind == FaultKind::Damage) {
             error += "; put a copy back, or move it away, which makes every device register again;"
                      " remove its -wal and -shm files with it";
         }

@@ -6,7 +6,7 @@
 namespace ZARO::RelayHub {
 
 void StoreAccess::Open(const std::string& file) {
-    OpenWithTables(database_, file);
+    database_ = OpenWithTables(file);
 }
 
 StoreResult StoreAccess::Failed(const char* what, const std::exception& fault) {

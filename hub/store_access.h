@@ -3,6 +3,7 @@
 #pragma once
 
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -31,7 +32,7 @@ public:
     template <typename Work> StoreResult Read(const char* what, Work work) {
         try {
             const std::lock_guard<std::mutex> lock(mutex_);
-            return work(database_);
+            return work(*database_);
         } catch (const std::exception& fault) {
             return Failed(what, fault);
         }
@@ -53,7 +54,7 @@ private:
     static StoreResult Failed(const char* what, const std::exception& fault);
 
     std::mutex mutex_;
-    Database database_;
+    std::unique_ptr<Database> database_;
 };
 
 } // namespace ZARO::RelayHub

@@ -12,7 +12,7 @@ std::string HashToken(const std::string& serial, const std::string& token) {
 }
 
 bool HasAnotherDevice(Database& database, const std::string& serverId, std::int64_t device) {
-    Query other(database, "SELECT 1 FROM device WHERE server_id = ? AND key <> ?", serverId,
+    Query other(database, "SELECT 1 FROM device WHERE server_id = $1 AND key <> $2", serverId,
                 device);
     return other.Next();
 }
@@ -23,10 +23,11 @@ StoreResult Add(Database& database, const Identity& identity, const std::string&
     if (count.Next() && count.Int(0) >= kMaxDevices) {
         return StoreResult::Full;
     }
-    Query add(database,
-              "INSERT INTO device(serial, token, server_id, mac, timezone) VALUES(?, ?, ?, ?, ?)"
-              " RETURNING key",
-              identity.serial, token, identity.serverId, identity.mac, identity.timezone);
+    Query add(
+        database,
+        "INSERT INTO device(serial, token, server_id, mac, timezone) VALUES($1, $2, $3, $4, $5)"
+        " RETURNING key",
+        identity.serial, token, identity.serverId, identity.mac, identity.timezone);
     if (add.Next()) {
         key = add.Integer(0);
     }
@@ -37,7 +38,7 @@ StoreResult Add(Database& database, const Identity& identity, const std::string&
 StoreResult Admit(Database& database, const Identity& identity, std::int64_t& key) {
     const std::string token = HashToken(identity.serial, identity.token);
     {
-        Query known(database, "SELECT key, token FROM device WHERE serial = ?", identity.serial);
+        Query known(database, "SELECT key, token FROM device WHERE serial = $1", identity.serial);
         if (known.Next()) {
             if (!EqualSecrets(known.Text(1), token)) {
                 return StoreResult::Refused;
@@ -51,17 +52,17 @@ StoreResult Admit(Database& database, const Identity& identity, std::int64_t& ke
     if (key == 0) {
         return Add(database, identity, token, key);
     }
-    Query(database, "UPDATE device SET server_id = ?, mac = ?, timezone = ? WHERE key = ?",
+    Query(database, "UPDATE device SET server_id = $1, mac = $2, timezone = $3 WHERE key = $4",
           identity.serverId, identity.mac, identity.timezone, key)
         .Run();
     return StoreResult::Done;
 }
 
 void AddSession(Database& database, std::int64_t device, const std::string& session) {
-    Query(database, "INSERT INTO session(hash, device) VALUES(?, ?)", session, device).Run();
+    Query(database, "INSERT INTO session(hash, device) VALUES($1, $2)", session, device).Run();
     Query(database,
-          "DELETE FROM session WHERE device = ?1 AND key NOT IN"
-          " (SELECT key FROM session WHERE device = ?1 ORDER BY key DESC LIMIT ?2)",
+          "DELETE FROM session WHERE device = $1 AND key NOT IN"
+          " (SELECT key FROM session WHERE device = $1 ORDER BY key DESC LIMIT $2)",
           device, kKeptSessions)
         .Run();
 }
@@ -82,7 +83,7 @@ StoreResult DeviceStore::Register(const Identity& identity, const std::string& s
         const StoreResult admitted = Admit(database, identity, key);
         if (admitted == StoreResult::Done) {
             AddSession(database, key, session);
-            Query(database, "UPDATE service SET stale = 1 WHERE device = ?", key).Run();
+            Query(database, "UPDATE service SET stale = 1 WHERE device = $1", key).Run();
         }
         return admitted;
     });
@@ -96,7 +97,7 @@ StoreResult DeviceStore::FindSession(const std::string& session, Device& device)
     return access_.Read("session look-up", [&](Database& database) {
         Query found(database,
                     "SELECT device.key, server_id FROM session JOIN device"
-                    " ON device.key = session.device WHERE hash = ?",
+                    " ON device.key = session.device WHERE hash = $1",
                     session);
         if (!found.Next()) {
             return StoreResult::NotFound;
@@ -109,7 +110,7 @@ StoreResult DeviceStore::FindSession(const std::string& session, Device& device)
 StoreResult DeviceStore::Authenticate(const std::string& serial, const std::string& token,
                                       const std::string& serverId, Device& device) {
     return access_.Read("authentication", [&](Database& database) {
-        Query known(database, "SELECT key, token, server_id FROM device WHERE serial = ?", serial);
+        Query known(database, "SELECT key, token, server_id FROM device WHERE serial = $1", serial);
         if (!known.Next() || !EqualSecrets(known.Text(1), HashToken(serial, token)) ||
             known.Text(2) != serverId) {
             return StoreResult::Refused;
@@ -121,7 +122,7 @@ StoreResult DeviceStore::Authenticate(const std::string& serial, const std::stri
 
 StoreResult DeviceStore::SetNetwork(std::int64_t device, const std::string& network) {
     return access_.Write("network update", [&](Database& database) {
-        Query(database, "UPDATE device SET network = ? WHERE key = ?", network, device).Run();
+        Query(database, "UPDATE device SET network = $1 WHERE key = $2", network, device).Run();
         return StoreResult::Done;
     });
 }

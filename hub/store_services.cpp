@@ -22,7 +22,7 @@ TunnelRecord TunnelOf(const Query& row) {
 
 int Bump(Database& database, std::int64_t device) {
     Query change(database,
-                 "UPDATE device SET revision = revision % 2147483647 + 1 WHERE key = ?"
+                 "UPDATE device SET revision = revision % 2147483647 + 1 WHERE key = $1"
                  " RETURNING revision",
                  device);
     return change.Next() ? change.Int(0) : 0;
@@ -39,7 +39,7 @@ void Remove(Database& database, std::int64_t device, const std::vector<std::stri
             std::vector<TunnelKey>& gone) {
     for (const std::string& id : ids) {
         Query deletion(database,
-                       "DELETE FROM service WHERE device = ? AND id = ? RETURNING relay_user",
+                       "DELETE FROM service WHERE device = $1 AND id = $2 RETURNING relay_user",
                        device, id);
         Collect(deletion, gone);
     }
@@ -47,14 +47,14 @@ void Remove(Database& database, std::int64_t device, const std::vector<std::stri
 
 void RemoveStale(Database& database, std::int64_t device, std::vector<TunnelKey>& gone) {
     Query deletion(database,
-                   "DELETE FROM service WHERE device = ? AND stale = 1 RETURNING relay_user",
+                   "DELETE FROM service WHERE device = $1 AND stale = 1 RETURNING relay_user",
                    device);
     Collect(deletion, gone);
 }
 
 void Refresh(Database& database, std::int64_t device, const std::vector<ServiceRecord>& services) {
     for (const ServiceRecord& service : services) {
-        Query(database, "UPDATE service SET stale = 0 WHERE device = ? AND id = ?", device,
+        Query(database, "UPDATE service SET stale = 0 WHERE device = $1 AND id = $2", device,
               service.id)
             .Run();
     }
@@ -93,7 +93,7 @@ StoreResult ServiceStore::Put(Database& database, std::int64_t device, const Ser
                               bool& changed) {
     {
         Query known(database,
-                    "SELECT name, port, external_port FROM service WHERE device = ? AND id = ?",
+                    "SELECT name, port, external_port FROM service WHERE device = $1 AND id = $2",
                     device, service.id);
         if (!known.Next()) {
             changed = true;
@@ -102,16 +102,17 @@ StoreResult ServiceStore::Put(Database& database, std::int64_t device, const Ser
         changed = changed || known.Text(0) != service.name || known.Int(1) != service.port ||
                   known.Int(2) != service.externalPort;
     }
-    Query(database,
-          "UPDATE service SET name = ?, port = ?, external_port = ? WHERE device = ? AND id = ?",
-          service.name, service.port, service.externalPort, device, service.id)
+    Query(
+        database,
+        "UPDATE service SET name = $1, port = $2, external_port = $3 WHERE device = $4 AND id = $5",
+        service.name, service.port, service.externalPort, device, service.id)
         .Run();
     return StoreResult::Done;
 }
 
 StoreResult ServiceStore::Add(Database& database, std::int64_t device,
                               const ServiceRecord& service) {
-    Query count(database, "SELECT count(*) FROM service WHERE device = ?", device);
+    Query count(database, "SELECT count(*) FROM service WHERE device = $1", device);
     if (count.Next() && count.Int(0) >= kMaxServices) {
         return StoreResult::Full;
     }
@@ -122,7 +123,7 @@ StoreResult ServiceStore::Add(Database& database, std::int64_t device,
     }
     Query(database,
           "INSERT INTO service(device, id, name, port, external_port, relay_port, relay_user,"
-          " relay_password) VALUES(?, ?, ?, ?, ?, ?, ?, ?)",
+          " relay_password) VALUES($1, $2, $3, $4, $5, $6, $7, $8)",
           device, service.id, service.name, service.port, service.externalPort, *port,
           "t" + RandomText(15), RandomText(32))
         .Run();
@@ -142,13 +143,13 @@ std::optional<int> ServiceStore::NextPort(Database& database) {
     for (int i = 0; i < size; ++i) {
         const int port = pool_.first + (start + i) % size;
         {
-            Query used(database, "SELECT 1 FROM service WHERE relay_port = ?", port);
+            Query used(database, "SELECT 1 FROM service WHERE relay_port = $1", port);
             if (used.Next()) {
                 continue;
             }
         }
         if (!pool_.isFree || pool_.isFree(port)) {
-            Query(database, "UPDATE port_cursor SET port = ?", port).Run();
+            Query(database, "UPDATE port_cursor SET port = $1", port).Run();
             return port;
         }
     }
@@ -175,7 +176,7 @@ StoreResult ServiceStore::ListTunnels(std::int64_t device, std::vector<TunnelRec
         std::vector<TunnelRecord> found;
         Query rows(database,
                    "SELECT device, id, name, port, relay_port, relay_user, relay_password"
-                   " FROM service WHERE device = ? ORDER BY id",
+                   " FROM service WHERE device = $1 ORDER BY id",
                    device);
         while (rows.Next()) {
             found.push_back(TunnelOf(rows));
@@ -189,7 +190,7 @@ StoreResult ServiceStore::FindTunnel(const std::string& user, TunnelRecord& tunn
     return access_.Read("tunnel look-up", [&](Database& database) {
         Query row(database,
                   "SELECT device, id, name, port, relay_port, relay_user, relay_password"
-                  " FROM service WHERE relay_user = ?",
+                  " FROM service WHERE relay_user = $1",
                   user);
         if (!row.Next()) {
             return StoreResult::NotFound;
@@ -201,7 +202,7 @@ StoreResult ServiceStore::FindTunnel(const std::string& user, TunnelRecord& tunn
 
 StoreResult ServiceStore::Revision(std::int64_t device, int& revision) {
     return access_.Read("revision look-up", [&](Database& database) {
-        Query row(database, "SELECT revision FROM device WHERE key = ?", device);
+        Query row(database, "SELECT revision FROM device WHERE key = $1", device);
         if (!row.Next()) {
             return StoreResult::NotFound;
         }
