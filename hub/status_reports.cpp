@@ -25,6 +25,7 @@ template <typename Statuses> std::vector<std::int64_t> DevicesOf(const Statuses&
 } // namespace
 
 void StatusReports::Add(TunnelStatus status) {
+    waiters_.ExpectChange(status.device);
     const std::lock_guard<std::mutex> lock(mutex_);
     std::string user = status.user;
     fresh_.insert_or_assign(std::move(user), std::move(status));

@@ -56,20 +56,29 @@ void Waiters::Leave(const Ticket& ticket) {
     }
 }
 
+void Waiters::ExpectChange(std::int64_t device) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    changing_.insert(device);
+}
+
 void Waiters::ListChanged(std::int64_t device) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = seats_.find(device);
-    if (found != seats_.end()) {
-        Wake(found->second);
+    if (const SeatPointer seat = TakeChange(device)) {
+        Wake(seat);
     }
 }
 
 void Waiters::AnswerNow(std::int64_t device) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = seats_.find(device);
-    if (found != seats_.end()) {
-        Finish(found->second);
+    if (const SeatPointer seat = TakeChange(device)) {
+        Finish(seat);
     }
+}
+
+Waiters::SeatPointer Waiters::TakeChange(std::int64_t device) {
+    changing_.erase(device);
+    const auto found = seats_.find(device);
+    return found == seats_.end() ? nullptr : found->second;
 }
 
 void Waiters::Drain(std::chrono::milliseconds time) {
@@ -149,11 +158,11 @@ bool Waiters::TryToAnswer(const SeatPointer& seat, bool& storeFailed) {
     bool isEnding = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (seat->isGone) {
-            return false;
-        }
         seat->checkAgain = false;
         isEnding = seat->isEnding;
+        if (seat->isGone || (!isEnding && changing_.count(seat->device) > 0)) {
+            return false;
+        }
     }
     int revision = 0;
     const StoreResult result = store_.services.Revision(seat->device, revision);

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include <boost/asio/steady_timer.hpp>
@@ -42,6 +43,9 @@ public:
     Ticket Hold(std::int64_t device, int seen, Answer answer);
     /// The client is gone; nobody is to be answered.
     void Leave(const Ticket& ticket);
+    /// The list gets another revision in a moment: until then a request is not answered for the
+    /// present one. Either of the next two follows.
+    void ExpectChange(std::int64_t device);
     /// The list may have another revision now.
     void ListChanged(std::int64_t device);
     /// Has the device answered with the present revision, whatever it is.
@@ -74,6 +78,7 @@ private:
 
     // To be called with the lock.
 
+    SeatPointer TakeChange(std::int64_t device);
     void Wake(const SeatPointer& seat);
     void Finish(const SeatPointer& seat);
     void Forget(const SeatPointer& seat);
@@ -96,6 +101,7 @@ private:
     const std::chrono::milliseconds hold_;
     mutable std::mutex mutex_;                            ///< never held while the store is at work
     std::unordered_map<std::int64_t, SeatPointer> seats_; ///< by device
+    std::unordered_set<std::int64_t> changing_;           ///< devices whose change is expected
     std::list<SeatPointer> ends_;    ///< in the order in which their hold times end
     std::vector<SeatPointer> stuck_; ///< to be looked at again
     bool retrySoon_ = false;
