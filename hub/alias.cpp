@@ -103,7 +103,8 @@ std::string Alias::Describe(const std::string& name, const Origin& origin) {
         Json::Value service(Json::objectValue);
         service["id"] = tunnel.id;
         service["name"] = tunnel.name;
-        service["address"] = host + ":" + std::to_string(tunnel.relayPort);
+        service["address"] = (tunnel.relayHost.empty() ? host : ForUrl(tunnel.relayHost)) + ":" +
+                             std::to_string(tunnel.relayPort);
         service["relay_up"] = isUp_(tunnel);
         services.append(service);
     }

@@ -15,7 +15,7 @@ namespace ZARO::RelayHub {
 class Alias {
 public:
     /// A name lasts for `ttl` after it was last kept alive. `visitorHost` is the host that visitors
-    /// are shown; empty = the host of their own request.
+    /// are shown when the relay itself has no name; empty = the host of their own request.
     Alias(Store& store, std::chrono::seconds ttl, std::function<bool(const TunnelRecord&)> isUp,
           std::string visitorHost)
         : store_(store), ttl_(ttl), isUp_(std::move(isUp)), visitorHost_(std::move(visitorHost)) {}

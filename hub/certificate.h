@@ -4,7 +4,7 @@
 #include <set>
 #include <string>
 
-#include "hub/web.h"
+#include "hub/web_stream.h"
 
 namespace ZARO::RelayHub {
 

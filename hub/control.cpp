@@ -35,47 +35,86 @@ Json::Value Failure(Errno error) {
     return reply;
 }
 
+/// An IPv6 address without its brackets, which belong to URLs only.
+std::string WithoutBrackets(const std::string& host) {
+    return host.front() == '[' ? host.substr(1, host.size() - 2) : host;
+}
+
 } // namespace
 
-std::string Control::Answer(const std::string& body, const Origin& origin, std::string& session) {
-    Json::Value whole(Json::arrayValue);
+Waiters::Ticket Control::Answer(const std::string& body, Origin origin, std::string session,
+                                Finish finish) {
+    const auto batch =
+        std::make_shared<Batch>(Batch{std::move(origin), std::move(session), std::move(finish)});
     try {
-        Batch batch{origin, session, std::nullopt};
         return AnswerArray(body, batch);
     } catch (const std::exception& fault) {
-        Log(Level::Error, "control", "a batch failed: %s", fault.what());
-        whole.append(Failure(Errno::Unknown));
-        return json::Compact(whole);
+        Fail(*batch, fault);
+        return {};
     }
 }
 
-std::string Control::AnswerArray(const std::string& body, Batch& batch) {
+void Control::Fail(const Batch& batch, const std::exception& fault) {
+    Log(Level::Error, "control", "a batch failed: %s", fault.what());
+    Json::Value whole(Json::arrayValue);
+    whole.append(Failure(Errno::Unknown));
+    batch.finish(json::Compact(whole), batch.session);
+}
+
+Waiters::Ticket Control::AnswerArray(const std::string& body, const std::shared_ptr<Batch>& batch) {
     Json::Value commands;
-    Json::Value replies(Json::arrayValue);
     if (!ParseBatch(body, commands)) {
-        replies.append(Failure(Errno::Input));
-        return json::Compact(replies);
+        batch->replies.append(Failure(Errno::Input));
+        batch->finish(json::Compact(batch->replies), batch->session);
+        return {};
+    }
+    FindDevice(*batch);
+    batch->count = commands.size();
+    for (const Json::Value& command : commands) {
+        Json::Value reply(Json::objectValue);
+        const Errno error = Execute(command, *batch, reply);
+        if (!batch->heldWith) {
+            AddReply(*batch, error, std::move(reply));
+        }
+    }
+    FinishRegistration(*batch);
+    if (batch->heldWith) {
+        return waiters_.Hold(
+            batch->device->key, *batch->heldWith,
+            [this, batch](std::optional<int> revision) { return FinishWait(*batch, revision); });
+    }
+    batch->finish(json::Compact(batch->replies), batch->session);
+    return {};
+}
+
+void Control::FindDevice(Batch& batch) {
+    if (batch.session.empty()) {
+        return;
+    }
+    const std::string session = Sha256(batch.session);
+    batch.device = sessions_.Find(session);
+    if (batch.device) {
+        return;
     }
     Device device;
-    if (!batch.session.empty() &&
-        store_.devices.FindSession(Sha256(batch.session), device) == StoreResult::Done) {
+    const unsigned state = sessions_.State();
+    const StoreResult found = store_.devices.FindSession(session, device);
+    if (found == StoreResult::Done) {
         batch.device = device;
+        sessions_.Add(session, device, state);
     }
-    for (Json::ArrayIndex i = 0; i < commands.size(); ++i) {
-        batch.isLast = i + 1 == commands.size();
-        Json::Value reply(Json::objectValue);
-        const Errno error = Execute(commands[i], batch, reply);
-        Log(Level::Debug, "control", "%s: command %u of %u: errno %d",
-            batch.device ? batch.device->serverId.c_str() : "stranger", i + 1, commands.size(),
-            static_cast<int>(error));
-        if (error != Errno::Good) {
-            reply = Failure(error);
-        }
-        reply["errno"] = static_cast<int>(error);
-        replies.append(reply);
+    batch.storeFailed = found == StoreResult::Fault;
+}
+
+void Control::AddReply(Batch& batch, Errno error, Json::Value reply) {
+    Log(Level::Debug, "control", "%s: command %u of %u: errno %d",
+        batch.device ? batch.device->serverId.c_str() : "stranger", batch.replies.size() + 1,
+        batch.count, static_cast<int>(error));
+    if (error != Errno::Good) {
+        reply = Failure(error);
     }
-    FinishRegistration(batch);
-    return json::Compact(replies);
+    reply["errno"] = static_cast<int>(error);
+    batch.replies.append(std::move(reply));
 }
 
 Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& reply) {
@@ -97,7 +136,7 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& re
     for (const auto& known : kCommands) {
         if (name == known.name) {
             if (!batch.device && known.handler != &Control::Register) {
-                return Errno::NoSession;
+                return batch.storeFailed ? Errno::Unknown : Errno::NoSession;
             }
             return (this->*known.handler)(command, batch, reply);
         }
@@ -123,6 +162,7 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value& r
     batch.device = device;
     batch.hasRegistered = true;
     batch.owesServices = true;
+    sessions_.Renew(Sha256(session), device);
     batch.session = std::move(session);
     reply["serverID"] = device.serverId;
     Json::Value& wait = reply["server_wait_cmd"];
@@ -169,31 +209,51 @@ Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply
         return Errno::Auth;
     }
     // Only a batch's last command is held: otherwise the replies to those behind it would wait too.
+    if (batch.replies.size() + 1 == batch.count) {
+        batch.heldWith = seen;
+        return Errno::Good;
+    }
     int revision = 0;
-    return waiters_.Wait(batch.device->key, seen, batch.isLast, revision)
+    return store_.services.Revision(batch.device->key, revision) == StoreResult::Done
                ? ListTunnels(batch, revision, reply)
                : Errno::Unknown;
+}
+
+bool Control::FinishWait(Batch& batch, std::optional<int> revision) noexcept {
+    try {
+        Json::Value reply(Json::objectValue);
+        const Errno error = revision ? ListTunnels(batch, *revision, reply) : Errno::Unknown;
+        if (revision && error != Errno::Good) {
+            return false;
+        }
+        AddReply(batch, error, std::move(reply));
+        batch.finish(json::Compact(batch.replies), batch.session);
+    } catch (const std::exception& fault) {
+        Fail(batch, fault);
+    }
+    return true;
 }
 
 Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply) {
     std::vector<TunnelRecord> tunnels;
     const StoreResult result = store_.services.ListTunnels(batch.device->key, tunnels);
-    std::string host = relayHost_.empty() ? batch.origin.host : relayHost_;
-    if (host.front() == '[') { // brackets belong to URLs only
-        host = host.substr(1, host.size() - 2);
-    }
+    const std::string host = WithoutBrackets(relayHost_.empty() ? batch.origin.host : relayHost_);
     reply["revision"] = revision;
     Json::Value& list = reply["tunnels"] = Json::Value(Json::arrayValue);
     for (const TunnelRecord& tunnel : tunnels) {
         Json::Value entry(Json::objectValue);
         entry["id"] = tunnel.id;
         entry["port"] = tunnel.port;
-        entry["relay_ip"] = host;
+        entry["relay_ip"] = tunnel.relayHost.empty() ? host : tunnel.relayHost;
         entry["relay_port"] = tunnel.relayPort;
         entry["relay_user"] = tunnel.user;
         entry["relay_pass"] = tunnel.password;
         entry["relay_up"] = relay_.isUp(tunnel);
-        list.append(entry);
+        list.append(std::move(entry));
+    }
+    const int spread = spread_ ? spread_() : 0;
+    if (spread > 0) {
+        reply["spread"] = spread;
     }
     return ErrnoOf(result);
 }

@@ -7,7 +7,9 @@
 #include "hub/control.h"
 #include "hub/files.h"
 #include "hub/http_form.h"
+#include "hub/loops.h"
 #include "hub/relay.h"
+#include "hub/status_reports.h"
 #include "hub/store.h"
 #include "hub/waiters.h"
 #include "hub/web.h"
@@ -18,15 +20,19 @@ namespace {
 
 constexpr char kCookie[] = "ZARORELAY";
 
-WebReply AnswerBatch(Control& control, const WebRequest& request) {
+void AnswerBatch(Control& control, Waiters& waiters, const std::shared_ptr<WebExchange>& exchange) {
+    const WebRequest& request = exchange->Request();
     const std::string before = CookieValue(request.cookies, kCookie);
-    std::string session = before;
-    WebReply reply{control.Answer(request.body, request.origin, session), "application/json", ""};
-    if (session != before) {
-        reply.setCookie = std::string(kCookie) + "=" + session + "; Path=/";
-        reply.setCookie += request.origin.scheme == "https" ? "; Secure" : "";
-    }
-    return reply;
+    const char* const scope = request.origin.scheme == "https" ? "; Path=/; Secure" : "; Path=/";
+    const auto finish = [exchange, before, scope](std::string replies, const std::string& session) {
+        WebReply reply{std::move(replies), "application/json", ""};
+        if (session != before) {
+            reply.setCookie = std::string(kCookie) + "=" + session + scope;
+        }
+        exchange->Answer(std::move(reply));
+    };
+    const Waiters::Ticket held = control.Answer(request.body, request.origin, before, finish);
+    exchange->OnHangUp([&waiters, held] { waiters.Leave(held); });
 }
 
 } // namespace
@@ -34,9 +40,9 @@ WebReply AnswerBatch(Control& control, const WebRequest& request) {
 /// In the order in which they build on each other, so that they go in the reverse order.
 struct Hub::Parts {
     explicit Parts(const HubOptions& options)
-        : waiters(store, options.hold),
+        : waiters(loops, store, options.hold), reports(loops, store, waiters, nullptr),
           relay(store, options.visitorAddress,
-                [this](std::int64_t device) { waiters.StatusChanged(device); }),
+                [this](TunnelStatus status) { reports.Add(std::move(status)); }),
           control(store, waiters,
                   {[this](const TunnelRecord& tunnel) { return relay.IsUp(tunnel.relayPort); },
                    [this](const std::vector<TunnelKey>& gone) { relay.Close(gone); }},
@@ -48,7 +54,9 @@ struct Hub::Parts {
 
     UniqueFd lock;
     Store store;
+    Loops loops;
     Waiters waiters;
+    StatusReports reports;
     Relay relay;
     Control control;
     Alias alias;
@@ -84,17 +92,17 @@ bool Hub::Start(std::string& error) {
     const bool relayGood =
         options_.relayPort < 0 ||
         relay.Start(options_.address, options_.relayPort, options_.data + "/relay.key", error);
-    return relayGood && StartWeb(error);
+    return relayGood && parts_->loops.Start(error) && StartWeb(error);
 }
 
 bool Hub::StartWeb(std::string& error) {
     Parts& parts = *parts_;
-    std::map<std::string, WebHandler> pages;
-    pages["/Serv.php"] = [&parts](const WebRequest& request) {
-        return AnswerBatch(parts.control, request);
+    WebPages pages;
+    pages["/Serv.php"] = [&parts](const std::shared_ptr<WebExchange>& exchange) {
+        AnswerBatch(parts.control, parts.waiters, exchange);
     };
     if (options_.httpPort >= 0) {
-        parts.http = std::make_unique<Web>(pages, nullptr);
+        parts.http = std::make_unique<Web>(parts.loops, pages, nullptr);
         if (!parts.http->Start(options_.address, options_.httpPort, error)) {
             return false;
         }
@@ -102,11 +110,12 @@ bool Hub::StartWeb(std::string& error) {
     if (options_.httpsPort < 0) {
         return true;
     }
-    pages["/alias_update.php"] = [&parts](const WebRequest& request) {
-        return WebReply{parts.alias.Update(request.body), "text/plain", ""};
+    pages["/alias_update.php"] = [&parts](const std::shared_ptr<WebExchange>& exchange) {
+        exchange->Answer({parts.alias.Update(exchange->Request().body), "text/plain", ""});
     };
-    pages["/alias_query.php"] = [&parts](const WebRequest& request) {
-        return WebReply{parts.alias.Query(request.body, request.origin), "text/plain", ""};
+    pages["/alias_query.php"] = [&parts](const std::shared_ptr<WebExchange>& exchange) {
+        const WebRequest& request = exchange->Request();
+        exchange->Answer({parts.alias.Query(request.body, request.origin), "text/plain", ""});
     };
     std::set<std::string> names(options_.hosts.begin(), options_.hosts.end());
     names.insert({options_.address, options_.relayHost});
@@ -114,7 +123,7 @@ bool Hub::StartWeb(std::string& error) {
     if (tls == nullptr) {
         return false;
     }
-    parts.https = std::make_unique<Web>(pages, std::move(tls));
+    parts.https = std::make_unique<Web>(parts.loops, pages, std::move(tls));
     return parts.https->Start(options_.address, options_.httpsPort, error);
 }
 
@@ -132,6 +141,7 @@ void Hub::Stop() {
         }
     }
     parts_->relay.Stop();
+    parts_->loops.Stop();
 }
 
 int Hub::HttpPort() const {

@@ -218,7 +218,7 @@ bool Relay::LogIn(RelaySession* session, const std::string& user, const std::str
 }
 
 std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
-    std::int64_t device = 0;
+    TunnelStatus status;
     std::shared_ptr<RelayPort> opened;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -237,12 +237,12 @@ std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
             seat->port = std::make_shared<RelayPort>(std::move(listener));
             seat->port->GiveTo(session);
             up_[static_cast<std::uint16_t>(port)] = true;
-            device = seat->tunnel.device;
+            status = {seat->tunnel.device, seat->tunnel.user, true};
         }
         opened = seat->port;
     }
-    if (device != 0) {
-        statusChanged_(device);
+    if (status.device != 0) {
+        statusChanged_(std::move(status));
     }
     return opened;
 }
@@ -261,19 +261,19 @@ void Relay::Close(const std::vector<TunnelKey>& gone) {
 }
 
 void Relay::Leave(RelaySession* session) {
-    std::int64_t device = 0;
+    TunnelStatus status;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         ForgetStranger(session);
         sessions_.remove(session);
         const auto seat = SeatOf(session);
         if (seat != seats_.end()) {
-            device = stopping_ ? 0 : ClosePort(seat->second);
+            status = stopping_ ? TunnelStatus() : ClosePort(seat->second);
             seats_.erase(seat);
         }
     }
-    if (device != 0) {
-        statusChanged_(device);
+    if (status.device != 0) {
+        statusChanged_(std::move(status));
     }
 }
 
@@ -282,14 +282,14 @@ Relay::Seats::iterator Relay::SeatOf(const RelaySession* session) {
                         [session](const auto& entry) { return entry.second.session == session; });
 }
 
-std::int64_t Relay::ClosePort(Seat& seat) {
+TunnelStatus Relay::ClosePort(Seat& seat) {
     if (seat.port == nullptr) {
-        return 0;
+        return {};
     }
     up_[static_cast<std::uint16_t>(seat.tunnel.relayPort)] = false;
     seat.port->Shut();
     seat.port.reset();
-    return seat.tunnel.device;
+    return {seat.tunnel.device, seat.tunnel.user, false};
 }
 
 } // namespace ZARO::RelayHub

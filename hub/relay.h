@@ -27,10 +27,10 @@ namespace ZARO::RelayHub {
 /// thread per session. Any thread may call the public methods.
 class Relay : private RelayDesk {
 public:
-    using StatusChanged = std::function<void(std::int64_t device)>;
+    using StatusChanged = std::function<void(TunnelStatus status)>;
 
     /// `visitorAddress` is where the tunnels' ports listen. `statusChanged` is told when a tunnel
-    /// of a device goes up or down.
+    /// goes up or down.
     Relay(Store& store, std::string visitorAddress, StatusChanged statusChanged);
     ~Relay();
 
@@ -75,8 +75,8 @@ private:
     void ForgetStranger(const RelaySession* session);
     void Leave(RelaySession* session);
     Seats::iterator SeatOf(const RelaySession* session);
-    /// Closes the seat's port. Returns the device whose tunnel went down, or 0.
-    std::int64_t ClosePort(Seat& seat);
+    /// Closes the seat's port. Returns the tunnel that went down; its device is 0 if none did.
+    TunnelStatus ClosePort(Seat& seat);
 
     Store& store_;
     const std::string visitorAddress_;

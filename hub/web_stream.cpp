@@ -1,12 +1,9 @@
 #include "hub/web_stream.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <utility>
 
 #include <openssl/err.h>
 
@@ -14,179 +11,105 @@
 
 namespace ZARO::RelayHub {
 
-namespace {
-
-using std::chrono::seconds;
-
-/// From the first byte of a request to its last one; also for a TLS handshake.
-constexpr auto kRequestTime = seconds(15);
-constexpr auto kReplyTime = seconds(10);
-constexpr auto kLingerTime = seconds(2);
-
-constexpr std::size_t kHeadBytes = 32 << 10;
-
-/// Room for a body of 256 KiB in small chunks; one that is refused for its size is read off up to
-/// here, so that the peer sees the refusal.
-constexpr std::size_t kBodyBytes = 4 << 20;
-
-} // namespace
-
-WebStream::WebStream(UniqueFd fd, SSL_CTX* tls)
-    : fd_(std::move(fd)), tls_(tls == nullptr ? nullptr : SSL_new(tls)), buffer_{} {
-    broken_ = tls != nullptr && (tls_ == nullptr || SSL_set_fd(tls_.get(), fd_.Get()) != 1);
-}
-
-WebStream::~WebStream() {
-    if (tls_ != nullptr && !broken_) {
-        (void)SSL_shutdown(tls_.get()); // a courtesy; nobody waits for the answer
+WebStream::WebStream(Loop& loop, UniqueFd fd, SSL_CTX* tls)
+    : socket_(loop), tls_(tls == nullptr ? nullptr : SSL_new(tls)) {
+    boost::system::error_code failed;
+    (void)socket_.assign(fd.Get(), failed);
+    if (!failed) {
+        (void)fd.Release();
     }
+    broken_ = failed || (tls != nullptr &&
+                         (tls_ == nullptr || SSL_set_fd(tls_.get(), socket_.native_handle()) != 1));
 }
 
-bool WebStream::Begin() {
-    const auto deadline = Clock::now() + kRequestTime;
-    while (!broken_ && tls_ != nullptr) {
-        const int result = SSL_accept(tls_.get());
-        if (result == 1) {
-            return true;
-        }
-        broken_ = !WaitForTls(result, deadline);
+WebStream::Result WebStream::Begin() {
+    if (broken_ || tls_ == nullptr) {
+        return broken_ ? Result::Broken : Result::Done;
     }
-    return !broken_;
+    const int result = SSL_accept(tls_.get());
+    return result == 1 ? Result::Done : OfTls(result);
 }
 
-void WebStream::AllowBody() {
-    budget_ = kBodyBytes;
-}
-
-bool WebStream::WaitForRequest(seconds idle) {
-    budget_ = kHeadBytes;
-    if (broken_ || (from_ == to_ && Fill(Clock::now() + idle) != 1)) {
-        return false;
-    }
-    readDeadline_ = Clock::now() + kRequestTime;
-    return true;
-}
-
-void WebStream::Linger() {
+WebStream::Result WebStream::Read(char* to, std::size_t size, std::size_t& got) {
     if (broken_) {
-        return;
+        return Result::Broken;
     }
-    (void)shutdown(fd_.Get(), SHUT_WR);
-    const auto deadline = Clock::now() + kLingerTime;
-    budget_ = kBodyBytes;
+    if (tls_ != nullptr) {
+        const int count = SSL_read(tls_.get(), to, static_cast<int>(size));
+        got = static_cast<std::size_t>(std::max(count, 0));
+        return count > 0 ? Result::Done : OfTls(count);
+    }
+    ssize_t count = 0;
     do {
-        from_ = to_;
-    } while (Fill(deadline) == 1);
-    broken_ = true;
-}
-
-void WebStream::Shut(bool everything) {
-    // The descriptor lives as long as this object, so another thread can do this safely.
-    (void)shutdown(fd_.Get(), everything ? SHUT_RDWR : SHUT_RD);
-}
-
-int WebStream::Fill(Clock::time_point deadline) {
-    while (!broken_ && budget_ > 0) {
-        const std::size_t room = std::min(buffer_.size(), budget_);
-        ssize_t got = 0;
-        if (tls_ != nullptr) {
-            got = SSL_read(tls_.get(), buffer_.data(), static_cast<int>(room));
-            if (got <= 0 && WaitForTls(static_cast<int>(got), deadline)) {
-                continue;
-            }
-        } else {
-            got = recv(fd_.Get(), buffer_.data(), room, 0);
-            if (got < 0 && (errno == EAGAIN || errno == EINTR) && WaitFor(POLLIN, deadline)) {
-                continue;
-            }
-        }
-        if (got <= 0) {
-            break;
-        }
-        from_ = 0;
-        to_ = static_cast<std::size_t>(got);
-        budget_ -= to_;
-        return 1;
+        count = recv(socket_.native_handle(), to, size, 0);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0 && errno == EAGAIN) {
+        return Result::WantRead;
     }
-    broken_ = true;
-    return -1;
+    broken_ = count < 0;
+    got = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    return count > 0 ? Result::Done : broken_ ? Result::Broken : Result::Ended;
 }
 
-bool WebStream::WaitForTls(int result, Clock::time_point deadline) {
+WebStream::Result WebStream::Write(const char* from, std::size_t size, std::size_t& sent) {
+    if (broken_) {
+        return Result::Broken;
+    }
+    if (tls_ != nullptr) {
+        const int count =
+            SSL_write(tls_.get(), from, static_cast<int>(std::min<std::size_t>(size, 1 << 16)));
+        sent = static_cast<std::size_t>(std::max(count, 0));
+        return count > 0 ? Result::Done : OfTls(count);
+    }
+    ssize_t count = 0;
+    do {
+        count = send(socket_.native_handle(), from, size, MSG_NOSIGNAL);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0 && errno == EAGAIN) {
+        return Result::WantWrite;
+    }
+    broken_ = count < 0;
+    sent = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    return broken_ ? Result::Broken : Result::Done;
+}
+
+WebStream::Result WebStream::OfTls(int result) {
     const int reason = SSL_get_error(tls_.get(), result);
     ERR_clear_error(); // the queue belongs to the thread and must not disturb its next call
-    return reason == SSL_ERROR_WANT_READ    ? WaitFor(POLLIN, deadline)
-           : reason == SSL_ERROR_WANT_WRITE ? WaitFor(POLLOUT, deadline)
-                                            : false;
-}
-
-bool WebStream::WaitFor(short events, Clock::time_point deadline) const {
-    for (;;) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-        if (left <= 0) {
-            return false;
-        }
-        pollfd wait{fd_.Get(), events, 0};
-        const int ready = poll(&wait, 1, static_cast<int>(left));
-        if (ready > 0) {
-            return true;
-        }
-        if (ready < 0 && errno != EINTR) {
-            return false;
-        }
+    switch (reason) {
+    case SSL_ERROR_WANT_READ:
+        return Result::WantRead;
+    case SSL_ERROR_WANT_WRITE:
+        return Result::WantWrite;
+    case SSL_ERROR_ZERO_RETURN:
+        return Result::Ended;
+    default:
+        broken_ = true;
+        return Result::Broken;
     }
 }
 
-bool WebStream::is_readable() const {
-    return from_ < to_ || WaitFor(POLLIN, readDeadline_);
-}
-
-bool WebStream::is_writable() const {
-    return !broken_;
-}
-
-ssize_t WebStream::read(char* to, std::size_t size) {
-    if (from_ == to_ && Fill(readDeadline_) != 1) {
-        return -1;
+void WebStream::EndWriting() {
+    if (tls_ != nullptr && !broken_) {
+        (void)SSL_shutdown(tls_.get()); // a courtesy; nobody waits for the answer
+        ERR_clear_error();
     }
-    const std::size_t taken = std::min(size, to_ - from_);
-    memcpy(to, buffer_.data() + from_, taken);
-    from_ += taken;
-    return static_cast<ssize_t>(taken);
-}
-
-ssize_t WebStream::write(const char* from, std::size_t size) {
-    const auto deadline = Clock::now() + kReplyTime;
-    std::size_t done = 0;
-    while (!broken_ && done < size) {
-        const std::size_t part = std::min<std::size_t>(size - done, 1 << 16);
-        ssize_t sent = 0;
-        if (tls_ != nullptr) {
-            sent = SSL_write(tls_.get(), from + done, static_cast<int>(part));
-            broken_ = sent <= 0 && !WaitForTls(static_cast<int>(sent), deadline);
-        } else {
-            sent = send(fd_.Get(), from + done, part, MSG_NOSIGNAL);
-            broken_ =
-                sent < 0 && !((errno == EAGAIN || errno == EINTR) && WaitFor(POLLOUT, deadline));
-        }
-        done += static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
+    if (socket_.is_open()) {
+        (void)shutdown(socket_.native_handle(), SHUT_WR);
     }
-    return broken_ ? -1 : static_cast<ssize_t>(size);
 }
 
-void WebStream::get_remote_ip_and_port(std::string& ip, int& port) const {
-    ip = PeerOf(fd_.Get(), port);
+void WebStream::Close() {
+    EndWriting();
+    boost::system::error_code ignored; // a close that fails leaves nothing to do
+    (void)socket_.close(ignored);
+    tls_.reset();
+    broken_ = true;
 }
 
-void WebStream::get_local_ip_and_port(std::string& ip, int& port) const {
-    ip.clear();
-    port = PortOf(fd_.Get());
-}
-
-socket_t WebStream::socket() const {
-    // The library compares it with the bound of select(), which is never used on this stream.
-    return 0;
+std::string WebStream::Peer() {
+    int port = 0;
+    return PeerOf(socket_.native_handle(), port);
 }
 
 } // namespace ZARO::RelayHub

@@ -1,64 +1,68 @@
-/// The byte stream of one web client, plain or TLS, as the HTTP library wants it.
+/// The byte stream of one web client, plain or TLS, that never blocks.
 #pragma once
 
-#include <array>
-#include <chrono>
+#include <cstddef>
 #include <memory>
 #include <string>
+#include <utility>
 
-#include <httplib.h>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <openssl/ssl.h>
 
 #include "base/unique_fd.h"
-#include "hub/web.h"
+#include "hub/loops.h"
 
 namespace ZARO::RelayHub {
 
-/// For one thread; only Shut() may come from another one. Bounds the time and the bytes that one
-/// request may take, which the HTTP library leaves open.
-class WebStream final : public httplib::Stream {
+struct SslDeleter {
+    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+    void operator()(SSL* ssl) const { SSL_free(ssl); }
+};
+using SslContext = std::unique_ptr<SSL_CTX, SslDeleter>;
+
+/// For the thread of its loop. It keeps no buffer: TLS works on the descriptor itself, so that an
+/// idle client costs little memory.
+class WebStream {
 public:
-    using Clock = std::chrono::steady_clock;
+    enum class Result {
+        Done,
+        WantRead,  ///< again when there is something to read
+        WantWrite, ///< again when there is room to write
+        Ended,     ///< the peer sends no more
+        Broken,    ///< nothing more can be exchanged
+    };
+
+    /// A record of TLS never holds more. A read with that much room leaves none half read.
+    static constexpr std::size_t kRecord = 16 << 10;
 
     /// `tls` null = plain.
-    WebStream(UniqueFd fd, SSL_CTX* tls);
-    ~WebStream() override;
+    WebStream(Loop& loop, UniqueFd fd, SSL_CTX* tls);
 
-    /// Does the TLS handshake, if there is one. False when the peer fails in it.
-    bool Begin();
-    /// Waits for the first byte of a request, at most `idle`, and gives the request its time and
-    /// the bytes that its head may have.
-    bool WaitForRequest(std::chrono::seconds idle);
-    /// The head is read: now the body may come.
-    void AllowBody();
-    /// Ends an exchange whose request was not read to its end: the peer gets the time to take the
-    /// reply before the connection is torn down.
-    void Linger();
-    /// Ends reading, or everything, so that the owning thread comes to its end.
-    void Shut(bool everything);
+    /// Does the next step of the TLS handshake, if there is one.
+    Result Begin();
+    /// `got` bytes came on Done.
+    Result Read(char* to, std::size_t size, std::size_t& got);
+    /// `sent` bytes went out on Done, perhaps not all.
+    Result Write(const char* from, std::size_t size, std::size_t& sent);
+    /// Says that nothing more will be sent.
+    void EndWriting();
+    void Close();
+    std::string Peer();
 
-    bool is_readable() const override;
-    bool is_writable() const override;
-    ssize_t read(char* to, std::size_t size) override;
-    ssize_t write(const char* from, std::size_t size) override;
-    void get_remote_ip_and_port(std::string& ip, int& port) const override;
-    void get_local_ip_and_port(std::string& ip, int& port) const override;
-    socket_t socket() const override;
+    /// Calls `ready` on the loop when the result that said so can be tried again, or when that
+    /// can't be waited for any longer.
+    template <typename Ready> void Wait(Result want, Ready ready) {
+        socket_.async_wait(
+            want == Result::WantWrite ? asio::posix::stream_descriptor::wait_write
+                                      : asio::posix::stream_descriptor::wait_read,
+            [ready = std::move(ready)](const boost::system::error_code&) mutable { ready(); });
+    }
 
 private:
-    using SslHandle = std::unique_ptr<SSL, SslDeleter>;
+    Result OfTls(int result);
 
-    /// Fills the empty buffer. 1 = done, 0 = the peer sends no more, -1 = failed or out of time.
-    int Fill(Clock::time_point deadline);
-    /// What a TLS call wants next, waited for until `deadline`. False when it failed.
-    bool WaitForTls(int result, Clock::time_point deadline);
-    bool WaitFor(short events, Clock::time_point deadline) const;
-
-    const UniqueFd fd_;
-    const SslHandle tls_;
-    std::array<char, 4096> buffer_;
-    std::size_t from_ = 0, to_ = 0; ///< the unread part of the buffer
-    std::size_t budget_ = 0;        ///< bytes that the request may still have
-    Clock::time_point readDeadline_;
+    asio::posix::stream_descriptor socket_;
+    std::unique_ptr<SSL, SslDeleter> tls_;
     bool broken_ = false; ///< nothing more can be exchanged
 };
 
