@@ -77,7 +77,7 @@ public:
 
     /// Whether other hosts may use the database at the same time.
     virtual bool IsShared() const = 0;
-    /// Whether this connection is lost for good.
+    /// Whether this connection is of no use for further work.
     virtual bool IsLost() const { return false; }
 
     /// The text for this engine, where the two differ.

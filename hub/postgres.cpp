@@ -135,6 +135,10 @@ void Postgres::Execute(const char* sql) {
     (void)Finish(PQsendQuery(connection_.get(), sql) == 1, sql);
 }
 
+bool Postgres::IsLost() const {
+    return connection_ == nullptr || PQtransactionStatus(connection_.get()) != PQTRANS_IDLE;
+}
+
 const std::string& Postgres::Prepare(const char* sql, const std::vector<Value>& values) {
     constexpr Oid kBigint = 20;
     const auto known = names_.find(sql);

@@ -41,7 +41,8 @@ public:
     void Commit() override { Execute("COMMIT"); }
     void Rollback() override { Execute("ROLLBACK"); }
     bool IsShared() const override { return true; }
-    bool IsLost() const override { return connection_ == nullptr; }
+    /// Also when a transaction is left open on it.
+    bool IsLost() const override;
     /// For what needs libpq itself; null once it is lost.
     PGconn* Connection() const { return connection_.get(); }
 

@@ -1,4 +1,4 @@
-/// The tables of the hub's database.
+/// The tables of the hub's database, and their versions.
 #pragma once
 
 #include <memory>
@@ -8,9 +8,10 @@
 
 namespace ZARO::RelayHub {
 
-/// Opens `file` and makes the tables unless they are there. Every tunnel list gets a new revision,
-/// as no tunnel is up now. When nothing can be written, as on a full disk, a database that has its
-/// tables is opened all the same. Throws DatabaseFault.
-std::unique_ptr<Database> OpenWithTables(const std::string& file);
+/// Opens the file or connects to the server that `target` names. Makes the tables, or brings those
+/// of an older hub up to date, unless another process is doing so at the moment: then it waits for
+/// that. A file of the current version is opened even when nothing can be written, as on a full
+/// disk. Throws DatabaseFault.
+std::unique_ptr<Database> OpenWithTables(const std::string& target);
 
 } // namespace ZARO::RelayHub

@@ -6,6 +6,7 @@
 #include "hub/store_access.h"
 #include "hub/store_aliases.h"
 #include "hub/store_devices.h"
+#include "hub/store_ports.h"
 #include "hub/store_services.h"
 
 namespace ZARO::RelayHub {
@@ -17,13 +18,22 @@ class Store {
     StoreAccess access_; // first, as the parts refer to it
 
 public:
-    /// Opens or makes the database file, mode 0600, before any part is used. False with the reason
-    /// in `error`.
-    bool Open(const std::string& file, PortPool pool, std::string& error);
+    /// Opens the database that `target` names, before any part is used: a file, which is made with
+    /// mode 0600, or the URL of a PostgreSQL server. False with the reason in `error`, which never
+    /// shows a password.
+    bool Open(const std::string& target, std::string& error);
+    /// The same for a process with the only relay of the database, which has these ports and no
+    /// session yet.
+    bool Open(const std::string& target, PortPool pool, std::string& error);
 
     DeviceStore devices{access_};
-    ServiceStore services{access_};
+    PortStore ports{access_};
+    ServiceStore services{access_, ports};
     AliasStore aliases{access_};
+
+private:
+    /// Makes the relay of a database that has only one.
+    StoreResult MakeOnlyRelay(std::int64_t& relay);
 };
 
 } // namespace ZARO::RelayHub

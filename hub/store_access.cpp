@@ -1,17 +1,71 @@
 #include "hub/store_access.h"
 
+#include <cstddef>
+#include <memory>
+
 #include "hub/log.h"
+#include "hub/postgres.h"
 #include "hub/schema.h"
 
 namespace ZARO::RelayHub {
 
-void StoreAccess::Open(const std::string& file) {
-    database_ = OpenWithTables(file);
+namespace {
+
+constexpr std::size_t kConnections = 4; // as many as there are workers
+constexpr int kConflicts = 5;           // then the work fails
+
+} // namespace
+
+void StoreAccess::Open(const std::string& target) {
+    pool_.Open(OpenWithTables(target), IsPostgresUrl(target) ? kConnections : 1,
+               [target] { return std::make_unique<Postgres>(target); });
 }
 
-StoreResult StoreAccess::Failed(const char* what, const std::exception& fault) {
-    Log(Level::Error, "store", "%s failed: %s", what, fault.what());
+StoreResult StoreAccess::Read(const char* what, const Work& work) {
+    bool wasLost = false;
+    for (int conflicts = 0;;) {
+        try {
+            const DatabasePool::Lease database(pool_);
+            return work(*database);
+        } catch (const DatabaseFault& fault) {
+            const bool isAway = fault.kind == FaultKind::Away;
+            const bool again = isAway
+                                   ? !wasLost && !pool_.IsAway()
+                                   : fault.kind == FaultKind::Conflict && ++conflicts < kConflicts;
+            if (!again) {
+                return Failed(what, fault, isAway && pool_.IsAway());
+            }
+            wasLost = wasLost || isAway;
+        } catch (const std::exception& fault) {
+            return Failed(what, fault);
+        }
+    }
+}
+
+StoreResult StoreAccess::Write(const char* what, const Work& work) {
+    return Read(what, [&work](Database& database) {
+        Transaction transaction(database);
+        const StoreResult result = work(database);
+        if (result == StoreResult::Done) {
+            transaction.Commit();
+        }
+        return result;
+    });
+}
+
+StoreResult StoreAccess::Failed(const char* what, const std::exception& fault, bool isLogged) {
+    if (!isLogged) {
+        Log(Level::Error, "store", "%s failed: %s", what, fault.what());
+    }
     return StoreResult::Fault;
+}
+
+bool LockDevice(Database& database, std::int64_t device) {
+    Query lock(database,
+               database.Sql("SELECT 1 FROM device WHERE key = $1",
+                            "SELECT 1 FROM device WHERE key = $1 FOR UPDATE"),
+               device);
+    return lock.Next();
 }
 
 } // namespace ZARO::RelayHub

@@ -1,13 +1,12 @@
-/// How the parts of the store reach the database: one piece of work at a time, all of it or
-/// nothing.
+/// How the parts of the store reach the database: all of a piece of work or nothing.
 #pragma once
 
 #include <exception>
-#include <memory>
-#include <mutex>
+#include <functional>
 #include <string>
 
 #include "hub/database.h"
+#include "hub/database_pool.h"
 
 namespace ZARO::RelayHub {
 
@@ -20,41 +19,32 @@ enum class StoreResult {
     Fault, ///< the database failed; it is logged
 };
 
-/// The open database with its lock. Any thread may call Read and Write; both block while another
-/// thread is at work, and don't throw.
+/// The open database. Any thread may call Read and Write; they block for the database, and while
+/// every connection is in use, and don't throw. A file has one connection, a server four.
 class StoreAccess {
 public:
-    /// Opens or makes the database, before anything else is called. Throws what went wrong.
-    void Open(const std::string& file);
+    using Work = std::function<StoreResult(Database&)>;
 
-    /// Calls `work(database)` and returns its result. What `work` throws is logged as a failure of
-    /// `what` and becomes Fault.
-    template <typename Work> StoreResult Read(const char* what, Work work) {
-        try {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            return work(*database_);
-        } catch (const std::exception& fault) {
-            return Failed(what, fault);
-        }
-    }
+    /// Opens or makes the database, before anything else is called. Throws what went wrong.
+    void Open(const std::string& target);
+
+    /// Calls `work` and returns its result. It is called again when the connection turned out dead
+    /// or somebody else's change came between, so it must not rely on what an earlier call has put
+    /// into its outputs. What it throws otherwise is logged as a failure of `what` and becomes
+    /// Fault.
+    StoreResult Read(const char* what, const Work& work);
 
     /// The same within a transaction, which is kept only when `work` returns Done.
-    template <typename Work> StoreResult Write(const char* what, Work work) {
-        return Read(what, [&work](Database& database) {
-            Transaction transaction(database);
-            const StoreResult result = work(database);
-            if (result == StoreResult::Done) {
-                transaction.Commit();
-            }
-            return result;
-        });
-    }
+    StoreResult Write(const char* what, const Work& work);
 
 private:
-    static StoreResult Failed(const char* what, const std::exception& fault);
+    StoreResult Failed(const char* what, const std::exception& fault, bool isLogged = false);
 
-    std::mutex mutex_;
-    std::unique_ptr<Database> database_;
+    DatabasePool pool_;
 };
+
+/// Locks the device's row, so that two hosts don't change one device at the same time: the first
+/// step of a transaction that changes it. False when there is no such device.
+bool LockDevice(Database& database, std::int64_t device);
 
 } // namespace ZARO::RelayHub

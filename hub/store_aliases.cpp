@@ -1,20 +1,15 @@
 #include "hub/store_aliases.h"
 
-#include <ctime>
-
 namespace ZARO::RelayHub {
 
 namespace {
 
-std::int64_t Now() {
-    return time(nullptr);
-}
-
 /// The device whose name it is; 0 = `device` may have it.
 std::int64_t OwnerOf(Database& database, const std::string& name, std::int64_t device) {
     Query owner(database,
-                "SELECT device FROM alias WHERE name = $1 AND (expires > $2 OR device = $3)", name,
-                Now(), device);
+                "SELECT device FROM alias WHERE name = $1"
+                " AND (expires > unixepoch() OR device = $2)",
+                name, device);
     return owner.Next() ? owner.Integer(0) : 0;
 }
 
@@ -23,13 +18,18 @@ std::int64_t OwnerOf(Database& database, const std::string& name, std::int64_t d
 StoreResult AliasStore::Map(const std::string& name, std::int64_t device,
                             std::chrono::seconds ttl) {
     return access_.Write("alias mapping", [&](Database& database) {
+        (void)LockDevice(database, device); // if it is gone, the next steps say so
         const std::int64_t owner = OwnerOf(database, name, device);
         if (owner != 0 && owner != device) {
             return StoreResult::Taken;
         }
-        Query(database, "DELETE FROM alias WHERE device = $1 OR name = $2", device, name).Run();
-        Query(database, "INSERT INTO alias(name, device, expires) VALUES($1, $2, $3)", name, device,
-              Now() + ttl.count())
+        // Only what was free when it was looked at: another device may have taken it since.
+        Query(database,
+              "DELETE FROM alias WHERE device = $1 OR (name = $2 AND expires <= unixepoch())",
+              device, name)
+            .Run();
+        Query(database, "INSERT INTO alias(name, device, expires) VALUES($1, $2, unixepoch() + $3)",
+              name, device, ttl.count())
             .Run();
         return StoreResult::Done;
     });
@@ -42,7 +42,9 @@ StoreResult AliasStore::Keep(const std::string& name, std::int64_t device,
         if (owner != device) {
             return owner == 0 ? StoreResult::NotFound : StoreResult::Taken;
         }
-        Query(database, "UPDATE alias SET expires = $1 WHERE name = $2", Now() + ttl.count(), name)
+        Query(database,
+              "UPDATE alias SET expires = unixepoch() + $1 WHERE name = $2 AND device = $3",
+              ttl.count(), name, device)
             .Run();
         return StoreResult::Done;
     });
@@ -53,7 +55,7 @@ StoreResult AliasStore::Delete(const std::string& name, std::int64_t device) {
         if (OwnerOf(database, name, device) != device) {
             return StoreResult::NotFound; // also when it is another device's
         }
-        Query(database, "DELETE FROM alias WHERE name = $1", name).Run();
+        Query(database, "DELETE FROM alias WHERE name = $1 AND device = $2", name, device).Run();
         return StoreResult::Done;
     });
 }
@@ -62,8 +64,8 @@ StoreResult AliasStore::Find(const std::string& name, Device& device) {
     return access_.Read("alias look-up", [&](Database& database) {
         Query row(database,
                   "SELECT device.key, server_id FROM alias JOIN device ON device.key = alias.device"
-                  " WHERE name = $1 AND expires > $2",
-                  name, Now());
+                  " WHERE name = $1 AND expires > unixepoch()",
+                  name);
         if (!row.Next()) {
             return StoreResult::NotFound;
         }

@@ -6,6 +6,8 @@ namespace ZARO::RelayHub {
 
 namespace {
 
+constexpr auto kCounting = std::chrono::seconds(10);
+
 /// The serial goes in too, so that equal tokens of two devices don't look equal on disk.
 std::string HashToken(const std::string& serial, const std::string& token) {
     return Sha256(serial + "\n" + token);
@@ -17,10 +19,35 @@ bool HasAnotherDevice(Database& database, const std::string& serverId, std::int6
     return other.Next();
 }
 
-StoreResult Add(Database& database, const Identity& identity, const std::string& token,
-                std::int64_t& key) {
-    Query count(database, "SELECT count(*) FROM device");
-    if (count.Next() && count.Int(0) >= kMaxDevices) {
+void AddSession(Database& database, std::int64_t device, const std::string& session) {
+    Query(database, "INSERT INTO session(hash, device) VALUES($1, $2)", session, device).Run();
+    Query(database,
+          "DELETE FROM session WHERE device = $1 AND key NOT IN"
+          " (SELECT key FROM session WHERE device = $1 ORDER BY key DESC LIMIT $2)",
+          device, kKeptSessions)
+        .Run();
+}
+
+} // namespace
+
+bool DeviceStore::TakeRoom(Database& database) {
+    const auto now = std::chrono::steady_clock::now();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (counted_ == decltype(counted_)() || now >= counted_ + kCounting) {
+        Query count(database, "SELECT count(*) FROM device");
+        count_ = count.Next() ? count.Integer(0) : 0;
+        counted_ = now;
+    }
+    if (count_ >= kMaxDevices) {
+        return false;
+    }
+    ++count_;
+    return true;
+}
+
+StoreResult DeviceStore::Add(Database& database, const Identity& identity, const std::string& token,
+                             std::int64_t& key) {
+    if (!TakeRoom(database)) {
         return StoreResult::Full;
     }
     Query add(
@@ -34,11 +61,13 @@ StoreResult Add(Database& database, const Identity& identity, const std::string&
     return StoreResult::Done;
 }
 
-/// Adds the device or takes over what changed.
-StoreResult Admit(Database& database, const Identity& identity, std::int64_t& key) {
+StoreResult DeviceStore::Admit(Database& database, const Identity& identity, std::int64_t& key) {
     const std::string token = HashToken(identity.serial, identity.token);
     {
-        Query known(database, "SELECT key, token FROM device WHERE serial = $1", identity.serial);
+        Query known(database,
+                    database.Sql("SELECT key, token FROM device WHERE serial = $1",
+                                 "SELECT key, token FROM device WHERE serial = $1 FOR UPDATE"),
+                    identity.serial);
         if (known.Next()) {
             if (!EqualSecrets(known.Text(1), token)) {
                 return StoreResult::Refused;
@@ -58,17 +87,6 @@ StoreResult Admit(Database& database, const Identity& identity, std::int64_t& ke
     return StoreResult::Done;
 }
 
-void AddSession(Database& database, std::int64_t device, const std::string& session) {
-    Query(database, "INSERT INTO session(hash, device) VALUES($1, $2)", session, device).Run();
-    Query(database,
-          "DELETE FROM session WHERE device = $1 AND key NOT IN"
-          " (SELECT key FROM session WHERE device = $1 ORDER BY key DESC LIMIT $2)",
-          device, kKeptSessions)
-        .Run();
-}
-
-} // namespace
-
 bool DeviceStore::HasAny() {
     return access_.Read("look for devices", [](Database& database) {
         Query any(database, "SELECT 1 FROM device LIMIT 1");
@@ -80,6 +98,7 @@ StoreResult DeviceStore::Register(const Identity& identity, const std::string& s
                                   Device& device) {
     std::int64_t key = 0;
     const StoreResult result = access_.Write("register", [&](Database& database) {
+        key = 0;
         const StoreResult admitted = Admit(database, identity, key);
         if (admitted == StoreResult::Done) {
             AddSession(database, key, session);

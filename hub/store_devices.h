@@ -1,7 +1,9 @@
 /// The devices that were admitted, and their sessions.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "hub/store_access.h"
@@ -42,7 +44,20 @@ public:
     StoreResult SetNetwork(std::int64_t device, const std::string& network);
 
 private:
+    // The steps below run inside a piece of work on the database.
+
+    /// Adds the device or takes over what changed.
+    StoreResult Admit(Database& database, const Identity& identity, std::int64_t& key);
+    StoreResult Add(Database& database, const Identity& identity, const std::string& token,
+                    std::int64_t& key);
+    /// Whether there may be one more device, which is counted at once. The real number is looked up
+    /// every 10 s only; several control servers may exceed the limit by what they add meanwhile.
+    bool TakeRoom(Database& database);
+
     StoreAccess& access_;
+    std::mutex mutex_; ///< for what follows
+    std::int64_t count_ = 0;
+    std::chrono::steady_clock::time_point counted_; ///< the epoch = never
 };
 
 } // namespace ZARO::RelayHub

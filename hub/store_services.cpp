@@ -1,23 +1,39 @@
 #include "hub/store_services.h"
 
+#include <map>
+#include <optional>
 #include <set>
+#include <utility>
 
+#include "base/json.h"
 #include "hub/secret.h"
 
 namespace ZARO::RelayHub {
 
 namespace {
 
+/// `row` is of the view that shows tunnels with their relays.
 TunnelRecord TunnelOf(const Query& row) {
     TunnelRecord tunnel;
     tunnel.device = row.Integer(0);
     tunnel.id = row.Text(1);
     tunnel.name = row.Text(2);
     tunnel.port = row.Int(3);
-    tunnel.relayPort = row.Int(4);
-    tunnel.user = row.Text(5);
-    tunnel.password = row.Text(6);
+    tunnel.relay = row.Integer(4);
+    tunnel.relayHost = row.Text(5);
+    tunnel.relayPort = row.Int(6);
+    tunnel.user = row.Text(7);
+    tunnel.password = row.Text(8);
+    tunnel.up = row.Int(9) != 0;
     return tunnel;
+}
+
+std::vector<TunnelRecord> TunnelsOfRows(Query& rows) {
+    std::vector<TunnelRecord> tunnels;
+    while (rows.Next()) {
+        tunnels.push_back(TunnelOf(rows));
+    }
+    return tunnels;
 }
 
 int Bump(Database& database, std::int64_t device) {
@@ -28,10 +44,38 @@ int Bump(Database& database, std::int64_t device) {
     return change.Next() ? change.Int(0) : 0;
 }
 
-/// Adds the tunnels that a deletion returns to `gone`.
-void Collect(Query& deletion, std::vector<TunnelKey>& gone) {
+/// The names as the keys of a JSON object, which one statement can take whatever their number.
+std::string AsKeys(const std::set<std::string>& names) {
+    Json::Value object(Json::objectValue);
+    for (const std::string& name : names) {
+        object[name] = 1;
+    }
+    return json::Compact(object);
+}
+
+/// Gives the lists of all these devices their next revisions. The rows are locked in one order, so
+/// that two hosts don't wait for each other.
+void BumpAll(Database& database, const std::set<std::string>& devices) {
+    const std::string keys = AsKeys(devices);
+    if (database.IsShared()) {
+        Query(database,
+              "SELECT key FROM device WHERE key IN"
+              " (SELECT CAST(key AS BIGINT) FROM json_each($1)) ORDER BY key FOR UPDATE",
+              keys)
+            .Run();
+    }
+    Query(database,
+          "UPDATE device SET revision = revision % 2147483647 + 1 WHERE key IN"
+          " (SELECT CAST(key AS BIGINT) FROM json_each($1))",
+          keys)
+        .Run();
+}
+
+/// Adds the tunnels that a deletion returns to `gone`, and frees their ports.
+void Collect(Database& database, Query& deletion, std::vector<TunnelKey>& gone) {
     while (deletion.Next()) {
-        gone.push_back({0, deletion.Text(0)});
+        gone.push_back({deletion.Integer(0), deletion.Text(1)});
+        PortStore::Free(database, {deletion.Integer(0), deletion.Int(2)});
     }
 }
 
@@ -39,17 +83,19 @@ void Remove(Database& database, std::int64_t device, const std::vector<std::stri
             std::vector<TunnelKey>& gone) {
     for (const std::string& id : ids) {
         Query deletion(database,
-                       "DELETE FROM service WHERE device = $1 AND id = $2 RETURNING relay_user",
+                       "DELETE FROM service WHERE device = $1 AND id = $2"
+                       " RETURNING relay, relay_user, relay_port",
                        device, id);
-        Collect(deletion, gone);
+        Collect(database, deletion, gone);
     }
 }
 
 void RemoveStale(Database& database, std::int64_t device, std::vector<TunnelKey>& gone) {
     Query deletion(database,
-                   "DELETE FROM service WHERE device = $1 AND stale = 1 RETURNING relay_user",
+                   "DELETE FROM service WHERE device = $1 AND stale = 1"
+                   " RETURNING relay, relay_user, relay_port",
                    device);
-    Collect(deletion, gone);
+    Collect(database, deletion, gone);
 }
 
 void Refresh(Database& database, std::int64_t device, const std::vector<ServiceRecord>& services) {
@@ -67,6 +113,10 @@ StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceR
                                  std::vector<TunnelKey>& gone) {
     std::vector<TunnelKey> users;
     const StoreResult result = access_.Write("service update", [&](Database& database) {
+        users.clear();
+        if (!LockDevice(database, device)) {
+            return StoreResult::NotFound;
+        }
         // What goes makes room for what comes.
         Remove(database, device, removed, users);
         Refresh(database, device, present);
@@ -92,21 +142,18 @@ StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceR
 StoreResult ServiceStore::Put(Database& database, std::int64_t device, const ServiceRecord& service,
                               bool& changed) {
     {
-        Query known(database,
-                    "SELECT name, port, external_port FROM service WHERE device = $1 AND id = $2",
-                    device, service.id);
+        Query known(database, "SELECT 1 FROM service WHERE device = $1 AND id = $2", device,
+                    service.id);
         if (!known.Next()) {
             changed = true;
             return Add(database, device, service);
         }
-        changed = changed || known.Text(0) != service.name || known.Int(1) != service.port ||
-                  known.Int(2) != service.externalPort;
     }
-    Query(
-        database,
-        "UPDATE service SET name = $1, port = $2, external_port = $3 WHERE device = $4 AND id = $5",
-        service.name, service.port, service.externalPort, device, service.id)
-        .Run();
+    Query change(database,
+                 "UPDATE service SET name = $3, port = $4, external_port = $5 WHERE device = $1"
+                 " AND id = $2 AND (name <> $3 OR port <> $4 OR external_port <> $5) RETURNING id",
+                 device, service.id, service.name, service.port, service.externalPort);
+    changed = change.Next() || changed;
     return StoreResult::Done;
 }
 
@@ -116,49 +163,25 @@ StoreResult ServiceStore::Add(Database& database, std::int64_t device,
     if (count.Next() && count.Int(0) >= kMaxServices) {
         return StoreResult::Full;
     }
-    const std::optional<int> port = NextPort(database);
+    const std::optional<TunnelPort> port = ports_.Assign(database, device);
     if (!port) {
-        shortages_.Log("store", "every port of %d-%d is taken", pool_.first, pool_.last);
         return StoreResult::Full;
     }
-    Query(database,
-          "INSERT INTO service(device, id, name, port, external_port, relay_port, relay_user,"
-          " relay_password) VALUES($1, $2, $3, $4, $5, $6, $7, $8)",
-          device, service.id, service.name, service.port, service.externalPort, *port,
-          "t" + RandomText(15), RandomText(32))
+    Query(
+        database,
+        "INSERT INTO service(device, id, name, port, external_port, relay, relay_port, relay_user,"
+        " relay_password) VALUES($1, $2, $3, $4, $5, $6, $7, $8, $9)",
+        device, service.id, service.name, service.port, service.externalPort, port->relay,
+        port->port, "t" + RandomText(15), RandomText(32))
         .Run();
     return StoreResult::Done;
-}
-
-/// Ports are handed out in turn, so that the address of a service that is gone leads nowhere for as
-/// long as possible instead of to somebody else's service.
-std::optional<int> ServiceStore::NextPort(Database& database) {
-    int last = 0;
-    {
-        Query cursor(database, "SELECT port FROM port_cursor");
-        last = cursor.Next() ? cursor.Int(0) : 0;
-    }
-    const int size = pool_.last - pool_.first + 1;
-    const int start = last >= pool_.first && last <= pool_.last ? last - pool_.first + 1 : 0;
-    for (int i = 0; i < size; ++i) {
-        const int port = pool_.first + (start + i) % size;
-        {
-            Query used(database, "SELECT 1 FROM service WHERE relay_port = $1", port);
-            if (used.Next()) {
-                continue;
-            }
-        }
-        if (!pool_.isFree || pool_.isFree(port)) {
-            Query(database, "UPDATE port_cursor SET port = $1", port).Run();
-            return port;
-        }
-    }
-    return std::nullopt;
 }
 
 StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>& gone) {
     std::vector<TunnelKey> users;
     const StoreResult result = access_.Write("service removal", [&](Database& database) {
+        users.clear();
+        (void)LockDevice(database, device); // one that is gone has no services
         RemoveStale(database, device, users);
         if (!users.empty()) {
             (void)Bump(database, device);
@@ -173,25 +196,23 @@ StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>&
 
 StoreResult ServiceStore::ListTunnels(std::int64_t device, std::vector<TunnelRecord>& tunnels) {
     return access_.Read("tunnel list", [&](Database& database) {
-        std::vector<TunnelRecord> found;
-        Query rows(database,
-                   "SELECT device, id, name, port, relay_port, relay_user, relay_password"
-                   " FROM service WHERE device = $1 ORDER BY id",
-                   device);
-        while (rows.Next()) {
-            found.push_back(TunnelOf(rows));
-        }
-        tunnels = std::move(found);
+        Query rows(database, "SELECT * FROM tunnel WHERE device = $1 ORDER BY id", device);
+        tunnels = TunnelsOfRows(rows);
+        return StoreResult::Done;
+    });
+}
+
+StoreResult ServiceStore::TunnelsOf(std::int64_t relay, std::vector<TunnelRecord>& tunnels) {
+    return access_.Read("list of a relay's tunnels", [&](Database& database) {
+        Query rows(database, "SELECT * FROM tunnel WHERE relay = $1", relay);
+        tunnels = TunnelsOfRows(rows);
         return StoreResult::Done;
     });
 }
 
 StoreResult ServiceStore::FindTunnel(const std::string& user, TunnelRecord& tunnel) {
     return access_.Read("tunnel look-up", [&](Database& database) {
-        Query row(database,
-                  "SELECT device, id, name, port, relay_port, relay_user, relay_password"
-                  " FROM service WHERE relay_user = $1",
-                  user);
+        Query row(database, "SELECT * FROM tunnel WHERE relay_user = $1", user);
         if (!row.Next()) {
             return StoreResult::NotFound;
         }
@@ -224,14 +245,36 @@ StoreResult ServiceStore::BumpRevision(std::int64_t device, int& revision) {
 }
 
 StoreResult ServiceStore::ReportStatus(const std::vector<TunnelStatus>& changes) {
-    std::set<std::int64_t> devices;
+    std::set<std::string> devices;
+    std::map<std::pair<std::int64_t, bool>, std::set<std::string>> users;
     for (const TunnelStatus& change : changes) {
-        devices.insert(change.device);
+        devices.insert(std::to_string(change.device));
+        users[{change.relay, change.up}].insert(change.user);
     }
     return access_.Write("status change", [&](Database& database) {
-        for (const std::int64_t device : devices) {
-            (void)Bump(database, device); // whoever waits for it reads it
+        BumpAll(database, devices);
+        for (const auto& [relayAndUp, names] : users) {
+            Query(database,
+                  "UPDATE service SET up = $2 WHERE ($3 = 0 OR relay = $3) AND relay_user IN"
+                  " (SELECT key FROM json_each($1))",
+                  AsKeys(names), relayAndUp.second ? 1 : 0, relayAndUp.first)
+                .Run();
         }
+        return StoreResult::Done;
+    });
+}
+
+StoreResult ServiceStore::ReportRelayDown(std::int64_t relay) {
+    return access_.Write("start of a relay", [relay](Database& database) {
+        std::set<std::string> devices;
+        {
+            Query rows(database, "SELECT DISTINCT device FROM service WHERE relay = $1", relay);
+            while (rows.Next()) {
+                devices.insert(rows.Text(0));
+            }
+        }
+        BumpAll(database, devices);
+        Query(database, "UPDATE service SET up = 0 WHERE relay = $1 AND up <> 0", relay).Run();
         return StoreResult::Done;
     });
 }

@@ -2,14 +2,11 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "hub/log.h"
 #include "hub/store_access.h"
+#include "hub/store_ports.h"
 
 namespace ZARO::RelayHub {
 
@@ -27,7 +24,7 @@ struct TunnelRecord {
     std::int64_t device = 0;
     std::string id, name;
     int port = 0;           ///< of the service, at the device
-    std::int64_t relay = 0; ///< key of the relay that carries it; 0 = this hub's only one
+    std::int64_t relay = 0; ///< key of the relay that carries it
     std::string relayHost;  ///< what the relay says that it is called; "" = it doesn't
     int relayPort = 0;      ///< at the relay
     std::string user, password;
@@ -45,23 +42,13 @@ struct TunnelStatus {
     std::int64_t device = 0;
     std::string user; ///< of the tunnel
     bool up = false;
-};
-
-/// The ports that tunnels get, and a test whether one is usable at the moment. When the test
-/// throws, the change that needed a port fails.
-struct PortPool {
-    int first = 20000;
-    int last = 29999;
-    std::function<bool(int)> isFree;
+    std::int64_t relay = 0; ///< that reports it; 0 = whichever carries the tunnel
 };
 
 /// Any thread may call any method. They block for the database only and don't throw.
 class ServiceStore {
 public:
-    explicit ServiceStore(StoreAccess& access) : access_(access) {}
-
-    /// To be called before anything else.
-    void UsePorts(PortPool pool) { pool_ = std::move(pool); }
+    ServiceStore(StoreAccess& access, PortStore& ports) : access_(access), ports_(ports) {}
 
     /// Removes the services `removed`, then adds or changes those in `present`; stale ones that
     /// `present` does not name go too. On Done `gone` holds the tunnels that ceased to be.
@@ -72,6 +59,8 @@ public:
 
     /// The device's tunnels in order of their ids.
     StoreResult ListTunnels(std::int64_t device, std::vector<TunnelRecord>& tunnels);
+    /// The tunnels that the relay carries.
+    StoreResult TunnelsOf(std::int64_t relay, std::vector<TunnelRecord>& tunnels);
     /// The tunnel that this user may log in for, else NotFound.
     StoreResult FindTunnel(const std::string& user, TunnelRecord& tunnel);
 
@@ -80,8 +69,11 @@ public:
     /// Gives the list its next revision.
     StoreResult BumpRevision(std::int64_t device, int& revision);
     /// Keeps these statuses and gives the list of each device among them its next revision, all in
-    /// one transaction.
+    /// one transaction. A tunnel that is gone or that another relay carries by now keeps its own.
     StoreResult ReportStatus(const std::vector<TunnelStatus>& changes);
+    /// The relay has no session any more, as at its start: all of its tunnels are down, and their
+    /// devices' lists get their next revision.
+    StoreResult ReportRelayDown(std::int64_t relay);
 
 private:
     // The steps below run inside a piece of work on the database.
@@ -90,12 +82,9 @@ private:
     StoreResult Put(Database& database, std::int64_t device, const ServiceRecord& service,
                     bool& changed);
     StoreResult Add(Database& database, std::int64_t device, const ServiceRecord& service);
-    /// A port for a new tunnel, unless all are taken.
-    std::optional<int> NextPort(Database& database);
 
     StoreAccess& access_;
-    PortPool pool_;
-    LogQuota shortages_;
+    PortStore& ports_;
 };
 
 } // namespace ZARO::RelayHub
