@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -11,16 +10,10 @@
 #include <thread>
 #include <vector>
 
-#include "hub/store_services.h"
+#include "hub/changes.h"
 #include "hub/waker.h"
 
 namespace ZARO::RelayHub {
-
-/// What somebody has changed; who listens reads the database again.
-struct Changes {
-    std::vector<std::int64_t> devices; ///< whose tunnel lists have a new revision
-    std::vector<TunnelKey> tunnels;    ///< added, changed or gone
-};
 
 class BusLink;
 

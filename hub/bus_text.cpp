@@ -1,6 +1,7 @@
 #include "hub/bus_text.h"
 
 #include <charconv>
+#include <cstdint>
 #include <set>
 #include <sstream>
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "hub/bus.h"
+#include "hub/changes.h"
 
 namespace ZARO::RelayHub {
 

@@ -6,7 +6,9 @@
 #include "hub/store_access.h"
 #include "hub/store_aliases.h"
 #include "hub/store_devices.h"
+#include "hub/store_moves.h"
 #include "hub/store_ports.h"
+#include "hub/store_relays.h"
 #include "hub/store_services.h"
 
 namespace ZARO::RelayHub {
@@ -30,6 +32,8 @@ public:
     PortStore ports{access_};
     ServiceStore services{access_, ports};
     AliasStore aliases{access_};
+    RelayStore relays{access_};
+    MoveStore moves{access_, ports, relays};
 
 private:
     /// Makes the relay of a database that has only one.
