@@ -1,8 +1,10 @@
 /// The control server: commands, sessions, services, held requests, hostile bodies.
 #include <atomic>
 #include <future>
+#include <list>
 
 #include <boost/algorithm/string/replace.hpp>
+#include <sqlite3.h>
 
 #include "tests/support/hub_kit.h"
 
@@ -245,6 +247,57 @@ TEST_F(HubControl, LaterRequestTakesOverAndOthersGoOn) {
     EXPECT_TRUE(IsHeld(second));
     hub_.End();
     EXPECT_EQ(second.get()["revision"], revision) << "answered at the end";
+}
+
+TEST_F(HubControl, FreesTheSeatOfAClientThatGaveUp) {
+    TestDevice device(hub_, 1, "a");
+    httplib::SSLClient client("127.0.0.1", hub_.HttpsPort());
+    client.enable_server_certificate_verification(false);
+    client.set_read_timeout(0, 300000);
+    const std::string batch = "[" + device.WaitCommand(device.Revision()) + "]";
+    EXPECT_FALSE(client.Post("/Serv.php", {{"Cookie", device.cookie}}, batch, "text"));
+    EXPECT_TRUE(Within(seconds(2) * kSlow, [this] { return hub_.Count("request is gone") == 1; }));
+}
+
+/// Runs SQL on the hub's database behind its back.
+void Alter(const HubProcess& hub, const char* sql) {
+    sqlite3* handle = nullptr;
+    ASSERT_EQ(sqlite3_open((hub.Data() + "/hub.db").c_str(), &handle), SQLITE_OK);
+    sqlite3_busy_timeout(handle, 10000);
+    EXPECT_EQ(sqlite3_exec(handle, sql, nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(handle);
+    sqlite3_close(handle);
+}
+
+TEST(HubHeld, OutlastsAStoreThatFails) {
+    const HubProcess hub{1}; // all hold times end while the store fails
+    std::vector<std::future<Json::Value>> held;
+    const auto hold = [&held](TestDevice& device, int revision) {
+        held.push_back(
+            std::async(std::launch::async, [&device, revision] { return device.Wait(revision); }));
+    };
+    std::list<TestDevice> devices;
+    for (int i = 1; i <= 4; ++i) {
+        devices.emplace_back(hub, i, "a");
+    }
+    hold(devices.front(), devices.front().Revision());
+    ASSERT_TRUE(IsHeld(held.back()));
+    Alter(hub, "ALTER TABLE device RENAME TO away");
+    for (auto device = std::next(devices.begin()); device != devices.end(); ++device) {
+        hold(*device, 0); // renewed meanwhile
+    }
+    EXPECT_EQ(Errnos(TestDevice(hub, 9).Publish("a")), "1 6");
+    std::this_thread::sleep_for(milliseconds(1500));
+    for (const auto& reply : held) {
+        EXPECT_TRUE(IsHeld(reply));
+    }
+    Alter(hub, "ALTER TABLE away RENAME TO device");
+    for (auto& reply : held) {
+        const Json::Value answer = reply.get();
+        EXPECT_EQ(answer["errno"], 0);
+        EXPECT_EQ(answer["tunnels"].size(), 1U);
+    }
+    EXPECT_EQ(Errnos(TestDevice(hub, 9).Publish("a")), "0 0");
 }
 
 TEST_F(HubControl, ManyHeldRequestsLeaveRoomForOthers) {

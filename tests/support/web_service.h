@@ -101,6 +101,11 @@ public:
                static_cast<ssize_t>(text.size());
     }
     void EndSending() const { shutdown(fd, SHUT_WR); }
+    /// Resets the connection instead of ending it when this object goes.
+    void BreakOff() const {
+        const linger none = {1, 0};
+        (void)setsockopt(fd, SOL_SOCKET, SO_LINGER, &none, sizeof none);
+    }
 
     /// Reads until the other side ends, `size` bytes have come, or nothing comes for `wait` ms.
     std::string Read(std::size_t size = SIZE_MAX, int wait = 20000) const {
