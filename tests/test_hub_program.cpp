@@ -6,6 +6,7 @@
 
 #include <gmock/gmock.h>
 
+#include "hub/spread.h"
 #include "tests/support/hub_kit.h"
 #include "tests/support/temp_root.h"
 
@@ -60,6 +61,14 @@ TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {
         EXPECT_EQ(outcome.find("sEcret"), outcome.npos) << outcome;
     }
     EXPECT_THAT(OutcomeOf("--help"), testing::ContainsRegex("^0 .*\n.*--alias-ttl"));
+}
+
+TEST(HubProgram, LetsAFleetComeBackWithinAMinute) {
+    const std::pair<std::int64_t, int> kRows[] = {
+        {0, 0}, {499, 0}, {500, 2}, {10000, 34}, {1000000000000, 60}};
+    for (const auto& [devices, seconds] : kRows) {
+        EXPECT_EQ(SpreadFor(devices), seconds) << devices;
+    }
 }
 
 TEST(HubProgram, RefusesASecondHub) {
