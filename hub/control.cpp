@@ -268,8 +268,7 @@ void Control::FinishRegistration(Batch& batch) {
 }
 
 void Control::ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& gone) {
-    relay_.close(gone);
-    waiters_.ListChanged(device);
+    relay_.changed({{device}, gone});
 }
 
 } // namespace ZARO::RelayHub

@@ -12,6 +12,7 @@
 
 #include <json/value.h>
 
+#include "hub/changes.h"
 #include "hub/log.h"
 #include "hub/origin.h"
 #include "hub/session_cache.h"
@@ -35,7 +36,7 @@ enum class Errno {
 /// What control needs of the relay.
 struct RelayControl {
     std::function<bool(const TunnelRecord&)> isUp; ///< whether its port is open for visitors
-    std::function<void(const std::vector<TunnelKey>&)> close; ///< ends tunnels that are gone
+    std::function<void(const Changes&)> changed; ///< ends tunnels that are gone, wakes who waits
 };
 
 /// Answers batches on workers. To be destroyed after the loops have stopped.

@@ -1,16 +1,25 @@
 #include "hub/hub.h"
 
 #include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <optional>
+#include <utility>
 
 #include "hub/alias.h"
+#include "hub/bus.h"
 #include "hub/certificate.h"
 #include "hub/control.h"
 #include "hub/files.h"
-#include "hub/http_form.h"
+#include "hub/hub_pages.h"
+#include "hub/log.h"
 #include "hub/loops.h"
-#include "hub/relay.h"
+#include "hub/relay_role.h"
+#include "hub/spread.h"
 #include "hub/status_reports.h"
 #include "hub/store.h"
+#include "hub/upkeep.h"
 #include "hub/waiters.h"
 #include "hub/web.h"
 
@@ -18,51 +27,147 @@ namespace ZARO::RelayHub {
 
 namespace {
 
-constexpr char kCookie[] = "ZARORELAY";
+/// Over how long held requests are answered when the process hands everything over.
+constexpr auto kHandOver = std::chrono::seconds(5);
 
-void AnswerBatch(Control& control, Waiters& waiters, const std::shared_ptr<WebExchange>& exchange) {
-    const WebRequest& request = exchange->Request();
-    const std::string before = CookieValue(request.cookies, kCookie);
-    const char* const scope = request.origin.scheme == "https" ? "; Path=/; Secure" : "; Path=/";
-    const auto finish = [exchange, before, scope](std::string replies, const std::string& session) {
-        WebReply reply{std::move(replies), "application/json", ""};
-        if (session != before) {
-            reply.setCookie = std::string(kCookie) + "=" + session + scope;
-        }
-        exchange->Answer(std::move(reply));
-    };
-    const Waiters::Ticket held = control.Answer(request.body, request.origin, before, finish);
-    exchange->OnHangUp([&waiters, held] { waiters.Leave(held); });
+std::string DatabaseOf(const HubOptions& options) {
+    return options.database.empty() ? options.data + "/hub.db" : options.database;
+}
+
+FolderUse UseOf(const Roles& roles) {
+    return roles.control && roles.alias && roles.relay ? FolderUse::Alone : FolderUse::Shared;
 }
 
 } // namespace
 
 /// In the order in which they build on each other, so that they go in the reverse order.
 struct Hub::Parts {
-    explicit Parts(const HubOptions& options)
-        : waiters(loops, store, options.hold), reports(loops, store, waiters, nullptr),
-          relay(store, options.visitorAddress,
-                [this](TunnelStatus status) { reports.Add(std::move(status)); }),
-          control(store, waiters,
-                  {[this](const TunnelRecord& tunnel) { return relay.IsUp(tunnel.relayPort); },
-                   [this](const std::vector<TunnelKey>& gone) { relay.Close(gone); }},
-                  options.relayHost),
-          alias(
-              store, options.aliasTtl,
-              [this](const TunnelRecord& tunnel) { return relay.IsUp(tunnel.relayPort); },
-              options.relayHost) {}
+    explicit Parts(const HubOptions& given);
 
+    /// Tells this process's own parts and all other processes.
+    void Changed(const Changes& changes);
+    /// Another process changed something.
+    void Heed(const Changes& changes);
+    void HeedAll();
+    void RelayLost();
+    bool IsUp(const TunnelRecord& tunnel) const;
+    bool StartRoles(std::string& error);
+    bool StartWeb(std::string& error);
+
+    const HubOptions& options;
     UniqueFd lock;
     Store store;
     Loops loops;
+    Bus bus;
     Waiters waiters;
     StatusReports reports;
-    Relay relay;
+    std::optional<RelayRole> relay;
+    std::shared_ptr<Upkeep> upkeep;
     Control control;
     Alias alias;
     std::unique_ptr<Web> http;
     std::unique_ptr<Web> https;
+    std::atomic<bool> useless{false};
 };
+
+Hub::Parts::Parts(const HubOptions& given)
+    : options(given), bus(DatabaseOf(given)), waiters(loops, store, given.hold),
+      reports(loops, store, waiters,
+              [this](const StatusReports::Devices& devices) { bus.Publish({devices, {}}); }),
+      control(
+          store, waiters,
+          {[this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
+           [this](const Changes& changes) { Changed(changes); }},
+          given.relayHost, [this] { return SpreadFor(store.devices.Count()); }),
+      alias(
+          store, given.aliasTtl, [this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
+          given.relayHost) {
+}
+
+bool Hub::Parts::IsUp(const TunnelRecord& tunnel) const {
+    return relay ? relay->IsUp(tunnel) : tunnel.up;
+}
+
+void Hub::Parts::Changed(const Changes& changes) {
+    if (relay) {
+        relay->Close(changes.tunnels);
+    }
+    for (const std::int64_t device : changes.devices) {
+        waiters.ListChanged(device);
+    }
+    bus.Publish(changes);
+}
+
+void Hub::Parts::Heed(const Changes& changes) {
+    if (relay) {
+        relay->Heed(changes);
+    }
+    for (const std::int64_t device : changes.devices) {
+        waiters.ListChanged(device);
+    }
+}
+
+void Hub::Parts::HeedAll() {
+    if (relay) {
+        relay->HeedAll();
+    }
+    waiters.AllMayHaveChanged();
+}
+
+void Hub::Parts::RelayLost() {
+    // With nothing left to do, the process ends, so that whoever watches it takes notice.
+    if (!options.roles.control && !options.roles.alias) {
+        useless = true;
+        (void)kill(getpid(), SIGTERM);
+    }
+}
+
+bool Hub::Parts::StartRoles(std::string& error) {
+    if (options.roles.relay) {
+        relay.emplace(loops, store, options,
+                      RelayRole::Actions{[this](const TunnelStatus& status) { reports.Add(status); },
+                                         [this](const Changes& changes) { Changed(changes); },
+                                         [this] { RelayLost(); }});
+        if (!relay->Start(error)) {
+            return false;
+        }
+    }
+    store.ports.UseChoice([this](Database& database) { return store.relays.Choose(database); });
+    if (options.roles.control) {
+        upkeep = std::make_shared<Upkeep>(loops, store,
+                                          [this](const Changes& changes) { Changed(changes); });
+        upkeep->Start();
+    }
+    return bus.Start({[this](const Changes& changes) { Heed(changes); }, [this] { HeedAll(); }},
+                     error);
+}
+
+bool Hub::Parts::StartWeb(std::string& error) {
+    WebPages pages;
+    if (options.roles.control) {
+        pages.merge(ControlPages(control, waiters));
+    }
+    if (options.httpPort >= 0) {
+        http = std::make_unique<Web>(loops, pages, nullptr);
+        if (!http->Start(options.address, options.httpPort, error)) {
+            return false;
+        }
+    }
+    if (options.httpsPort < 0) {
+        return true;
+    }
+    if (options.roles.alias) {
+        pages.merge(AliasPages(alias));
+    }
+    std::set<std::string> names(options.hosts.begin(), options.hosts.end());
+    names.insert({options.address, options.relayHost});
+    SslContext tls = MakeTls(options.data + "/https.pem", ServedNames(names), error);
+    if (tls == nullptr) {
+        return false;
+    }
+    https = std::make_unique<Web>(loops, pages, std::move(tls));
+    return https->Start(options.address, options.httpsPort, error);
+}
 
 Hub::Hub(HubOptions options) : options_(std::move(options)) {
     if (options_.visitorAddress.empty()) {
@@ -78,53 +183,30 @@ Hub::~Hub() {
 bool Hub::Start(std::string& error) {
     // A peer that hangs up must not end the process from within a library's write().
     (void)signal(SIGPIPE, SIG_IGN);
-    Relay& relay = parts_->relay;
-    const std::string visitorAddress = options_.visitorAddress;
-    PortPool pool{options_.firstPort, options_.lastPort, [&relay, visitorAddress](int port) {
-                      // A port of ours that is still open is about to be closed.
-                      return relay.IsUp(port) || IsPortFree(visitorAddress, port);
-                  }};
     error.clear();
-    if (!OpenDataFolder(options_.data, FolderUse::Alone, parts_->lock, error) ||
-        !parts_->store.Open(options_.data + "/hub.db", std::move(pool), error)) {
-        return false;
-    }
-    const bool relayGood =
-        options_.relayPort < 0 ||
-        relay.Start(options_.address, options_.relayPort, options_.data + "/relay.key", error);
-    return relayGood && parts_->loops.Start(error) && StartWeb(error);
+    return OpenDataFolder(options_.data, UseOf(options_.roles), parts_->lock, error) &&
+           parts_->store.Open(DatabaseOf(options_), error) && parts_->loops.Start(error) &&
+           parts_->StartRoles(error) && parts_->StartWeb(error);
 }
 
-bool Hub::StartWeb(std::string& error) {
-    Parts& parts = *parts_;
-    WebPages pages;
-    pages["/Serv.php"] = [&parts](const std::shared_ptr<WebExchange>& exchange) {
-        AnswerBatch(parts.control, parts.waiters, exchange);
-    };
-    if (options_.httpPort >= 0) {
-        parts.http = std::make_unique<Web>(parts.loops, pages, nullptr);
-        if (!parts.http->Start(options_.address, options_.httpPort, error)) {
-            return false;
+void Hub::BeginHandOver() {
+    for (Web* web : {parts_->http.get(), parts_->https.get()}) {
+        if (web != nullptr) {
+            web->Close();
         }
     }
-    if (options_.httpsPort < 0) {
-        return true;
+    parts_->waiters.Drain(kHandOver);
+    if (parts_->relay) {
+        parts_->relay->BeginDrain();
     }
-    pages["/alias_update.php"] = [&parts](const std::shared_ptr<WebExchange>& exchange) {
-        exchange->Answer({parts.alias.Update(exchange->Request().body), "text/plain", ""});
-    };
-    pages["/alias_query.php"] = [&parts](const std::shared_ptr<WebExchange>& exchange) {
-        const WebRequest& request = exchange->Request();
-        exchange->Answer({parts.alias.Query(request.body, request.origin), "text/plain", ""});
-    };
-    std::set<std::string> names(options_.hosts.begin(), options_.hosts.end());
-    names.insert({options_.address, options_.relayHost});
-    SslContext tls = MakeTls(options_.data + "/https.pem", ServedNames(names), error);
-    if (tls == nullptr) {
-        return false;
-    }
-    parts.https = std::make_unique<Web>(parts.loops, pages, std::move(tls));
-    return parts.https->Start(options_.address, options_.httpsPort, error);
+}
+
+bool Hub::IsHandedOver() {
+    return parts_->waiters.Count() == 0 && (!parts_->relay || parts_->relay->IsDrained());
+}
+
+bool Hub::IsUseless() const {
+    return parts_->useless;
 }
 
 void Hub::Stop() {
@@ -140,7 +222,13 @@ void Hub::Stop() {
             web->Stop();
         }
     }
-    parts_->relay.Stop();
+    if (parts_->upkeep != nullptr) {
+        parts_->upkeep->Stop();
+    }
+    if (parts_->relay) {
+        parts_->relay->Stop();
+    }
+    parts_->bus.Stop();
     parts_->loops.Stop();
 }
 
@@ -153,7 +241,7 @@ int Hub::HttpsPort() const {
 }
 
 int Hub::RelayPort() const {
-    return parts_->relay.Port();
+    return parts_->relay ? parts_->relay->Port() : 0;
 }
 
 } // namespace ZARO::RelayHub

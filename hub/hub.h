@@ -47,6 +47,14 @@ public:
     /// Ends everything in an orderly way, within about a second. May be called twice.
     void Stop();
 
+    /// Begins to hand everything over to other processes: held requests are answered within five
+    /// seconds, tunnels move to other relays, nothing new is taken.
+    void BeginHandOver();
+    /// Whether nothing is left to hand over, or nobody is there to take it. Blocks for the database.
+    bool IsHandedOver();
+    /// Whether another process has taken this one's only role. It then signals itself SIGTERM.
+    bool IsUseless() const;
+
     /// The ports in use; 0 = off.
     int HttpPort() const;
     int HttpsPort() const;
@@ -54,8 +62,6 @@ public:
 
 private:
     struct Parts;
-
-    bool StartWeb(std::string& error);
 
     HubOptions options_;
     std::unique_ptr<Parts> parts_;

@@ -79,6 +79,18 @@ int Copy(const CommandLine& line) {
                                                                      : Fail("--backup: " + error);
 }
 
+/// Waits until other processes have taken everything over, at most a minute. A signal cuts it short.
+void HandOver(Hub& hub, const sigset_t& ending) {
+    constexpr timespec kLook{0, 200000000};
+    constexpr int kLooks = 300;
+    hub.BeginHandOver();
+    for (int i = 0; i < kLooks && !hub.IsHandedOver(); ++i) {
+        if (sigtimedwait(&ending, nullptr, &kLook) > 0) {
+            return;
+        }
+    }
+}
+
 int Run(const CommandLine& line) {
     // Blocked before the first thread starts, so that only sigwait() below gets them.
     sigset_t ending;
@@ -102,8 +114,11 @@ int Run(const CommandLine& line) {
     int number = 0;
     (void)sigwait(&ending, &number);
     ZARO::RelayHub::Log(ZARO::RelayHub::Level::Info, "hub", "ends on signal %d", number);
+    if (line.hub.drain && number == SIGTERM && !hub.IsUseless()) {
+        HandOver(hub, ending);
+    }
     hub.Stop();
-    return 0;
+    return hub.IsUseless() ? 1 : 0;
 }
 
 } // namespace

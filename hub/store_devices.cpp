@@ -37,15 +37,30 @@ void AddSession(Database& database, std::int64_t device, const std::string& sess
 
 } // namespace
 
-bool DeviceStore::TakeRoom(Database& database) {
+std::int64_t DeviceStore::Count() {
+    std::int64_t known = 0;
+    (void)access_.Read("counting of devices", [&](Database& database) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        known = count_; // in case that it can't be looked up
+        known = Counted(database);
+        return StoreResult::Done;
+    });
+    return known;
+}
+
+std::int64_t DeviceStore::Counted(Database& database) {
     const auto now = std::chrono::steady_clock::now();
-    const std::lock_guard<std::mutex> lock(mutex_);
     if (counted_ == decltype(counted_)() || now >= counted_ + kCounting) {
         Query count(database, "SELECT count(*) FROM device");
         count_ = count.Next() ? count.Integer(0) : 0;
         counted_ = now;
     }
-    if (count_ >= kMaxDevices) {
+    return count_;
+}
+
+bool DeviceStore::TakeRoom(Database& database) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (Counted(database) >= kMaxDevices) {
         return false;
     }
     ++count_;

@@ -31,6 +31,9 @@ public:
     /// Whether any device was ever admitted. False too when the database fails.
     bool HasAny();
 
+    /// How many there are, at most some seconds ago. Blocks for the database only then.
+    std::int64_t Count();
+
     /// Admits a device: Refused when its serial first came with another token, or when its server
     /// id is another device's. Its services become stale until it names them again. `session` is
     /// the hash of its new session.
@@ -55,6 +58,9 @@ private:
     bool TakeRoom(Database& database);
 
     StoreAccess& access_;
+    /// The number, looked up if the last one is too old. With the lock.
+    std::int64_t Counted(Database& database);
+
     std::mutex mutex_; ///< for what follows
     std::int64_t count_ = 0;
     std::chrono::steady_clock::time_point counted_; ///< the epoch = never

@@ -55,6 +55,9 @@ StoreResult PortStore::Join(std::int64_t relay, int first, int last) {
 std::optional<TunnelPort> PortStore::Assign(Database& database, std::int64_t device) {
     const std::vector<std::int64_t> relays =
         choice_ ? choice_(database) : std::vector<std::int64_t>{relay_};
+    if (relays.empty()) { // the device is to try again soon
+        throw DatabaseFault("no relay is alive");
+    }
     for (const std::int64_t relay : relays) {
         const std::optional<TunnelPort> port = AssignAt(database, relay, device);
         if (port) {

@@ -61,6 +61,13 @@ void Waiters::ExpectChange(std::int64_t device) {
     changing_.insert(device);
 }
 
+void Waiters::AllMayHaveChanged() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [device, seat] : seats_) {
+        Wake(seat);
+    }
+}
+
 void Waiters::ListChanged(std::int64_t device) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (const SeatPointer seat = TakeChange(device)) {

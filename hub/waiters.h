@@ -48,6 +48,8 @@ public:
     void ExpectChange(std::int64_t device);
     /// The list may have another revision now.
     void ListChanged(std::int64_t device);
+    /// Any list may have another revision now.
+    void AllMayHaveChanged();
     /// Has the device answered with the present revision, whatever it is.
     void AnswerNow(std::int64_t device);
     /// Has all requests answered, spread evenly over `time`.

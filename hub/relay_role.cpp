@@ -1,0 +1,194 @@
+#include "hub/relay_role.h"
+
+#include <optional>
+#include <utility>
+
+#include "hub/files.h"
+#include "hub/host_key.h"
+#include "hub/log.h"
+#include "hub/net.h"
+
+namespace ZARO::RelayHub {
+
+namespace {
+
+/// Between two attempts to join when the database can't be written, as on a full disk.
+constexpr auto kJoinPause = std::chrono::seconds(10);
+
+} // namespace
+
+RelayRole::RelayRole(Loops& loops, Store& store, const HubOptions& options, Actions actions)
+    : loops_(loops), store_(store), options_(options), actions_(std::move(actions)),
+      relay_(loops, store, book_, options.visitorAddress,
+             [this](TunnelStatus status) {
+                 status.relay = key_;
+                 actions_.statusChanged(status);
+             }),
+      joinTimer_(loops.At(0)) {
+}
+
+bool RelayRole::Start(std::string& error) {
+    if (!options_.relaySpare) {
+        return Become(options_.relayName, error);
+    }
+    spare_ = std::make_shared<RelaySpare>(loops_, store_, [this](const std::string& name) {
+        std::string reason;
+        const bool good = Become(name, reason);
+        Log(good ? Level::Info : Level::Warning, "relay", good ? "takes the place of relay %s"
+                                                               : "can't take the place of relay %s: %s",
+            name.c_str(), reason.c_str());
+        return good;
+    });
+    spare_->Start();
+    Log(Level::Info, "relay", "stands by for a relay to be gone");
+    return true;
+}
+
+bool RelayRole::Become(const std::string& name, std::string& error) {
+    std::string hostKey;
+    // A spare on a shared database gets the key of the relay whose place it takes.
+    const bool hasOwnKey = options_.database.empty() || !options_.relaySpare;
+    UniqueFd nameLock;
+    if (!LockRelayName(options_.data, name, nameLock, error) ||
+        (hasOwnKey && !LoadHostKey(HostKeyFile(options_.data, name), store_.devices.HasAny(),
+                                   hostKey, error))) {
+        return false;
+    }
+    RelayIdentity identity{name, options_.relayHost, "", 0, 0, hostKey};
+    if (!options_.relaySpare) { // else it has the ports of the relay whose place it takes
+        identity.firstPort = options_.firstPort;
+        identity.lastPort = options_.lastPort;
+    }
+    if (!GetOwner(identity.owner, error)) {
+        return false;
+    }
+    const StoreResult joined = Join(identity, error);
+    if (joined == StoreResult::Fault && options_.database.empty()) {
+        error.clear();
+        JoinLater(identity); // it serves the tunnels that are known, as on a full disk
+    } else if (joined != StoreResult::Done) {
+        return false;
+    }
+    nameLock_ = std::move(nameLock);
+    const Member member = CurrentMember();
+    const bool isShared = member != nullptr && !member->Relay().hostKey.empty();
+    return relay_.Start(options_.address, options_.relayPort,
+                        isShared ? member->Relay().hostKey : hostKey, error);
+}
+
+StoreResult RelayRole::Join(const RelayIdentity& identity, std::string& error) {
+    const auto close = [this](const std::vector<TunnelKey>& gone) { relay_.Close(gone); };
+    const auto member = std::make_shared<RelayMember>(
+        loops_, store_, book_, RelayMember::Actions{close, [this] { Lost(); }});
+    Changes changes;
+    const StoreResult result = member->Join(identity, changes, error);
+    if (result == StoreResult::Done) {
+        key_ = member->Relay().key;
+        store_.ports.UseRelay(key_, [this](int port) { return IsFree(port); });
+        member->Start();
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            member_ = member;
+        }
+        actions_.changed(changes);
+    }
+    return result;
+}
+
+void RelayRole::JoinLater(const RelayIdentity& identity) {
+    asio::post(loops_.At(0), [this, identity] {
+        if (ended_) {
+            return;
+        }
+        joinTimer_.expires_after(kJoinPause);
+        joinTimer_.async_wait([this, identity](const boost::system::error_code& stopped) {
+            if (stopped || ended_) {
+                return;
+            }
+            loops_.Block([this, identity] {
+                std::string error;
+                if (!ended_ && Join(identity, error) != StoreResult::Done) {
+                    JoinLater(identity);
+                }
+            });
+        });
+    });
+}
+
+bool RelayRole::GetOwner(std::string& owner, std::string& error) const {
+    if (options_.database.empty()) {
+        owner = "local"; // the folder is this host's, and the lock of the name tells the rest
+        return true;
+    }
+    return OwnerOf(options_.data, owner, error);
+}
+
+void RelayRole::Lost() {
+    key_ = -1; // no relay's: what the database says of the tunnels holds
+    relay_.Stop();
+    actions_.lost();
+}
+
+void RelayRole::Stop() {
+    ended_ = true;
+    asio::post(loops_.At(0), [this] { (void)joinTimer_.cancel(); });
+    if (spare_ != nullptr) {
+        spare_->Stop();
+    }
+    relay_.Stop();
+    if (const Member member = CurrentMember()) {
+        member->Leave();
+    }
+}
+
+bool RelayRole::IsUp(const TunnelRecord& tunnel) const {
+    const std::int64_t own = key_;
+    return own == 0 || tunnel.relay == own ? relay_.IsUp(tunnel.relayPort) : tunnel.up;
+}
+
+bool RelayRole::IsFree(int port) const {
+    // A port of ours that is still open is about to be closed.
+    return relay_.IsUp(port) || IsPortFree(options_.visitorAddress, port);
+}
+
+void RelayRole::Close(const std::vector<TunnelKey>& gone) {
+    const std::int64_t own = key_;
+    std::vector<TunnelKey> here;
+    for (const TunnelKey& tunnel : gone) {
+        if (own == 0 || tunnel.relay == own) {
+            here.push_back(tunnel);
+        }
+    }
+    relay_.Close(here);
+}
+
+void RelayRole::Heed(const Changes& changes) {
+    if (const Member member = CurrentMember()) {
+        member->Heed(changes);
+    }
+}
+
+void RelayRole::HeedAll() {
+    if (const Member member = CurrentMember()) {
+        member->HeedAll();
+    }
+}
+
+void RelayRole::BeginDrain() {
+    if (const Member member = CurrentMember()) {
+        (void)member->Drain(); // without the database nothing moves, and IsDrained() says so
+    }
+}
+
+bool RelayRole::IsDrained() {
+    std::vector<RelayRecord> others;
+    return CurrentMember() == nullptr || book_.Size() == 0 ||
+           store_.relays.Alive(others) != StoreResult::Done || others.empty();
+}
+
+RelayRole::Member RelayRole::CurrentMember() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return member_;
+}
+
+} // namespace ZARO::RelayHub
