@@ -127,7 +127,6 @@ void WebConnection::Handshake() {
 
 void WebConnection::ReadNext() {
     state_ = State::Reading;
-    server_->clients.SetIdle(place_);
     SetDeadline(kIdleTime);
     ParseInput();
     if (state_ != State::Closed) {
@@ -267,6 +266,7 @@ void WebConnection::Sent() {
     if (peerEnded_ || (!goesOn_ && server_->clients.IsClosed())) {
         Close();
     } else if (goesOn_) {
+        server_->clients.SetIdle(place_);
         ReadNext();
     } else {
         Linger();
