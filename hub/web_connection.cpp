@@ -127,7 +127,6 @@ void WebConnection::Handshake() {
 
 void WebConnection::ReadNext() {
     state_ = State::Reading;
-    server_->clients.SetIdle(place_);
     SetDeadline(kIdleTime);
     ParseInput();
     if (state_ != State::Closed) {
@@ -267,6 +266,7 @@ void WebConnection::Sent() {
     if (peerEnded_ || (!goesOn_ && server_->clients.IsClosed())) {
         Close();
     } else if (goesOn_) {
+        server_->clients.SetIdle(place_);
         ReadNext();
     } else {
         Linger();
@@ -287,8 +287,9 @@ void WebConnection::PeerEnded(WebStream::Result how) {
     const std::shared_ptr<WebExchange> exchange = exchange_.lock();
     // It may only have ended its side, and still wait for a reply that is coming soon.
     const bool awaitsReply = how == WebStream::Result::Ended && state_ == State::Replying;
+    // Once nobody holds the exchange, the reply or the end is on its way here.
     const bool isAnswered = how == WebStream::Result::Ended && state_ == State::Answering &&
-                            exchange != nullptr && !exchange->HangUp();
+                            (exchange == nullptr || !exchange->HangUp());
     if (!awaitsReply && !isAnswered) {
         Close();
     }
