@@ -6,9 +6,12 @@
 #include "hub/certificate.h"
 #include "hub/control.h"
 #include "hub/files.h"
+#include "hub/host_key.h"
 #include "hub/http_form.h"
+#include "hub/loops.h"
 #include "hub/relay.h"
 #include "hub/store.h"
+#include "hub/tunnel_book.h"
 #include "hub/waiters.h"
 #include "hub/web.h"
 
@@ -35,8 +38,8 @@ WebReply AnswerBatch(Control& control, const WebRequest& request) {
 struct Hub::Parts {
     explicit Parts(const HubOptions& options)
         : waiters(store, options.hold),
-          relay(store, options.visitorAddress,
-                [this](std::int64_t device) { waiters.StatusChanged(device); }),
+          relay(loops, store, book, options.visitorAddress,
+                [this](const TunnelStatus& status) { waiters.StatusChanged(status.device); }),
           control(store, waiters,
                   {[this](const TunnelRecord& tunnel) { return relay.IsUp(tunnel.relayPort); },
                    [this](const std::vector<TunnelKey>& gone) { relay.Close(gone); }},
@@ -47,7 +50,9 @@ struct Hub::Parts {
               options.relayHost) {}
 
     UniqueFd lock;
+    Loops loops;
     Store store;
+    TunnelBook book;
     Waiters waiters;
     Relay relay;
     Control control;
@@ -81,10 +86,16 @@ bool Hub::Start(std::string& error) {
         !parts_->store.Open(options_.data + "/hub.db", std::move(pool), error)) {
         return false;
     }
-    const bool relayGood =
-        options_.relayPort < 0 ||
-        relay.Start(options_.address, options_.relayPort, options_.data + "/relay.key", error);
-    return relayGood && StartWeb(error);
+    return parts_->loops.Start(error) && StartRelay(error) && StartWeb(error);
+}
+
+bool Hub::StartRelay(std::string& error) {
+    if (options_.relayPort < 0) {
+        return true;
+    }
+    std::string key;
+    return LoadHostKey(options_.data + "/relay.key", parts_->store.devices.HasAny(), key, error) &&
+           parts_->relay.Start(options_.address, options_.relayPort, key, error);
 }
 
 bool Hub::StartWeb(std::string& error) {
@@ -132,6 +143,7 @@ void Hub::Stop() {
         }
     }
     parts_->relay.Stop();
+    parts_->loops.Stop();
 }
 
 int Hub::HttpPort() const {

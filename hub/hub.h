@@ -43,6 +43,7 @@ public:
 private:
     struct Parts;
 
+    bool StartRelay(std::string& error);
     bool StartWeb(std::string& error);
 
     HubOptions options_;
