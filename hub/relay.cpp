@@ -1,295 +1,285 @@
 #include "hub/relay.h"
 
-#include <algorithm>
-#include <cerrno>
+#include <chrono>
+#include <exception>
 #include <utility>
 
-#include "hub/files.h"
-#include "hub/log.h"
+#include "hub/host_key.h"
+#include "hub/net.h"
 #include "hub/secret.h"
 
 namespace ZARO::RelayHub {
 
-namespace {
-
-/// Sessions that have not logged in. One more ends the oldest of the network that has most of them:
-/// whoever floods the relay drives himself out, however fast he is, and a log-in from elsewhere has
-/// all the time it needs. Many devices at one address fit in when they all come at once.
-constexpr std::size_t kMaxStrangers = 512;
-
-/// Only cheap ones, as strangers choose among them: others cost up to 0.3 s of CPU time each.
-constexpr char kKeyExchanges[] =
-    "curve25519-sha256,curve25519-sha256@libssh.org,ecdh-sha2-nistp256";
-
-struct KeyFree {
-    void operator()(ssh_key key) const { ssh_key_free(key); }
-};
-using HostKey = std::unique_ptr<ssh_key_struct, KeyFree>;
-
-HostKey KeyFrom(const std::string& text) {
-    ssh_key key = nullptr;
-    if (ssh_pki_import_privkey_base64(text.c_str(), nullptr, nullptr, nullptr, &key) != SSH_OK) {
-        return nullptr;
-    }
-    return HostKey(key);
-}
-
-/// A new key as text; "" when it can't be made.
-std::string MakeHostKey() {
-    ssh_key made = nullptr;
-    char* exported = nullptr;
-    if (ssh_pki_generate(SSH_KEYTYPE_ED25519, 0, &made) == SSH_OK) {
-        (void)ssh_pki_export_privkey_base64(made, nullptr, nullptr, nullptr, &exported);
-    }
-    const HostKey owner(made);
-    std::string text = exported == nullptr ? "" : exported;
-    ssh_string_free_char(exported);
-    return text;
-}
-
-} // namespace
-
-Relay::Relay(Store& store, std::string visitorAddress, StatusChanged statusChanged)
-    : store_(store), visitorAddress_(std::move(visitorAddress)),
-      statusChanged_(std::move(statusChanged)), bind_(ssh_bind_new(), ssh_bind_free), up_(65536),
-      acceptor_(
-          "relay", [this] { return MayAdmit(); },
-          [this](int connection) { return Admit(connection); }) {
+Relay::Relay(Loops& loops, Store& store, TunnelBook& book, std::string visitorAddress,
+             StatusChanged statusChanged)
+    : loops_(loops), store_(store), book_(book), visitorAddress_(std::move(visitorAddress)),
+      statusChanged_(std::move(statusChanged)), up_(65536) {
 }
 
 Relay::~Relay() {
     Stop();
 }
 
-bool Relay::Start(const std::string& address, int port, const std::string& keyFile,
+bool Relay::Start(const std::string& address, int port, const std::string& hostKey,
                   std::string& error) {
-    UniqueFd listener;
-    return UseHostKey(keyFile, error) && ListenTcp(address, port, listener, error) &&
-           acceptor_.Start(std::move(listener), error);
-}
-
-bool Relay::UseHostKey(const std::string& keyFile, std::string& error) {
-    std::optional<std::string> text;
-    if (!ReadSmallFile(keyFile, text, error)) {
-        return false;
-    }
-    if (!text) {
-        if (store_.devices.HasAny()) {
-            Log(Level::Warning, "relay", "%s is gone: devices will refuse the new host key",
-                keyFile.c_str());
-        }
-        text = MakeHostKey();
-        if (text->empty() || !WritePrivateFile(keyFile, *text, error)) {
-            error = error.empty() ? "can't make a host key" : error;
+    for (std::size_t i = 0; i < loops_.Count(); ++i) {
+        SshBind bind = MakeSshBind(hostKey);
+        if (bind == nullptr) {
+            error = "can't use the host key";
             return false;
         }
+        lanes_.push_back(std::make_unique<RelayLane>(loops_.At(i), std::move(bind)));
     }
-    HostKey key = KeyFrom(*text);
-    const bool noFiles = false; // the settings of the machine's own SSH server don't apply here
-    if (key == nullptr || bind_ == nullptr ||
-        ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_PROCESS_CONFIG, &noFiles) != SSH_OK ||
-        ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_KEY_EXCHANGE, kKeyExchanges) != SSH_OK ||
-        ssh_bind_options_set(bind_.get(), SSH_BIND_OPTIONS_IMPORT_KEY, key.get()) != SSH_OK) {
-        error = keyFile + " holds no usable host key: put a copy back, or remove it for a new one, "
-                          "which every device has to be told to accept";
+    UniqueFd listener;
+    if (!ListenTcp(address, port, listener, error)) {
         return false;
     }
-    (void)key.release(); // it belongs to bind_ now
+    Loop& loop = loops_.Next();
+    turns_ = std::make_unique<asio::steady_timer>(loop);
+    acceptor_ = std::make_shared<Acceptor>(
+        "relay", loop, [this] { return MayAccept(); },
+        [this](UniqueFd fd) { Admit(std::move(fd)); });
+    acceptor_->Start(std::move(listener));
     return true;
 }
 
 void Relay::Stop() {
-    acceptor_.Stop();
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        stopping_ = true;
-        for (RelaySession* session : sessions_) {
-            session->End();
-        }
+    if (acceptor_ != nullptr) {
+        acceptor_->Stop();
     }
-    threads_.JoinAll();
+    std::unique_lock<std::mutex> lock(mutex_);
+    stopping_ = true;
+    for (const auto& [key, entry] : sessions_) {
+        entry.session->End();
+    }
+    (void)empty_.wait_for(lock, std::chrono::seconds(1), [this] { return sessions_.empty(); });
 }
 
-bool Relay::MayAdmit() {
-    // Gets the session's second descriptor before its connection is accepted. Without one the
-    // connection waits instead of being lost.
-    if (!spare_ || !spare_->IsValid()) {
-        spare_.emplace();
-    }
-    if (!spare_->IsValid()) {
-        return false;
-    }
-    // Strangers that were told to end take a moment; a flood must not pile up threads meanwhile.
+std::size_t Relay::Sessions() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return threads_.Count() < seats_.size() + 2 * kMaxStrangers;
+    return sessions_.size();
 }
 
-bool Relay::Admit(int connection) {
-    const int waker = spare_->Get();
-    if (!threads_.Start(
-            [this, connection, waker] { Serve(UniqueFd(connection), Waker(UniqueFd(waker))); })) {
-        return false;
-    }
-    (void)spare_->Release(); // the thread owns both
-    return true;
+bool Relay::MayAccept() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return !strangers_.IsFull() || strangers_.Idlest(Strangers::Clock::now()) != nullptr;
 }
 
-void Relay::Serve(UniqueFd fd, Waker waker) {
-    ssh_session raw = ssh_new();
-    if (raw == nullptr) {
-        return;
-    }
-    const int socket = fd.Get();
-    const std::uint64_t network = NetworkOf(socket);
-    int result = SSH_ERROR;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_); // bind_ is for one thread at a time
-        result = ssh_bind_accept_fd(bind_.get(), raw, socket);
-    }
-    if (ssh_get_fd(raw) == socket) {
-        (void)fd.Release(); // it closes with the session
-    }
+void Relay::Admit(UniqueFd fd) {
+    const auto now = Strangers::Clock::now();
+    const std::uint64_t network = NetworkOf(fd.Get());
     try {
-        RelaySession session(*this, raw, socket, std::move(waker));
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            if (stopping_ || result != SSH_OK) {
-                return;
-            }
-            if (strangers_.size() >= kMaxStrangers) {
-                DropStranger();
-            }
-            strangers_.push_back({&session, network});
-            sessions_.push_back(&session);
+        RelayLane& lane = *lanes_[nextLane_++ % lanes_.size()];
+        auto session =
+            std::make_shared<RelaySession>(static_cast<RelayDesk&>(*this), lane, std::move(fd));
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (stopping_) {
+            return;
         }
-        struct Entry {
-            Relay& relay;
-            RelaySession& session;
-            ~Entry() { relay.Leave(&session); }
-        } const entry{*this, session};
-        session.Run();
+        RelaySession* const idlest = strangers_.IsFull() ? strangers_.Idlest(now) : nullptr;
+        if (idlest != nullptr) {
+            ForgetStranger(sessions_[idlest]);
+            idlest->End();
+        }
+        Entry& entry = sessions_[session.get()];
+        entry.session = session;
+        entry.stranger = strangers_.Add(session.get(), network, now);
+        session->Start();
     } catch (const std::exception& fault) {
         Log(Level::Error, "relay", "a session failed: %s", fault.what());
     }
 }
 
-void Relay::DropStranger() {
-    std::map<std::uint64_t, std::size_t> counts;
-    for (const Stranger& stranger : strangers_) {
-        ++counts[stranger.network];
-    }
-    const auto found = std::max_element( // the first of equals
-        strangers_.begin(), strangers_.end(), [&counts](const Stranger& a, const Stranger& b) {
-            return counts[a.network] < counts[b.network];
-        });
-    found->session->End();
-    strangers_.erase(found);
-}
-
-void Relay::ForgetStranger(const RelaySession* session) {
-    strangers_.remove_if([session](const Stranger& one) { return one.session == session; });
-}
-
-bool Relay::LogIn(RelaySession* session, const std::string& user, const std::string& password) {
+bool Relay::MayProceed(RelaySession& session) {
+    const auto now = Strangers::Clock::now();
     const std::lock_guard<std::mutex> lock(mutex_);
-    TunnelRecord tunnel;
-    const StoreResult found = store_.services.FindTunnel(user, tunnel);
+    const Entry& entry = sessions_[&session];
+    const bool may = !entry.stranger || strangers_.Ask(*entry.stranger, now);
+    if (!may) {
+        ServeNext();
+    }
+    return may;
+}
+
+void Relay::Advance(RelaySession& session) {
+    const auto now = Strangers::Clock::now();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const Entry& entry = sessions_[&session];
+    if (entry.stranger) {
+        strangers_.Advance(*entry.stranger, now);
+    }
+}
+
+void Relay::ServeNext() {
+    for (RelaySession* session : strangers_.Next(Strangers::Clock::now())) {
+        session->Resume();
+    }
+    if (!strangers_.IsCrowded() || turning_ || stopping_) {
+        return;
+    }
+    turning_ = true;
+    turns_->expires_after(Strangers::kPause);
+    turns_->async_wait([this](const boost::system::error_code&) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        turning_ = false;
+        ServeNext();
+    });
+}
+
+void Relay::ForgetStranger(Entry& entry) {
+    if (!entry.stranger) {
+        return;
+    }
+    const bool wasFull = strangers_.IsFull();
+    strangers_.Remove(*entry.stranger);
+    entry.stranger.reset();
+    if (wasFull) {
+        acceptor_->Resume();
+    }
+    ServeNext();
+}
+
+void Relay::LogIn(const SessionPtr& session, const std::string& password) {
+    const std::optional<TunnelRecord> known = book_.Find(session->User());
+    if (known) {
+        Decide(session, password, &*known);
+    } else {
+        LookUp(session, password);
+    }
+}
+
+void Relay::LookUp(const SessionPtr& session, const std::string& password) {
+    loops_.Block([this, session, password, user = session->User()] {
+        std::uint64_t closings = 0;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            closings = closings_;
+        }
+        TunnelRecord tunnel;
+        const bool found = store_.services.FindTunnel(user, tunnel) == StoreResult::Done;
+        bool current = true;
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            current = closings == closings_; // else it may be one of those that were closed
+            if (found && current) {
+                book_.Put(tunnel);
+            }
+        }
+        if (!current) {
+            LookUp(session, password);
+            return;
+        }
+        asio::post(session->Lane().loop, [this, session, password, found, tunnel] {
+            Decide(session, password, found ? &tunnel : nullptr);
+        });
+    });
+}
+
+void Relay::Decide(const SessionPtr& session, const std::string& password,
+                   const TunnelRecord* tunnel) {
+    if (session->IsOver()) {
+        return;
+    }
     // An unknown user takes as long as a wrong password.
-    const bool equal = EqualSecrets(tunnel.password, password);
-    if (found != StoreResult::Done || !equal) {
+    const bool equal = EqualSecrets(tunnel == nullptr ? "" : tunnel->password, password);
+    bool granted = false;
+    if (tunnel != nullptr && equal) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        // One that was ended would only drive the former session out.
+        granted = !session->IsEnded() && !stopping_ && book_.Find(session->User()).has_value();
+        if (granted) {
+            Take(session, *tunnel);
+        }
+    } else {
         refusals_.Log("relay", "log-in from %s refused: %s", session->Peer().c_str(),
-                      found == StoreResult::Done ? "wrong password" : "unknown user");
-        return false;
+                      tunnel != nullptr ? "wrong password" : "unknown user");
     }
-    if (session->IsEnded()) { // it would only drive the former session out
-        return false;
-    }
-    Seat& seat = seats_[user];
+    session->Answer(granted);
+}
+
+void Relay::Take(const SessionPtr& session, const TunnelRecord& tunnel) {
+    Seat& seat = seats_[session->User()];
     if (seat.session != nullptr) {
         seat.session->End();
     }
     seat.session = session;
-    seat.tunnel = std::move(tunnel);
+    seat.tunnel = tunnel;
     if (seat.port != nullptr) {
-        seat.port->GiveTo(session); // stays open for visitors, who wait in the backlog
+        seat.port->GiveTo(session.get()); // stays open for visitors, who wait in the backlog
     }
-    ForgetStranger(session);
-    return true;
+    ForgetStranger(sessions_[session.get()]);
 }
 
-std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession* session, int port) {
-    TunnelStatus status;
-    std::shared_ptr<RelayPort> opened;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = SeatOf(session);
-        if (found == seats_.end() || found->second.tunnel.relayPort != port) {
+std::shared_ptr<RelayPort> Relay::OpenPort(RelaySession& session, int port) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto found = SeatOf(session);
+    if (found == seats_.end() || found->second.tunnel.relayPort != port) {
+        return nullptr;
+    }
+    Seat& seat = found->second;
+    if (seat.port == nullptr) {
+        UniqueFd listener;
+        std::string error;
+        if (!ListenTcp(visitorAddress_, port, listener, error)) {
+            closedPorts_.Log("relay", "tunnel %s: %s", seat.tunnel.id.c_str(), error.c_str());
             return nullptr;
         }
-        Seat* const seat = &found->second;
-        if (seat->port == nullptr) {
-            UniqueFd listener;
-            std::string error;
-            if (!ListenTcp(visitorAddress_, port, listener, error)) {
-                closedPorts_.Log("relay", "tunnel %s: %s", seat->tunnel.id.c_str(), error.c_str());
-                return nullptr;
-            }
-            seat->port = std::make_shared<RelayPort>(std::move(listener));
-            seat->port->GiveTo(session);
-            up_[static_cast<std::uint16_t>(port)] = true;
-            status = {seat->tunnel.device, seat->tunnel.user, true};
-        }
-        opened = seat->port;
+        seat.port = std::make_shared<RelayPort>(std::move(listener));
+        seat.port->GiveTo(&session);
+        up_[static_cast<std::uint16_t>(port)] = true;
+        statusChanged_({seat.tunnel.device, seat.tunnel.user, true});
     }
-    if (status.device != 0) {
-        statusChanged_(std::move(status));
-    }
-    return opened;
+    return seat.port;
 }
 
 void Relay::Close(const std::vector<TunnelKey>& gone) {
     // No status to report: these tunnels are off their device's list already.
     const std::lock_guard<std::mutex> lock(mutex_);
+    ++closings_;
     for (const TunnelKey& tunnel : gone) {
+        book_.Remove(tunnel.user);
         const auto seat = seats_.find(tunnel.user);
         if (seat != seats_.end()) {
-            (void)ClosePort(seat->second);
+            ClosePort(seat->second, false);
             seat->second.session->End();
             seats_.erase(seat);
         }
     }
 }
 
-void Relay::Leave(RelaySession* session) {
-    TunnelStatus status;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        ForgetStranger(session);
-        sessions_.remove(session);
-        const auto seat = SeatOf(session);
-        if (seat != seats_.end()) {
-            status = stopping_ ? TunnelStatus() : ClosePort(seat->second);
-            seats_.erase(seat);
-        }
+void Relay::Leave(RelaySession& session) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto entry = sessions_.find(&session);
+    if (entry == sessions_.end()) {
+        return;
     }
-    if (status.device != 0) {
-        statusChanged_(std::move(status));
+    ForgetStranger(entry->second);
+    const auto seat = SeatOf(session);
+    if (seat != seats_.end()) {
+        ClosePort(seat->second, !stopping_);
+        seats_.erase(seat);
+    }
+    sessions_.erase(entry); // its caller holds it
+    if (sessions_.empty()) {
+        empty_.notify_all();
     }
 }
 
-Relay::Seats::iterator Relay::SeatOf(const RelaySession* session) {
-    return std::find_if(seats_.begin(), seats_.end(),
-                        [session](const auto& entry) { return entry.second.session == session; });
+Relay::Seats::iterator Relay::SeatOf(const RelaySession& session) {
+    const auto seat = seats_.find(session.User());
+    return seat != seats_.end() && seat->second.session.get() == &session ? seat : seats_.end();
 }
 
-TunnelStatus Relay::ClosePort(Seat& seat) {
+void Relay::ClosePort(Seat& seat, bool report) {
     if (seat.port == nullptr) {
-        return {};
+        return;
     }
     up_[static_cast<std::uint16_t>(seat.tunnel.relayPort)] = false;
     seat.port->Shut();
     seat.port.reset();
-    return {seat.tunnel.device, seat.tunnel.user, false};
+    if (report) {
+        statusChanged_({seat.tunnel.device, seat.tunnel.user, false});
+    }
 }
 
 } // namespace ZARO::RelayHub

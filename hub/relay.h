@@ -2,99 +2,112 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <functional>
-#include <list>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
-#include <libssh/server.h>
+#include <boost/asio/steady_timer.hpp>
 
-#include "base/unique_fd.h"
+#include "hub/acceptor.h"
 #include "hub/log.h"
-#include "hub/net.h"
+#include "hub/loops.h"
 #include "hub/relay_session.h"
 #include "hub/store.h"
-#include "hub/threads.h"
-#include "hub/waker.h"
+#include "hub/strangers.h"
+#include "hub/tunnel_book.h"
 
 namespace ZARO::RelayHub {
 
-/// Accepts each tunnel's own user and password, and opens the tunnel's own port, nothing else. One
-/// thread per session. Any thread may call the public methods.
+/// Accepts each tunnel's own user and password, and opens the tunnel's own port, nothing else. Any
+/// thread may call the public methods. The loops must have stopped before it goes.
 class Relay : private RelayDesk {
 public:
-    using StatusChanged = std::function<void(TunnelStatus status)>;
+    using StatusChanged = std::function<void(const TunnelStatus&)>;
 
-    /// `visitorAddress` is where the tunnels' ports listen. `statusChanged` is told when a tunnel
-    /// goes up or down.
-    Relay(Store& store, std::string visitorAddress, StatusChanged statusChanged);
+    /// `book` spares the look-up of the tunnels in it; the relay adds those that it looked up, and
+    /// removes those that it closes. `visitorAddress` is where the tunnels' ports listen.
+    /// `statusChanged` is told when a tunnel goes up or down, in order. It must not block or call
+    /// the relay.
+    Relay(Loops& loops, Store& store, TunnelBook& book, std::string visitorAddress,
+          StatusChanged statusChanged);
     ~Relay();
 
-    /// Listens; the host key is kept in `keyFile`, mode 0600, and made when it is not there.
-    bool Start(const std::string& address, int port, const std::string& keyFile,
+    /// Listens; `hostKey` is the text of the host key. The sessions spread over the loops.
+    bool Start(const std::string& address, int port, const std::string& hostKey,
                std::string& error);
-    /// Ends every session.
+    /// Ends every session; returns when they are gone, at most a second later while the loops run.
     void Stop();
-    int Port() const { return acceptor_.Port(); }
+    int Port() const { return acceptor_ == nullptr ? 0 : acceptor_->Port(); }
 
     /// Whether that port is open for visitors at the moment. Takes no lock.
     bool IsUp(int port) const { return up_[static_cast<std::uint16_t>(port)]; }
     /// Ends the sessions of these tunnels and closes their ports before it returns.
     void Close(const std::vector<TunnelKey>& gone);
+    /// How many connections there are, logged in or not.
+    std::size_t Sessions() const;
 
 private:
     /// A tunnel that a session has logged in for.
     struct Seat {
-        RelaySession* session = nullptr;
+        SessionPtr session;
         TunnelRecord tunnel;
         std::shared_ptr<RelayPort> port; ///< null until the session asked for it
     };
 
-    /// A session that has not logged in.
-    struct Stranger {
-        RelaySession* session;
-        std::uint64_t network; ///< where it comes from
+    struct Entry {
+        SessionPtr session;
+        std::optional<Strangers::Place> stranger; ///< until it has logged in
     };
 
-    using Seats = std::map<std::string, Seat>; ///< by user
+    using Seats = std::unordered_map<std::string, Seat>; ///< by user
 
-    bool LogIn(RelaySession* session, const std::string& user,
-               const std::string& password) override;
-    std::shared_ptr<RelayPort> OpenPort(RelaySession* session, int port) override;
+    bool MayProceed(RelaySession& session) override;
+    void Advance(RelaySession& session) override;
+    void LogIn(const SessionPtr& session, const std::string& password) override;
+    std::shared_ptr<RelayPort> OpenPort(RelaySession& session, int port) override;
+    void Leave(RelaySession& session) override;
 
-    bool UseHostKey(const std::string& keyFile, std::string& error);
-    bool MayAdmit();
-    bool Admit(int connection);
-    void Serve(UniqueFd fd, Waker waker);
-    /// Ends one when there are too many. To be called with the lock, as is the next.
-    void DropStranger();
-    void ForgetStranger(const RelaySession* session);
-    void Leave(RelaySession* session);
-    Seats::iterator SeatOf(const RelaySession* session);
-    /// Closes the seat's port. Returns the tunnel that went down; its device is 0 if none did.
-    TunnelStatus ClosePort(Seat& seat);
+    bool MayAccept();
+    void Admit(UniqueFd fd);
+    /// Looks the session's user up in the store, on a worker.
+    void LookUp(const SessionPtr& session, const std::string& password);
+    /// Answers the session, on its loop. `tunnel` is null when the user is unknown.
+    void Decide(const SessionPtr& session, const std::string& password, const TunnelRecord* tunnel);
 
+    // To be called with the lock.
+
+    Seats::iterator SeatOf(const RelaySession& session);
+    void Take(const SessionPtr& session, const TunnelRecord& tunnel);
+    void ForgetStranger(Entry& entry);
+    void ServeNext();
+    void ClosePort(Seat& seat, bool report);
+
+    Loops& loops_;
     Store& store_;
+    TunnelBook& book_;
     const std::string visitorAddress_;
     const StatusChanged statusChanged_;
-    const std::unique_ptr<ssh_bind_struct, void (*)(ssh_bind)> bind_;
     std::vector<std::atomic<bool>> up_; ///< by port
     LogQuota refusals_;
     LogQuota closedPorts_{Level::Error};
+    std::vector<std::unique_ptr<RelayLane>> lanes_; ///< by loop
+    std::size_t nextLane_ = 0;                      ///< for the acceptor's loop
+    std::shared_ptr<Acceptor> acceptor_;
 
-    std::mutex mutex_; ///< guards the following; taken before the store's, never after
+    mutable std::mutex mutex_; ///< guards the following; nothing blocks while it is held
+    std::condition_variable empty_;
     bool stopping_ = false;
     Seats seats_;
-    std::list<Stranger> strangers_;     ///< oldest first
-    std::list<RelaySession*> sessions_; ///< all of them
-
-    ThreadSet threads_;
-    std::optional<Waker> spare_; ///< for the next session; the acceptor's thread alone uses it
-    ThreadAcceptor acceptor_;
+    Strangers strangers_;
+    std::unordered_map<const RelaySession*, Entry> sessions_; ///< all of them
+    std::uint64_t closings_ = 0;                              ///< how often tunnels were closed
+    std::unique_ptr<asio::steady_timer> turns_; ///< until the next stranger may have its turn
+    bool turning_ = false;                      ///< `turns_` runs
 };
 
 } // namespace ZARO::RelayHub

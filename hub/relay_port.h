@@ -11,6 +11,8 @@
 
 namespace ZARO::RelayHub {
 
+class RelayHost;
+
 /// A listener that outlives the session it serves: when a device logs in again, its new session
 /// takes the open port over, so that no visitor is refused in between. Any thread may call any
 /// method.
@@ -18,11 +20,11 @@ class RelayPort {
 public:
     explicit RelayPort(UniqueFd listener) : listener_(std::move(listener)) {}
 
-    /// To poll for visitors.
+    /// To watch for visitors.
     int Get() const { return listener_.Get(); }
 
     /// From now on `owner` alone accepts.
-    void GiveTo(const void* owner) {
+    void GiveTo(const RelayHost* owner) {
         const std::lock_guard<std::mutex> lock(mutex_);
         owner_ = owner;
     }
@@ -34,7 +36,7 @@ public:
     }
 
     /// The next visitor, non-blocking; empty with errno set when there is none for `owner`.
-    UniqueFd Accept(const void* owner) {
+    UniqueFd Accept(const RelayHost* owner) {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (owner_ != owner) {
             errno = EAGAIN;
@@ -45,7 +47,7 @@ public:
 
 private:
     std::mutex mutex_;
-    const void* owner_ = nullptr;
+    const RelayHost* owner_ = nullptr;
     const UniqueFd listener_;
 };
 

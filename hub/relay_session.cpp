@@ -1,12 +1,11 @@
 #include "hub/relay_session.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "hub/log.h"
-#include "hub/net.h"
 
 namespace ZARO::RelayHub {
 
@@ -15,10 +14,8 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr auto kLogInTime = seconds(10);   // from the connection to the log-in
+constexpr auto kLogInTime = seconds(10);   // from the connection, or its first turn, to the log-in
 constexpr auto kForwardTime = seconds(10); // from the log-in to the forward request
-constexpr int kMaxTries = 3;               // wrong passwords
-constexpr int kRefusalDelay = 1000;        // ms before a wrong password is refused
 
 // A device that says nothing for this long, though it was asked in between, is gone. A second probe
 // goes out only when the first is answered; a lost packet is TCP's to repeat.
@@ -32,40 +29,72 @@ constexpr auto kPatience = seconds(2);
 constexpr auto kSlowReading = seconds(1);
 constexpr auto kStuckTime = seconds(300); // ends it
 
-constexpr std::size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
-constexpr std::size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
-constexpr std::size_t kAcceptedAtOnce = 16;
-constexpr std::size_t kMaxBindAddress = 255;
+// What one pass moves before the other sessions of the loop have their turn.
+constexpr std::uint64_t kPassBytes = 256 * 1024;
+constexpr int kPassRounds = 8;
+constexpr std::size_t kSentAtOnce = 128 * 1024; // gathered for one system call
+constexpr std::uint64_t kMuch = 16 * 1024;      // so much at once, and there is more as a rule
 
-// Places in what is polled; the visitors come last, in their order.
-constexpr std::size_t kWakerPlace = 0;
-constexpr std::size_t kSshPlace = 1;
-constexpr std::size_t kPortPlace = 2;
-constexpr std::size_t kFirstVisitorPlace = 3;
+constexpr std::size_t kMaxBindAddress = 255;
 
 } // namespace
 
-RelaySession::RelaySession(RelayDesk& desk, ssh_session session, int fd, Waker waker)
-    : desk_(desk), session_(session, ssh_free), event_(ssh_event_new(), ssh_event_free), fd_(fd),
-      waker_(std::move(waker)), now_(Clock::now()), deadline_(now_ + kLogInTime), heard_(now_),
-      clear_(now_), buffer_(RelayVisitor::kChunk) {
+RelaySession::RelaySession(RelayDesk& desk, RelayLane& lane, UniqueFd fd)
+    : desk_(desk), lane_(lane), session_(nullptr, ssh_free), event_(nullptr, ssh_event_free),
+      fd_(fd.Get()), owned_(std::move(fd)), watch_(lane.loop), timer_(lane.loop.get_executor()) {
 }
 
-RelaySession::~RelaySession() {
-    visitors_.clear();
-    if (inEvent_) {
-        (void)ssh_event_remove_session(event_.get(), session_.get());
+void RelaySession::Start() {
+    asio::post(lane_.loop, [self = Self()] { self->Greet(); });
+}
+
+void RelaySession::Resume() {
+    asio::post(lane_.loop, [self = Self()] {
+        self->waits_ = false;
+        self->lineReady_ = true;
+        self->deadline_ = std::max(self->deadline_, Clock::now() + kLogInTime);
+        self->Pass();
+    });
+}
+
+void RelaySession::End() {
+    ended_ = true;
+    asio::post(lane_.loop, [self = Self()] { self->Pass(); });
+}
+
+void RelaySession::Wake() {
+    if (!posted_) {
+        posted_ = true;
+        asio::post(lane_.loop, [self = Self()] { self->Pass(); });
     }
-    ssh_silent_disconnect(session_.get());
+}
+
+void RelaySession::Greet() {
+    lane_.now = Clock::now();
+    deadline_ = lane_.now + kLogInTime;
+    heard_ = clear_ = lane_.now;
+    if (!Prepare()) {
+        Over("it can't be served");
+        Finish();
+        return;
+    }
+    PollLine(); // sends the greeting
+    Pass();
 }
 
 bool RelaySession::Prepare() {
-    if (event_ == nullptr) {
+    session_.reset(ssh_new());
+    event_.reset(ssh_event_new());
+    if (session_ == nullptr || event_ == nullptr) {
         return false;
     }
-    serverCallbacks_.userdata = this;
-    serverCallbacks_.auth_password_function = OnPassword;
-    ssh_callbacks_init(&serverCallbacks_);
+    const int result = ssh_bind_accept_fd(lane_.bind.get(), session_.get(), fd_);
+    if (ssh_get_fd(session_.get()) == fd_) {
+        (void)owned_.Release(); // it closes with the session
+    }
+    if (result != SSH_OK || !watch_.Start(fd_)) {
+        return false;
+    }
     callbacks_.userdata = this;
     callbacks_.global_request_function = OnGlobalRequest;
     ssh_callbacks_init(&callbacks_);
@@ -76,88 +105,64 @@ bool RelaySession::Prepare() {
     // times.
     SetKeepAlive(fd_, 5, 3, 3);
     SetUserTimeOut(fd_, static_cast<int>(milliseconds(kSilence).count()));
-    return ssh_set_server_callbacks(session_.get(), &serverCallbacks_) == SSH_OK &&
-           ssh_set_callbacks(session_.get(), &callbacks_) == SSH_OK;
+    return ssh_set_callbacks(session_.get(), &callbacks_) == SSH_OK;
 }
 
-void RelaySession::Run() {
-    if (!Prepare()) {
+void RelaySession::Pass() {
+    if (released_) {
         return;
     }
-    HandleSsh(); // sends the greeting
-    while (state_ != State::Over && !ended_) {
-        const bool waited = IsWriting();
-        WaitForEvents();
-        now_ = Clock::now();
-        if (polled_[kSshPlace].revents != 0) {
-            HandleSsh();
-        }
-        clear_ = waited && IsWriting() ? clear_ : now_;
-        // The library reads from the socket in other calls too, so its own count is what tells.
-        const bool heard = traffic_.in_bytes != seenTraffic_;
-        if (heard) {
-            seenTraffic_ = traffic_.in_bytes;
-            heard_ = now_;
-        }
-        if (state_ == State::Serving) {
-            HandleVisitors(heard);
-            AcceptVisitors();
-            KeepAlive();
-        } else if (state_ != State::Over && now_ >= deadline_) {
-            Over("not ready in time");
-        }
+    posted_ = true; // nobody has to wake it meanwhile
+    lane_.now = Clock::now();
+    clear_ = lineFull_ ? clear_ : lane_.now;
+    if (!waits_ && !ended_) {
+        const bool isStranger = state_ == State::KeyExchange || state_ == State::LogIn;
+        waits_ = isStranger && lineReady_ && !desk_.MayProceed(*this);
+    }
+    if (!waits_ && !ended_) {
+        MoveData();
+    }
+    CheckClock();
+    posted_ = false;
+    if (state_ == State::Over || ended_) {
+        Finish();
+    } else if (!waits_) {
+        AwaitMore();
+    }
+    if (!released_) {
+        SetTimer();
     }
 }
 
-/// Whether data for the device waits for the line.
-bool RelaySession::IsWriting() const {
-    return (ssh_get_poll_flags(session_.get()) & SSH_WRITE_PENDING) != 0;
-}
-
-/// Whether what the device sends is read at once.
-bool RelaySession::IsListening() const {
-    return now_ < clear_ + kPatience || now_ >= heard_ + kSlowReading;
-}
-
-void RelaySession::WaitForEvents() {
-    const bool writing = IsWriting();
-    const bool accepting =
-        port_ != nullptr && visitors_.size() < kMaxVisitors + kMaxLeaving && now_ >= rest_;
-    polled_.resize(kFirstVisitorPlace);
-    polled_[kWakerPlace] = {waker_.Get(), POLLIN, 0};
-    polled_[kSshPlace] = {
-        fd_, static_cast<short>((IsListening() ? POLLIN : 0) | (writing ? POLLOUT : 0)), 0};
-    polled_[kPortPlace] = {accepting ? port_->Get() : -1, POLLIN, 0};
-    if (!visitors_.empty()) { // each comes first in turn
-        visitors_.splice(visitors_.end(), visitors_, visitors_.begin());
-    }
-    for (RelayVisitor& visitor : visitors_) {
-        // Nothing more is read while the line is full, so that the queue on it stays short.
-        polled_.push_back(visitor.Wanted(!writing));
-    }
-    if (poll(polled_.data(), polled_.size(), TimeOut()) <= 0) {
-        for (pollfd& entry : polled_) {
-            entry.revents = 0;
+void RelaySession::MoveData() {
+    const std::uint64_t start = traffic_.in_bytes + traffic_.out_bytes;
+    for (int round = 0; round < kPassRounds && state_ != State::Over && !ended_; ++round) {
+        const std::uint64_t in = traffic_.in_bytes;
+        const std::uint64_t out = traffic_.out_bytes;
+        const bool wasWriting = IsWriting();
+        if (lineReady_ || (wasWriting && !lineFull_)) {
+            PollLine();
+            // A line that was written to has to be polled before it counts as free again.
+            lineFull_ = wasWriting && IsWriting() && traffic_.out_bytes == out;
+        }
+        HandleInput();
+        if (visitors_ != nullptr && state_ == State::Serving) {
+            (void)visitors_->Serve(!IsWriting(), kSentAtOnce);
+        }
+        lineReady_ = traffic_.in_bytes != seenTraffic_ || traffic_.in_bytes - in >= kMuch;
+        const std::uint64_t moved = traffic_.in_bytes + traffic_.out_bytes - start;
+        if (lineFull_ || moved >= kPassBytes || !(lineReady_ || IsWriting())) {
+            break;
         }
     }
+    if (state_ != State::Over && !ended_ && visitors_ != nullptr && visitors_->IsOverrun()) {
+        Over("it sends more than its windows allow");
+    } else if (state_ != State::Over && !ended_ && ssh_is_connected(session_.get()) == 0) {
+        Over("connection lost");
+    }
 }
 
-/// Milliseconds until the next thing that is due by the clock.
-int RelaySession::TimeOut() const {
-    if (traffic_.in_bytes != seenTraffic_) {
-        return 0; // what came meanwhile may concern any visitor
-    }
-    Clock::time_point due = deadline_;
-    if (state_ == State::Serving) {
-        due = std::min(probe_, heard_ + kSilence);
-        due = rest_ > now_ ? std::min(due, rest_) : due;
-    }
-    due = IsListening() ? due : std::min(due, heard_ + kSlowReading);
-    const auto left = std::chrono::ceil<milliseconds>(due - Clock::now()).count();
-    return static_cast<int>(std::max<decltype(left)>(left, 0));
-}
-
-void RelaySession::HandleSsh() {
+void RelaySession::PollLine() {
     ssh_session session = session_.get();
     if (inEvent_ && ssh_event_dopoll(event_.get(), 0) == SSH_ERROR) {
         Over("connection lost");
@@ -174,6 +179,13 @@ void RelaySession::HandleSsh() {
         }
         if (result == SSH_OK) {
             state_ = State::LogIn;
+            desk_.Advance(*this);
+            logIn_ = std::make_unique<RelayLogIn>(
+                *this, lane_, session, [this](const std::string& user, const std::string& word) {
+                    user_ = user;
+                    desk_.Advance(*this);
+                    desk_.LogIn(Self(), word);
+                });
         }
     }
     if (!inEvent_ || ssh_is_connected(session) == 0) {
@@ -181,78 +193,118 @@ void RelaySession::HandleSsh() {
     }
 }
 
-void RelaySession::HandleVisitors(bool heard) {
-    bool overrun = false;
-    std::size_t place = kFirstVisitorPlace;
-    for (auto visitor = visitors_.begin(); visitor != visitors_.end();) {
-        if (heard) {
-            visitor->AwaitOpening();
+void RelaySession::HandleInput() {
+    // The library reads from the socket in other calls too, so its own count is what tells.
+    if (traffic_.in_bytes != seenTraffic_) {
+        seenTraffic_ = traffic_.in_bytes;
+        heard_ = lane_.now;
+        if (visitors_ != nullptr) {
+            visitors_->Hear();
         }
-        short events = polled_[place++].revents;
-        if (IsWriting()) {
-            events = static_cast<short>(events & ~POLLIN);
-        }
-        visitor->Move(events, now_, buffer_.data());
-        overrun = overrun || visitor->IsOverrun();
-        visitor = visitor->IsDone() ? visitors_.erase(visitor) : std::next(visitor);
     }
-    if (overrun) {
-        Over("it sends more than its windows allow");
-    } else if (ssh_is_connected(session_.get()) == 0) {
-        Over("connection lost");
-    }
-}
-
-void RelaySession::AcceptVisitors() {
-    if (state_ != State::Serving || polled_[kPortPlace].revents == 0) {
+    if (logIn_ == nullptr) {
         return;
     }
-    for (std::size_t i = 0; i < kAcceptedAtOnce && visitors_.size() < kMaxVisitors + kMaxLeaving;
-         ++i) {
-        UniqueFd fd = port_->Accept(this);
-        if (!fd.IsOpen()) {
-            if (IsShortage(errno)) {
-                rest_ = now_ + kAcceptPause;
-                if (!inShortage_) {
-                    Log(Level::Warning, "relay", "visitors of port %d wait: %s", portNumber_,
-                        strerror(errno));
-                }
-                inShortage_ = true;
-            }
-            return;
-        }
-        inShortage_ = false;
-        MakeRoom();
-        visitors_.emplace_back(session_.get(), std::move(fd));
-        visitors_.back().Open(bindAddress_, portNumber_);
+    logIn_->Read();
+    if (logIn_->Result() == RelayLogIn::State::Over) {
+        ended_ = true;
+    } else if (logIn_->Result() == RelayLogIn::State::Granted) {
+        logIn_.reset();
+        // From now on every request but the forward is refused at once, also those that came
+        // already.
+        ssh_set_message_callback(session_.get(), OnMessage, this);
+        (void)ssh_execute_message_callbacks(session_.get());
     }
 }
 
-void RelaySession::MakeRoom() {
-    std::size_t present = 0;
-    RelayVisitor* idlest = nullptr;
-    for (RelayVisitor& visitor : visitors_) {
-        if (!visitor.IsGone()) {
-            ++present;
-            idlest = idlest == nullptr || visitor.MovedAt() < idlest->MovedAt() ? &visitor : idlest;
-        }
+void RelaySession::AwaitMore() {
+    const bool busy = logIn_ != nullptr && logIn_->IsBusy();
+    const bool hasWork =
+        lineReady_ || IsWriting() || (visitors_ != nullptr && visitors_->HasWork());
+    if (hasWork && !lineFull_ && !busy) {
+        Wake(); // when the others have had their turn
+        return;
     }
-    if (present >= kMaxVisitors) {
-        idlest->End();
+    lineReady_ = false;
+    if (IsListening() && !busy) {
+        watch_.Await(Watch::Kind::Readable, [self = Self()] {
+            self->lane_.now = Clock::now();
+            self->lineReady_ = self->lineReady_ || self->IsListening();
+            self->Pass();
+        });
+    }
+    if (IsWriting()) {
+        watch_.Await(Watch::Kind::Writable, [self = Self()] {
+            self->lineReady_ = true;
+            self->Pass();
+        });
+    }
+}
+
+RelaySession::Clock::time_point RelaySession::NextDue() const {
+    if (state_ != State::Serving) {
+        return waits_ ? lane_.now + kLogInTime : deadline_;
+    }
+    Clock::time_point due = std::min(probe_, heard_ + kSilence);
+    return IsListening() ? due : std::min(due, heard_ + kSlowReading);
+}
+
+void RelaySession::SetTimer() {
+    const Clock::time_point due = NextDue();
+    if (due >= timerDue_) {
+        return; // what comes later is looked at then
+    }
+    timerDue_ = due;
+    timer_.expires_at(due);
+    timer_.async_wait([self = Self()](const boost::system::error_code& failed) {
+        if (!failed && !self->released_) {
+            self->OnTimer();
+        }
+    });
+}
+
+void RelaySession::OnTimer() {
+    timerDue_ = Clock::time_point::max();
+    lane_.now = Clock::now();
+    if (state_ == State::Serving) {
+        visitors_->EndStuckOnes();
+        lineReady_ = IsListening(); // what came may not have been handled yet
+    }
+    Pass();
+}
+
+/// Whether data for the device waits for the line.
+bool RelaySession::IsWriting() const {
+    return (ssh_get_poll_flags(session_.get()) & SSH_WRITE_PENDING) != 0;
+}
+
+/// Whether what the device sends is read at once.
+bool RelaySession::IsListening() const {
+    return !lineFull_ || lane_.now < clear_ + kPatience || lane_.now >= heard_ + kSlowReading;
+}
+
+void RelaySession::CheckClock() {
+    if (state_ == State::Over || ended_ || waits_) {
+        return;
+    }
+    if (state_ == State::Serving) {
+        KeepAlive();
+    } else if (lane_.now >= deadline_) {
+        Over("not ready in time");
     }
 }
 
 void RelaySession::KeepAlive() {
-    const bool silent = now_ >= heard_ + kSilence;
-    if (silent || now_ >= clear_ + kStuckTime) {
+    const bool silent = lane_.now >= heard_ + kSilence;
+    if (silent || lane_.now >= clear_ + kStuckTime) {
         Over(silent ? "silent" : "it takes no data");
         return;
     }
     probe_ = std::max(probe_, heard_ + kFirstProbe);
-    if (now_ < probe_) {
+    if (lane_.now < probe_) {
         return;
     }
-    probe_ = now_ + kNextProbe;
+    probe_ = lane_.now + kNextProbe;
     // The first call takes in the answer to the last probe, if there is one; the second sends.
     (void)ssh_send_keepalive(session_.get());
     (void)ssh_send_keepalive(session_.get());
@@ -260,34 +312,57 @@ void RelaySession::KeepAlive() {
 
 void RelaySession::Over(const char* why) {
     if (state_ == State::Serving) {
-        Log(Level::Info, "relay", "port %d: session ended: %s", portNumber_, why);
-    } else {
+        Log(Level::Info, "relay", "port %d: session ended: %s", port_, why);
+    } else if (state_ != State::Over) {
         Log(Level::Debug, "relay", "a session ended before it was served: %s", why);
     }
     state_ = State::Over;
 }
 
-int RelaySession::OnPassword(ssh_session, const char* user, const char* password, void* self) {
-    try {
-        return static_cast<RelaySession*>(self)->CheckPassword(user, password) ? SSH_AUTH_SUCCESS
-                                                                               : SSH_AUTH_DENIED;
-    } catch (const std::exception&) {
-        return SSH_AUTH_DENIED;
+void RelaySession::Finish() {
+    if (!released_) {
+        desk_.Leave(*this); // closes the port, before the visitors notice anything
+        Release();
     }
 }
 
-bool RelaySession::CheckPassword(const char* user, const char* password) {
-    if (state_ != State::LogIn || user == nullptr || password == nullptr) {
-        return false;
+void RelaySession::Release() {
+    if (released_) {
+        return;
     }
-    if (desk_.LogIn(this, user, password)) {
+    released_ = true;
+    (void)timer_.cancel();
+    watch_.Stop();
+    if (logIn_ != nullptr) {
+        logIn_->Cancel();
+    }
+    if (visitors_ != nullptr) {
+        visitors_->Clear();
+    }
+    if (inEvent_) {
+        (void)ssh_event_remove_session(event_.get(), session_.get());
+    }
+    if (session_ != nullptr) {
+        ssh_silent_disconnect(session_.get());
+    }
+    event_.reset();
+    session_.reset();
+    (void)owned_.Close();
+}
+
+void RelaySession::Answer(bool granted) {
+    if (released_ || logIn_ == nullptr) {
+        return;
+    }
+    if (granted) { // before the device knows, since its forward request may come at once
         state_ = State::LoggedIn;
         deadline_ = Clock::now() + kForwardTime;
-        return true;
     }
-    (void)waker_.WaitFor(kRefusalDelay); // this thread serves nobody else
-    ended_ = ended_ || ++tries_ >= kMaxTries;
-    return false;
+    logIn_->Answer(granted);
+}
+
+int RelaySession::OnMessage(ssh_session, ssh_message, void*) {
+    return 1; // the library refuses it
 }
 
 void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self) {
@@ -313,18 +388,19 @@ void RelaySession::OnGlobalRequest(ssh_session, ssh_message message, void* self)
 bool RelaySession::Forward(ssh_message message) {
     const char* address = ssh_message_global_request_address(message);
     const int port = ssh_message_global_request_port(message);
-    if (state_ != State::LoggedIn || address == nullptr ||
-        std::string(address).size() > kMaxBindAddress) {
+    if (state_ != State::LoggedIn || address == nullptr || std::strlen(address) > kMaxBindAddress) {
         return false;
     }
-    port_ = desk_.OpenPort(this, port);
-    if (port_ == nullptr) {
+    auto visitors = std::make_unique<RelayVisitors>(*this, lane_, session_.get());
+    std::shared_ptr<RelayPort> opened = desk_.OpenPort(*this, port);
+    if (opened == nullptr) {
         return false;
     }
-    bindAddress_ = address;
-    portNumber_ = port;
+    port_ = port;
     state_ = State::Serving;
-    probe_ = Clock::now() + kFirstProbe;
+    probe_ = lane_.now + kFirstProbe;
+    visitors_ = std::move(visitors);
+    visitors_->Use(std::move(opened), address, port);
     (void)ssh_message_global_request_reply_success(message, static_cast<std::uint16_t>(port));
     Log(Level::Info, "relay", "port %d is up", port);
     return true;

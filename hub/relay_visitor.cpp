@@ -9,6 +9,7 @@
 #include <libssh/server.h>
 
 #include "hub/net.h"
+#include "hub/relay_visitors.h"
 
 namespace ZARO::RelayHub {
 
@@ -23,8 +24,9 @@ constexpr auto kStuckTime = std::chrono::hours(1);
 
 } // namespace
 
-RelayVisitor::RelayVisitor(ssh_session session, UniqueFd fd)
-    : channel_(ssh_channel_new(session)), fd_(std::move(fd)) {
+RelayVisitor::RelayVisitor(RelayLane& lane, RelayVisitors& all, ssh_session session, UniqueFd fd)
+    : lane_(lane), all_(all), channel_(ssh_channel_new(session)), fd_(std::move(fd)),
+      watch_(lane.loop), movedAt_(lane.now) {
     SetNoDelay(fd_.Get());
     // Ends visitors whose machine vanished: they would keep their place and their channel. One that
     // only pauses stays, as long as no data waits for it.
@@ -33,26 +35,32 @@ RelayVisitor::RelayVisitor(ssh_session session, UniqueFd fd)
     callbacks_.channel_data_function = OnData;
     callbacks_.channel_eof_function = OnEof;
     callbacks_.channel_close_function = OnClose;
+    callbacks_.channel_write_wontblock_function = OnWindow;
     ssh_callbacks_init(&callbacks_);
-    if (channel_ == nullptr || ssh_set_channel_callbacks(channel_, &callbacks_) != SSH_OK) {
+    if (channel_ == nullptr || ssh_set_channel_callbacks(channel_, &callbacks_) != SSH_OK ||
+        !watch_.Start(fd_.Get())) {
         state_ = State::Done;
     }
 }
 
-RelayVisitor::~RelayVisitor() {
-    if (channel_ == nullptr) {
-        return;
+void RelayVisitor::Abandon() {
+    watch_.Stop();
+    (void)fd_.Close();
+    if (channel_ != nullptr) {
+        (void)ssh_remove_channel_callbacks(channel_, &callbacks_);
+        // Freeing an open channel closes it; one that was never opened must not be closed, the peer
+        // would drop the whole session.
+        ssh_channel_free(channel_);
     }
-    (void)ssh_remove_channel_callbacks(channel_, &callbacks_);
-    // Freeing an open channel closes it; one that was never opened must not be closed, the peer
-    // would drop the whole session.
-    ssh_channel_free(channel_);
+    channel_ = nullptr;
+    state_ = State::Done;
 }
 
 void RelayVisitor::Open(const std::string& address, int port) {
     forwardAddress_ = address;
     forwardPort_ = port;
     peerAddress_ = PeerOf(fd_.Get(), peerPort_);
+    Await(Watch::Kind::HungUp, hungUp_);
     AwaitOpening();
 }
 
@@ -62,34 +70,43 @@ void RelayVisitor::AwaitOpening() {
     }
     const int result = ssh_channel_open_reverse_forward(
         channel_, forwardAddress_.c_str(), forwardPort_, peerAddress_.c_str(), peerPort_);
-    if (result == SSH_OK) {
-        state_ = State::Open;
-    } else if (result != SSH_AGAIN) {
-        state_ = State::Done; // nothing listens at the device
+    if (result == SSH_AGAIN) {
+        return;
     }
+    state_ = result == SSH_OK ? State::Open : State::Done; // else nothing listens at the device
+    readable_ = state_ == State::Open;                     // most have sent something by now
+    Touch();
 }
 
-pollfd RelayVisitor::Wanted(bool sending) {
-    const bool open = state_ == State::Open;
-    reading_ = open && sending && !visitorEnded_ && unsent_.empty() && !deviceClosed_ &&
-               ssh_channel_window_size(channel_) > 0;
-    const auto events =
-        static_cast<short>((reading_ ? POLLIN : 0) | (open && !IsDrained() ? POLLOUT : 0));
-    // Even without events poll() reports a lost connection. Once this side is shut, it would report
-    // the visitor's orderly end as well, whose last bytes may still be unread.
-    return {events == 0 && toldVisitor_ ? -1 : fd_.Get(), events, 0};
+void RelayVisitor::Await(Watch::Kind kind, bool& flag) {
+    watch_.Await(kind, [self = shared_from_this(), &flag] {
+        flag = true;
+        self->Touch();
+    });
 }
 
-void RelayVisitor::Move(short events, Clock::time_point now, char* buffer) {
-    const bool lost = !reading_ && (events & (POLLHUP | POLLERR)) != 0;
-    const bool stuck = !IsDrained() && now >= movedAt_ + kStuckTime;
-    broken_ = broken_ || lost || stuck;
+bool RelayVisitor::WantsRead() const {
+    return state_ == State::Open && !visitorEnded_ && unsent_.empty() && !deviceClosed_ &&
+           !windowShut_;
+}
+
+bool RelayVisitor::IsStuck() const {
+    return !IsDrained() && lane_.now >= movedAt_ + kStuckTime;
+}
+
+std::size_t RelayVisitor::Move(bool mayRead) {
+    std::size_t moved = 0;
+    windowShut_ = state_ == State::Open && ssh_channel_window_size(channel_) == 0;
+    // After this side is shut, the visitor's orderly end looks like a lost connection, and its last
+    // bytes may still be unread.
+    broken_ = broken_ || IsStuck() || (hungUp_ && !WantsRead() && !toldVisitor_);
     if (state_ == State::Open && !broken_) {
-        MoveOpen(events, buffer);
+        moved = MoveOpen(mayRead);
     }
     const bool ended =
         broken_ || (IsDrained() && (deviceClosed_ || (toldVisitor_ && visitorEnded_)));
     if (ended) {
+        watch_.Stop();
         (void)fd_.Close();
     }
     if (ended && state_ == State::Open) {
@@ -99,67 +116,77 @@ void RelayVisitor::Move(short events, Clock::time_point now, char* buffer) {
     if (state_ == State::Leaving && deviceClosed_) {
         state_ = State::Done;
     }
+    if (!readable_ && WantsRead()) {
+        Await(Watch::Kind::Readable, readable_);
+    }
+    if (!writable_ && state_ == State::Open && !IsDrained()) {
+        Await(Watch::Kind::Writable, writable_);
+    }
+    return moved;
 }
 
 void RelayVisitor::End() {
     broken_ = true;
-    Move(0, movedAt_, nullptr);
+    (void)Move(false);
 }
 
-void RelayVisitor::MoveOpen(short events, char* buffer) {
-    if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 || !unsent_.empty()) {
-        ToDevice(buffer);
+std::size_t RelayVisitor::MoveOpen(bool mayRead) {
+    std::size_t moved = 0;
+    if (mayRead && (HasMore() || !unsent_.empty())) {
+        moved = ToDevice();
     }
-    if (!IsDrained() && (events & (POLLOUT | POLLHUP | POLLERR)) != 0) {
-        ToVisitor(buffer);
+    if (!IsDrained() && writable_) {
+        writable_ = false;
+        ToVisitor();
     }
     if (IsDrained() && deviceEnded_ && !toldVisitor_) {
         toldVisitor_ = true;
         (void)shutdown(fd_.Get(), SHUT_WR);
     }
+    return moved;
 }
 
-void RelayVisitor::ToDevice(char* buffer) {
+std::size_t RelayVisitor::ToDevice() {
+    char* const buffer = lane_.buffer.data();
     const char* data = unsent_.data();
     std::size_t size = unsent_.size();
-    if (size == 0 && !visitorEnded_ && !deviceClosed_) {
-        const std::size_t room = std::min<std::size_t>(kChunk, ssh_channel_window_size(channel_));
-        const ssize_t got = room == 0 ? -1 : recv(fd_.Get(), buffer, room, 0);
-        if (room == 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) {
-            return;
-        }
+    if (size == 0) {
+        const std::size_t room =
+            std::min<std::size_t>(RelayLane::kChunk, ssh_channel_window_size(channel_));
+        const ssize_t got = recv(fd_.Get(), buffer, room, 0);
+        readable_ = got == static_cast<ssize_t>(room) || (got < 0 && errno == EINTR);
         if (got < 0) {
-            broken_ = true;
-            return;
+            broken_ = errno != EAGAIN && errno != EINTR;
+            return 0;
         }
-        movedAt_ = Clock::now();
+        Moved();
         if (got == 0) {
             visitorEnded_ = true;
             broken_ = ssh_channel_send_eof(channel_) == SSH_ERROR;
-            return;
+            return 0;
         }
         data = buffer;
         size = static_cast<std::size_t>(got);
     }
-    if (size == 0) {
-        return;
-    }
     const int taken = ssh_channel_write(channel_, data, static_cast<std::uint32_t>(size));
     if (taken < 0) {
         broken_ = true;
-        return;
+        return 0;
     }
     // While keys are exchanged the channel takes nothing.
     unsent_ = std::string(data + taken, data + size);
+    windowShut_ = ssh_channel_window_size(channel_) == 0;
+    return static_cast<std::size_t>(taken);
 }
 
-void RelayVisitor::ToVisitor(char* buffer) {
+void RelayVisitor::ToVisitor() {
     for (;;) {
         pending_.erase(0, Send(pending_.data(), pending_.size()));
         if (!pending_.empty() || !backlog_) {
             return;
         }
-        const int got = ssh_channel_read_nonblocking(channel_, buffer, kChunk, 0);
+        char* const buffer = lane_.buffer.data();
+        const int got = ssh_channel_read_nonblocking(channel_, buffer, RelayLane::kChunk, 0);
         if (got <= 0) {
             backlog_ = false;
             return;
@@ -173,7 +200,7 @@ std::size_t RelayVisitor::Send(const char* data, std::size_t size) {
     while (done < size && !broken_) {
         const ssize_t sent = send(fd_.Get(), data + done, size - done, MSG_NOSIGNAL);
         if (sent > 0) {
-            movedAt_ = Clock::now();
+            Moved();
             done += static_cast<std::size_t>(sent);
         } else if (errno == EAGAIN) {
             return done;
@@ -182,6 +209,15 @@ std::size_t RelayVisitor::Send(const char* data, std::size_t size) {
         }
     }
     return size;
+}
+
+void RelayVisitor::Moved() {
+    movedAt_ = lane_.now;
+    all_.Moved(*this);
+}
+
+void RelayVisitor::Touch() {
+    all_.Touch(*this);
 }
 
 int RelayVisitor::OnData(ssh_session, ssh_channel, void* data, std::uint32_t size, int isError,
@@ -193,21 +229,39 @@ int RelayVisitor::OnData(ssh_session, ssh_channel, void* data, std::uint32_t siz
     }
     if (!visitor->IsDrained()) {
         visitor->backlog_ = true; // what is not taken here stays in the channel, in order
+        if (visitor->overrun_) {
+            visitor->Touch();
+        }
         return 0;
     }
     const std::size_t taken = visitor->Send(static_cast<const char*>(data), size);
     visitor->backlog_ = taken < size;
+    if (visitor->backlog_ || visitor->broken_ || visitor->overrun_) {
+        visitor->Touch();
+    }
     return static_cast<int>(taken);
 }
 
 void RelayVisitor::OnEof(ssh_session, ssh_channel, void* self) {
-    static_cast<RelayVisitor*>(self)->deviceEnded_ = true;
+    auto* visitor = static_cast<RelayVisitor*>(self);
+    visitor->deviceEnded_ = true;
+    visitor->Touch();
 }
 
 void RelayVisitor::OnClose(ssh_session, ssh_channel, void* self) {
     auto* visitor = static_cast<RelayVisitor*>(self);
     visitor->deviceEnded_ = true;
     visitor->deviceClosed_ = true;
+    visitor->Touch();
+}
+
+int RelayVisitor::OnWindow(ssh_session, ssh_channel, std::uint32_t bytes, void* self) {
+    auto* visitor = static_cast<RelayVisitor*>(self);
+    if (bytes > 0 && visitor->windowShut_) {
+        visitor->windowShut_ = false;
+        visitor->Touch();
+    }
+    return 0;
 }
 
 } // namespace ZARO::RelayHub
