@@ -13,7 +13,6 @@
 #include <utility>
 
 #include "base/names.h"
-#include "hub/log.h"
 
 namespace ZARO::RelayHub {
 
@@ -146,81 +145,6 @@ std::uint64_t NetworkOf(int fd) {
         network = reinterpret_cast<sockaddr_in*>(&peer)->sin_addr.s_addr;
     }
     return network;
-}
-
-ThreadAcceptor::ThreadAcceptor(const char* unit, MayAccept mayAccept, OnAccept onAccept)
-    : unit_(unit), mayAccept_(std::move(mayAccept)), onAccept_(std::move(onAccept)) {
-}
-
-bool ThreadAcceptor::Start(UniqueFd listener, std::string& error) {
-    listener_ = std::move(listener);
-    port_ = PortOf(listener_.Get());
-    if (!stop_.IsValid()) {
-        error = std::string("can't start: ") + strerror(errno);
-        return false;
-    }
-    try {
-        thread_ = std::thread([this] { Run(); });
-    } catch (const std::system_error& fault) {
-        error = std::string("can't start a thread: ") + fault.what();
-        return false;
-    }
-    return true;
-}
-
-void ThreadAcceptor::Stop() {
-    stop_.Wake();
-    if (thread_.joinable()) {
-        thread_.join();
-    }
-    (void)waiting_.Close();
-    (void)listener_.Close();
-}
-
-void ThreadAcceptor::Run() {
-    const auto pause = static_cast<int>(kAcceptPause.count());
-    for (;;) {
-        pollfd wait[] = {{stop_.Get(), POLLIN, 0}, {listener_.Get(), POLLIN, 0}};
-        (void)poll(wait, 2, waiting_.IsOpen() ? 0 : -1);
-        if (wait[0].revents != 0) {
-            return;
-        }
-        const bool rest = !mayAccept_() || !AcceptOne();
-        if (rest && stop_.WaitFor(pause)) {
-            return;
-        }
-    }
-}
-
-bool ThreadAcceptor::AcceptOne() {
-    if (!waiting_.IsOpen()) {
-        waiting_ =
-            UniqueFd(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!waiting_.IsOpen() && !IsShortage(errno)) {
-            return true; // the peer is gone already, or another such fault of this one connection
-        }
-        if (!waiting_.IsOpen()) {
-            SetShortage(strerror(errno));
-            return false;
-        }
-        SetNoDelay(waiting_.Get());
-    }
-    if (!onAccept_(waiting_.Get())) {
-        SetShortage("no thread left");
-        return false;
-    }
-    (void)waiting_.Release();
-    SetShortage(nullptr);
-    return true;
-}
-
-void ThreadAcceptor::SetShortage(const char* reason) {
-    if (inShortage_ && reason == nullptr) {
-        Log(Level::Info, unit_, "accepts connections again");
-    } else if (!inShortage_ && reason != nullptr) {
-        Log(Level::Warning, unit_, "connections wait: %s", reason);
-    }
-    inShortage_ = reason != nullptr;
 }
 
 } // namespace ZARO::RelayHub
