@@ -32,8 +32,8 @@ public:
     AliasStore aliases{access_};
 
 private:
-    /// Makes the relay of a database that has only one.
-    StoreResult MakeOnlyRelay(std::int64_t& relay);
+    /// The relay of a database that has only one, which is made if it is missing.
+    StoreResult FindOnlyRelay(std::int64_t& relay);
 };
 
 } // namespace ZARO::RelayHub
