@@ -21,7 +21,7 @@ CREATE TABLE session(
     key {key},
     hash TEXT NOT NULL UNIQUE,
     device BIGINT NOT NULL REFERENCES device ON DELETE CASCADE);
-CREATE INDEX session_device ON session(device);
+CREATE INDEX session_device ON session(device, key);
 CREATE TABLE alias(
     name TEXT PRIMARY KEY,
     device BIGINT NOT NULL UNIQUE REFERENCES device ON DELETE CASCADE,
@@ -44,7 +44,7 @@ CREATE TABLE relay(
     seen BIGINT NOT NULL DEFAULT 0,
     epoch BIGINT NOT NULL DEFAULT 0);
 CREATE TABLE port(
-    relay BIGINT NOT NULL REFERENCES relay,
+    relay BIGINT NOT NULL,
     port BIGINT NOT NULL,
     device BIGINT,
     freed BIGINT NOT NULL DEFAULT 0,

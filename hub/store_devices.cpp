@@ -29,8 +29,8 @@ StoreResult Change(Database& database, const Identity& identity, std::int64_t ke
 void AddSession(Database& database, std::int64_t device, const std::string& session) {
     Query(database, "INSERT INTO session(hash, device) VALUES($1, $2)", session, device).Run();
     Query(database,
-          "DELETE FROM session WHERE device = $1 AND key NOT IN"
-          " (SELECT key FROM session WHERE device = $1 ORDER BY key DESC LIMIT $2)",
+          "DELETE FROM session WHERE device = $1 AND key <="
+          " (SELECT key FROM session WHERE device = $1 ORDER BY key DESC LIMIT 1 OFFSET $2)",
           device, kKeptSessions)
         .Run();
 }
