@@ -39,7 +39,7 @@ std::size_t LengthAt(const std::string& text, std::size_t at) {
 
 } // namespace
 
-Value ToValue(const std::string& text) {
+std::string ValidText(const std::string& text) {
     if (std::all_of(text.begin(), text.end(), [](char c) { return c > 0; })) {
         return text;
     }

@@ -30,9 +30,13 @@ struct DatabaseFault : std::runtime_error {
 /// What a statement takes: a number or a text in valid UTF-8 without a NUL.
 using Value = std::variant<std::int64_t, std::string>;
 
-/// The value as every engine can keep it: each byte that is no part of valid UTF-8, and each NUL,
+/// The text as every engine can keep it: each byte that is no part of valid UTF-8, and each NUL,
 /// becomes U+FFFD.
-Value ToValue(const std::string& text);
+std::string ValidText(const std::string& text);
+
+inline Value ToValue(const std::string& text) {
+    return ValidText(text);
+}
 inline Value ToValue(std::int64_t number) {
     return number;
 }

@@ -1,6 +1,7 @@
 #include "hub/store.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
@@ -13,15 +14,18 @@ namespace ZARO::RelayHub {
 
 namespace {
 
-/// SQLite gives the files beside the database the mode of this one, so it is made private first.
+/// SQLite gives the files beside the database the mode of this one, so it is made private first. A
+/// file that is there is not opened: closing it would take the locks of this process's other
+/// connections with it.
 bool MakePrivate(const std::string& file, std::string& error) {
-    UniqueFd made(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
-    if (!made.IsOpen()) {
-        error = "can't open " + file + ": " + strerror(errno);
+    const UniqueFd made(open(file.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    struct stat status = {};
+    if (made.IsOpen() ||
+        (errno == EEXIST && lstat(file.c_str(), &status) == 0 && S_ISREG(status.st_mode))) {
+        return true;
     }
-    const bool good = made.IsOpen();
-    (void)made.Close(); // closed later, it would take SQLite's locks on the file with it
-    return good;
+    error = "can't open " + file + ": " + (errno == EEXIST ? "not a file" : strerror(errno));
+    return false;
 }
 
 } // namespace
@@ -52,21 +56,30 @@ bool Store::Open(const std::string& target, PortPool pool, std::string& error) {
         return false;
     }
     std::int64_t relay = 0;
-    // When nothing can be written, the ports and revisions are those of the last time.
-    if (MakeOnlyRelay(relay) == StoreResult::Done) {
-        (void)ports.Join(relay, pool.first, pool.last);
-        (void)services.ReportRelayDown(relay);
-        ports.UseRelay(relay, std::move(pool.isFree));
+    if (FindOnlyRelay(relay) != StoreResult::Done) {
+        error = "can't make the relay; the log says why";
+        return false;
     }
+    ports.UseRelay(relay, std::move(pool.isFree));
+    // When nothing can be written, the ports and revisions stay those of the last time.
+    (void)ports.Join(relay, pool.first, pool.last);
+    (void)services.ReportRelayDown(relay);
     return true;
 }
 
-StoreResult Store::MakeOnlyRelay(std::int64_t& relay) {
-    return access_.Write("making of the relay", [&relay](Database& database) {
-        Query(database, "INSERT INTO relay(name) VALUES('relay') ON CONFLICT DO NOTHING").Run();
+StoreResult Store::FindOnlyRelay(std::int64_t& relay) {
+    const auto find = [&relay](Database& database) {
         Query row(database, "SELECT key FROM relay WHERE name = 'relay'");
         relay = row.Next() ? row.Integer(0) : 0;
-        return StoreResult::Done;
+        return relay != 0 ? StoreResult::Done : StoreResult::NotFound;
+    };
+    const StoreResult found = access_.Read("look-up of the relay", find);
+    if (found != StoreResult::NotFound) {
+        return found;
+    }
+    return access_.Write("making of the relay", [&find](Database& database) {
+        Query(database, "INSERT INTO relay(name) VALUES('relay') ON CONFLICT DO NOTHING").Run();
+        return find(database);
     });
 }
 

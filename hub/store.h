@@ -36,8 +36,8 @@ public:
     MoveStore moves{access_, ports, relays};
 
 private:
-    /// Makes the relay of a database that has only one.
-    StoreResult MakeOnlyRelay(std::int64_t& relay);
+    /// The relay of a database that has only one, which is made if it is missing.
+    StoreResult FindOnlyRelay(std::int64_t& relay);
 };
 
 } // namespace ZARO::RelayHub

@@ -19,6 +19,13 @@ bool HasAnotherDevice(Database& database, const std::string& serverId, std::int6
     return other.Next();
 }
 
+StoreResult Change(Database& database, const Identity& identity, std::int64_t key) {
+    Query(database, "UPDATE device SET server_id = $1, mac = $2, timezone = $3 WHERE key = $4",
+          identity.serverId, identity.mac, identity.timezone, key)
+        .Run();
+    return StoreResult::Done;
+}
+
 void AddSession(Database& database, std::int64_t device, const std::string& session) {
     Query(database, "INSERT INTO session(hash, device) VALUES($1, $2)", session, device).Run();
     Query(database,
@@ -65,26 +72,26 @@ StoreResult DeviceStore::Admit(Database& database, const Identity& identity, std
     const std::string token = HashToken(identity.serial, identity.token);
     {
         Query known(database,
-                    database.Sql("SELECT key, token FROM device WHERE serial = $1",
-                                 "SELECT key, token FROM device WHERE serial = $1 FOR UPDATE"),
+                    database.Sql("SELECT key, token, server_id, mac, timezone FROM device"
+                                 " WHERE serial = $1",
+                                 "SELECT key, token, server_id, mac, timezone FROM device"
+                                 " WHERE serial = $1 FOR UPDATE"),
                     identity.serial);
         if (known.Next()) {
             if (!EqualSecrets(known.Text(1), token)) {
                 return StoreResult::Refused;
             }
             key = known.Integer(0);
+            if (known.Text(2) == identity.serverId && known.Text(3) == identity.mac &&
+                known.Text(4) == ValidText(identity.timezone)) {
+                return StoreResult::Done;
+            }
         }
     }
     if (HasAnotherDevice(database, identity.serverId, key)) {
         return StoreResult::Refused;
     }
-    if (key == 0) {
-        return Add(database, identity, token, key);
-    }
-    Query(database, "UPDATE device SET server_id = $1, mac = $2, timezone = $3 WHERE key = $4",
-          identity.serverId, identity.mac, identity.timezone, key)
-        .Run();
-    return StoreResult::Done;
+    return key == 0 ? Add(database, identity, token, key) : Change(database, identity, key);
 }
 
 bool DeviceStore::HasAny() {

@@ -84,8 +84,8 @@ std::optional<TunnelPort> PortStore::AssignAt(Database& database, std::int64_t r
         Free(database, port);
     }
     if (!passed.empty()) {
-        foreign_.Log("store", "%zu ports, first %d, are in use by another program", passed.size(),
-                     passed.front().port);
+        foreign_.Log("store", "another program uses port %d; %zu such ports were passed over",
+                     passed.front().port, passed.size());
     }
     return found;
 }

@@ -71,37 +71,72 @@ void BumpAll(Database& database, const std::set<std::string>& devices) {
         .Run();
 }
 
-/// Adds the tunnels that a deletion returns to `gone`, and frees their ports.
-void Collect(Database& database, Query& deletion, std::vector<TunnelKey>& gone) {
-    while (deletion.Next()) {
+/// Removes one service, and frees its port.
+void Remove(Database& database, std::int64_t device, const std::string& id,
+            std::vector<TunnelKey>& gone) {
+    Query deletion(database,
+                   "DELETE FROM service WHERE device = $1 AND id = $2"
+                   " RETURNING relay, relay_user, relay_port",
+                   device, id);
+    if (deletion.Next()) {
         gone.push_back({deletion.Integer(0), deletion.Text(1)});
         PortStore::Free(database, {deletion.Integer(0), deletion.Int(2)});
     }
 }
 
-void Remove(Database& database, std::int64_t device, const std::vector<std::string>& ids,
-            std::vector<TunnelKey>& gone) {
-    for (const std::string& id : ids) {
-        Query deletion(database,
-                       "DELETE FROM service WHERE device = $1 AND id = $2"
-                       " RETURNING relay, relay_user, relay_port",
-                       device, id);
-        Collect(database, deletion, gone);
+/// A service as the database has it.
+struct KnownService {
+    ServiceRecord record;
+    bool isStale = false;
+};
+using KnownServices = std::map<std::string, KnownService>; // by id
+
+KnownServices ServicesOf(Database& database, std::int64_t device) {
+    KnownServices services;
+    Query rows(database,
+               "SELECT id, name, port, external_port, stale FROM service WHERE device = $1",
+               device);
+    while (rows.Next()) {
+        services[rows.Text(0)] = {{rows.Text(0), rows.Text(1), rows.Int(2), rows.Int(3)},
+                                  rows.Int(4) != 0};
     }
+    return services;
 }
 
-void RemoveStale(Database& database, std::int64_t device, std::vector<TunnelKey>& gone) {
-    Query deletion(database,
-                   "DELETE FROM service WHERE device = $1 AND stale = 1"
-                   " RETURNING relay, relay_user, relay_port",
-                   device);
-    Collect(database, deletion, gone);
+bool IsSame(const ServiceRecord& known, const ServiceRecord& service) {
+    return known.name == ValidText(service.name) && known.port == service.port &&
+           known.externalPort == service.externalPort;
 }
 
-void Refresh(Database& database, std::int64_t device, const std::vector<ServiceRecord>& services) {
-    for (const ServiceRecord& service : services) {
-        Query(database, "UPDATE service SET stale = 0 WHERE device = $1 AND id = $2", device,
-              service.id)
+void Change(Database& database, std::int64_t device, const ServiceRecord& service) {
+    Query(database,
+          "UPDATE service SET name = $3, port = $4, external_port = $5 WHERE device = $1"
+          " AND id = $2",
+          device, service.id, service.name, service.port, service.externalPort)
+        .Run();
+}
+
+/// Removes the stale services but those in `present`, which are stale no more.
+void SettleStale(Database& database, std::int64_t device, const std::vector<ServiceRecord>& present,
+                 KnownServices& known, std::vector<TunnelKey>& gone) {
+    bool hasRefreshed = false;
+    for (const ServiceRecord& service : present) {
+        const auto found = known.find(service.id);
+        if (found != known.end() && found->second.isStale) {
+            found->second.isStale = false;
+            hasRefreshed = true;
+        }
+    }
+    for (auto service = known.begin(); service != known.end();) {
+        if (service->second.isStale) {
+            Remove(database, device, service->first, gone);
+            service = known.erase(service);
+        } else {
+            ++service;
+        }
+    }
+    if (hasRefreshed) {
+        Query(database, "UPDATE service SET stale = 0 WHERE device = $1 AND stale <> 0", device)
             .Run();
     }
 }
@@ -117,16 +152,27 @@ StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceR
         if (!LockDevice(database, device)) {
             return StoreResult::NotFound;
         }
+        KnownServices known = ServicesOf(database, device);
         // What goes makes room for what comes.
-        Remove(database, device, removed, users);
-        Refresh(database, device, present);
-        RemoveStale(database, device, users);
+        for (const std::string& id : removed) {
+            Remove(database, device, id, users);
+            known.erase(id);
+        }
+        SettleStale(database, device, present, known, users);
         bool changed = !users.empty();
         for (const ServiceRecord& service : present) {
-            const StoreResult put = Put(database, device, service, changed);
-            if (put != StoreResult::Done) {
-                return put;
+            const auto found = known.find(service.id);
+            if (found != known.end() && IsSame(found->second.record, service)) {
+                continue;
             }
+            if (found != known.end()) {
+                Change(database, device, service);
+            } else if (known.size() >= kMaxServices || !Add(database, device, service)) {
+                return StoreResult::Full;
+            }
+            known[service.id].record = service;
+            known[service.id].record.name = ValidText(service.name);
+            changed = true;
         }
         if (changed) {
             (void)Bump(database, device); // whoever waits for it reads it
@@ -139,33 +185,10 @@ StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceR
     return result;
 }
 
-StoreResult ServiceStore::Put(Database& database, std::int64_t device, const ServiceRecord& service,
-                              bool& changed) {
-    {
-        Query known(database, "SELECT 1 FROM service WHERE device = $1 AND id = $2", device,
-                    service.id);
-        if (!known.Next()) {
-            changed = true;
-            return Add(database, device, service);
-        }
-    }
-    Query change(database,
-                 "UPDATE service SET name = $3, port = $4, external_port = $5 WHERE device = $1"
-                 " AND id = $2 AND (name <> $3 OR port <> $4 OR external_port <> $5) RETURNING id",
-                 device, service.id, service.name, service.port, service.externalPort);
-    changed = change.Next() || changed;
-    return StoreResult::Done;
-}
-
-StoreResult ServiceStore::Add(Database& database, std::int64_t device,
-                              const ServiceRecord& service) {
-    Query count(database, "SELECT count(*) FROM service WHERE device = $1", device);
-    if (count.Next() && count.Int(0) >= kMaxServices) {
-        return StoreResult::Full;
-    }
+bool ServiceStore::Add(Database& database, std::int64_t device, const ServiceRecord& service) {
     const std::optional<TunnelPort> port = ports_.Assign(database, device);
     if (!port) {
-        return StoreResult::Full;
+        return false;
     }
     Query(
         database,
@@ -174,7 +197,7 @@ StoreResult ServiceStore::Add(Database& database, std::int64_t device,
         device, service.id, service.name, service.port, service.externalPort, port->relay,
         port->port, "t" + RandomText(15), RandomText(32))
         .Run();
-    return StoreResult::Done;
+    return true;
 }
 
 StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>& gone) {
@@ -182,7 +205,8 @@ StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>&
     const StoreResult result = access_.Write("service removal", [&](Database& database) {
         users.clear();
         (void)LockDevice(database, device); // one that is gone has no services
-        RemoveStale(database, device, users);
+        KnownServices known = ServicesOf(database, device);
+        SettleStale(database, device, {}, known, users);
         if (!users.empty()) {
             (void)Bump(database, device);
         }

@@ -1,6 +1,7 @@
 /// The services of the devices, each with its tunnel.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -10,7 +11,7 @@
 
 namespace ZARO::RelayHub {
 
-constexpr int kMaxServices = 256; ///< of one device
+constexpr std::size_t kMaxServices = 256; ///< of one device
 
 /// A service as its device describes it.
 struct ServiceRecord {
@@ -76,12 +77,8 @@ public:
     StoreResult ReportRelayDown(std::int64_t relay);
 
 private:
-    // The steps below run inside a piece of work on the database.
-
-    /// Adds the service or changes it; `changed` becomes true when the tunnel list differs.
-    StoreResult Put(Database& database, std::int64_t device, const ServiceRecord& service,
-                    bool& changed);
-    StoreResult Add(Database& database, std::int64_t device, const ServiceRecord& service);
+    /// A step of a piece of work on the database: a new tunnel, unless every port is taken.
+    bool Add(Database& database, std::int64_t device, const ServiceRecord& service);
 
     StoreAccess& access_;
     PortStore& ports_;
