@@ -42,8 +42,8 @@ public:
 
     /// Becomes the relay, notes that all its tunnels are down, and fills the book; to be called
     /// before Start(). Blocks for the database. On success `changes` holds what others are to read
-    /// again. Taken when another process is that relay, Fault when the database failed: then with the
-    /// reason in `error`.
+    /// again. Taken when another process is that relay, Fault when the database failed; both with
+    /// the reason in `error`.
     StoreResult Join(const RelayIdentity& identity, Changes& changes, std::string& error);
     /// What Join() made of this process.
     const RelayRecord& Relay() const { return relay_; }

@@ -13,6 +13,8 @@ namespace ZARO::RelayHub {
 /// Which relays are to lose their tunnels.
 enum class MoveFrom { Draining, DrainingAndDead };
 
+struct MovePlan;
+
 /// Any thread may call any method. They block for the database only and don't throw.
 class MoveStore {
 public:
@@ -26,10 +28,8 @@ public:
     StoreResult Move(MoveFrom from, std::size_t count, Changes& changes);
 
 private:
-    // The steps below run inside a piece of work on the database. They count the moved tunnels.
-
-    std::size_t MoveDevice(Database& database, std::int64_t device, MoveFrom from,
-                           Changes& changes);
+    /// Moves up to about as many tunnels as planned, within a transaction.
+    void MoveBatch(Database& database, const MovePlan& plan, Changes& changes);
 
     StoreAccess& access_;
     PortStore& ports_;

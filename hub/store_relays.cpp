@@ -159,7 +159,7 @@ StoreResult RelayStore::Free(std::vector<RelayRecord>& relays) {
 std::vector<std::int64_t> RelayStore::Choose(Database& database) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (Clock::now() >= fresh_) {
-        Refresh(database);
+        RefreshLocked(database);
     }
     std::vector<std::pair<std::int64_t, std::int64_t>> byLoad;
     for (const auto& [key, candidate] : candidates_) {
@@ -176,7 +176,13 @@ std::vector<std::int64_t> RelayStore::Choose(Database& database) {
     return keys;
 }
 
-void RelayStore::Refresh(Database& database) {
+bool RelayStore::Refresh(Database& database) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    RefreshLocked(database);
+    return !candidates_.empty();
+}
+
+void RelayStore::RefreshLocked(Database& database) {
     std::map<std::int64_t, Candidate> fresh;
     for (const RelayRecord& relay : ReadAlive(database, times_)) {
         Candidate& candidate = fresh[relay.key];

@@ -70,6 +70,8 @@ public:
     /// taken to become that one's. To be called within a piece of work on the database. Throws
     /// DatabaseFault.
     std::vector<std::int64_t> Choose(Database& database);
+    /// Reads which relays live, which Choose() does once per second only. False when none does.
+    bool Refresh(Database& database);
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -81,7 +83,7 @@ private:
         std::int64_t since = 0; ///< tunnels that it got from here after that
     };
 
-    void Refresh(Database& database);
+    void RefreshLocked(Database& database);
 
     StoreAccess& access_;
     RelayTimes times_;
