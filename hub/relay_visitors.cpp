@@ -54,8 +54,14 @@ void RelayVisitors::Hear() {
         (*place)->AwaitOpening();
         place = (*place)->IsOpening() ? std::next(place) : opening_.erase(place);
     }
-    for (const auto& visitor : std::exchange(heldUp_, {})) {
-        Touch(*visitor);
+    for (auto place = heldUp_.begin(); place != heldUp_.end();) {
+        if ((*place)->CanResume()) {
+            (*place)->heldUp_ = false;
+            Touch(**place);
+            place = heldUp_.erase(place);
+        } else {
+            ++place;
+        }
     }
 }
 
@@ -98,7 +104,8 @@ void RelayVisitors::Settle(const std::shared_ptr<RelayVisitor>& visitor) {
         visitor->listed_ = false;
         visitor->Abandon();
         AwaitVisitors(); // there may be room again
-    } else if (visitor->IsHeldUp()) {
+    } else if (visitor->IsHeldUp() && !visitor->heldUp_) {
+        visitor->heldUp_ = true;
         heldUp_.push_back(visitor);
     }
 }
