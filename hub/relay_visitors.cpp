@@ -14,7 +14,9 @@ namespace {
 
 constexpr std::size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
 constexpr std::size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
-constexpr std::size_t kAcceptedAtOnce = 16;
+// Further ones wait until the other sessions of the loop had their turn.
+constexpr std::size_t kAcceptedAtOnce = 4;
+constexpr std::size_t kServedAtOnce = 64;
 
 } // namespace
 
@@ -72,7 +74,7 @@ std::size_t RelayVisitors::Serve(bool mayRead, std::size_t most) {
     std::size_t moved = 0;
     std::deque<std::shared_ptr<RelayVisitor>> later; // they come first next time
     // Those that have more wait for the others: each is served once per pass.
-    for (std::size_t left = queue_.size(); left > 0; --left) {
+    for (std::size_t left = std::min(queue_.size(), kServedAtOnce); left > 0; --left) {
         const std::shared_ptr<RelayVisitor> visitor = std::move(queue_.front());
         queue_.pop_front();
         visitor->inQueue_ = false;
