@@ -35,7 +35,6 @@ RelayVisitor::RelayVisitor(RelayLane& lane, RelayVisitors& all, ssh_session sess
     callbacks_.channel_data_function = OnData;
     callbacks_.channel_eof_function = OnEof;
     callbacks_.channel_close_function = OnClose;
-    callbacks_.channel_write_wontblock_function = OnWindow;
     ssh_callbacks_init(&callbacks_);
     if (channel_ == nullptr || ssh_set_channel_callbacks(channel_, &callbacks_) != SSH_OK ||
         !watch_.Start(fd_.Get())) {
@@ -92,6 +91,10 @@ bool RelayVisitor::WantsRead() const {
 
 bool RelayVisitor::IsStuck() const {
     return !IsDrained() && lane_.now >= movedAt_ + kStuckTime;
+}
+
+bool RelayVisitor::CanResume() const {
+    return IsGone() || !unsent_.empty() || ssh_channel_window_size(channel_) > 0;
 }
 
 std::size_t RelayVisitor::Move(bool mayRead) {
@@ -253,15 +256,6 @@ void RelayVisitor::OnClose(ssh_session, ssh_channel, void* self) {
     visitor->deviceEnded_ = true;
     visitor->deviceClosed_ = true;
     visitor->Touch();
-}
-
-int RelayVisitor::OnWindow(ssh_session, ssh_channel, std::uint32_t bytes, void* self) {
-    auto* visitor = static_cast<RelayVisitor*>(self);
-    if (bytes > 0 && visitor->windowShut_) {
-        visitor->windowShut_ = false;
-        visitor->Touch();
-    }
-    return 0;
 }
 
 } // namespace ZARO::RelayHub

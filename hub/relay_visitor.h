@@ -43,8 +43,12 @@ public:
     std::size_t Move(bool mayRead);
     /// Whether the visitor has more for the device.
     bool HasMore() const { return readable_ && WantsRead(); }
-    /// Whether the channel refused what was read, so that it is retried later.
-    bool IsHeldUp() const { return !IsGone() && !unsent_.empty(); }
+    /// Whether the device has to do something before more can go to it.
+    bool IsHeldUp() const {
+        return state_ == State::Open && !IsGone() && (!unsent_.empty() || windowShut_);
+    }
+    /// Whether it may have done so.
+    bool CanResume() const;
     /// Ends the visitor's connection at once, and the channel with it.
     void End();
     /// Lets go of the connection and the channel, before the session does.
@@ -66,7 +70,6 @@ private:
                       int isError, void* self);
     static void OnEof(ssh_session session, ssh_channel channel, void* self);
     static void OnClose(ssh_session session, ssh_channel channel, void* self);
-    static int OnWindow(ssh_session session, ssh_channel channel, std::uint32_t bytes, void* self);
 
     /// Sets `flag` and has the visitor served when its connection is ready.
     void Await(Watch::Kind kind, bool& flag);
@@ -83,10 +86,11 @@ private:
 
     RelayLane& lane_;
     RelayVisitors& all_;
-    Visitors::iterator place_; ///< for `all_`, as are the next three: where it is listed
+    Visitors::iterator place_; ///< for `all_`, as are the next four: where it is listed
     bool listed_ = true;
     bool leaving_ = false; ///< in the list of those
     bool inQueue_ = false; ///< of those to be served
+    bool heldUp_ = false;  ///< in the list of those
     ssh_channel channel_;
     ssh_channel_callbacks_struct callbacks_{};
     UniqueFd fd_; ///< gone as soon as the visitor is

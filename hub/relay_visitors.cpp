@@ -14,7 +14,9 @@ namespace {
 
 constexpr std::size_t kMaxVisitors = 1024; // one more ends the one that has been idle longest
 constexpr std::size_t kMaxLeaving = 256;   // further ones, that wait for the device to let them go
-constexpr std::size_t kAcceptedAtOnce = 16;
+// Further ones wait until the other sessions of the loop had their turn.
+constexpr std::size_t kAcceptedAtOnce = 4;
+constexpr std::size_t kServedAtOnce = 64;
 
 } // namespace
 
@@ -54,8 +56,14 @@ void RelayVisitors::Hear() {
         (*place)->AwaitOpening();
         place = (*place)->IsOpening() ? std::next(place) : opening_.erase(place);
     }
-    for (const auto& visitor : std::exchange(heldUp_, {})) {
-        Touch(*visitor);
+    for (auto place = heldUp_.begin(); place != heldUp_.end();) {
+        if ((*place)->CanResume()) {
+            (*place)->heldUp_ = false;
+            Touch(**place);
+            place = heldUp_.erase(place);
+        } else {
+            ++place;
+        }
     }
 }
 
@@ -66,7 +74,7 @@ std::size_t RelayVisitors::Serve(bool mayRead, std::size_t most) {
     std::size_t moved = 0;
     std::deque<std::shared_ptr<RelayVisitor>> later; // they come first next time
     // Those that have more wait for the others: each is served once per pass.
-    for (std::size_t left = queue_.size(); left > 0; --left) {
+    for (std::size_t left = std::min(queue_.size(), kServedAtOnce); left > 0; --left) {
         const std::shared_ptr<RelayVisitor> visitor = std::move(queue_.front());
         queue_.pop_front();
         visitor->inQueue_ = false;
@@ -98,7 +106,8 @@ void RelayVisitors::Settle(const std::shared_ptr<RelayVisitor>& visitor) {
         visitor->listed_ = false;
         visitor->Abandon();
         AwaitVisitors(); // there may be room again
-    } else if (visitor->IsHeldUp()) {
+    } else if (visitor->IsHeldUp() && !visitor->heldUp_) {
+        visitor->heldUp_ = true;
         heldUp_.push_back(visitor);
     }
 }

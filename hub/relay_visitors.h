@@ -70,7 +70,7 @@ private:
     Visitors present_; ///< the one that has been idle longest comes first
     Visitors leaving_; ///< gone, but the device has not let them go
     Visitors opening_; ///< those whose channel is not open yet
-    Visitors heldUp_;  ///< whose data the device takes when keys have been exchanged
+    Visitors heldUp_;  ///< who have more for the device than it takes at the moment
     std::deque<std::shared_ptr<RelayVisitor>> queue_; ///< those to be served
     bool overrun_ = false;
 };
