@@ -54,6 +54,7 @@ void FleetPoll::Stop() {
         link_.reset();
     }
     cookie_.clear();
+    moves_ = true;
     out_ = stands_ = false;
     backoff_.Reset();
     events_.changed();
@@ -71,7 +72,7 @@ void FleetPoll::After(milliseconds wait) {
 void FleetPoll::Send() {
     out_ = true;
     After(IsRegistered() ? kHoldTime : kBatchTime);
-    const bool moves = world_.controls.size() > 1;
+    const bool moves = moves_ && world_.controls.size() > 1;
     if (link_ != nullptr && !moves) {
         link_->Send(MakeRequest());
         return;
@@ -157,6 +158,7 @@ bool FleetPoll::TakeWait(const Json::Value& answer) {
 
 void FleetPoll::Failed() {
     ++failures;
+    moves_ = false;
     if (link_ != nullptr) {
         link_->Close();
         link_.reset();

@@ -74,6 +74,7 @@ private:
     std::string cookie_, serverId_;
     int revision_ = 0;
     std::size_t turn_ = 0; ///< which control server is next
+    bool moves_ = true;    ///< each request goes to the next server, until one of them fails
     bool out_ = false;     ///< a request is out
     bool stands_ = false;  ///< the wait command before was answered
     milliseconds spread_;
