@@ -31,10 +31,15 @@ struct Options {
 
 const std::map<std::string, void (Phases::*)()>& AllPhases() {
     static const std::map<std::string, void (Phases::*)()> phases = {
-        {"idle", &Phases::Idle},           {"relay", &Phases::LoseRelay},
-        {"control", &Phases::LoseControl}, {"both", &Phases::LoseBoth},
-        {"churn", &Phases::Churn},         {"load", &Phases::Load},
-        {"move", &Phases::Move},           {"host", &Phases::LoseHost},
+        {"idle", &Phases::Idle},
+        {"relay", &Phases::LoseRelay},
+        {"control", &Phases::LoseControl},
+        {"both", &Phases::LoseBoth},
+        {"churn", &Phases::Churn},
+        {"load", &Phases::Load},
+        {"database", &Phases::LoseDatabase},
+        {"move", &Phases::Move},
+        {"host", &Phases::LoseHost},
     };
     return phases;
 }
@@ -47,7 +52,11 @@ std::vector<std::string> UsualPhases(const Options& options, const FleetHub& hub
     if (!hub.HasRoles()) {
         return {"idle", "load", "both", "churn"};
     }
-    return {"idle", "load", "relay", "control", "both", "churn"};
+    std::vector<std::string> phases = {"idle", "load", "relay", "control", "both", "churn"};
+    if (options.postgres) {
+        phases.emplace_back("database");
+    }
+    return phases;
 }
 
 bool RaiseDescriptorLimit() {
@@ -83,7 +92,8 @@ void Run(const Options& options) {
     Swarm swarm(options.devices, folder.path);
     printf("%d devices in %zu processes, %s, the hub in %d processes\n", options.devices,
            swarm.Processes(), options.postgres ? "PostgreSQL" : "SQLite", hub.Running());
-    Phases phases(hub, swarm, seconds(options.idle));
+    Phases phases(hub, swarm, seconds(options.idle),
+                  [&cluster](bool on) { on ? cluster->Start() : cluster->Kill(); });
     phases.Begin();
     for (const std::string& name :
          options.phases.empty() ? UsualPhases(options, hub) : options.phases) {
@@ -119,6 +129,12 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
         options.postgres = options.postgres || options.hosts > 1;
+        for (const std::string& phase : options.phases) {
+            if ((phase == "database" && !options.postgres) ||
+                ((phase == "move" || phase == "host") && options.hosts < 2)) {
+                throw CLI::ValidationError("--phase", phase + " needs --postgres or --hosts 2");
+            }
+        }
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : 2;
     }

@@ -21,6 +21,8 @@ public:
     void Stop();
     /// Builds its tunnel within `spread`, now and each time that it comes from now on.
     void UseTunnel(milliseconds spread);
+    /// Loses its tunnel, and nothing else.
+    void DropTunnel() { tunnel_.Drop(); }
     /// Counts attempts and losses from now on.
     void Mark();
 

@@ -12,6 +12,7 @@
 ///   tunnels SPREAD                    all of them build their tunnels within SPREAD ms
 ///   leave COUNT                       the next COUNT devices leave without a word
 ///   come COUNT                        the COUNT devices that left first come back
+///   drop COUNT                        the next COUNT devices lose their tunnels, each alone
 ///   mark                              attempts and losses are counted from now on
 ///   report                            {"registered":…, "polls":…, "tunnels":…, "whole":…, …}
 ///   back                              [MS, …]: when each device that had lost something was back
@@ -62,9 +63,9 @@ private:
             {"network", &Devices::UseNetwork}, {"control", &Devices::AddControl},
             {"make", &Devices::Make},          {"start", &Devices::Start},
             {"tunnels", &Devices::UseTunnels}, {"leave", &Devices::Leave},
-            {"come", &Devices::Come},          {"mark", &Devices::Mark},
-            {"report", &Devices::Report},      {"back", &Devices::Back},
-            {"ports", &Devices::Ports},
+            {"come", &Devices::Come},          {"drop", &Devices::Drop},
+            {"mark", &Devices::Mark},          {"report", &Devices::Report},
+            {"back", &Devices::Back},          {"ports", &Devices::Ports},
         };
         return commands;
     }
@@ -126,6 +127,12 @@ private:
         for (long count = Number(line); count > 0 && !away_.empty(); --count) {
             away_.front()->Start(milliseconds(0), true);
             away_.pop_front();
+        }
+        return true;
+    }
+    Json::Value Drop(std::istringstream& line) {
+        for (long count = Number(line); count > 0; --count) {
+            devices_[next_++ % devices_.size()].DropTunnel();
         }
         return true;
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <thread>
+#include <utility>
 
 #include "bench/fleet_load.h"
 
@@ -29,6 +30,8 @@ constexpr int kChurnSeconds = 60;
 constexpr int kAwaySeconds = 5;
 constexpr int kAfterChurn = 15000; // ms, in which sessions that just vanished are noticed
 
+constexpr int kDatabaseAway = 60; // seconds
+
 constexpr int kMoveSeconds = 30;
 
 constexpr int kDownloads = 8;
@@ -40,8 +43,10 @@ int StartSpread(int devices) {
 
 } // namespace
 
-Phases::Phases(FleetHub& hub, Swarm& swarm, seconds idle)
-    : hub_(hub), swarm_(swarm), idle_(idle), empty_(hub.Take()) {
+Phases::Phases(FleetHub& hub, Swarm& swarm, seconds idle,
+               std::function<void(bool on)> switchDatabase)
+    : hub_(hub), swarm_(swarm), idle_(idle), switchDatabase_(std::move(switchDatabase)),
+      empty_(hub.Take()) {
     swarm_.Tell("network " + hub_.Network() + "0 " + std::to_string(FleetHub::kSshPort));
     for (const std::string& address : hub_.Controls()) {
         swarm_.Tell("control " + address + " " + std::to_string(FleetHub::kHttpsPort));
@@ -57,13 +62,13 @@ void Phases::Begin() {
     const double registered = swarm_.WaitFor("polls", all, kPatience);
     Settle();
     const Usage polls = hub_.Take();
-    PrintCost("registering and waiting", empty_, devices, 0);
+    PrintCost("registering and waiting", empty_, devices);
     const Usage devicesBetween = swarm_.Take();
     swarm_.Tell("tunnels " + spread);
     const double up = swarm_.WaitFor("whole", all, kPatience);
     Settle();
     const Usage sessions = hub_.Take();
-    PrintCost("building the tunnel", polls, devicesBetween, 0);
+    PrintCost("building the tunnel", polls, devicesBetween);
     Check(registered >= 0, Text("all registered after %.1f s", registered), "all of them");
     Check(up >= 0, Text("all tunnels up after %.1f s", up), "all of them");
     const Json::Value report = swarm_.Report();
@@ -144,7 +149,7 @@ void Phases::CheckReturn(Aftermath aftermath, const Usage& hubBefore, const Usag
     printf("  log-ins begun %u, failed %u; polls begun %u, failed %u\n",
            report["tunnel_tries"].asUInt(), report["tunnel_failures"].asUInt(),
            report["poll_tries"].asUInt(), report["poll_failures"].asUInt());
-    PrintCost("the return", hubBefore, devicesBefore, 0);
+    PrintCost("the return", hubBefore, devicesBefore);
     Check(back.size() == lost && lost > 0 && last <= kBackBound,
           Text("the last of %zu is back after %.1f s", back.size(), last), "all, bound 60 s");
     if (aftermath == Aftermath::ComesBack) {
@@ -209,19 +214,48 @@ void Phases::Move() {
           "none may notice");
 }
 
+void Phases::LoseDatabase() {
+    const int all = swarm_.Size();
+    const int some = std::max(1, all / 20);
+    printf("\nthe database away for %d s\n", kDatabaseAway);
+    swarm_.Tell("mark");
+    const auto back = Clock::now() + seconds(kDatabaseAway);
+    switchDatabase_(false);
+    swarm_.Tell("drop", some);
+    const double up = swarm_.WaitFor("tunnels", all, seconds(kDatabaseAway / 2));
+    Check(up >= 0, Text("%d lost tunnels are up again after %.1f s", some, up),
+          "without the database");
+    swarm_.Tell("leave", some);
+    swarm_.Tell("come", some);
+    std::this_thread::sleep_until(back);
+    const Json::Value away = swarm_.Report();
+    printf("  at its end %u polls and %u tunnels stand, %u are registered\n",
+           away["polls"].asUInt(), away["tunnels"].asUInt(), away["registered"].asUInt());
+    Check(away["tunnels"].asInt() >= all - some, "tunnels stay", "but for those that left");
+    switchDatabase_(true);
+    const double whole = swarm_.WaitFor("whole", all, seconds(static_cast<int>(kBackBound)));
+    Check(whole >= 0, Text("all there %.1f s after its return", whole), "bound 60 s");
+    const unsigned refused = swarm_.Report()["refusals"].asUInt();
+    Check(refused == 0, Text("%u refused", refused), "nobody may be locked out");
+    Settle();
+}
+
 void Phases::Settle() const {
     poll(nullptr, 0, kSettle);
 }
 
 void Phases::PrintCost(const char* what, const Usage& hubBefore, const Usage& devicesBefore,
-                       double seconds) const {
+                       double length) const {
     const double hub = hub_.Take().CpuSince(hubBefore);
     const double devices = swarm_.Take().CpuSince(devicesBefore);
-    printf("  processor time, %s: the hub %.2f s (%.2f ms per device), the devices %.2f s\n", what,
-           hub, 1000 * hub / swarm_.Size(), devices);
-    if (seconds > 0) {
-        printf("  that is %.1f %% of a core for the hub, %.1f %% for the devices\n",
-               100 * hub / seconds, 100 * devices / seconds);
+    printf("  processor time, %s: ", what);
+    if (length > 0) {
+        printf("hub %.1f %% of a core, devices %.1f %%\n", 100 * hub / length,
+               100 * devices / length);
+    } else {
+        constexpr double kMilli = 1000;
+        printf("hub %.1f s, %.2f ms per device; devices %.1f s\n", hub,
+               kMilli * hub / swarm_.Size(), devices);
     }
 }
 

@@ -1,6 +1,8 @@
 /// What is measured, one method each.
 #pragma once
 
+#include <functional>
+
 #include "bench/fleet_hub.h"
 #include "bench/fleet_swarm.h"
 
@@ -9,7 +11,8 @@ namespace ZARO::Fleet {
 /// Each method prints its figures and checks their bounds. For the main thread, after Begin().
 class Phases : NoCopy {
 public:
-    Phases(FleetHub& hub, Swarm& swarm, seconds idle);
+    /// `switchDatabase` stops or starts the database server; empty without one.
+    Phases(FleetHub& hub, Swarm& swarm, seconds idle, std::function<void(bool on)> switchDatabase);
 
     /// All devices register, then all build their tunnels.
     void Begin();
@@ -20,6 +23,8 @@ public:
     /// Devices come and go.
     void Churn();
     void Load();
+    /// The database server is away for a minute.
+    void LoseDatabase();
     /// Devices go to another control server with each request.
     void Move();
     /// One of two hosts is gone for good.
@@ -36,12 +41,14 @@ private:
     void CheckReturn(Aftermath aftermath, const Usage& hubBefore, const Usage& devicesBefore);
     /// Waits until the hub has calmed down.
     void Settle() const;
+    /// `length` in seconds; 0 = what each device costs is of interest, not the share of a core.
     void PrintCost(const char* what, const Usage& hubBefore, const Usage& devicesBefore,
-                   double seconds) const;
+                   double length = 0) const;
 
     FleetHub& hub_;
     Swarm& swarm_;
     const seconds idle_;
+    const std::function<void(bool on)> switchDatabase_;
     const Usage empty_; ///< the hub before the first device came
 };
 

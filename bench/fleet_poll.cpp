@@ -157,7 +157,7 @@ bool FleetPoll::TakeWait(const Json::Value& answer) {
 }
 
 void FleetPoll::Failed() {
-    ++failures;
+    failures += stands_ ? 0 : 1;
     moves_ = false;
     if (link_ != nullptr) {
         link_->Close();

@@ -50,7 +50,7 @@ public:
 
     unsigned tries = 0;    ///< connections begun, where one stood before
     unsigned requests = 0; ///< wait commands sent
-    unsigned failures = 0; ///< connections lost, and replies that were no use
+    unsigned failures = 0; ///< attempts that came to nothing
     unsigned refusals = 0; ///< replies that only a person could mend
 
 private:

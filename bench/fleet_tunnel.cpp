@@ -52,6 +52,14 @@ void FleetTunnel::Stop() {
     changed_();
 }
 
+void FleetTunnel::Drop() {
+    if (step_ == Step::Up) {
+        End();
+        changed_();
+        Start(milliseconds(0));
+    }
+}
+
 void FleetTunnel::RetrySoon() {
     if (step_ == Step::Waiting) {
         pace_.StartOver(Clock::now(), std::max(kSoon, spread_()));
@@ -186,7 +194,7 @@ int FleetTunnel::TakeStep() {
         return result == SSH_AUTH_AGAIN ? SSH_AGAIN : result;
     }
     const int result = ssh_channel_listen_forward(session, "localhost", address_.port, nullptr);
-    refusals += result == SSH_ERROR && ssh_is_connected(session) != 0 ? 1 : 0;
+    refusals += ssh_get_error_code(session) == SSH_REQUEST_DENIED ? 1 : 0;
     return result;
 }
 
@@ -253,8 +261,8 @@ void FleetTunnel::KeepAlive() {
 }
 
 void FleetTunnel::Failed() {
-    ++failures;
     const bool wasUp = step_ == Step::Up;
+    failures += wasUp ? 0 : 1;
     End();
     if (wasUp) {
         changed_();

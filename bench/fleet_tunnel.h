@@ -30,6 +30,8 @@ public:
     void Start(milliseconds spread);
     /// Leaves without a word.
     void Stop();
+    /// Loses a tunnel that is up, alone: it comes back at once.
+    void Drop();
     /// The servers are back: what waits longer than the usual spread does so no more.
     void RetrySoon();
 
@@ -37,7 +39,7 @@ public:
     const TunnelAddress& Address() const { return address_; }
 
     unsigned tries = 0;    ///< log-ins begun
-    unsigned failures = 0; ///< log-ins that came to nothing, and tunnels lost
+    unsigned failures = 0; ///< log-ins that came to nothing
     unsigned refusals = 0; ///< wrong passwords and refused forwards
 
 private:
