@@ -15,8 +15,10 @@
 #include <utility>
 
 #include "base/folder.h"
+#include "base/names.h"
 #include "base/read_file.h"
 #include "base/replace_file.h"
+#include "hub/secret.h"
 
 namespace ZARO::RelayHub {
 
@@ -29,15 +31,53 @@ bool Fail(const std::string& doing, std::string& error) {
     return false;
 }
 
+constexpr char kFirstRelay[] = "relay"; // the name of a hub's only relay
+constexpr char kKeyEnd[] = ".key";
+constexpr char kLockEnd[] = ".lock";
+
+bool StartsWith(const std::string& text, const std::string& start) {
+    return text.compare(0, start.size(), start) == 0;
+}
+
+/// "relay-NAME.key" or "relay-NAME.lock"
+std::string RelayFile(const std::string& name, const char* end) {
+    return name == kFirstRelay ? std::string(kFirstRelay) + end : "relay-" + name + end;
+}
+
+/// Whether `name` is a relay's own file, or a new one that is about to replace it.
+bool IsRelayFile(const std::string& name) {
+    const auto isKind = [&name](const std::string& end) {
+        const std::size_t at = name.find(end);
+        const std::string file = name.substr(0, at + end.size());
+        return at != std::string::npos && (name == file || IsNewFileOf(name, file));
+    };
+    return StartsWith(name, kFirstRelay) && (isKind(kKeyEnd) || isKind(kLockEnd));
+}
+
 bool IsKnown(const std::string& name) {
     constexpr std::array kDatabase = {"lock", "hub.db", "hub.db-wal", "hub.db-shm",
                                       "hub.db-journal"};
-    constexpr std::array kWritten = {"https.pem", "relay.key"};
+    constexpr std::array kWritten = {"https.pem", "relay.key", "owner"};
     return std::find(kDatabase.begin(), kDatabase.end(), name) != kDatabase.end() ||
+           IsRelayFile(name) ||
            std::any_of(kWritten.begin(), kWritten.end(), [&name](const char* file) {
                return name == file || IsNewFileOf(name, file) ||
                       name == std::string(file) + ".new"; // left by an earlier version
            });
+}
+
+/// Locks an open file. `taken` is the error when another process has locked it.
+bool Lock(UniqueFd file, int kind, const std::string& name, const std::string& taken,
+          UniqueFd& lock, std::string& error) {
+    if (flock(file.Get(), kind | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK) {
+            return Fail("can't lock " + name, error);
+        }
+        error = taken;
+        return false;
+    }
+    lock = std::move(file);
+    return true;
 }
 
 /// Whether the folder is empty, or only a hub of this user has worked there.
@@ -79,7 +119,7 @@ bool MakePrivate(int folder, const std::string& name, std::string& error) {
 
 } // namespace
 
-bool OpenDataFolder(const std::string& folder, UniqueFd& lock, std::string& error) {
+bool OpenDataFolder(const std::string& folder, FolderUse use, UniqueFd& lock, std::string& error) {
     if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
         return Fail("can't make " + folder, error);
     }
@@ -94,15 +134,44 @@ bool OpenDataFolder(const std::string& folder, UniqueFd& lock, std::string& erro
     if (!locked.IsOpen()) {
         return Fail("can't write to " + folder, error);
     }
-    if (flock(locked.Get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK) {
-            return Fail("can't lock " + folder, error);
-        }
-        error = "another hub uses " + folder;
-        return false;
+    const int kind = use == FolderUse::Alone ? LOCK_EX : LOCK_SH;
+    return Lock(std::move(locked), kind, folder, "another hub uses " + folder, lock, error);
+}
+
+bool LockRelayName(const std::string& folder, const std::string& name, UniqueFd& lock,
+                   std::string& error) {
+    const std::string file = folder + "/" + RelayFile(name, kLockEnd);
+    UniqueFd locked(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+    if (!locked.IsOpen()) {
+        return Fail("can't write to " + folder, error);
     }
-    lock = std::move(locked);
-    return true;
+    return Lock(std::move(locked), LOCK_EX, file,
+                "--relay-name: another relay named " + name + " runs on " + folder, lock, error);
+}
+
+std::string HostKeyFile(const std::string& folder, const std::string& name) {
+    return folder + "/" + RelayFile(name, kKeyEnd);
+}
+
+bool OwnerOf(const std::string& folder, std::string& owner, std::string& error) {
+    constexpr std::size_t kLength = 32;
+    const std::string file = folder + "/owner";
+    for (bool made = false;; made = true) {
+        std::optional<std::string> kept;
+        if (!ReadSmallFile(file, kept, error)) {
+            return false;
+        }
+        if (kept && kept->size() == kLength && IsMadeOf(*kept, kLength, "")) {
+            owner = *kept;
+            return true;
+        }
+        // Of two processes that make it at the same time, both use the one that was there first.
+        NewFile fresh;
+        fresh.onlyIfMissing = !kept;
+        if (made || ReplaceFile(file, RandomText(kLength), fresh) != Replaced::Done) {
+            return Fail("can't write " + file, error);
+        }
+    }
 }
 
 bool WritePrivateFile(const std::string& file, const std::string& content, std::string& error) {

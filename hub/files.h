@@ -8,10 +8,28 @@
 
 namespace ZARO::RelayHub {
 
+/// Who else may use the data folder at the same time.
+enum class FolderUse {
+    Alone,  ///< nobody
+    Shared, ///< other processes that share it too
+};
+
 /// Makes the folder, mode 0700, unless it is there. It must belong to this user. One that others
 /// may enter is closed to them if it holds nothing or only a hub's files, else refused untouched.
-/// While `lock` lives, no second hub can use the folder. False with the reason in `error`.
-bool OpenDataFolder(const std::string& folder, UniqueFd& lock, std::string& error);
+/// The use lasts while `lock` lives. False with the reason in `error`.
+bool OpenDataFolder(const std::string& folder, FolderUse use, UniqueFd& lock, std::string& error);
+
+/// Keeps other processes from being the relay `name` on this folder while `lock` lives. False with
+/// the reason in `error`.
+bool LockRelayName(const std::string& folder, const std::string& name, UniqueFd& lock,
+                   std::string& error);
+
+/// The file in the data folder that holds the host key of relay `name`.
+std::string HostKeyFile(const std::string& folder, const std::string& name);
+
+/// A random text that tells this data folder from all others, made at the first use. False with the
+/// reason in `error`.
+bool OwnerOf(const std::string& folder, std::string& owner, std::string& error);
 
 /// Puts a new file of mode 0600 in the place of `file`. Nobody else can read it at any time, and
 /// nobody ever sees half of it. False with the reason in `error`.

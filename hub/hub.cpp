@@ -77,7 +77,7 @@ bool Hub::Start(std::string& error) {
                       return relay.IsUp(port) || IsPortFree(visitorAddress, port);
                   }};
     error.clear();
-    if (!OpenDataFolder(options_.data, parts_->lock, error) ||
+    if (!OpenDataFolder(options_.data, FolderUse::Alone, parts_->lock, error) ||
         !parts_->store.Open(options_.data + "/hub.db", std::move(pool), error)) {
         return false;
     }

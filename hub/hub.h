@@ -8,6 +8,13 @@
 
 namespace ZARO::RelayHub {
 
+/// What a process does of a hub's work.
+struct Roles {
+    bool control = true;
+    bool alias = true;
+    bool relay = true;
+};
+
 struct HubOptions {
     std::string data;                  ///< folder for everything that is kept
     std::string address = "127.0.0.1"; ///< where all listeners listen
@@ -21,6 +28,11 @@ struct HubOptions {
     std::string visitorAddress;     ///< where the tunnels' ports listen; empty = `address`
     std::chrono::seconds aliasTtl{3 * 24 * 60 * 60};
     std::chrono::milliseconds hold{50000}; ///< of a wait command
+    Roles roles;
+    std::string database;            ///< URL with a password; empty = SQLite in `data`
+    std::string relayName = "relay"; ///< which of the relays that share a database this one is
+    bool relaySpare = false;         ///< has no name of its own, but takes that of a dead relay
+    bool drain = false;              ///< hands everything over before it ends on SIGTERM
 };
 
 /// For one thread; the work is done on threads of its own. Makes the process ignore SIGPIPE.

@@ -34,6 +34,15 @@ Spoiler Tunnel(const char* member, const Json::Value& value) {
     };
 }
 
+/// Names a spread in a wait command's reply.
+Spoiler Spread(const Json::Value& value) {
+    return [=](httplib::Response& r) {
+        Json::Value reply = Parse(r.body);
+        reply[0U]["spread"] = value;
+        r.set_content(Compact(reply), "application/json");
+    };
+}
+
 struct Row {
     const char* name;
     const char* command; ///< whose reply is spoiled
@@ -127,6 +136,40 @@ TEST(ZarorelaydHostile, OutlivesWhateverTheServerSays) {
         EXPECT_FALSE(fs::exists(victim.device.root.Path("/OWNED")));
         EXPECT_FALSE(fs::exists(victim.device.root.Path("/tmp/OWNED")));
     }
+}
+
+TEST(ZarorelaydHostile, StaysAwayNoLongerThanAServerMayAsk) {
+    HubProcess hub;
+    const WebService web("web");
+    const Json::Value values[] = {60, 60, 60, 60, 61, 0, -5, 1.5, "60", Json::Value()};
+    std::list<Victim> slow, quick; // they come back over a minute, and as if nothing had been named
+    for (const Json::Value& value : values) {
+        auto& victims = value == 60 ? slow : quick;
+        victims.emplace_back(hub, web, Row{"", "wait_command", Spread(value), ""},
+                             std::to_string(10 + slow.size() + quick.size()));
+    }
+    for (auto* victims : {&slow, &quick}) {
+        for (Victim& victim : *victims) {
+            EXPECT_TRUE(WaitFor([&] { return victim.device.Serves(web); }));
+            EXPECT_EQ(victim.device.Dump()["exchange"]["spread"], victims == &slow ? 60 : 0);
+            victim.before = victim.server.Requests();
+        }
+    }
+    hub.Kill();
+    const auto polls = [](const Victim& victim) {
+        return victim.server.Requests() > victim.before;
+    };
+    const auto logsIn = [](const Victim& victim) { // the first time was at once
+        return Count(victim.device.Log(), "could not be built") > 1;
+    };
+    EXPECT_FALSE(Within(seconds(3), [&] {
+        return std::all_of(slow.begin(), slow.end(), polls) ||
+               std::all_of(slow.begin(), slow.end(), logsIn);
+    })) << "all came at the beginning of the minute, for which the chance is 1 in 100,000";
+    EXPECT_TRUE(WaitFor([&] {
+        return std::all_of(quick.begin(), quick.end(), polls) &&
+               std::all_of(quick.begin(), quick.end(), logsIn);
+    }));
 }
 
 } // namespace

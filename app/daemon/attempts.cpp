@@ -47,8 +47,8 @@ void Attempts::Failed(RELAYD_RET result) {
     error_ = result;
 }
 
-void Attempts::Delay(bool refused, Time now) {
-    next_ = now + (refused ? backoff_.Refused() : backoff_.Failed(now));
+void Attempts::Delay(bool refused, Time now, milliseconds spread) {
+    next_ = now + (refused ? backoff_.Refused() : backoff_.Failed(now, spread));
 }
 
 } // namespace ZARO::Relay::app

@@ -54,8 +54,9 @@ public:
     void Succeeded(Time now);
     /// Notes the failure. Call Delay next, once everything that the failure calls for is done.
     void Failed(RELAYD_RET result);
-    /// The next request waits; near the longest time when `refused`.
-    void Delay(bool refused, Time now);
+    /// The next request waits; near the longest time when `refused`, else at random for up to
+    /// `spread` or longer.
+    void Delay(bool refused, Time now, milliseconds spread);
 
 private:
     const char* kind_;

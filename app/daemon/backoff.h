@@ -19,13 +19,14 @@ public:
         }
     }
 
-    /// The wait before the next attempt.
-    milliseconds Failed(Time now) {
+    /// The wait before the next attempt. `spread`: it is drawn from at least this window, because
+    /// many devices may have failed at the same moment.
+    milliseconds Failed(Time now, milliseconds spread = milliseconds(0)) {
         if (healthySince_ != Time() && now - healthySince_ >= kHealth) {
             window_ = least_;
         }
         healthySince_ = Time();
-        const milliseconds wait = Random(milliseconds(0), window_);
+        const milliseconds wait = Random(milliseconds(0), std::max(window_, spread));
         window_ = std::min(window_ * 2, most_);
         return wait;
     }

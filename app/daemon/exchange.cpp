@@ -207,7 +207,7 @@ void Exchange::BatchFailed(const Outcome& outcome, Time now) {
     registration_.MakeDue();
     registration_.Batches().Failed(outcome.result);
     const bool isFinal = Mend(outcome.result);
-    registration_.Batches().Delay(outcome.refused || isFinal, now);
+    registration_.Batches().Delay(outcome.refused || isFinal, now, SpreadAfter(outcome.result));
 }
 
 // --- wait-command exchange
@@ -250,7 +250,7 @@ RELAYD_RET Exchange::TakeWaitReply(const Json::Value& reply, Time now) {
 void Exchange::WaitFailed(RELAYD_RET result, Time now) {
     poll_.Failed(result);
     Attempts& polls = poll_.Polls();
-    polls.Delay(Mend(result), now);
+    polls.Delay(Mend(result), now, SpreadAfter(result));
     if (polls.IsSlow()) {
         RegisterAgain(); // the wait-command server may have moved, which only a registration tells
     }
@@ -284,11 +284,28 @@ bool Exchange::Mend(RELAYD_RET result) {
     }
 }
 
+/// A server that fails or can't be reached was most likely lost to all its devices. What it answers
+/// concerns this one only.
+milliseconds Exchange::SpreadAfter(RELAYD_RET result) const {
+    switch (result) {
+    case RELAYD_RET_CONFIG:
+    case RELAYD_RET_AUTH:
+    case RELAYD_RET_NOT_SUPPORT:
+    case RELAYD_RET_SERVER_LIMIT:
+    case RELAYD_RET_SERVER_CHANGED:
+    case RELAYD_RET_SERVER_IP_CHANGED:
+        return milliseconds(0);
+    default:
+        return poll_.Spread();
+    }
+}
+
 Json::Value Exchange::Dump() const {
     Json::Value dump;
     dump["registered"] = IsRegistered();
     dump["wait_command"] = poll_.Polls().IsOut();
     dump["revision"] = poll_.Revision();
+    dump["spread"] = static_cast<int>(std::chrono::duration_cast<seconds>(poll_.Spread()).count());
     dump["batches"] = static_cast<Json::UInt64>(registration_.Batches().Count());
     dump["waits"] = static_cast<Json::UInt64>(poll_.Polls().Count());
     dump["failures"] = static_cast<Json::UInt64>(failures_);

@@ -78,6 +78,7 @@ private:
     Time ResendDue() const;
     void Resend(Time now);
     bool Mend(RELAYD_RET result);
+    milliseconds SpreadAfter(RELAYD_RET result) const;
 
     const RelaydConf& conf_;
     std::function<void()> reload_;

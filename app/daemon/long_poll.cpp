@@ -23,6 +23,8 @@ constexpr int kKeepAliveSeconds = 30;
 /// first few go out without a wait, for the changes while many tunnels come up.
 constexpr milliseconds kPollPace{500};
 constexpr int kPollsFree = 40;
+/// No server may keep a device away for longer.
+constexpr int kLongestSpread = 60; // seconds
 
 const std::string& HostOf(const ServerConf& server) {
     return server.host.empty() ? server.ip : server.host;
@@ -93,7 +95,17 @@ RELAYD_RET LongPoll::Apply(const Json::Value& reply, Time now) {
         return RELAYD_RET_UNKNOWN;
     }
     revision_ = json::NumberOf(answer, "revision");
+    TakeSpread(answer);
     return RELAYD_RET_SUCCESS;
+}
+
+/// A server that names none, or a bad one, leaves the last one as it is.
+void LongPoll::TakeSpread(const Json::Value& answer) {
+    const int named = json::NumberOf(answer, "spread");
+    if (named >= 1 && named <= kLongestSpread) {
+        spread_ = seconds(named);
+        keeper_.SetSpread(spread_);
+    }
 }
 
 void LongPoll::Succeeded(Time now) {

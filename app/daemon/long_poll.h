@@ -32,6 +32,8 @@ public:
     /// When a poll that is out has hung; Time::max() when none is out.
     Time Deadline() const;
     int Revision() const { return revision_; }
+    /// Over what time the server wants its devices to come back after it was lost; 0 until it says.
+    milliseconds Spread() const { return spread_; }
 
     /// False when the poll could not be sent.
     bool Send(Time now);
@@ -42,7 +44,7 @@ public:
     /// Ends the poll and forgets what came of it.
     void Stop();
 
-    /// The tunnels become those that the reply lists.
+    /// The tunnels become those that the reply lists. Takes the spread, too, if it names one.
     RELAYD_RET Apply(const Json::Value& reply, Time now);
     /// A poll was answered well: says when the next one goes out.
     void Succeeded(Time now);
@@ -50,6 +52,7 @@ public:
 
 private:
     Json::Value Body() const;
+    void TakeSpread(const Json::Value& answer);
 
     const RelaydConf& conf_;
     TunnelKeeper& keeper_;
@@ -57,6 +60,7 @@ private:
     Attempts polls_;
     bool stands_ = false;
     int revision_ = 0;
+    milliseconds spread_{0};
     Time pace_{}; ///< when the next poll would go out at the steady pace
 };
 

@@ -45,9 +45,11 @@ public:
         return false;
     }
 
-    /// The log-in that began then has failed by now.
-    void Failed(Time begun, Time now) {
-        const Time next = begun + Wait(failingSince_, begun, now, kTry, kLongestTry);
+    /// The log-in that began then has failed by now. `spread`: the wait is drawn from at least this
+    /// window, because many devices may have lost the relay at the same moment.
+    void Failed(Time begun, Time now, milliseconds spread = milliseconds(0)) {
+        const milliseconds least = std::max(kTry, spread);
+        const Time next = begun + Wait(failingSince_, begun, now, least, kLongestTry);
         // There is always a pause, in which the loop does everything else. What lasts longer than
         // the client waits for a connection is an overload, here or at the relay, which trying
         // again soon would keep up.
@@ -60,7 +62,7 @@ private:
     static constexpr seconds kSteady{1};
     /// A relay that was away for up to 10 s is to be in use again within 3 s. So the windows stay
     /// below that in the first 10 s of an outage, and always for a tunnel that does not stand: its
-    /// relay may go at any time.
+    /// relay may go at any time. A server that has too many devices for that names a spread.
     static constexpr milliseconds kTry{2000};
     static constexpr milliseconds kLongestTry{60000};
     static constexpr milliseconds kFlap{500};

@@ -14,9 +14,9 @@ namespace ZARO::Relay::app {
 
 namespace {
 
-/// A relay that is lost is lost to all its devices: within this time they come back one by one, so
-/// that it is not overrun when it has just started.
-constexpr milliseconds kSpread{2000};
+/// A server that is back is back for all the tunnels of this device. Within this time they follow
+/// one by one, so that a relay is not overrun when it has just started.
+constexpr milliseconds kFollow{2000};
 /// Tunnels that are lost within this time of each other have lost their relay. The first of them
 /// waits a moment, to see whether others follow.
 constexpr milliseconds kTogether{1000};
@@ -104,7 +104,7 @@ void TunnelKeeper::NoticeSteady(Time now) {
         const std::string& id = tunnel.GetServiceId();
         if (tunnel.GetStatus() == TUNNEL_STATUS_READY && upkeep_[id].BeginsToStand(id, now)) {
             for (Pace* other : OthersWithoutRelay(tunnel)) {
-                other->StartOver(now, kSpread);
+                other->StartOver(now, kFollow);
             }
         }
     }
@@ -115,12 +115,12 @@ void TunnelKeeper::SpreadLost(const std::string& id, Pace& pace, Time now) {
     const bool together = lost_ != id && now - lostAt_ <= kTogether;
     const auto former = upkeep_.find(lost_);
     if (together && former != upkeep_.end()) {
-        former->second.pace.ComeAt(now + Backoff::Random(milliseconds(0), kSpread));
+        former->second.pace.ComeAt(now + Backoff::Random(milliseconds(0), spread_));
     }
     lost_ = id;
     lostAt_ = now;
     const milliseconds wait = tunnels_.size() > 1 ? kShows : milliseconds(0);
-    pace.ComeAt(now + (together ? Backoff::Random(milliseconds(0), kSpread) : wait));
+    pace.ComeAt(now + (together ? Backoff::Random(milliseconds(0), spread_) : wait));
 }
 
 /// What is not assigned any more loses its process and its history.
@@ -148,11 +148,13 @@ void TunnelKeeper::Start(Tunnel& tunnel) {
         upkeep.ChangeStatus();
     }
     if (!good) {
-        upkeep.pace.Failed(begun, now);
+        // A relay that other tunnels use has not been lost to all its devices.
+        const bool alone = IsInUse(tunnel.GetRelayHost());
+        upkeep.pace.Failed(begun, now, alone ? milliseconds(0) : spread_);
         freeUntil_ = now + std::min<Clock::duration>(now - begun, kLongestFree);
         if (now - begun >= kSilent) {
             for (Pace* other : OthersWithoutRelay(tunnel)) {
-                other->Failed(now, now);
+                other->Failed(now, now, spread_);
             }
         }
         upkeep.Trouble(id, "could not be built");
@@ -179,6 +181,12 @@ std::vector<Pace*> TunnelKeeper::OthersWithoutRelay(const Tunnel& tunnel) {
     return others;
 }
 
+bool TunnelKeeper::IsInUse(const std::string& relay) const {
+    return std::any_of(tunnels_.begin(), tunnels_.end(), [&](const Tunnel& tunnel) {
+        return tunnel.GetRelayHost() == relay && tunnel.GetStatus() == TUNNEL_STATUS_READY;
+    });
+}
+
 Time TunnelKeeper::NextDue() const {
     Time due = children_.NextDue();
     for (const Tunnel& tunnel : tunnels_) {
@@ -196,7 +204,7 @@ Time TunnelKeeper::NextDue() const {
 }
 
 void TunnelKeeper::RetrySoon(Time now) {
-    Retry(now, kSpread);
+    Retry(now, kFollow);
 }
 
 void TunnelKeeper::Retry(Time now, milliseconds spread) {

@@ -46,6 +46,9 @@ public:
     /// of its own.
     void RetrySoon(Time now);
 
+    /// Over what time tunnels come back whose relay was lost to all its devices; 2 s until then.
+    void SetSpread(milliseconds spread) { spread_ = spread; }
+
     /// Rebuilds the tunnels whose connection has a local address that the device lost.
     void DropLostAddresses(Time now);
 
@@ -77,6 +80,7 @@ private:
     void Retry(Time now, milliseconds spread);
     void Start(Tunnel& tunnel);
     std::vector<Pace*> OthersWithoutRelay(const Tunnel& tunnel);
+    bool IsInUse(const std::string& relay) const;
     const Tunnel* Find(const std::string& id) const;
 
     std::list<Tunnel> tunnels_;
@@ -85,6 +89,7 @@ private:
     AssignedTunnels assigned_;
     std::string lost_; ///< whose tunnel was lost last
     Time lostAt_{};
+    milliseconds spread_{2000};
     Time freeUntil_{}; ///< until then no log-in holds the loop
 };
 
