@@ -39,8 +39,8 @@ std::string TokenOf(unsigned device) {
 } // namespace
 
 FleetPoll::FleetPoll(World& world, unsigned device, Events events)
-    : world_(world), device_(device), events_(std::move(events)), timer_(world.loop), turn_(device),
-      spread_(world.spread) {
+    : world_(world), device_(device), events_(std::move(events)), timer_(world.loop),
+      turn_(device) {
 }
 
 void FleetPoll::Start(milliseconds spread) {
@@ -164,10 +164,8 @@ void FleetPoll::Failed() {
         link_.reset();
     }
     out_ = false;
-    // What stood was lost to all devices, most likely: they come back one by one.
-    const bool stood = std::exchange(stands_, false);
-    const milliseconds wait = backoff_.Failed(Clock::now());
-    After(stood ? Backoff::Random(milliseconds(0), spread_) : wait);
+    stands_ = false;
+    After(backoff_.Failed(Clock::now(), spread_));
     events_.changed();
 }
 

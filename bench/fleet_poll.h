@@ -45,7 +45,7 @@ public:
     bool IsRegistered() const { return !cookie_.empty(); }
     /// Whether a wait command is out, after one that was answered.
     bool Stands() const { return out_ && stands_; }
-    /// Over how long the device spreads what all devices do at once.
+    /// Over how long the hub wants the devices to come back after a loss; 0 until it says.
     milliseconds Spread() const { return spread_; }
 
     unsigned tries = 0;    ///< connections begun, where one stood before
@@ -77,7 +77,7 @@ private:
     bool moves_ = true;    ///< each request goes to the next server, until one of them fails
     bool out_ = false;     ///< a request is out
     bool stands_ = false;  ///< the wait command before was answered
-    milliseconds spread_;
+    milliseconds spread_{0};
 };
 
 } // namespace ZARO::Fleet

@@ -17,7 +17,8 @@ constexpr seconds kLogInTime{15};
 constexpr seconds kKeepAlive{5};
 constexpr int kMostSilent = 2;
 
-constexpr milliseconds kSoon{2000};
+/// When the control server is back, so is the relay, most likely.
+constexpr milliseconds kFollow{2000};
 
 } // namespace
 
@@ -56,13 +57,14 @@ void FleetTunnel::Drop() {
     if (step_ == Step::Up) {
         End();
         changed_();
-        Start(milliseconds(0));
+        pace_.ComeAt(Clock::now());
+        Wait();
     }
 }
 
 void FleetTunnel::RetrySoon() {
     if (step_ == Step::Waiting) {
-        pace_.StartOver(Clock::now(), std::max(kSoon, spread_()));
+        pace_.StartOver(Clock::now(), kFollow);
         Wait();
     }
 }
@@ -201,7 +203,6 @@ int FleetTunnel::TakeStep() {
 void FleetTunnel::BecomeUp() {
     (void)ssh_event_add_session(event_.get(), session_.get()); // Pump() fails if this does
     pace_.LoggedIn(Clock::now());
-    pace_.Stood();
     SetLimit(kKeepAlive);
     changed_();
 }
@@ -266,11 +267,11 @@ void FleetTunnel::Failed() {
     End();
     if (wasUp) {
         changed_();
-        Start(spread_()); // all devices have lost the relay, most likely
+        (void)pace_.Lost(Clock::now());
     } else {
-        pace_.Failed(begun_, Clock::now());
-        Wait();
+        pace_.Failed(begun_, Clock::now(), spread_());
     }
+    Wait();
 }
 
 void FleetTunnel::End() {

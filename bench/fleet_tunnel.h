@@ -19,8 +19,8 @@ namespace ZARO::Fleet {
 /// loop's thread.
 class FleetTunnel {
 public:
-    /// `changed` is called when IsUp() may differ, `spread` tells over how long a common loss is
-    /// spread.
+    /// `changed` is called when IsUp() may differ, `spread` tells over how long the
+    /// devices come back when they have lost a relay.
     FleetTunnel(World& world, unsigned device, std::function<void()> changed,
                 std::function<milliseconds()> spread);
 
@@ -32,7 +32,7 @@ public:
     void Stop();
     /// Loses a tunnel that is up, alone: it comes back at once.
     void Drop();
-    /// The servers are back: what waits longer than the usual spread does so no more.
+    /// The control server is back: a log-in that waits for longer than 2 s does so no more.
     void RetrySoon();
 
     bool IsUp() const { return step_ == Step::Up; }

@@ -37,7 +37,6 @@ struct World {
     std::vector<tcp::endpoint> controls; ///< each request of a device goes to the next one
     unsigned network = 127U << 24U;      ///< the devices' addresses begin here
     std::uint16_t sshPort = 0;           ///< the same on every relay
-    milliseconds spread{2000};           ///< of what all lose at once, unless the hub names another
     Time mark{};                         ///< attempts and losses are counted from here
 };
 
