@@ -36,7 +36,7 @@ enum class Errno {
 /// What control needs of the relay.
 struct RelayControl {
     std::function<bool(const TunnelRecord&)> isUp; ///< whether its port is open for visitors
-    std::function<void(const Changes&)> changed; ///< ends tunnels that are gone, wakes who waits
+    std::function<void(const Changes&)> changed;   ///< ends tunnels that are gone, wakes who waits
 };
 
 /// Answers batches on workers. To be destroyed after the loops have stopped.

@@ -73,12 +73,13 @@ struct Hub::Parts {
 Hub::Parts::Parts(const HubOptions& given)
     : options(given), bus(DatabaseOf(given)), waiters(loops, store, given.hold),
       reports(loops, store, waiters,
-              [this](const StatusReports::Devices& devices) { bus.Publish({devices, {}}); }),
-      control(
-          store, waiters,
-          {[this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
-           [this](const Changes& changes) { Changed(changes); }},
-          given.relayHost, [this] { return SpreadFor(store.devices.Count()); }),
+              [this](const StatusReports::Devices& devices) {
+                  bus.Publish({devices, {}});
+              }),
+      control(store, waiters,
+              {[this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
+               [this](const Changes& changes) { Changed(changes); }},
+              given.relayHost, [this] { return SpreadFor(store.devices.Count()); }),
       alias(
           store, given.aliasTtl, [this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
           given.relayHost) {
@@ -124,10 +125,11 @@ void Hub::Parts::RelayLost() {
 
 bool Hub::Parts::StartRoles(std::string& error) {
     if (options.roles.relay) {
-        relay.emplace(loops, store, options,
-                      RelayRole::Actions{[this](const TunnelStatus& status) { reports.Add(status); },
-                                         [this](const Changes& changes) { Changed(changes); },
-                                         [this] { RelayLost(); }});
+        relay.emplace(
+            loops, store, options,
+            RelayRole::Actions{[this](const TunnelStatus& status) { reports.Add(status); },
+                               [this](const Changes& changes) { Changed(changes); },
+                               [this] { RelayLost(); }});
         if (!relay->Start(error)) {
             return false;
         }

@@ -50,7 +50,8 @@ public:
     /// Begins to hand everything over to other processes: held requests are answered within five
     /// seconds, tunnels move to other relays, nothing new is taken.
     void BeginHandOver();
-    /// Whether nothing is left to hand over, or nobody is there to take it. Blocks for the database.
+    /// Whether nothing is left to hand over, or nobody is there to take it. Blocks for the
+    /// database.
     bool IsHandedOver();
     /// Whether another process has taken this one's only role. It then signals itself SIGTERM.
     bool IsUseless() const;

@@ -79,7 +79,8 @@ int Copy(const CommandLine& line) {
                                                                      : Fail("--backup: " + error);
 }
 
-/// Waits until other processes have taken everything over, at most a minute. A signal cuts it short.
+/// Waits until other processes have taken everything over, at most a minute. A signal cuts it
+/// short.
 void HandOver(Hub& hub, const sigset_t& ending) {
     constexpr timespec kLook{0, 200000000};
     constexpr int kLooks = 300;

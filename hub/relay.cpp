@@ -156,14 +156,12 @@ void Relay::LookUp(const SessionPtr& session, const std::string& password) {
             closings = closings_;
         }
         TunnelRecord tunnel;
-        const bool found = store_.services.FindTunnel(user, tunnel) == StoreResult::Done;
+        bool found = store_.services.FindTunnel(user, tunnel) == StoreResult::Done;
         bool current = true;
         {
             const std::lock_guard<std::mutex> lock(mutex_);
             current = closings == closings_; // else it may be one of those that were closed
-            if (found && current) {
-                book_.Put(tunnel);
-            }
+            found = found && current && book_.Put(tunnel);
         }
         if (!current) {
             LookUp(session, password);

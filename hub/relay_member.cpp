@@ -38,7 +38,8 @@ StoreResult RelayMember::Join(const RelayIdentity& identity, Changes& changes, s
     for (const TunnelRecord& tunnel : tunnels) {
         changes.devices.push_back(tunnel.device);
     }
-    (void)book_.Replace(std::move(tunnels)); // it has no sessions yet
+    book_.SetRelay(relay_.key);
+    (void)book_.Replace(std::move(tunnels), book_.Version()); // it has no sessions yet
     return StoreResult::Done;
 }
 
@@ -119,7 +120,7 @@ void RelayMember::BeLost() {
     if (!ended_.exchange(true)) {
         Log(Level::Error, "relay", "another process has become relay %s: ends all sessions",
             relay_.name.c_str());
-        (void)book_.Replace({});
+        (void)book_.Replace({}, book_.Version());
         actions_.lost();
     }
 }
@@ -150,10 +151,11 @@ void RelayMember::NoteRead(bool good, bool all, const std::set<std::string>& use
 
 StoreResult RelayMember::ReadAll() {
     std::vector<TunnelRecord> tunnels;
+    const std::uint64_t version = book_.Version();
     const StoreResult result = store_.services.TunnelsOf(relay_.key, tunnels);
     if (result == StoreResult::Done && !ended_) {
         Keys gone;
-        for (std::string& user : book_.Replace(std::move(tunnels))) {
+        for (std::string& user : book_.Replace(std::move(tunnels), version)) {
             gone.push_back({relay_.key, std::move(user)});
         }
         if (!gone.empty()) {
@@ -179,7 +181,9 @@ StoreResult RelayMember::ReadSome(const std::set<std::string>& users) {
         if (former && !isSame) {
             gone.push_back({relay_.key, user});
         }
-        isOurs ? book_.Put(std::move(tunnel)) : book_.Remove(user);
+        if (!isOurs || !book_.Put(std::move(tunnel))) {
+            book_.Remove(user);
+        }
     }
     if (!gone.empty()) {
         actions_.close(gone);

@@ -34,8 +34,8 @@ bool RelayRole::Start(std::string& error) {
     spare_ = std::make_shared<RelaySpare>(loops_, store_, [this](const std::string& name) {
         std::string reason;
         const bool good = Become(name, reason);
-        Log(good ? Level::Info : Level::Warning, "relay", good ? "takes the place of relay %s"
-                                                               : "can't take the place of relay %s: %s",
+        Log(good ? Level::Info : Level::Warning, "relay",
+            good ? "takes the place of relay %s" : "can't take the place of relay %s: %s",
             name.c_str(), reason.c_str());
         return good;
     });
@@ -50,8 +50,8 @@ bool RelayRole::Become(const std::string& name, std::string& error) {
     const bool hasOwnKey = options_.database.empty() || !options_.relaySpare;
     UniqueFd nameLock;
     if (!LockRelayName(options_.data, name, nameLock, error) ||
-        (hasOwnKey && !LoadHostKey(HostKeyFile(options_.data, name), store_.devices.HasAny(),
-                                   hostKey, error))) {
+        (hasOwnKey &&
+         !LoadHostKey(HostKeyFile(options_.data, name), store_.devices.HasAny(), hostKey, error))) {
         return false;
     }
     RelayIdentity identity{name, options_.relayHost, "", 0, 0, hostKey};

@@ -29,7 +29,7 @@ namespace ZARO::RelayHub {
 class RelayRole {
 public:
     struct Actions {
-        Relay::StatusChanged statusChanged; ///< a tunnel went up or down
+        Relay::StatusChanged statusChanged;          ///< a tunnel went up or down
         std::function<void(const Changes&)> changed; ///< tells other processes
         std::function<void()> lost; ///< another process has become this relay: it serves no more
     };

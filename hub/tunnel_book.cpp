@@ -4,45 +4,64 @@
 
 namespace ZARO::RelayHub {
 
-std::optional<TunnelRecord> TunnelBook::Find(const std::string& user) const {
+void TunnelBook::SetRelay(std::int64_t relay) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = tunnels_.find(user);
-    return found == tunnels_.end() ? std::nullopt : std::optional<TunnelRecord>(found->second);
+    relay_ = relay;
 }
 
-void TunnelBook::Put(TunnelRecord tunnel) {
+std::optional<TunnelRecord> TunnelBook::Find(const std::string& user) const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    std::string user = tunnel.user;
-    tunnels_[std::move(user)] = std::move(tunnel);
+    const auto found = entries_.find(user);
+    return found == entries_.end() ? std::nullopt
+                                   : std::optional<TunnelRecord>(found->second.tunnel);
+}
+
+bool TunnelBook::Put(TunnelRecord tunnel) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (relay_ != 0 && tunnel.relay != relay_) {
+        return false;
+    }
+    Entry& entry = entries_[tunnel.user];
+    entry = {std::move(tunnel), ++version_};
+    return true;
 }
 
 void TunnelBook::Remove(const std::string& user) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    tunnels_.erase(user);
+    entries_.erase(user);
 }
 
-std::vector<std::string> TunnelBook::Replace(std::vector<TunnelRecord> all) {
-    std::unordered_map<std::string, TunnelRecord> fresh;
+std::uint64_t TunnelBook::Version() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return version_;
+}
+
+std::vector<std::string> TunnelBook::Replace(std::vector<TunnelRecord> all, std::uint64_t version) {
+    std::unordered_map<std::string, Entry> fresh;
     for (TunnelRecord& tunnel : all) {
         std::string user = tunnel.user;
-        fresh[std::move(user)] = std::move(tunnel);
+        fresh[std::move(user)] = {std::move(tunnel), version};
     }
     std::vector<std::string> gone;
     const std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& [user, former] : tunnels_) {
+    for (const auto& [user, former] : entries_) {
+        if (former.version > version) {
+            fresh[user] = former;
+            continue;
+        }
         const auto found = fresh.find(user);
-        if (found == fresh.end() || found->second.relayPort != former.relayPort ||
-            found->second.password != former.password) {
+        if (found == fresh.end() || found->second.tunnel.relayPort != former.tunnel.relayPort ||
+            found->second.tunnel.password != former.tunnel.password) {
             gone.push_back(user);
         }
     }
-    tunnels_.swap(fresh);
+    entries_.swap(fresh);
     return gone;
 }
 
 std::size_t TunnelBook::Size() const {
     const std::lock_guard<std::mutex> lock(mutex_);
-    return tunnels_.size();
+    return entries_.size();
 }
 
 } // namespace ZARO::RelayHub

@@ -1,6 +1,8 @@
 /// The tunnels of one relay in memory, so that a log-in needs no database.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -14,19 +16,34 @@ namespace ZARO::RelayHub {
 /// Any thread may call any method; none blocks for longer than a copy takes.
 class TunnelBook {
 public:
+    /// Whose tunnels these are; 0 = every tunnel's, as long as the relay is not known.
+    void SetRelay(std::int64_t relay);
+
     /// The tunnel that this user may log in for, if it is in the book.
     std::optional<TunnelRecord> Find(const std::string& user) const;
-    /// Adds a tunnel, or puts it in the place of the one with the same user.
-    void Put(TunnelRecord tunnel);
+    /// Adds a tunnel, or puts it in the place of the one with the same user. False, and nothing is
+    /// done, when another relay carries it.
+    bool Put(TunnelRecord tunnel);
     void Remove(const std::string& user);
-    /// From now on the book holds these tunnels. Returns the users of those that are gone or that
-    /// have another port or password now: their sessions are to end.
-    std::vector<std::string> Replace(std::vector<TunnelRecord> all);
+
+    /// A number that grows with each tunnel that is put in.
+    std::uint64_t Version() const;
+    /// From now on the book holds these tunnels, which were read when the book had that version,
+    /// and what was put in since then. Returns the users of those that are gone or that have
+    /// another port or password now: their sessions are to end.
+    std::vector<std::string> Replace(std::vector<TunnelRecord> all, std::uint64_t version);
     std::size_t Size() const;
 
 private:
-    mutable std::mutex mutex_;
-    std::unordered_map<std::string, TunnelRecord> tunnels_; ///< by user
+    struct Entry {
+        TunnelRecord tunnel;
+        std::uint64_t version = 0; ///< of the book, when it was put in
+    };
+
+    mutable std::mutex mutex_; ///< guards the following
+    std::int64_t relay_ = 0;
+    std::uint64_t version_ = 0;
+    std::unordered_map<std::string, Entry> entries_; ///< by user
 };
 
 } // namespace ZARO::RelayHub

@@ -76,7 +76,7 @@ struct Host {
                                                MemberTimes{milliseconds(50), seconds(60)});
         std::string error;
         if (member->Join({name, "host-" + owner, owner, first, last, "key-" + owner}, changes,
-                         error)) {
+                         error) == StoreResult::Done) {
             member->Start();
         }
         return error;
