@@ -1,5 +1,6 @@
 # The hub as a program, and some of its parts.
-foreach(source test_hub_alias.cpp test_hub_control.cpp test_hub_program.cpp test_hub_relay.cpp)
+foreach(source test_hub_alias.cpp test_hub_control.cpp test_hub_program.cpp test_hub_relay.cpp
+    test_hub_strangers.cpp)
     cmake_path(GET source STEM name)
     zaro_test(${name} SOURCES ${source} LIBRARIES zaro_hub zaro::platform DEPENDS zarorelay-hub)
     target_compile_definitions(${name} PRIVATE ZARO_HUB="$<TARGET_FILE:zarorelay-hub>")
