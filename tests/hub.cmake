@@ -1,7 +1,7 @@
 # The hub as a program, and some of its parts.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 foreach(source test_hub_alias.cpp test_hub_control.cpp test_hub_members.cpp test_hub_program.cpp
-        test_hub_relay.cpp test_hub_store.cpp test_hub_web.cpp)
+        test_hub_relay.cpp test_hub_store.cpp test_hub_strangers.cpp test_hub_web.cpp)
     cmake_path(GET source STEM name)
     zaro_test(${name} SOURCES ${source}
         LIBRARIES zaro_hub zaro::platform PkgConfig::HTTPLIB DEPENDS zarorelay-hub)

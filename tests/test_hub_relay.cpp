@@ -29,6 +29,7 @@ struct HubRelay : testing::Test {
 TEST_F(HubRelay, CarriesBytesBothWaysAndHalfCloses) {
     const std::string question = Pattern(5000000);
     const std::string answer = Pattern(7000001);
+    const auto start = Clock::now();
     const auto tunnel = Open();
     auto visitor = std::make_unique<Visitor>(port_);
     ssh_channel channel = tunnel->Accept();
@@ -48,6 +49,7 @@ TEST_F(HubRelay, CarriesBytesBothWaysAndHalfCloses) {
     ASSERT_TRUE(TestTunnel::Write(channel, "bye"));
     ssh_channel_close(channel);
     EXPECT_EQ(visitor->Read(), "bye");
+    EXPECT_LT(Clock::now() - start, seconds(5) * kSlow) << "it goes on when the window opens";
 }
 
 TEST_F(HubRelay, StalledVisitorDoesNotHoldOthersUp) {
@@ -120,6 +122,41 @@ TEST_F(HubRelay, ClosesAfterThreeWrongPasswords) {
         EXPECT_NE(ssh_userauth_password(tunnel.Session(), nullptr, guess), SSH_AUTH_SUCCESS);
     }
     EXPECT_EQ(ssh_is_connected(tunnel.Session()), 0);
+}
+
+TEST_F(HubRelay, WrongPasswordsDelayOnlyTheirSenders) {
+    std::list<std::future<bool>> guesses;
+    for (int i = 0; i < 16; ++i) { // more than the hub has threads
+        guesses.push_back(std::async(std::launch::async, [&] {
+            return TestTunnel(hub_).LogIn(i % 2 == 0 ? web_["relay_user"].asString() : "nobody",
+                                          "x");
+        }));
+    }
+    ASSERT_TRUE(WaitFor([&] { return hub_.Count(" refused: ") > 0; }));
+    EXPECT_TRUE(Takes("log-in beside wrong passwords", milliseconds(900),
+                      [&] { return Open() != nullptr; }));
+    for (auto& guess : guesses) {
+        EXPECT_FALSE(guess.get());
+    }
+}
+
+TEST_F(HubRelay, CrowdOfLogInsComesThroughBesideAnotherNetwork) {
+    const auto logIn = [&](const Json::Value& tunnel, const char* from) {
+        TestTunnel device(hub_);
+        const long patience = 10; // s; what a device has
+        ssh_options_set(device.Session(), SSH_OPTIONS_TIMEOUT, &patience);
+        ssh_options_set(device.Session(), SSH_OPTIONS_BINDADDR, from);
+        return device.LogIn(tunnel);
+    };
+    std::list<std::future<bool>> crowd;
+    for (int i = 0; i < 200; ++i) { // each takes over from the one before
+        crowd.push_back(std::async(std::launch::async, logIn, web_, "127.0.0.1"));
+    }
+    EXPECT_TRUE(
+        Takes("log-in beside a crowd", seconds(3), [&] { return logIn(other_, "127.0.0.2"); }));
+    for (auto& one : crowd) {
+        EXPECT_TRUE(one.get());
+    }
 }
 
 TEST_F(HubRelay, NewLogInTakesOverFromASilentOne) {
