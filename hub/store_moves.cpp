@@ -1,5 +1,7 @@
 #include "hub/store_moves.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -7,21 +9,14 @@
 
 namespace ZARO::RelayHub {
 
-/// What a batch is to move; the names are those of the statements' values.
-struct MovePlan {
-    std::size_t count; ///< about so many tunnels
-    int dead;          ///< 1 = also those of dead relays
-    std::int64_t deadAfter, aliveFor;
-    int keep; ///< 1 = only those that keep their port's number
-};
-
-namespace {
-
 /// A tunnel and where it is now.
-struct Place {
+struct MoveStore::Place {
+    std::int64_t device;
     std::string id, user;
     TunnelPort port;
 };
+
+namespace {
 
 /// Whether no other process moves tunnels until this transaction ends.
 bool IsOnlyMover(Database& database) {
@@ -32,89 +27,59 @@ bool IsOnlyMover(Database& database) {
     return lock.Next();
 }
 
-/// Which tunnels move: those of relays that leave, with $2 = 1 also of dead ones. With $4 = 1 only
-/// those whose port's number is free at a living relay.
-#define ZARO_MOVES                                                                                 \
-    " relay IN (SELECT key FROM relay WHERE state = 'draining' OR"                                 \
-    " ($2 = 1 AND owner <> '' AND seen + $3 <= unixepoch()))"                                      \
-    " AND ($4 = 0 OR EXISTS (SELECT 1 FROM port JOIN relay ON relay.key = port.relay"              \
-    " WHERE port.port = service.relay_port AND port.device IS NULL AND state = 'up'"               \
-    " AND seen + $5 > unixepoch()))"
-
-/// Devices that have tunnels to move; on a server their rows are locked, and those that somebody
-/// else has locked are left for later.
-std::vector<std::int64_t> DevicesToMove(Database& database, const MovePlan& plan) {
-    Query rows(database,
-               database.Sql("SELECT DISTINCT device FROM service WHERE" ZARO_MOVES
-                            " ORDER BY device LIMIT $1",
-                            "SELECT key FROM device WHERE key IN (SELECT service.device"
-                            " FROM service WHERE" ZARO_MOVES ") ORDER BY key LIMIT $1"
-                            " FOR UPDATE SKIP LOCKED"),
-               static_cast<std::int64_t>(plan.count), plan.dead, plan.deadAfter, plan.keep,
-               plan.aliveFor);
-    std::vector<std::int64_t> devices;
+std::vector<std::int64_t> Keys(Query& rows) {
+    std::vector<std::int64_t> keys;
     while (rows.Next()) {
-        devices.push_back(rows.Integer(0));
+        keys.push_back(rows.Integer(0));
     }
-    return devices;
+    return keys;
 }
 
-std::vector<Place> TunnelsToMove(Database& database, std::int64_t device, const MovePlan& plan) {
+/// The relays that are to lose their tunnels.
+std::vector<std::int64_t> LosingRelays(Database& database, MoveFrom from, const RelayTimes& times) {
     Query rows(database,
-               "SELECT id, relay_user, relay, relay_port FROM service WHERE device = $1"
-               " AND" ZARO_MOVES " ORDER BY id",
-               device, plan.dead, plan.deadAfter, plan.keep, plan.aliveFor);
-    std::vector<Place> places;
-    while (rows.Next()) {
-        places.push_back({rows.Text(0), rows.Text(1), {rows.Integer(2), rows.Int(3)}});
-    }
-    return places;
+               "SELECT key FROM relay WHERE state = 'draining' OR ($1 = 1 AND owner <> ''"
+               " AND seen + $2 <= unixepoch()) ORDER BY key",
+               from == MoveFrom::DrainingAndDead ? 1 : 0, std::int64_t{times.dead.count()});
+    return Keys(rows);
 }
 
-#undef ZARO_MOVES
+/// Makes the device's row this transaction's own. False when somebody else has it.
+bool LockRow(Database& database, std::int64_t device) {
+    Query row(database,
+              database.Sql("SELECT key FROM device WHERE key = $1",
+                           "SELECT key FROM device WHERE key = $1 FOR UPDATE SKIP LOCKED"),
+              device);
+    return !Keys(row).empty();
+}
 
 void Bump(Database& database, std::int64_t device) {
     Query(database, "UPDATE device SET revision = revision % 2147483647 + 1 WHERE key = $1", device)
         .Run();
 }
 
-void MoveTunnel(Database& database, std::int64_t device, const Place& old, const TunnelPort& place,
-                Changes& changes) {
-    Query(database,
-          "UPDATE service SET relay = $3, relay_port = $4, up = 0 WHERE device = $1 AND id = $2",
-          device, old.id, place.relay, place.port)
-        .Run();
-    PortStore::Free(database, old.port);
-    changes.tunnels.push_back({old.port.relay, old.user});
-    changes.tunnels.push_back({place.relay, old.user});
-}
-
-/// A port with the same number, at the living relay with the fewest tunnels that has it.
-std::optional<TunnelPort> SamePort(Database& database, std::int64_t device, int port,
-                                   RelayStore& relays) {
-    for (const std::int64_t relay : relays.Choose(database)) {
-        if (PortStore::AssignThis(database, {relay, port}, device)) {
-            return TunnelPort{relay, port};
-        }
-    }
-    return std::nullopt;
-}
-
 } // namespace
 
 StoreResult MoveStore::Move(MoveFrom from, std::size_t count, Changes& changes) {
-    MovePlan plan{count, from == MoveFrom::DrainingAndDead ? 1 : 0, relays_.Times().dead.count(),
-                  relays_.Times().alive.count(), 1};
     Changes moved;
     const StoreResult result = access_.Write("moving of tunnels", [&](Database& database) {
         moved = {};
-        // What was read before may have a relay that is leaving by now.
+        // What was read of the relays before may have one that is leaving by now.
         if (!IsOnlyMover(database) || !relays_.Refresh(database)) {
             return StoreResult::Done;
         }
-        // Who needs another number comes last, lest it take one that a tunnel could keep.
-        for (plan.keep = 1; plan.keep >= 0 && moved.tunnels.empty(); --plan.keep) {
-            MoveBatch(database, plan, moved);
+        for (const std::int64_t relay : LosingRelays(database, from, relays_.Times())) {
+            // Who needs another number comes last, lest it take one that a tunnel could keep.
+            MoveSameNumbers(database, relay, count, moved);
+            if (moved.tunnels.empty()) {
+                MoveOthers(database, relay, count, moved);
+            }
+            if (!moved.tunnels.empty()) {
+                break;
+            }
+        }
+        for (const std::int64_t device : moved.devices) {
+            Bump(database, device);
         }
         return StoreResult::Done;
     });
@@ -125,25 +90,83 @@ StoreResult MoveStore::Move(MoveFrom from, std::size_t count, Changes& changes) 
     return result;
 }
 
-void MoveStore::MoveBatch(Database& database, const MovePlan& plan, Changes& changes) {
-    for (const std::int64_t device : DevicesToMove(database, plan)) {
-        if (changes.tunnels.size() / 2 >= plan.count) {
-            return; // each is named twice
+std::vector<MoveStore::Place> MoveStore::Places(Query& rows) {
+    std::vector<Place> places;
+    while (rows.Next()) {
+        places.push_back(
+            {rows.Integer(0), rows.Text(1), rows.Text(2), {rows.Integer(3), rows.Int(4)}});
+    }
+    return places;
+}
+
+void MoveStore::MoveSameNumbers(Database& database, std::int64_t relay, std::size_t count,
+                                Changes& changes) {
+    const std::vector<std::int64_t> living = relays_.Choose(database);
+    for (const std::int64_t target : living) {
+        std::vector<Place> places;
+        {
+            Query rows(database,
+                       "SELECT service.device, id, relay_user, service.relay, relay_port"
+                       " FROM service JOIN port ON port.relay = $2 AND port.port = relay_port"
+                       " WHERE service.relay = $1 AND port.device IS NULL LIMIT $3",
+                       relay, target, static_cast<std::int64_t>(count / living.size() + 1));
+            places = Places(rows);
         }
-        const std::size_t before = changes.tunnels.size();
-        for (const Place& old : TunnelsToMove(database, device, plan)) {
-            const auto place = plan.keep == 1 ? SamePort(database, device, old.port.port, relays_)
-                                              : ports_.Assign(database, device);
-            if (place) {
-                MoveTunnel(database, device, old, *place, changes);
-            } else if (plan.keep == 0) {
-                break; // every port is taken
+        for (const Place& old : places) {
+            const TunnelPort same{target, old.port.port};
+            if (Hold(database, old, changes) && PortStore::AssignThis(database, same, old.device)) {
+                MoveTunnel(database, old, same, changes);
             }
         }
-        if (changes.tunnels.size() > before) {
-            Bump(database, device);
-            changes.devices.push_back(device);
+    }
+}
+
+void MoveStore::MoveOthers(Database& database, std::int64_t relay, std::size_t count,
+                           Changes& changes) {
+    std::vector<Place> places;
+    {
+        Query rows(database,
+                   "SELECT device, id, relay_user, relay, relay_port FROM service WHERE relay = $1"
+                   " LIMIT $2",
+                   relay, static_cast<std::int64_t>(count));
+        places = Places(rows);
+    }
+    for (const Place& old : places) {
+        if (Hold(database, old, changes)) {
+            const std::optional<TunnelPort> port = ports_.Assign(database, old.device);
+            if (!port) {
+                return; // every port is taken
+            }
+            MoveTunnel(database, old, *port, changes);
         }
+    }
+}
+
+bool MoveStore::Hold(Database& database, const Place& place, const Changes& changes) {
+    const auto& held = changes.devices;
+    if (std::find(held.begin(), held.end(), place.device) == held.end() &&
+        !LockRow(database, place.device)) {
+        return false;
+    }
+    Query still(database,
+                "SELECT 1 FROM service WHERE device = $1 AND id = $2 AND relay = $3"
+                " AND relay_port = $4",
+                place.device, place.id, place.port.relay, place.port.port);
+    return still.Next();
+}
+
+void MoveStore::MoveTunnel(Database& database, const Place& old, const TunnelPort& port,
+                           Changes& changes) {
+    Query(database,
+          "UPDATE service SET relay = $3, relay_port = $4, up = 0 WHERE device = $1 AND id = $2",
+          old.device, old.id, port.relay, port.port)
+        .Run();
+    PortStore::Free(database, old.port);
+    changes.tunnels.push_back({old.port.relay, old.user});
+    changes.tunnels.push_back({port.relay, old.user});
+    auto& devices = changes.devices;
+    if (std::find(devices.begin(), devices.end(), old.device) == devices.end()) {
+        devices.push_back(old.device);
     }
 }
 

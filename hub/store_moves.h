@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <vector>
 
 #include "hub/changes.h"
 #include "hub/store_access.h"
@@ -12,8 +14,6 @@ namespace ZARO::RelayHub {
 
 /// Which relays are to lose their tunnels.
 enum class MoveFrom { Draining, DrainingAndDead };
-
-struct MovePlan;
 
 /// Any thread may call any method. They block for the database only and don't throw.
 class MoveStore {
@@ -28,8 +28,20 @@ public:
     StoreResult Move(MoveFrom from, std::size_t count, Changes& changes);
 
 private:
-    /// Moves up to about as many tunnels as planned, within a transaction.
-    void MoveBatch(Database& database, const MovePlan& plan, Changes& changes);
+    struct Place;
+
+    // The steps below run inside a piece of work on the database.
+
+    /// Moves tunnels whose ports' numbers are free at living relays, as many to each relay.
+    void MoveSameNumbers(Database& database, std::int64_t relay, std::size_t count,
+                         Changes& changes);
+    /// Moves tunnels to any ports.
+    void MoveOthers(Database& database, std::int64_t relay, std::size_t count, Changes& changes);
+    /// Whether the tunnel is still there and its device's row is this transaction's own.
+    static bool Hold(Database& database, const Place& place, const Changes& changes);
+    static void MoveTunnel(Database& database, const Place& old, const TunnelPort& port,
+                           Changes& changes);
+    static std::vector<Place> Places(Query& rows);
 
     StoreAccess& access_;
     PortStore& ports_;
