@@ -140,7 +140,10 @@ bool Hub::Parts::StartRoles(std::string& error) {
                                           [this](const Changes& changes) { Changed(changes); });
         upkeep->Start();
     }
-    return bus.Start({[this](const Changes& changes) { Heed(changes); }, [this] { HeedAll(); }},
+    // Nobody else can use the database then.
+    const bool isAlone = options.database.empty() && UseOf(options.roles) == FolderUse::Alone;
+    return isAlone ||
+           bus.Start({[this](const Changes& changes) { Heed(changes); }, [this] { HeedAll(); }},
                      error);
 }
 
