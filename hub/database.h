@@ -14,7 +14,7 @@ namespace ZARO::RelayHub {
 enum class FaultKind {
     Damage,     ///< the file is broken, or no database at all
     Unwritable, ///< nothing can be written at the moment, as on a full disk
-    Away,       ///< no connection, or it was lost; nothing was kept unless a commit was under way
+    Away,       ///< there is no connection, or it was lost; nothing was kept
     Conflict,   ///< somebody else's change came between; the same work may succeed now
     Newer,      ///< the tables are those of a newer hub
     Other,

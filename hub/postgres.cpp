@@ -135,6 +135,18 @@ void Postgres::Execute(const char* sql) {
     (void)Finish(PQsendQuery(connection_.get(), sql) == 1, sql);
 }
 
+void Postgres::Commit() {
+    try {
+        Execute("COMMIT");
+    } catch (const DatabaseFault& fault) {
+        if (fault.kind == FaultKind::Away) { // repeating the work would be wrong
+            throw DatabaseFault("it is unknown whether a change was kept: " +
+                                std::string(fault.what()));
+        }
+        throw;
+    }
+}
+
 bool Postgres::IsLost() const {
     return connection_ == nullptr || PQtransactionStatus(connection_.get()) != PQTRANS_IDLE;
 }
@@ -146,6 +158,7 @@ const std::string& Postgres::Prepare(const char* sql, const std::vector<Value>& 
         return known->second;
     }
     std::vector<Oid> types; // 0 = as the statement has it
+    types.reserve(values.size());
     for (const Value& value : values) {
         types.push_back(std::holds_alternative<std::string>(value) ? 0 : kBigint);
     }

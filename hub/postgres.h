@@ -38,7 +38,7 @@ public:
     std::unique_ptr<Rows> Run(const char* sql, const std::vector<Value>& values) override;
     void Execute(const char* sql) override;
     void Begin() override { Execute("BEGIN"); }
-    void Commit() override { Execute("COMMIT"); }
+    void Commit() override;
     void Rollback() override { Execute("ROLLBACK"); }
     bool IsShared() const override { return true; }
     /// Also when a transaction is left open on it.

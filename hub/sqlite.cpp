@@ -72,20 +72,19 @@ private:
 
 Sqlite::Sqlite(const std::string& file) {
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
-    if (sqlite3_open_v2(file.c_str(), &handle_, flags, nullptr) != SQLITE_OK) {
-        const DatabaseFault fault("open: " + std::string(sqlite3_errmsg(handle_)),
-                                  KindOf(sqlite3_errcode(handle_)));
-        sqlite3_close(handle_);
-        throw fault;
+    sqlite3* handle = nullptr;
+    const int result = sqlite3_open_v2(file.c_str(), &handle, flags, nullptr);
+    handle_.reset(handle); // there is one even after most failures
+    if (result != SQLITE_OK) {
+        Fail("open");
     }
-    sqlite3_busy_timeout(handle_, 2000); // an administrator may be reading the file
+    sqlite3_busy_timeout(handle, 2000); // an administrator may be reading the file
 }
 
 Sqlite::~Sqlite() {
     for (const auto& [sql, statement] : statements_) {
         sqlite3_finalize(statement);
     }
-    sqlite3_close(handle_);
 }
 
 std::unique_ptr<Rows> Sqlite::Run(const char* sql, const std::vector<Value>& values) {
@@ -100,23 +99,24 @@ std::unique_ptr<Rows> Sqlite::Run(const char* sql, const std::vector<Value>& val
 }
 
 void Sqlite::Execute(const char* sql) {
-    if (sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
+    if (sqlite3_exec(handle_.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
         Fail(sql);
     }
 }
 
 sqlite3_stmt* Sqlite::Prepare(const char* sql) {
     sqlite3_stmt*& statement = statements_[sql];
-    if (statement == nullptr && sqlite3_prepare_v3(handle_, sql, -1, SQLITE_PREPARE_PERSISTENT,
-                                                   &statement, nullptr) != SQLITE_OK) {
+    if (statement == nullptr &&
+        sqlite3_prepare_v3(handle_.get(), sql, -1, SQLITE_PREPARE_PERSISTENT, &statement,
+                           nullptr) != SQLITE_OK) {
         Fail(sql);
     }
     return statement;
 }
 
 void Sqlite::Fail(const char* doing) const {
-    throw DatabaseFault(Summary(doing) + ": " + sqlite3_errmsg(handle_),
-                        KindOf(sqlite3_errcode(handle_)));
+    throw DatabaseFault(Summary(doing) + ": " + sqlite3_errmsg(handle_.get()),
+                        KindOf(sqlite3_errcode(handle_.get())));
 }
 
 } // namespace ZARO::RelayHub

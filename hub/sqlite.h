@@ -33,7 +33,10 @@ public:
 private:
     sqlite3_stmt* Prepare(const char* sql);
 
-    sqlite3* handle_ = nullptr;
+    struct Closer {
+        void operator()(sqlite3* handle) const { sqlite3_close(handle); }
+    };
+    std::unique_ptr<sqlite3, Closer> handle_;
     std::map<const char*, sqlite3_stmt*> statements_;
 };
 
