@@ -1,9 +1,12 @@
 # The hub as a program, and some of its parts.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
-foreach(source test_hub_alias.cpp test_hub_control.cpp test_hub_members.cpp test_hub_program.cpp
-        test_hub_relay.cpp test_hub_store.cpp test_hub_strangers.cpp test_hub_web.cpp)
+find_library(FAKETIME faketimeMT.so.1 libfaketimeMT.so.1 PATH_SUFFIXES faketime REQUIRED)
+foreach(source test_hub_alias.cpp test_hub_control.cpp test_hub_hosts.cpp test_hub_members.cpp
+        test_hub_program.cpp test_hub_relay.cpp test_hub_store.cpp test_hub_strangers.cpp
+        test_hub_web.cpp)
     cmake_path(GET source STEM name)
     zaro_test(${name} SOURCES ${source}
         LIBRARIES zaro_hub zaro::platform PkgConfig::HTTPLIB DEPENDS zarorelay-hub)
-    target_compile_definitions(${name} PRIVATE ZARO_HUB="$<TARGET_FILE:zarorelay-hub>")
+    target_compile_definitions(${name} PRIVATE
+        ZARO_HUB="$<TARGET_FILE:zarorelay-hub>" ZARO_FAKETIME="${FAKETIME}")
 endforeach()

@@ -96,6 +96,9 @@ public:
         return byId;
     }
 
+    /// From now on it sends its requests to this hub.
+    void MoveTo(const HubProcess& hub) { port_ = hub.HttpsPort(); }
+
     std::string mac, serial, token, id, cookie;
 
 private:

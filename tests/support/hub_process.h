@@ -28,10 +28,12 @@ struct PortBlock : NoCopy {
 class HubProcess : NoCopy {
 public:
     /// `hold`: how many seconds it holds a wait command. `more`: further options. `ports`: the
-    /// range for tunnels, when its own ninety ports are too few.
-    explicit HubProcess(int hold = 50, const std::string& more = "", std::string ports = "")
+    /// range for tunnels, when its own ninety ports are too few. `starter`: a program that starts
+    /// it, with arguments.
+    explicit HubProcess(int hold = 50, const std::string& more = "", std::string ports = "",
+                        std::string starter = "")
         : options_(" --log-level 7 --hold " + std::to_string(hold) + " " + more),
-          ports_(std::move(ports)) {
+          ports_(std::move(ports)), starter_(std::move(starter)) {
         folder_ = (fs::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
             throw std::runtime_error("can't make " + folder_);
@@ -97,7 +99,7 @@ private:
         const std::vector<std::string> line =
             Words("--http-port " + port(0) + " --https-port " + port(1) + " --relay-port " +
                       port(2) + options_ + " --ports " + (ports_.empty() ? tunnels : ports_),
-                  {ZARO_HUB, "--data", Data()});
+                  Words(ZARO_HUB " --data " + Data(), Words(starter_, {})));
         process_ = std::make_unique<Process>(line, LogFile());
         const auto isUp = [&] { return Count("relay ssh://") > starts; };
         const bool over =
@@ -108,7 +110,7 @@ private:
         return isUp();
     }
 
-    const std::string options_, ports_;
+    const std::string options_, ports_, starter_;
     int count_ = 90, first_ = 9900;
     std::unique_ptr<PortBlock> block_;
     std::string folder_;
