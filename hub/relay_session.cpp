@@ -59,7 +59,7 @@ void RelaySession::Resume() {
 
 void RelaySession::End() {
     ended_ = true;
-    asio::post(lane_.loop, [self = Self()] { self->Pass(); });
+    asio::post(lane_.loop, [self = Self()] { self->Finish(); });
 }
 
 void RelaySession::Wake() {
@@ -73,7 +73,7 @@ void RelaySession::Greet() {
     lane_.now = Clock::now();
     deadline_ = lane_.now + kLogInTime;
     heard_ = clear_ = lane_.now;
-    if (!Prepare()) {
+    if (ended_ || !Prepare()) {
         Over("it can't be served");
         Finish();
         return;
@@ -112,15 +112,25 @@ void RelaySession::Pass() {
     if (released_) {
         return;
     }
+    try {
+        Serve();
+    } catch (const std::exception& fault) {
+        Log(Level::Error, "relay", "a session failed: %s", fault.what());
+        Finish();
+    }
+}
+
+void RelaySession::Serve() {
     posted_ = true; // nobody has to wake it meanwhile
     lane_.now = Clock::now();
-    clear_ = lineFull_ ? clear_ : lane_.now;
+    clear_ = IsWriting() ? clear_ : lane_.now;
     if (!waits_ && !ended_) {
         const bool isStranger = state_ == State::KeyExchange || state_ == State::LogIn;
         waits_ = isStranger && lineReady_ && !desk_.MayProceed(*this);
     }
     if (!waits_ && !ended_) {
         MoveData();
+        clear_ = IsWriting() ? clear_ : lane_.now;
     }
     CheckClock();
     posted_ = false;
@@ -280,7 +290,7 @@ bool RelaySession::IsWriting() const {
 
 /// Whether what the device sends is read at once.
 bool RelaySession::IsListening() const {
-    return !lineFull_ || lane_.now < clear_ + kPatience || lane_.now >= heard_ + kSlowReading;
+    return !IsWriting() || lane_.now < clear_ + kPatience || lane_.now >= heard_ + kSlowReading;
 }
 
 void RelaySession::CheckClock() {

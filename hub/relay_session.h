@@ -89,8 +89,10 @@ private:
     SessionPtr Self() { return std::static_pointer_cast<RelaySession>(shared_from_this()); }
     void Greet();
     bool Prepare();
-    /// Handles what is ready, up to a bound, and sees to it that it is told of what comes next.
+    /// Serves the session unless it is over. A failure ends it.
     void Pass();
+    /// Handles what is ready, up to a bound, and sees to it that it is told of what comes next.
+    void Serve();
     void MoveData();
     void PollLine();
     void HandleInput();
