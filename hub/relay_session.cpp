@@ -40,8 +40,8 @@ constexpr std::size_t kMaxBindAddress = 255;
 } // namespace
 
 RelaySession::RelaySession(RelayDesk& desk, RelayLane& lane, UniqueFd fd)
-    : desk_(desk), lane_(lane), session_(nullptr, ssh_free), event_(nullptr, ssh_event_free),
-      fd_(fd.Get()), owned_(std::move(fd)), watch_(lane.loop), timer_(lane.loop.get_executor()) {
+    : desk_(desk), lane_(lane), line_(std::move(fd)), watch_(lane.loop),
+      timer_(lane.loop.get_executor()) {
 }
 
 void RelaySession::Start() {
@@ -59,7 +59,7 @@ void RelaySession::Resume() {
 
 void RelaySession::End() {
     ended_ = true;
-    asio::post(lane_.loop, [self = Self()] { self->Pass(); });
+    asio::post(lane_.loop, [self = Self()] { self->Finish(); });
 }
 
 void RelaySession::Wake() {
@@ -73,7 +73,7 @@ void RelaySession::Greet() {
     lane_.now = Clock::now();
     deadline_ = lane_.now + kLogInTime;
     heard_ = clear_ = lane_.now;
-    if (!Prepare()) {
+    if (ended_ || !Prepare()) {
         Over("it can't be served");
         Finish();
         return;
@@ -83,44 +83,39 @@ void RelaySession::Greet() {
 }
 
 bool RelaySession::Prepare() {
-    session_.reset(ssh_new());
-    event_.reset(ssh_event_new());
-    if (session_ == nullptr || event_ == nullptr) {
-        return false;
-    }
-    const int result = ssh_bind_accept_fd(lane_.bind.get(), session_.get(), fd_);
-    if (ssh_get_fd(session_.get()) == fd_) {
-        (void)owned_.Release(); // it closes with the session
-    }
-    if (result != SSH_OK || !watch_.Start(fd_)) {
-        return false;
-    }
     callbacks_.userdata = this;
     callbacks_.global_request_function = OnGlobalRequest;
     ssh_callbacks_init(&callbacks_);
-    ssh_set_blocking(session_.get(), 0);
-    ssh_set_counters(session_.get(), &traffic_, nullptr);
-    ssh_set_auth_methods(session_.get(), SSH_AUTH_METHOD_PASSWORD);
     // The socket's own probes notice a lost line while data is under way, KeepAlive() at other
     // times.
-    SetKeepAlive(fd_, 5, 3, 3);
-    SetUserTimeOut(fd_, static_cast<int>(milliseconds(kSilence).count()));
-    return ssh_set_callbacks(session_.get(), &callbacks_) == SSH_OK;
+    SetKeepAlive(line_.Get(), 5, 3, 3);
+    SetUserTimeOut(line_.Get(), static_cast<int>(milliseconds(kSilence).count()));
+    return line_.Start(lane_.bind.get(), &callbacks_) && watch_.Start(line_.Get());
 }
 
 void RelaySession::Pass() {
     if (released_) {
         return;
     }
+    try {
+        Serve();
+    } catch (const std::exception& fault) {
+        Log(Level::Error, "relay", "a session failed: %s", fault.what());
+        Finish();
+    }
+}
+
+void RelaySession::Serve() {
     posted_ = true; // nobody has to wake it meanwhile
     lane_.now = Clock::now();
-    clear_ = lineFull_ ? clear_ : lane_.now;
+    clear_ = line_.IsWriting() ? clear_ : lane_.now;
     if (!waits_ && !ended_) {
         const bool isStranger = state_ == State::KeyExchange || state_ == State::LogIn;
         waits_ = isStranger && lineReady_ && !desk_.MayProceed(*this);
     }
     if (!waits_ && !ended_) {
         MoveData();
+        clear_ = line_.IsWriting() ? clear_ : lane_.now;
     }
     CheckClock();
     posted_ = false;
@@ -135,68 +130,66 @@ void RelaySession::Pass() {
 }
 
 void RelaySession::MoveData() {
-    const std::uint64_t start = traffic_.in_bytes + traffic_.out_bytes;
+    const std::uint64_t start = line_.In() + line_.Out();
     for (int round = 0; round < kPassRounds && state_ != State::Over && !ended_; ++round) {
-        const std::uint64_t in = traffic_.in_bytes;
-        const std::uint64_t out = traffic_.out_bytes;
-        const bool wasWriting = IsWriting();
+        const std::uint64_t in = line_.In();
+        const std::uint64_t out = line_.Out();
+        const bool wasWriting = line_.IsWriting();
         if (lineReady_ || (wasWriting && !lineFull_)) {
             PollLine();
-            // A line that was written to has to be polled before it counts as free again.
-            lineFull_ = wasWriting && IsWriting() && traffic_.out_bytes == out;
+            lineFull_ = wasWriting && line_.IsWriting() && line_.Out() == out;
+        }
+        if (state_ == State::Over) {
+            return;
         }
         HandleInput();
         if (visitors_ != nullptr && state_ == State::Serving) {
-            (void)visitors_->Serve(!IsWriting(), kSentAtOnce);
+            (void)visitors_->Serve(!line_.IsWriting(), kSentAtOnce);
         }
-        lineReady_ = traffic_.in_bytes != seenTraffic_ || traffic_.in_bytes - in >= kMuch;
-        const std::uint64_t moved = traffic_.in_bytes + traffic_.out_bytes - start;
-        if (lineFull_ || moved >= kPassBytes || !(lineReady_ || IsWriting())) {
+        lineReady_ = line_.In() != seenTraffic_ || line_.In() - in >= kMuch;
+        const std::uint64_t moved = line_.In() + line_.Out() - start;
+        if (lineFull_ || moved >= kPassBytes || !(lineReady_ || line_.IsWriting())) {
             break;
         }
     }
     if (state_ != State::Over && !ended_ && visitors_ != nullptr && visitors_->IsOverrun()) {
         Over("it sends more than its windows allow");
-    } else if (state_ != State::Over && !ended_ && ssh_is_connected(session_.get()) == 0) {
+    } else if (state_ != State::Over && !ended_ && !line_.IsConnected()) {
         Over("connection lost");
     }
 }
 
 void RelaySession::PollLine() {
-    ssh_session session = session_.get();
-    if (inEvent_ && ssh_event_dopoll(event_.get(), 0) == SSH_ERROR) {
+    if (!line_.Poll()) {
         Over("connection lost");
         return;
     }
     if (state_ == State::KeyExchange) {
-        const int result = ssh_handle_key_exchange(session);
-        if (result == SSH_ERROR) {
+        const RelayLine::Exchange result = line_.ExchangeKeys();
+        if (result == RelayLine::Exchange::Failed) {
             Over("no key exchange");
             return;
         }
-        if (!inEvent_) {
-            inEvent_ = ssh_event_add_session(event_.get(), session) == SSH_OK;
-        }
-        if (result == SSH_OK) {
+        if (result == RelayLine::Exchange::Done) {
             state_ = State::LogIn;
             desk_.Advance(*this);
             logIn_ = std::make_unique<RelayLogIn>(
-                *this, lane_, session, [this](const std::string& user, const std::string& word) {
+                *this, lane_, line_.Session(),
+                [this](const std::string& user, const std::string& password) {
                     user_ = user;
                     desk_.Advance(*this);
-                    desk_.LogIn(Self(), word);
+                    desk_.LogIn(Self(), password);
                 });
         }
     }
-    if (!inEvent_ || ssh_is_connected(session) == 0) {
+    if (!line_.IsConnected()) {
         Over("connection lost");
     }
 }
 
 void RelaySession::HandleInput() {
-    // The library reads from the socket in other calls too, so its own count is what tells.
-    if (traffic_.in_bytes != seenTraffic_) {
-        seenTraffic_ = traffic_.in_bytes;
+    if (line_.In() != seenTraffic_) {
+        seenTraffic_ = line_.In();
         heard_ = lane_.now;
         if (visitors_ != nullptr) {
             visitors_->Hear();
@@ -212,15 +205,15 @@ void RelaySession::HandleInput() {
         logIn_.reset();
         // From now on every request but the forward is refused at once, also those that came
         // already.
-        ssh_set_message_callback(session_.get(), OnMessage, this);
-        (void)ssh_execute_message_callbacks(session_.get());
+        ssh_set_message_callback(line_.Session(), OnMessage, this);
+        (void)ssh_execute_message_callbacks(line_.Session());
     }
 }
 
 void RelaySession::AwaitMore() {
     const bool busy = logIn_ != nullptr && logIn_->IsBusy();
     const bool hasWork =
-        lineReady_ || IsWriting() || (visitors_ != nullptr && visitors_->HasWork());
+        lineReady_ || line_.IsWriting() || (visitors_ != nullptr && visitors_->HasWork());
     if (hasWork && !lineFull_ && !busy) {
         Wake(); // when the others have had their turn
         return;
@@ -233,7 +226,7 @@ void RelaySession::AwaitMore() {
             self->Pass();
         });
     }
-    if (IsWriting()) {
+    if (line_.IsWriting()) {
         watch_.Await(Watch::Kind::Writable, [self = Self()] {
             self->lineReady_ = true;
             self->Pass();
@@ -273,14 +266,10 @@ void RelaySession::OnTimer() {
     Pass();
 }
 
-/// Whether data for the device waits for the line.
-bool RelaySession::IsWriting() const {
-    return (ssh_get_poll_flags(session_.get()) & SSH_WRITE_PENDING) != 0;
-}
-
 /// Whether what the device sends is read at once.
 bool RelaySession::IsListening() const {
-    return !lineFull_ || lane_.now < clear_ + kPatience || lane_.now >= heard_ + kSlowReading;
+    return !line_.IsWriting() || lane_.now < clear_ + kPatience ||
+           lane_.now >= heard_ + kSlowReading;
 }
 
 void RelaySession::CheckClock() {
@@ -306,8 +295,8 @@ void RelaySession::KeepAlive() {
     }
     probe_ = lane_.now + kNextProbe;
     // The first call takes in the answer to the last probe, if there is one; the second sends.
-    (void)ssh_send_keepalive(session_.get());
-    (void)ssh_send_keepalive(session_.get());
+    (void)ssh_send_keepalive(line_.Session());
+    (void)ssh_send_keepalive(line_.Session());
 }
 
 void RelaySession::Over(const char* why) {
@@ -339,15 +328,7 @@ void RelaySession::Release() {
     if (visitors_ != nullptr) {
         visitors_->Clear();
     }
-    if (inEvent_) {
-        (void)ssh_event_remove_session(event_.get(), session_.get());
-    }
-    if (session_ != nullptr) {
-        ssh_silent_disconnect(session_.get());
-    }
-    event_.reset();
-    session_.reset();
-    (void)owned_.Close();
+    line_.Close();
 }
 
 void RelaySession::Answer(bool granted) {
@@ -391,7 +372,7 @@ bool RelaySession::Forward(ssh_message message) {
     if (state_ != State::LoggedIn || address == nullptr || std::strlen(address) > kMaxBindAddress) {
         return false;
     }
-    auto visitors = std::make_unique<RelayVisitors>(*this, lane_, session_.get());
+    auto visitors = std::make_unique<RelayVisitors>(*this, lane_, line_.Session());
     std::shared_ptr<RelayPort> opened = desk_.OpenPort(*this, port);
     if (opened == nullptr) {
         return false;

@@ -9,10 +9,10 @@
 #include <boost/asio/basic_waitable_timer.hpp>
 #include <libssh/callbacks.h>
 #include <libssh/libssh.h>
-#include <libssh/server.h>
 
 #include "hub/net.h"
 #include "hub/relay_lane.h"
+#include "hub/relay_line.h"
 #include "hub/relay_log_in.h"
 #include "hub/relay_port.h"
 #include "hub/relay_visitors.h"
@@ -76,7 +76,7 @@ public:
     /// The device's address. Not to be called when it is over.
     std::string Peer() const {
         int port = 0;
-        return PeerOf(fd_, port);
+        return PeerOf(line_.Get(), port);
     }
 
 private:
@@ -89,8 +89,10 @@ private:
     SessionPtr Self() { return std::static_pointer_cast<RelaySession>(shared_from_this()); }
     void Greet();
     bool Prepare();
-    /// Handles what is ready, up to a bound, and sees to it that it is told of what comes next.
+    /// Serves the session unless it is over. A failure ends it.
     void Pass();
+    /// Handles what is ready, up to a bound, and sees to it that it is told of what comes next.
+    void Serve();
     void MoveData();
     void PollLine();
     void HandleInput();
@@ -98,7 +100,6 @@ private:
     Clock::time_point NextDue() const;
     void SetTimer();
     void OnTimer();
-    bool IsWriting() const;
     bool IsListening() const;
     void CheckClock();
     void KeepAlive();
@@ -111,12 +112,8 @@ private:
 
     RelayDesk& desk_;
     RelayLane& lane_;
-    std::unique_ptr<ssh_session_struct, void (*)(ssh_session)> session_;
-    std::unique_ptr<ssh_event_struct, void (*)(ssh_event)> event_;
-    const int fd_;
-    UniqueFd owned_; ///< `fd_`, until `session_` has taken it over
     ssh_callbacks_struct callbacks_{};
-    ssh_counter_struct traffic_{};
+    RelayLine line_;
     std::uint64_t seenTraffic_ = 0; ///< bytes from the device that were handled
     std::atomic<bool> ended_{false};
     Watch watch_;
@@ -124,7 +121,6 @@ private:
     Clock::time_point timerDue_ = Clock::time_point::max();
 
     State state_ = State::KeyExchange;
-    bool inEvent_ = false;   ///< event_ watches the session
     bool lineReady_ = false; ///< the connection is worth a look
     bool lineFull_ = false;  ///< it takes no data at the moment
     bool waits_ = false;     ///< for its turn

@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <utility>
 
 #include <libssh/server.h>
 
+#include "hub/log.h"
 #include "hub/net.h"
 #include "hub/relay_visitors.h"
 
@@ -219,8 +221,12 @@ void RelayVisitor::Moved() {
     all_.Moved(*this);
 }
 
-void RelayVisitor::Touch() {
-    all_.Touch(*this);
+void RelayVisitor::Touch() noexcept {
+    try {
+        all_.Touch(*this);
+    } catch (const std::exception& fault) {
+        Log(Level::Error, "relay", "a visitor waits: %s", fault.what());
+    }
 }
 
 int RelayVisitor::OnData(ssh_session, ssh_channel, void* data, std::uint32_t size, int isError,

@@ -81,7 +81,7 @@ private:
     /// everything.
     std::size_t Send(const char* data, std::size_t size);
     void Moved();
-    void Touch();
+    void Touch() noexcept;
     bool IsDrained() const { return pending_.empty() && !backlog_; }
 
     RelayLane& lane_;

@@ -114,8 +114,8 @@ void RelayVisitors::Settle(const std::shared_ptr<RelayVisitor>& visitor) {
 
 void RelayVisitors::Touch(RelayVisitor& visitor) {
     if (!visitor.inQueue_) {
-        visitor.inQueue_ = true;
         queue_.push_back(visitor.shared_from_this());
+        visitor.inQueue_ = true;
         host_.Wake();
     }
 }

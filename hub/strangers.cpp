@@ -73,6 +73,9 @@ std::vector<RelaySession*> Strangers::Next(Clock::time_point now) {
         std::list<Stranger*>& queue = home.begun.empty() ? home.fresh : home.begun;
         Stranger& chosen = *queue.front();
         active_.splice(active_.end(), queue, queue.begin());
+        if (!chosen.begun) {
+            Advance(chosen.self, now); // the relay kept it waiting
+        }
         Activate(chosen, now);
         next.push_back(chosen.session);
         turns_.pop_front();
@@ -108,10 +111,7 @@ void Strangers::Activate(Stranger& stranger, Clock::time_point now) {
     stranger.state = State::Active;
     stranger.since = now;
     stranger.heard = now;
-    if (!stranger.begun) {
-        stranger.begun = true;
-        Advance(stranger.self, now);
-    }
+    stranger.begun = true;
 }
 
 void Strangers::Park(Clock::time_point now) {

@@ -127,7 +127,7 @@ TEST_F(HubRelay, ClosesAfterThreeWrongPasswords) {
 TEST_F(HubRelay, WrongPasswordsDelayOnlyTheirSenders) {
     std::list<std::future<bool>> guesses;
     for (int i = 0; i < 16; ++i) { // more than the hub has threads
-        guesses.push_back(std::async(std::launch::async, [&] {
+        guesses.push_back(std::async(std::launch::async, [&, i] {
             return TestTunnel(hub_).LogIn(i % 2 == 0 ? web_["relay_user"].asString() : "nobody",
                                           "x");
         }));
