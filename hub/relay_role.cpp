@@ -46,12 +46,13 @@ bool RelayRole::Start(std::string& error) {
 
 bool RelayRole::Become(const std::string& name, std::string& error) {
     std::string hostKey;
-    // A spare on a shared database gets the key of the relay whose place it takes.
-    const bool hasOwnKey = options_.database.empty() || !options_.relaySpare;
+    // A shared database keeps the keys of the relays, so that any host can take a relay's place.
+    const bool isShared = !options_.database.empty();
+    const bool hasOwnKey = !isShared || !options_.relaySpare;
+    const bool isMissed = !isShared && store_.devices.HasAny();
     UniqueFd nameLock;
     if (!LockRelayName(options_.data, name, nameLock, error) ||
-        (hasOwnKey &&
-         !LoadHostKey(HostKeyFile(options_.data, name), store_.devices.HasAny(), hostKey, error))) {
+        (hasOwnKey && !LoadHostKey(HostKeyFile(options_.data, name), isMissed, hostKey, error))) {
         return false;
     }
     RelayIdentity identity{name, options_.relayHost, "", 0, 0, hostKey};
@@ -71,9 +72,9 @@ bool RelayRole::Become(const std::string& name, std::string& error) {
     }
     nameLock_ = std::move(nameLock);
     const Member member = CurrentMember();
-    const bool isShared = member != nullptr && !member->Relay().hostKey.empty();
+    const bool hasKept = member != nullptr && !member->Relay().hostKey.empty();
     return relay_.Start(options_.address, options_.relayPort,
-                        isShared ? member->Relay().hostKey : hostKey, error);
+                        hasKept ? member->Relay().hostKey : hostKey, error);
 }
 
 StoreResult RelayRole::Join(const RelayIdentity& identity, std::string& error) {

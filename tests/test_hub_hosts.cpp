@@ -117,7 +117,7 @@ TEST_F(HubHosts, ClocksMayDiffer) {
     // An hour ahead, so by its own clock both other relays are dead and every name has expired.
     const HubProcess ahead(
         3, "--alias-ttl 600 " + Host(url_, "c"), "",
-        "env FAKETIME=+1h FAKETIME_DONT_FAKE_MONOTONIC=1 LD_PRELOAD=" ZARO_FAKETIME);
+        "/usr/bin/env FAKETIME=+1h FAKETIME_DONT_FAKE_MONOTONIC=1 LD_PRELOAD=" ZARO_FAKETIME);
     const std::string who = "&id=" + device_.id + "&serial=SERIAL-1&token=token1";
     ASSERT_EQ(device_.PostRaw("action=map_alias&alias=home" + who, "/alias_update.php")->body,
               "good");
