@@ -222,7 +222,8 @@ Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply
 bool Control::FinishWait(Batch& batch, std::optional<int> revision) noexcept {
     try {
         Json::Value reply(Json::objectValue);
-        const Errno error = revision ? ListTunnels(batch, *revision, reply) : Errno::Unknown;
+        const Errno error =
+            revision ? ListTunnels(batch, *revision, reply) : RepeatList(batch, reply);
         if (revision && error != Errno::Good) {
             return false;
         }
@@ -237,6 +238,25 @@ bool Control::FinishWait(Batch& batch, std::optional<int> revision) noexcept {
 Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply) {
     std::vector<TunnelRecord> tunnels;
     const StoreResult result = store_.services.ListTunnels(batch.device->key, tunnels);
+    if (result == StoreResult::Done) {
+        told_.Note(batch.device->key, revision, tunnels);
+        Describe(batch, revision, tunnels, reply);
+    }
+    return ErrnoOf(result);
+}
+
+Errno Control::RepeatList(const Batch& batch, Json::Value& reply) {
+    const int revision = batch.heldWith.value_or(0);
+    const auto tunnels = told_.Find(batch.device->key, revision);
+    if (!tunnels) {
+        return Errno::Unknown;
+    }
+    Describe(batch, revision, *tunnels, reply);
+    return Errno::Good;
+}
+
+void Control::Describe(const Batch& batch, int revision, const std::vector<TunnelRecord>& tunnels,
+                       Json::Value& reply) const {
     const std::string host = WithoutBrackets(relayHost_.empty() ? batch.origin.host : relayHost_);
     reply["revision"] = revision;
     Json::Value& list = reply["tunnels"] = Json::Value(Json::arrayValue);
@@ -255,7 +275,6 @@ Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply)
     if (spread > 0) {
         reply["spread"] = spread;
     }
-    return ErrnoOf(result);
 }
 
 void Control::FinishRegistration(Batch& batch) {

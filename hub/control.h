@@ -17,6 +17,7 @@
 #include "hub/origin.h"
 #include "hub/session_cache.h"
 #include "hub/store.h"
+#include "hub/told_lists.h"
 #include "hub/waiters.h"
 
 namespace ZARO::RelayHub {
@@ -87,6 +88,10 @@ private:
     /// The hold is over. False when the store failed.
     bool FinishWait(Batch& batch, std::optional<int> revision) noexcept;
     Errno ListTunnels(const Batch& batch, int revision, Json::Value& reply);
+    /// Tells the device again what it knows, as the database is away.
+    Errno RepeatList(const Batch& batch, Json::Value& reply);
+    void Describe(const Batch& batch, int revision, const std::vector<TunnelRecord>& tunnels,
+                  Json::Value& reply) const;
     /// Removes the services of a device that registered and named none: it has none then.
     void FinishRegistration(Batch& batch);
     void ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& gone);
@@ -99,6 +104,7 @@ private:
     const std::string relayHost_;
     const Spread spread_;
     SessionCache sessions_;
+    ToldLists told_;
     LogQuota refusals_;
     LogQuota registrations_{Level::Info, 100};
 };

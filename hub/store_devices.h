@@ -58,7 +58,9 @@ private:
     bool TakeRoom(Database& database);
 
     StoreAccess& access_;
-    /// The number, looked up if the last one is too old. With the lock.
+    /// Whether the number is fresh. With the lock, as is the next.
+    bool IsCounted() const;
+    /// The number, looked up if the last one is too old.
     std::int64_t Counted(Database& database);
 
     std::mutex mutex_; ///< for what follows
