@@ -39,6 +39,12 @@ void AddSession(Database& database, std::int64_t device, const std::string& sess
 
 std::int64_t DeviceStore::Count() {
     std::int64_t known = 0;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!IsCountOld()) {
+            return count_;
+        }
+    }
     (void)access_.Read("counting of devices", [&](Database& database) {
         const std::lock_guard<std::mutex> lock(mutex_);
         known = count_; // in case that it can't be looked up
@@ -48,12 +54,16 @@ std::int64_t DeviceStore::Count() {
     return known;
 }
 
+bool DeviceStore::IsCountOld() const {
+    return counted_ == decltype(counted_)() ||
+           std::chrono::steady_clock::now() >= counted_ + kCounting;
+}
+
 std::int64_t DeviceStore::Counted(Database& database) {
-    const auto now = std::chrono::steady_clock::now();
-    if (counted_ == decltype(counted_)() || now >= counted_ + kCounting) {
+    if (IsCountOld()) {
         Query count(database, "SELECT count(*) FROM device");
         count_ = count.Next() ? count.Integer(0) : 0;
-        counted_ = now;
+        counted_ = std::chrono::steady_clock::now();
     }
     return count_;
 }

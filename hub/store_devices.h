@@ -58,7 +58,9 @@ private:
     bool TakeRoom(Database& database);
 
     StoreAccess& access_;
-    /// The number, looked up if the last one is too old. With the lock.
+    /// Whether the number is too old. With the lock, as the next one.
+    bool IsCountOld() const;
+    /// The number, looked up if the last one is too old.
     std::int64_t Counted(Database& database);
 
     std::mutex mutex_; ///< for what follows
