@@ -41,8 +41,6 @@ bool Bus::Start(Listener listener, std::string& error) {
     try {
         if (waker_.IsValid()) {
             thread_ = std::thread([this] { Run(); });
-            const std::lock_guard<std::mutex> lock(mutex_);
-            started_ = true;
             return true;
         }
         error = "can't listen for changes: no descriptor left";
@@ -62,7 +60,7 @@ void Bus::Stop() {
 
 void Bus::Publish(const Changes& changes) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    if (!started_ || lost_ || IsEmpty(changes)) {
+    if (lost_ || IsEmpty(changes)) {
         return; // who is told to read everything sees these too
     }
     if (IsEmpty(gathered_)) {
@@ -78,9 +76,9 @@ void Bus::Run() noexcept {
     while (!stopping_) {
         try {
             const auto link = BusLink::Open(target_);
-            if (away) {
+            SendBatch(*link); // shows whether the database can be written again
+            if (std::exchange(away, false)) {
                 Log(Level::Info, "bus", "listens for changes again");
-                away = false;
             }
             Serve(*link);
         } catch (const std::exception& fault) {

@@ -41,7 +41,8 @@ public:
     /// Sends what was published, waits for the thread and ends it. May be called twice.
     void Stop();
 
-    /// Tells all other processes soon of changes that are committed; without effect before Start().
+    /// Tells all other processes soon of changes that are committed. Those from before Start() are
+    /// kept until then.
     /// Any thread may call it. It doesn't block.
     void Publish(const Changes& changes);
 
@@ -66,8 +67,7 @@ private:
     std::thread thread_;
     std::atomic<bool> stopping_{false};
 
-    std::mutex mutex_; ///< guards the following
-    bool started_ = false;
+    std::mutex mutex_;  ///< guards the following
     bool lost_ = false; ///< something could not be sent: the others are to read everything
     Changes gathered_;
     Clock::time_point due_; ///< when to send it, if there is anything

@@ -16,6 +16,7 @@ enum class FaultKind {
     Unwritable, ///< nothing can be written at the moment, as on a full disk
     Away,       ///< there is no connection, or it was lost; nothing was kept
     Conflict,   ///< somebody else's change came between; the same work may succeed now
+    Busy,       ///< another process had the file locked for too long
     Newer,      ///< the tables are those of a newer hub
     Other,
 };

@@ -49,12 +49,14 @@ struct Hub::Parts {
     /// Another process changed something.
     void Heed(const Changes& changes);
     void HeedAll();
+    void Publish(const Changes& changes);
     void RelayLost();
     bool IsUp(const TunnelRecord& tunnel) const;
     bool StartRoles(std::string& error);
     bool StartWeb(std::string& error);
 
     const HubOptions& options;
+    const bool isAlone; ///< no other process uses the database
     UniqueFd lock;
     Store store;
     Loops loops;
@@ -71,10 +73,11 @@ struct Hub::Parts {
 };
 
 Hub::Parts::Parts(const HubOptions& given)
-    : options(given), bus(DatabaseOf(given)), waiters(loops, store, given.hold),
+    : options(given), isAlone(given.database.empty() && UseOf(given.roles) == FolderUse::Alone),
+      bus(DatabaseOf(given)), waiters(loops, store, given.hold),
       reports(loops, store, waiters,
               [this](const StatusReports::Devices& devices) {
-                  bus.Publish({devices, {}});
+                  Publish({devices, {}});
               }),
       control(store, waiters,
               {[this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
@@ -96,7 +99,13 @@ void Hub::Parts::Changed(const Changes& changes) {
     for (const std::int64_t device : changes.devices) {
         waiters.ListChanged(device);
     }
-    bus.Publish(changes);
+    Publish(changes);
+}
+
+void Hub::Parts::Publish(const Changes& changes) {
+    if (!isAlone) {
+        bus.Publish(changes);
+    }
 }
 
 void Hub::Parts::Heed(const Changes& changes) {
@@ -124,6 +133,7 @@ void Hub::Parts::RelayLost() {
 }
 
 bool Hub::Parts::StartRoles(std::string& error) {
+    store.ports.UseChoice([this](Database& database) { return store.relays.Choose(database); });
     if (options.roles.relay) {
         relay.emplace(
             loops, store, options,
@@ -134,14 +144,11 @@ bool Hub::Parts::StartRoles(std::string& error) {
             return false;
         }
     }
-    store.ports.UseChoice([this](Database& database) { return store.relays.Choose(database); });
     if (options.roles.control) {
         upkeep = std::make_shared<Upkeep>(loops, store,
                                           [this](const Changes& changes) { Changed(changes); });
         upkeep->Start();
     }
-    // Nobody else can use the database then.
-    const bool isAlone = options.database.empty() && UseOf(options.roles) == FolderUse::Alone;
     return isAlone ||
            bus.Start({[this](const Changes& changes) { Heed(changes); }, [this] { HeedAll(); }},
                      error);
@@ -233,8 +240,9 @@ void Hub::Stop() {
     if (parts_->relay) {
         parts_->relay->Stop();
     }
-    parts_->bus.Stop();
+    // The bus sends what the last workers did. What it hears until it stops runs no more.
     parts_->loops.Stop();
+    parts_->bus.Stop();
 }
 
 int Hub::HttpPort() const {

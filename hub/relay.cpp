@@ -22,6 +22,7 @@ Relay::~Relay() {
 
 bool Relay::Start(const std::string& address, int port, const std::string& hostKey,
                   std::string& error) {
+    lanes_.clear(); // an earlier start may have failed, with another key
     for (std::size_t i = 0; i < loops_.Count(); ++i) {
         SshBind bind = MakeSshBind(hostKey);
         if (bind == nullptr) {

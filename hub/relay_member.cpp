@@ -32,6 +32,9 @@ StoreResult RelayMember::Join(const RelayIdentity& identity, Changes& changes, s
         store_.ports.Join(relay_.key, relay_.firstPort, relay_.lastPort) != StoreResult::Done ||
         store_.services.ReportRelayDown(relay_.key) != StoreResult::Done ||
         store_.services.TunnelsOf(relay_.key, tunnels) != StoreResult::Done) {
+        if (joined == StoreResult::Done) {
+            (void)store_.relays.Leave(relay_); // nobody is to wait for this process
+        }
         error = "the relay can't join: the database failed";
         return StoreResult::Fault;
     }
@@ -170,6 +173,7 @@ StoreResult RelayMember::ReadSome(const std::set<std::string>& users) {
     StoreResult result = StoreResult::Done;
     for (const std::string& user : users) {
         TunnelRecord tunnel;
+        const std::uint64_t version = book_.Version();
         result = store_.services.FindTunnel(user, tunnel);
         if (result == StoreResult::Fault || ended_) {
             break;
@@ -181,7 +185,7 @@ StoreResult RelayMember::ReadSome(const std::set<std::string>& users) {
         if (former && !isSame) {
             gone.push_back({relay_.key, user});
         }
-        if (!isOurs || !book_.Put(std::move(tunnel))) {
+        if (!isOurs || !book_.Put(std::move(tunnel), version)) {
             book_.Remove(user);
         }
     }

@@ -45,6 +45,11 @@ bool RelayRole::Start(std::string& error) {
 }
 
 bool RelayRole::Become(const std::string& name, std::string& error) {
+    const std::lock_guard<std::mutex> lock(life_);
+    if (ended_) {
+        error = "the hub ends";
+        return false;
+    }
     std::string hostKey;
     // A shared database keeps the keys of the relays, so that any host can take a relay's place.
     const bool isShared = !options_.database.empty();
@@ -64,17 +69,31 @@ bool RelayRole::Become(const std::string& name, std::string& error) {
         return false;
     }
     const StoreResult joined = Join(identity, error);
-    if (joined == StoreResult::Fault && options_.database.empty()) {
+    if (joined == StoreResult::Fault && options_.database.empty() && !options_.relaySpare) {
         error.clear();
         JoinLater(identity); // it serves the tunnels that are known, as on a full disk
     } else if (joined != StoreResult::Done) {
         return false;
     }
     nameLock_ = std::move(nameLock);
+    return Listen(hostKey, error);
+}
+
+bool RelayRole::Listen(const std::string& hostKey, std::string& error) {
     const Member member = CurrentMember();
-    const bool hasKept = member != nullptr && !member->Relay().hostKey.empty();
-    return relay_.Start(options_.address, options_.relayPort,
-                        hasKept ? member->Relay().hostKey : hostKey, error);
+    const bool isShared = member != nullptr && !member->Relay().hostKey.empty();
+    if (relay_.Start(options_.address, options_.relayPort,
+                     isShared ? member->Relay().hostKey : hostKey, error)) {
+        return true;
+    }
+    if (member != nullptr) {
+        member->Leave();
+        SetMember(nullptr);
+    }
+    key_ = 0;
+    store_.ports.UseRelay(0, nullptr);
+    nameLock_ = UniqueFd();
+    return false;
 }
 
 StoreResult RelayRole::Join(const RelayIdentity& identity, std::string& error) {
@@ -87,10 +106,7 @@ StoreResult RelayRole::Join(const RelayIdentity& identity, std::string& error) {
         key_ = member->Relay().key;
         store_.ports.UseRelay(key_, [this](int port) { return IsFree(port); });
         member->Start();
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            member_ = member;
-        }
+        SetMember(member);
         actions_.changed(changes);
     }
     return result;
@@ -108,6 +124,7 @@ void RelayRole::JoinLater(const RelayIdentity& identity) {
             }
             loops_.Block([this, identity] {
                 std::string error;
+                const std::lock_guard<std::mutex> lock(life_);
                 if (!ended_ && Join(identity, error) != StoreResult::Done) {
                     JoinLater(identity);
                 }
@@ -125,7 +142,9 @@ bool RelayRole::GetOwner(std::string& owner, std::string& error) const {
 }
 
 void RelayRole::Lost() {
+    const std::lock_guard<std::mutex> lock(life_);
     key_ = -1; // no relay's: what the database says of the tunnels holds
+    store_.ports.UseRelay(0, nullptr);
     relay_.Stop();
     actions_.lost();
 }
@@ -136,6 +155,7 @@ void RelayRole::Stop() {
     if (spare_ != nullptr) {
         spare_->Stop();
     }
+    const std::lock_guard<std::mutex> lock(life_);
     relay_.Stop();
     if (const Member member = CurrentMember()) {
         member->Leave();
@@ -176,15 +196,30 @@ void RelayRole::HeedAll() {
 }
 
 void RelayRole::BeginDrain() {
+    if (spare_ != nullptr) {
+        spare_->Stop();
+    }
     if (const Member member = CurrentMember()) {
-        (void)member->Drain(); // without the database nothing moves, and IsDrained() says so
+        (void)Drain(*member); // else IsDrained() tries again
     }
 }
 
+bool RelayRole::Drain(RelayMember& member) {
+    drains_ = drains_ || member.Drain();
+    return drains_;
+}
+
 bool RelayRole::IsDrained() {
+    const Member member = CurrentMember();
     std::vector<RelayRecord> others;
-    return CurrentMember() == nullptr || book_.Size() == 0 ||
+    // Without the database nothing moves.
+    return member == nullptr || book_.Size() == 0 || !Drain(*member) ||
            store_.relays.Alive(others) != StoreResult::Done || others.empty();
+}
+
+void RelayRole::SetMember(Member member) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    member_ = std::move(member);
 }
 
 RelayRole::Member RelayRole::CurrentMember() const {

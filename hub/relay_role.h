@@ -65,8 +65,10 @@ public:
 private:
     using Member = std::shared_ptr<RelayMember>;
 
-    /// Becomes the relay `name` and listens.
+    /// Becomes the relay `name` and listens. When it fails, another process may become that relay.
     bool Become(const std::string& name, std::string& error);
+    bool Listen(const std::string& hostKey, std::string& error);
+    /// With the lock of `life_`, as Listen().
     StoreResult Join(const RelayIdentity& identity, std::string& error);
     /// Tries to join again and again.
     void JoinLater(const RelayIdentity& identity);
@@ -74,6 +76,9 @@ private:
     void Lost();
     /// Null while this process is no relay.
     Member CurrentMember() const;
+    void SetMember(Member member);
+    /// Tells the database that the tunnels are to move. False when it failed.
+    bool Drain(RelayMember& member);
 
     Loops& loops_;
     Store& store_;
@@ -86,6 +91,9 @@ private:
     std::shared_ptr<RelaySpare> spare_;
     asio::steady_timer joinTimer_; ///< for the thread of its loop
     std::atomic<bool> ended_{false};
+
+    std::mutex life_; ///< this process becomes the relay, loses it or stops: one at a time
+    std::atomic<bool> drains_{false}; ///< the database knows that its tunnels are to move
 
     mutable std::mutex mutex_;
     Member member_; ///< guarded by the lock

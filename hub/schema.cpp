@@ -102,9 +102,26 @@ void BringUpToDate(Database& database) {
     }
 }
 
+/// Several processes may do this to a new file at the same time. SQLite refuses all but one of them
+/// at once instead of having them wait.
+void UseWriteAheadLog(Database& database) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    for (;;) {
+        try {
+            database.Execute("PRAGMA journal_mode = WAL");
+            return;
+        } catch (const DatabaseFault& fault) {
+            if (fault.kind != FaultKind::Busy || std::chrono::steady_clock::now() > end) {
+                throw;
+            }
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
 std::unique_ptr<Database> OpenFile(const std::string& file) {
     auto database = std::make_unique<Sqlite>(file);
-    database->Execute("PRAGMA journal_mode = WAL");
+    UseWriteAheadLog(*database);
     database->Execute(kSettings);
     BringUpToDate(*database);
     return database;

@@ -14,6 +14,8 @@ FaultKind KindOf(int code) {
     case SQLITE_FULL:
     case SQLITE_IOERR:
         return FaultKind::Unwritable;
+    case SQLITE_BUSY:
+        return FaultKind::Busy;
     default:
         return FaultKind::Other;
     }

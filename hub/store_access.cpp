@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <memory>
 
-#include "hub/log.h"
 #include "hub/postgres.h"
 #include "hub/schema.h"
 
@@ -55,7 +54,7 @@ StoreResult StoreAccess::Write(const char* what, const Work& work) {
 
 StoreResult StoreAccess::Failed(const char* what, const std::exception& fault, bool isLogged) {
     if (!isLogged) {
-        Log(Level::Error, "store", "%s failed: %s", what, fault.what());
+        failures_.Log("store", "%s failed: %s", what, fault.what());
     }
     return StoreResult::Fault;
 }

@@ -7,6 +7,7 @@
 
 #include "hub/database.h"
 #include "hub/database_pool.h"
+#include "hub/log.h"
 
 namespace ZARO::RelayHub {
 
@@ -41,6 +42,7 @@ private:
     StoreResult Failed(const char* what, const std::exception& fault, bool isLogged = false);
 
     DatabasePool pool_;
+    LogQuota failures_{Level::Error};
 };
 
 /// Locks the device's row, so that two hosts don't change one device at the same time: the first

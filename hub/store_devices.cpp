@@ -41,26 +41,26 @@ std::int64_t DeviceStore::Count() {
     std::int64_t known = 0;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        known = count_;
-        if (IsCounted()) {
-            return known;
+        if (!IsCountOld()) {
+            return count_;
         }
     }
     (void)access_.Read("counting of devices", [&](Database& database) {
         const std::lock_guard<std::mutex> lock(mutex_);
+        known = count_; // in case that it can't be looked up
         known = Counted(database);
         return StoreResult::Done;
     });
     return known;
 }
 
-bool DeviceStore::IsCounted() const {
-    return counted_ != decltype(counted_)() &&
-           std::chrono::steady_clock::now() < counted_ + kCounting;
+bool DeviceStore::IsCountOld() const {
+    return counted_ == decltype(counted_)() ||
+           std::chrono::steady_clock::now() >= counted_ + kCounting;
 }
 
 std::int64_t DeviceStore::Counted(Database& database) {
-    if (!IsCounted()) {
+    if (IsCountOld()) {
         Query count(database, "SELECT count(*) FROM device");
         count_ = count.Next() ? count.Integer(0) : 0;
         counted_ = std::chrono::steady_clock::now();

@@ -58,8 +58,8 @@ private:
     bool TakeRoom(Database& database);
 
     StoreAccess& access_;
-    /// Whether the number is fresh. With the lock, as is the next.
-    bool IsCounted() const;
+    /// Whether the number is too old. With the lock, as the next one.
+    bool IsCountOld() const;
     /// The number, looked up if the last one is too old.
     std::int64_t Counted(Database& database);
 

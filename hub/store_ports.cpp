@@ -24,8 +24,13 @@ std::optional<int> TakeLongestFree(Database& database, std::int64_t relay, std::
 } // namespace
 
 void PortStore::UseRelay(std::int64_t relay, std::function<bool(int)> isFree) {
-    relay_ = relay;
-    isFree_ = std::move(isFree);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    own_ = {relay, std::move(isFree)};
+}
+
+PortStore::OwnRelay PortStore::Own() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return own_;
 }
 
 StoreResult PortStore::Join(std::int64_t relay, int first, int last) {
@@ -54,7 +59,7 @@ StoreResult PortStore::Join(std::int64_t relay, int first, int last) {
 
 std::optional<TunnelPort> PortStore::Assign(Database& database, std::int64_t device) {
     const std::vector<std::int64_t> relays =
-        choice_ ? choice_(database) : std::vector<std::int64_t>{relay_};
+        choice_ ? choice_(database) : std::vector<std::int64_t>{Own().key};
     if (relays.empty()) { // the device is to try again soon
         throw DatabaseFault("no relay is alive");
     }
@@ -70,6 +75,7 @@ std::optional<TunnelPort> PortStore::Assign(Database& database, std::int64_t dev
 
 std::optional<TunnelPort> PortStore::AssignAt(Database& database, std::int64_t relay,
                                               std::int64_t device) {
+    const OwnRelay own = Own();
     std::vector<TunnelPort> passed; // freed at the end, as they would come again before
     std::optional<TunnelPort> found;
     while (!found && passed.size() < kTries) {
@@ -77,7 +83,7 @@ std::optional<TunnelPort> PortStore::AssignAt(Database& database, std::int64_t r
         if (!port) {
             break;
         }
-        if (relay == relay_ && isFree_ && !isFree_(*port)) {
+        if (relay == own.key && own.isFree && !own.isFree(*port)) {
             passed.push_back({relay, *port});
         } else {
             found = TunnelPort{relay, *port};

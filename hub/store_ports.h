@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -36,9 +37,11 @@ class PortStore {
 public:
     explicit PortStore(StoreAccess& access) : access_(access) {}
 
-    /// The relay of this process, with the test for its ports. Before any thread uses the store.
+    /// The relay of this process, with the test for its ports; 0 = it is none. Any thread may call
+    /// it at any time.
     void UseRelay(std::int64_t relay, std::function<bool(int)> isFree);
-    /// Which relays get new tunnels; before that is set, the one of this process does.
+    /// Which relays get new tunnels; without it the one of this process does. Before any thread
+    /// uses the store.
     void UseChoice(RelayChoice choice) { choice_ = std::move(choice); }
 
     /// From now on the relay has these ports. Tunnels keep theirs, also outside of the range;
@@ -57,10 +60,17 @@ private:
     /// A port of one relay.
     std::optional<TunnelPort> AssignAt(Database& database, std::int64_t relay, std::int64_t device);
 
+    struct OwnRelay {
+        std::int64_t key = 0; ///< 0 = this process is no relay
+        std::function<bool(int)> isFree;
+    };
+
+    OwnRelay Own() const;
+
     StoreAccess& access_;
-    std::int64_t relay_ = 0; ///< of this process; 0 = it has none
-    std::function<bool(int)> isFree_;
     RelayChoice choice_;
+    mutable std::mutex mutex_;
+    OwnRelay own_; ///< guarded by the lock
     LogQuota shortages_, foreign_;
 };
 

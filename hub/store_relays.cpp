@@ -130,8 +130,11 @@ StoreResult RelayStore::SetDraining(const RelayRecord& relay) {
 
 StoreResult RelayStore::Leave(const RelayRecord& relay) {
     return access_.Write("leaving of the relay", [&](Database& database) {
-        // Not alive any more, but not dead for a while: it may be restarting.
-        Query(database, "UPDATE relay SET seen = unixepoch() - $3 WHERE key = $1 AND epoch = $2",
+        // Not alive any more, but not dead for a while: it may be restarting. The epoch refuses a
+        // life sign that is still under way.
+        Query(database,
+              "UPDATE relay SET seen = unixepoch() - $3, epoch = epoch + 1 WHERE key = $1"
+              " AND epoch = $2",
               relay.key, relay.epoch, Seconds(times_.alive))
             .Run();
         return StoreResult::Done;

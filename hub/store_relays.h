@@ -29,7 +29,7 @@ struct RelayIdentity {
 
 struct RelayRecord {
     std::int64_t key = 0;
-    std::int64_t epoch = 0; ///< counts who had the identity
+    std::int64_t epoch = 0; ///< counts who took the identity or gave it back
     std::string name, host;
     int firstPort = 0, lastPort = 0;
     std::string hostKey; ///< private; set by Join() only

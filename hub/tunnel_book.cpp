@@ -16,9 +16,13 @@ std::optional<TunnelRecord> TunnelBook::Find(const std::string& user) const {
                                    : std::optional<TunnelRecord>(found->second.tunnel);
 }
 
-bool TunnelBook::Put(TunnelRecord tunnel) {
+bool TunnelBook::Put(TunnelRecord tunnel, std::uint64_t version) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (relay_ != 0 && tunnel.relay != relay_) {
+        return false;
+    }
+    const auto removed = removed_.find(tunnel.user);
+    if (removed != removed_.end() && removed->second > version) {
         return false;
     }
     Entry& entry = entries_[tunnel.user];
@@ -29,6 +33,7 @@ bool TunnelBook::Put(TunnelRecord tunnel) {
 void TunnelBook::Remove(const std::string& user) {
     const std::lock_guard<std::mutex> lock(mutex_);
     entries_.erase(user);
+    removed_[user] = ++version_;
 }
 
 std::uint64_t TunnelBook::Version() const {
@@ -44,6 +49,12 @@ std::vector<std::string> TunnelBook::Replace(std::vector<TunnelRecord> all, std:
     }
     std::vector<std::string> gone;
     const std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& [user, removal] : removed_) {
+        if (removal > version) {
+            fresh.erase(user);
+        }
+    }
+    removed_.clear();
     for (const auto& [user, former] : entries_) {
         if (former.version > version) {
             fresh[user] = former;

@@ -282,6 +282,24 @@ TEST_P(HubMembers, RelayKnowsItsTunnelsAlsoWithoutADatabase) {
     }
 }
 
+TEST(TunnelBook, KeepsWhatChangedDuringARead) {
+    TunnelBook book;
+    const auto tunnel = [](const char* user) {
+        TunnelRecord record;
+        record.user = user;
+        return record;
+    };
+    EXPECT_TRUE(book.Put(tunnel("gone")) && book.Put(tunnel("back")));
+    const std::uint64_t read = book.Version();
+    book.Remove("gone");
+    book.Remove("back");
+    EXPECT_FALSE(book.Put(tunnel("gone"), read));
+    EXPECT_TRUE(book.Put(tunnel("back")) && book.Put(tunnel("new")));
+    EXPECT_TRUE(book.Replace({tunnel("gone"), tunnel("back"), tunnel("old")}, read).empty());
+    EXPECT_TRUE(!book.Find("gone") && book.Find("back") && book.Find("new") && book.Find("old"));
+    EXPECT_TRUE(book.Put(tunnel("gone"), book.Version())) << "it was read later";
+}
+
 TEST_P(HubMembers, TunnelsGoToTheRelayWithTheFewest) {
     Host a(target_), b(target_), control(target_);
     ASSERT_EQ(a.Join("a", "A", 100, 109), "");
