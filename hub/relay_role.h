@@ -72,6 +72,8 @@ private:
     void JoinLater(const RelayIdentity& identity);
     bool GetOwner(std::string& owner, std::string& error) const;
     void Lost();
+    /// Gives the identity back, if it has one.
+    void Leave();
     /// Null while this process is no relay.
     Member CurrentMember() const;
 
@@ -81,7 +83,7 @@ private:
     const Actions actions_;
     UniqueFd nameLock_;
     TunnelBook book_;
-    std::atomic<std::int64_t> key_{0}; ///< of the relay; 0 = none, or unknown as yet
+    std::atomic<std::int64_t> key_; ///< of the relay; 0 = unknown as yet, -1 = this is none
     Relay relay_;
     std::shared_ptr<RelaySpare> spare_;
     asio::steady_timer joinTimer_; ///< for the thread of its loop

@@ -24,8 +24,8 @@ std::optional<int> TakeLongestFree(Database& database, std::int64_t relay, std::
 } // namespace
 
 void PortStore::UseRelay(std::int64_t relay, std::function<bool(int)> isFree) {
-    relay_ = relay;
     isFree_ = std::move(isFree);
+    relay_ = relay; // others may be assigning ports already
 }
 
 StoreResult PortStore::Join(std::int64_t relay, int first, int last) {

@@ -1,6 +1,7 @@
 /// The ports of the relays, and who has them.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -36,7 +37,7 @@ class PortStore {
 public:
     explicit PortStore(StoreAccess& access) : access_(access) {}
 
-    /// The relay of this process, with the test for its ports. Before any thread uses the store.
+    /// The relay of this process, with the test for its ports. To be called once, at any time.
     void UseRelay(std::int64_t relay, std::function<bool(int)> isFree);
     /// Which relays get new tunnels; before that is set, the one of this process does.
     void UseChoice(RelayChoice choice) { choice_ = std::move(choice); }
@@ -58,8 +59,8 @@ private:
     std::optional<TunnelPort> AssignAt(Database& database, std::int64_t relay, std::int64_t device);
 
     StoreAccess& access_;
-    std::int64_t relay_ = 0; ///< of this process; 0 = it has none
-    std::function<bool(int)> isFree_;
+    std::function<bool(int)> isFree_;    ///< set before the next one, and not changed afterwards
+    std::atomic<std::int64_t> relay_{0}; ///< of this process; 0 = it has none
     RelayChoice choice_;
     LogQuota shortages_, foreign_;
 };
