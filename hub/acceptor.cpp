@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "hub/log.h"
@@ -83,9 +84,15 @@ void Acceptor::AcceptAll() {
             }
             break; // none is left, or the peer is gone already
         }
-        SetShortage(nullptr);
         SetNoDelay(fd.Get());
-        onAccept_(std::move(fd));
+        try {
+            onAccept_(std::move(fd));
+        } catch (const std::exception& fault) { // out of memory
+            SetShortage(fault.what());
+            Rest();
+            return;
+        }
+        SetShortage(nullptr);
     }
     Wait();
 }

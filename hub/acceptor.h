@@ -29,8 +29,8 @@ public:
     void Start(UniqueFd listener);
     /// Looks again whether it may accept. Any thread may call it.
     void Resume();
-    /// Closes the listener; nothing is accepted from then on. Any thread may call it: it takes
-    /// effect on the loop, or at once when the loop does not run.
+    /// Closes the listener soon, on the loop; nothing is accepted from then on. Any thread may call
+    /// it.
     void Stop();
     /// The port, from Start() on. Any thread may call it.
     int Port() const { return port_; }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "hub/database_url.h"
 #include "hub/postgres.h"
 #include "hub/sqlite.h"
 

@@ -6,9 +6,12 @@
 
 namespace ZARO::RelayHub {
 
-/// Whether libpq takes the text apart as a postgresql:// or postgres:// URL with sensible ports.
-/// Any thread. Connects to nothing.
-bool IsDatabaseUrl(const std::string& text);
+/// Whether `target` names a server rather than a file.
+bool IsPostgresUrl(const std::string& target);
+
+/// What is wrong with the form of the URL, in words that hold no part of it; "" = nothing. Any
+/// thread. Connects to nothing.
+std::string FaultOfUrl(const std::string& url);
 
 /// Reads a URL from the first line of a file that only this user or root may change and that is
 /// closed to others. A file of root may be readable for its group. False with the reason in

@@ -61,7 +61,7 @@ void PrintListeners(const HubOptions& options, const Hub& hub) {
     if (options.roles.alias) {
         printf("alias https://%s:%d\n", host.c_str(), hub.HttpsPort());
     }
-    if (options.roles.relay) {
+    if (options.roles.relay && !options.relaySpare) { // a spare's port opens later, or never
         printf("relay ssh://%s:%d ports %d-%d\n", host.c_str(), hub.RelayPort(), options.firstPort,
                options.lastPort);
     }

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <utility>
 
+#include "hub/database_url.h"
+
 namespace ZARO::RelayHub {
 
 namespace {

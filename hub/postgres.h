@@ -18,12 +18,6 @@ struct ConnectionCloser {
 };
 using PostgresConnection = std::unique_ptr<PGconn, ConnectionCloser>;
 
-/// Whether `target` names a server rather than a file.
-bool IsPostgresUrl(const std::string& target);
-
-/// What is wrong with the form of the URL, in words that hold no part of it; "" = nothing.
-std::string FaultOfUrl(const std::string& url);
-
 /// Connects, and checks that the server is one that the hub can work with. Blocks for at most 3 s
 /// per address and as long as the host name's look-up takes. Throws DatabaseFault, whose text never
 /// holds the password.

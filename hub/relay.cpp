@@ -20,22 +20,23 @@ Relay::~Relay() {
     Stop();
 }
 
-bool Relay::Start(const std::string& address, int port, const std::string& hostKey,
-                  std::string& error) {
-    lanes_.clear(); // an earlier start may have failed, with another key
+bool Relay::Start(UniqueFd listener, const std::string& hostKey, std::string& error) {
+    std::vector<std::unique_ptr<RelayLane>> lanes;
     for (std::size_t i = 0; i < loops_.Count(); ++i) {
         SshBind bind = MakeSshBind(hostKey);
         if (bind == nullptr) {
             error = "can't use the host key";
             return false;
         }
-        lanes_.push_back(std::make_unique<RelayLane>(loops_.At(i), std::move(bind)));
-    }
-    UniqueFd listener;
-    if (!ListenTcp(address, port, listener, error)) {
-        return false;
+        lanes.push_back(std::make_unique<RelayLane>(loops_.At(i), std::move(bind)));
     }
     Loop& loop = loops_.Next();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (stopping_) {
+        error = "the hub ends";
+        return false;
+    }
+    lanes_ = std::move(lanes);
     turns_ = std::make_unique<asio::steady_timer>(loop);
     acceptor_ = std::make_shared<Acceptor>(
         "relay", loop, [this] { return MayAccept(); },
@@ -45,15 +46,20 @@ bool Relay::Start(const std::string& address, int port, const std::string& hostK
 }
 
 void Relay::Stop() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    stopping_ = true;
     if (acceptor_ != nullptr) {
         acceptor_->Stop();
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    stopping_ = true;
     for (const auto& [key, entry] : sessions_) {
         entry.session->End();
     }
     (void)empty_.wait_for(lock, std::chrono::seconds(1), [this] { return sessions_.empty(); });
+}
+
+int Relay::Port() const {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return acceptor_ == nullptr ? 0 : acceptor_->Port();
 }
 
 std::size_t Relay::Sessions() const {

@@ -37,12 +37,13 @@ public:
           StatusChanged statusChanged);
     ~Relay();
 
-    /// Listens; `hostKey` is the text of the host key. The sessions spread over the loops.
-    bool Start(const std::string& address, int port, const std::string& hostKey,
-               std::string& error);
+    /// Accepts at `listener`; `hostKey` is the text of the host key. The sessions spread over the
+    /// loops. False with the reason in `error`, also after Stop().
+    bool Start(UniqueFd listener, const std::string& hostKey, std::string& error);
     /// Ends every session; returns when they are gone, at most a second later while the loops run.
     void Stop();
-    int Port() const { return acceptor_ == nullptr ? 0 : acceptor_->Port(); }
+    /// 0 = it does not listen.
+    int Port() const;
 
     /// Whether that port is open for visitors at the moment. Takes no lock.
     bool IsUp(int port) const { return up_[static_cast<std::uint16_t>(port)]; }
@@ -95,11 +96,11 @@ private:
     std::vector<std::atomic<bool>> up_; ///< by port
     LogQuota refusals_;
     LogQuota closedPorts_{Level::Error};
-    std::vector<std::unique_ptr<RelayLane>> lanes_; ///< by loop
-    std::size_t nextLane_ = 0;                      ///< for the acceptor's loop
-    std::shared_ptr<Acceptor> acceptor_;
+    std::vector<std::unique_ptr<RelayLane>> lanes_; ///< by loop; for the acceptor, as is the next
+    std::size_t nextLane_ = 0;
 
-    mutable std::mutex mutex_; ///< guards the following; nothing blocks while it is held
+    mutable std::mutex mutex_;           ///< guards the following; nothing blocks while it is held
+    std::shared_ptr<Acceptor> acceptor_; ///< from Start() on, which a spare calls late
     std::condition_variable empty_;
     bool stopping_ = false;
     Seats seats_;

@@ -19,11 +19,11 @@ constexpr auto kJoinPause = std::chrono::seconds(10);
 
 RelayRole::RelayRole(Loops& loops, Store& store, const HubOptions& options, Actions actions)
     : loops_(loops), store_(store), options_(options), actions_(std::move(actions)),
-      relay_(loops, store, book_, options.visitorAddress,
-             [this](TunnelStatus status) {
-                 status.relay = key_;
-                 actions_.statusChanged(status);
-             }),
+      key_(options.relaySpare ? -1 : 0), relay_(loops, store, book_, options.visitorAddress,
+                                                [this](TunnelStatus status) {
+                                                    status.relay = key_;
+                                                    actions_.statusChanged(status);
+                                                }),
       joinTimer_(loops.At(0)) {
 }
 
@@ -34,9 +34,14 @@ bool RelayRole::Start(std::string& error) {
     spare_ = std::make_shared<RelaySpare>(loops_, store_, [this](const std::string& name) {
         std::string reason;
         const bool good = Become(name, reason);
-        Log(good ? Level::Info : Level::Warning, "relay",
-            good ? "takes the place of relay %s" : "can't take the place of relay %s: %s",
-            name.c_str(), reason.c_str());
+        if (good) {
+            const RelayRecord& relay = CurrentMember()->Relay();
+            Log(Level::Info, "relay", "takes the place of relay %s: port %d, tunnels' ports %d-%d",
+                name.c_str(), Port(), relay.firstPort, relay.lastPort);
+        } else {
+            Log(Level::Warning, "relay", "can't take the place of relay %s: %s", name.c_str(),
+                reason.c_str());
+        }
         return good;
     });
     spare_->Start();
@@ -65,7 +70,9 @@ bool RelayRole::Become(const std::string& name, std::string& error) {
         identity.firstPort = options_.firstPort;
         identity.lastPort = options_.lastPort;
     }
-    if (!GetOwner(identity.owner, error)) {
+    UniqueFd listener; // before it becomes the relay, so that a relay that can't listen stays free
+    if (!GetOwner(identity.owner, error) ||
+        !ListenTcp(options_.address, options_.relayPort, listener, error)) {
         return false;
     }
     const StoreResult joined = Join(identity, error);
@@ -76,21 +83,18 @@ bool RelayRole::Become(const std::string& name, std::string& error) {
         return false;
     }
     nameLock_ = std::move(nameLock);
-    return Listen(hostKey, error);
+    return Serve(std::move(listener), hostKey, error);
 }
 
-bool RelayRole::Listen(const std::string& hostKey, std::string& error) {
+bool RelayRole::Serve(UniqueFd listener, const std::string& hostKey, std::string& error) {
     const Member member = CurrentMember();
     const bool isShared = member != nullptr && !member->Relay().hostKey.empty();
-    if (relay_.Start(options_.address, options_.relayPort,
-                     isShared ? member->Relay().hostKey : hostKey, error)) {
+    if (relay_.Start(std::move(listener), isShared ? member->Relay().hostKey : hostKey, error)) {
         return true;
     }
-    if (member != nullptr) {
-        member->Leave();
-        SetMember(nullptr);
-    }
-    key_ = 0;
+    Leave();
+    SetMember(nullptr);
+    key_ = -1;
     store_.ports.UseRelay(0, nullptr);
     nameLock_ = UniqueFd();
     return false;
@@ -107,6 +111,9 @@ StoreResult RelayRole::Join(const RelayIdentity& identity, std::string& error) {
         store_.ports.UseRelay(key_, [this](int port) { return IsFree(port); });
         member->Start();
         SetMember(member);
+        if (ended_) { // Stop() may have come too early to see it
+            member->Leave();
+        }
         actions_.changed(changes);
     }
     return result;
@@ -157,6 +164,10 @@ void RelayRole::Stop() {
     }
     const std::lock_guard<std::mutex> lock(life_);
     relay_.Stop();
+    Leave();
+}
+
+void RelayRole::Leave() {
     if (const Member member = CurrentMember()) {
         member->Leave();
     }

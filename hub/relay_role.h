@@ -67,13 +67,15 @@ private:
 
     /// Becomes the relay `name` and listens. When it fails, another process may become that relay.
     bool Become(const std::string& name, std::string& error);
-    bool Listen(const std::string& hostKey, std::string& error);
-    /// With the lock of `life_`, as Listen().
+    /// Takes sessions. To be called with the lock of `life_`, as is the next.
+    bool Serve(UniqueFd listener, const std::string& hostKey, std::string& error);
     StoreResult Join(const RelayIdentity& identity, std::string& error);
     /// Tries to join again and again.
     void JoinLater(const RelayIdentity& identity);
     bool GetOwner(std::string& owner, std::string& error) const;
     void Lost();
+    /// Gives the identity back, if it has one.
+    void Leave();
     /// Null while this process is no relay.
     Member CurrentMember() const;
     void SetMember(Member member);
@@ -86,7 +88,7 @@ private:
     const Actions actions_;
     UniqueFd nameLock_;
     TunnelBook book_;
-    std::atomic<std::int64_t> key_{0}; ///< of the relay; 0 = none, or unknown as yet
+    std::atomic<std::int64_t> key_; ///< of the relay; 0 = unknown as yet, -1 = this is none
     Relay relay_;
     std::shared_ptr<RelaySpare> spare_;
     asio::steady_timer joinTimer_; ///< for the thread of its loop

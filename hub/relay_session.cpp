@@ -14,7 +14,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr auto kLogInTime = seconds(10);   // from the connection, or its first turn, to the log-in
+constexpr auto kLogInTime = seconds(10);   // from the connection to the log-in, without waiting
 constexpr auto kForwardTime = seconds(10); // from the log-in to the forward request
 
 // A device that says nothing for this long, though it was asked in between, is gone. A second probe
@@ -50,9 +50,10 @@ void RelaySession::Start() {
 
 void RelaySession::Resume() {
     asio::post(lane_.loop, [self = Self()] {
-        self->waits_ = false;
+        if (std::exchange(self->waits_, false)) {
+            self->deadline_ += Clock::now() - self->waitsSince_;
+        }
         self->lineReady_ = true;
-        self->deadline_ = std::max(self->deadline_, Clock::now() + kLogInTime);
         self->Pass();
     });
 }
@@ -112,6 +113,7 @@ void RelaySession::Serve() {
     if (!waits_ && !ended_) {
         const bool isStranger = state_ == State::KeyExchange || state_ == State::LogIn;
         waits_ = isStranger && lineReady_ && !desk_.MayProceed(*this);
+        waitsSince_ = lane_.now;
     }
     if (!waits_ && !ended_) {
         MoveData();
@@ -195,8 +197,8 @@ void RelaySession::HandleInput() {
             visitors_->Hear();
         }
     }
-    if (logIn_ == nullptr) {
-        return;
+    if (logIn_ == nullptr || state_ == State::Over) {
+        return; // one that is gone must not drive the former session out
     }
     logIn_->Read();
     if (logIn_->Result() == RelayLogIn::State::Over) {

@@ -126,10 +126,11 @@ private:
     bool waits_ = false;     ///< for its turn
     bool posted_ = false;    ///< a pass is under way or comes soon
     bool released_ = false;
-    Clock::time_point deadline_; ///< by which it must be served
-    Clock::time_point heard_;    ///< when the device last sent something
-    Clock::time_point clear_;    ///< when the line to the device was last free of waiting data
-    Clock::time_point probe_;    ///< when to send the next keep-alive
+    Clock::time_point waitsSince_; ///< while it waits for its turn
+    Clock::time_point deadline_;   ///< by which it must be served
+    Clock::time_point heard_;      ///< when the device last sent something
+    Clock::time_point clear_;      ///< when the line to the device was last free of waiting data
+    Clock::time_point probe_;      ///< when to send the next keep-alive
 
     std::string user_;
     int port_ = 0;                            ///< of the tunnel

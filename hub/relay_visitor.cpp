@@ -1,5 +1,6 @@
 #include "hub/relay_visitor.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -61,7 +62,11 @@ void RelayVisitor::Open(const std::string& address, int port) {
     forwardAddress_ = address;
     forwardPort_ = port;
     peerAddress_ = PeerOf(fd_.Get(), peerPort_);
-    Await(Watch::Kind::HungUp, hungUp_);
+    watch_.Await(Watch::Kind::HungUp, [self = shared_from_this()] {
+        pollfd state{self->fd_.Get(), 0, 0}; // urgent data looks the same to the loop
+        self->hungUp_ = poll(&state, 1, 0) > 0;
+        self->Touch();
+    });
     AwaitOpening();
 }
 

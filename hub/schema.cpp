@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "hub/database_url.h"
 #include "hub/log.h"
 #include "hub/postgres.h"
 #include "hub/schema_tables.h"

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 namespace ZARO::RelayHub {
 
@@ -56,6 +57,9 @@ void StatusReports::Report() {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         isReporting_ = true;
+        if (std::exchange(isAtWork_, true)) {
+            return; // a retry came between; whoever is at it sees to the rest
+        }
         fresh = DevicesOf(fresh_);
         statuses = std::move(fresh_);
         statuses.merge(failed_); // an older status of a tunnel stays behind
@@ -78,6 +82,7 @@ void StatusReports::Report() {
         reported_(devices);
     }
     const std::lock_guard<std::mutex> lock(mutex_);
+    isAtWork_ = false;
     isReporting_ = false;
     if (!fresh_.empty()) {
         SetTimer(false);
@@ -87,6 +92,7 @@ void StatusReports::Report() {
 void StatusReports::Failed(Statuses statuses, const Devices& fresh) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
+        isAtWork_ = false;
         failed_ = std::move(statuses);
         SetTimer(fresh_.empty());
     }

@@ -49,6 +49,7 @@ private:
     Statuses fresh_;           ///< not reported yet
     Statuses failed_;          ///< could not be stored
     bool isReporting_ = false; ///< soon or now
+    bool isAtWork_ = false;    ///< one at a time, so that the latest status is stored last
     asio::steady_timer timer_; ///< for the thread of its loop
 };
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "base/unique_fd.h"
-#include "hub/postgres.h"
+#include "hub/database_url.h"
 
 namespace ZARO::RelayHub {
 

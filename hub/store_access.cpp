@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 
+#include "hub/database_url.h"
 #include "hub/postgres.h"
 #include "hub/schema.h"
 

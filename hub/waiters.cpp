@@ -34,7 +34,7 @@ Waiters::Ticket Waiters::Hold(std::int64_t device, int seen, Answer answer) {
             Finish(holder);
         }
         holder = seat;
-        seat->isEnding = stopping_;
+        seat->isEnding = draining_ || stopping_;
         seat->isChecked = true;
         seat->place = ends_.insert(ends_.end(), seat);
         seat->waitsForEnd = true;
@@ -93,6 +93,7 @@ void Waiters::Drain(std::chrono::milliseconds time) {
     const Clock::time_point now = Clock::now();
     const auto count = static_cast<std::int64_t>(ends_.size());
     std::int64_t number = 0;
+    draining_ = true;
     for (const SeatPointer& seat : ends_) { // stays in order
         seat->end = std::min<Clock::time_point>(seat->end, now + time * ++number / count);
     }

@@ -52,7 +52,7 @@ public:
     void AllMayHaveChanged();
     /// Has the device answered with the present revision, whatever it is.
     void AnswerNow(std::int64_t device);
-    /// Has all requests answered, spread evenly over `time`.
+    /// Has all requests answered, spread evenly over `time`, and later ones at once.
     void Drain(std::chrono::milliseconds time);
     /// Has all requests answered now, and later ones at once.
     void Stop();
@@ -107,6 +107,7 @@ private:
     std::list<SeatPointer> ends_;    ///< in the order in which their hold times end
     std::vector<SeatPointer> stuck_; ///< to be looked at again
     bool retrySoon_ = false;
+    bool draining_ = false;
     bool stopping_ = false;
     asio::steady_timer endTimer_; ///< for the thread of its loop, as is the next
     asio::steady_timer retryTimer_;

@@ -14,7 +14,7 @@ bool WebClients::MayAccept() const {
     return idle_.size() + busy_.size() < most_ + kLeaving;
 }
 
-bool WebClients::Add(const std::shared_ptr<WebConnection>& connection, Place& place,
+bool WebClients::Add(const std::shared_ptr<WebConnection>& connection, std::optional<Place>& place,
                      std::shared_ptr<WebConnection>& toEnd) {
     const std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) {

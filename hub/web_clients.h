@@ -7,6 +7,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 namespace ZARO::RelayHub {
@@ -29,8 +30,9 @@ public:
     /// Whether there is room for one more, or soon will be.
     bool MayAccept() const;
     /// Adds a connection, which counts as idle from now on. When there are too many, `toEnd` is the
-    /// one that has been idle longest. False after Close().
-    bool Add(const std::shared_ptr<WebConnection>& connection, Place& place,
+    /// one that has been idle longest. False after Close(). `place` is set before any other thread
+    /// sees the connection.
+    bool Add(const std::shared_ptr<WebConnection>& connection, std::optional<Place>& place,
              std::shared_ptr<WebConnection>& toEnd);
     void Remove(Place place);
     /// A whole request came.

@@ -59,18 +59,18 @@ WebConnection::WebConnection(std::shared_ptr<WebServer> server, Loop& loop, Uniq
 }
 
 WebConnection::~WebConnection() {
-    if (hasPlace_) { // the loop ended before the connection did
-        server_->clients.Remove(place_);
+    if (place_) { // the loop ended before the connection did
+        server_->clients.Remove(*place_);
     }
 }
 
 void WebConnection::Start() {
     std::shared_ptr<WebConnection> toEnd;
-    hasPlace_ = server_->clients.Add(shared_from_this(), place_, toEnd);
+    const bool added = server_->clients.Add(shared_from_this(), place_, toEnd);
     if (toEnd != nullptr) {
         toEnd->End(true);
     }
-    if (hasPlace_) {
+    if (added) {
         asio::post(loop_, [self = shared_from_this()] {
             if (self->state_ != State::Closed) {
                 self->SetDeadline(kRequestTime);
@@ -225,7 +225,7 @@ void WebConnection::Dispatch() {
     const WebHandler& handler = parser_->Handler();
     parser_.reset();
     state_ = State::Answering;
-    server_->clients.SetBusy(place_);
+    server_->clients.SetBusy(*place_);
     ClearDeadline();
     auto exchange = std::make_shared<WebExchange>(shared_from_this(), std::move(request));
     exchange_ = exchange;
@@ -266,7 +266,7 @@ void WebConnection::Sent() {
     if (peerEnded_ || (!goesOn_ && server_->clients.IsClosed())) {
         Close();
     } else if (goesOn_) {
-        server_->clients.SetIdle(place_);
+        server_->clients.SetIdle(*place_);
         ReadNext();
     } else {
         Linger();
@@ -304,9 +304,9 @@ void WebConnection::Close() {
     stream_.Close();
     parser_.reset();
     input_ = std::string();
-    if (hasPlace_) {
-        hasPlace_ = false;
-        server_->clients.Remove(place_);
+    if (place_) {
+        server_->clients.Remove(*place_);
+        place_.reset();
     }
     if (const std::shared_ptr<WebExchange> exchange = exchange_.lock()) {
         (void)exchange->HangUp();

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <boost/asio/steady_timer.hpp>
@@ -78,8 +79,7 @@ private:
     asio::steady_timer timer_;
     Clock::time_point deadline_;
     State state_ = State::Handshaking;
-    WebClients::Place place_;
-    bool hasPlace_ = false;
+    std::optional<WebClients::Place> place_;
     bool waitsToRead_ = false;
     bool waitsToWrite_ = false;
     bool peerEnded_ = false; ///< it sends no more
