@@ -185,15 +185,15 @@ Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Val
 Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value&) {
     std::vector<ServiceRecord> present;
     std::vector<std::string> removed;
-    std::vector<TunnelKey> gone;
+    std::vector<TunnelKey> touched;
     // Even when the list is refused, the device has named its services: nothing is dropped then.
     batch.owesServices = false;
     if (!TakeServices(command, present, removed)) {
         return Errno::Input;
     }
-    const StoreResult result = store_.services.Update(batch.device->key, present, removed, gone);
+    const StoreResult result = store_.services.Update(batch.device->key, present, removed, touched);
     if (result == StoreResult::Done) {
-        ServicesChanged(batch.device->key, gone);
+        ServicesChanged(batch.device->key, touched);
     }
     return ErrnoOf(result);
 }
@@ -278,16 +278,16 @@ void Control::Describe(const Batch& batch, int revision, const std::vector<Tunne
 }
 
 void Control::FinishRegistration(Batch& batch) {
-    std::vector<TunnelKey> gone;
+    std::vector<TunnelKey> touched;
     if (batch.owesServices &&
-        store_.services.DropStale(batch.device->key, gone) == StoreResult::Done) {
-        ServicesChanged(batch.device->key, gone);
+        store_.services.DropStale(batch.device->key, touched) == StoreResult::Done) {
+        ServicesChanged(batch.device->key, touched);
     }
     batch.owesServices = false;
 }
 
-void Control::ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& gone) {
-    relay_.changed({{device}, gone});
+void Control::ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& touched) {
+    relay_.changed({{device}, touched});
 }
 
 } // namespace ZARO::RelayHub

@@ -94,7 +94,7 @@ private:
                   Json::Value& reply) const;
     /// Removes the services of a device that registered and named none: it has none then.
     void FinishRegistration(Batch& batch);
-    void ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& gone);
+    void ServicesChanged(std::int64_t device, const std::vector<TunnelKey>& touched);
     /// Answers the whole batch with a failure.
     static void Fail(const Batch& batch, const std::exception& fault);
 

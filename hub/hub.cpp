@@ -95,6 +95,7 @@ bool Hub::Parts::IsUp(const TunnelRecord& tunnel) const {
 void Hub::Parts::Changed(const Changes& changes) {
     if (relay) {
         relay->Close(changes.tunnels);
+        relay->Heed(changes); // some of them may be new
     }
     for (const std::int64_t device : changes.devices) {
         waiters.ListChanged(device);

@@ -224,7 +224,8 @@ bool RelayRole::IsDrained() {
     const Member member = CurrentMember();
     std::vector<RelayRecord> others;
     // Without the database nothing moves.
-    return member == nullptr || book_.Size() == 0 || !Drain(*member) ||
+    return member == nullptr || !Drain(*member) ||
+           !store_.services.HasTunnels(member->Relay().key) ||
            store_.relays.Alive(others) != StoreResult::Done || others.empty();
 }
 

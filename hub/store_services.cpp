@@ -145,7 +145,7 @@ void SettleStale(Database& database, std::int64_t device, const std::vector<Serv
 
 StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceRecord>& present,
                                  const std::vector<std::string>& removed,
-                                 std::vector<TunnelKey>& gone) {
+                                 std::vector<TunnelKey>& touched) {
     std::vector<TunnelKey> users;
     const StoreResult result = access_.Write("service update", [&](Database& database) {
         users.clear();
@@ -167,7 +167,7 @@ StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceR
             }
             if (found != known.end()) {
                 Change(database, device, service);
-            } else if (known.size() >= kMaxServices || !Add(database, device, service)) {
+            } else if (known.size() >= kMaxServices || !Add(database, device, service, users)) {
                 return StoreResult::Full;
             }
             known[service.id].record = service;
@@ -180,27 +180,29 @@ StoreResult ServiceStore::Update(std::int64_t device, const std::vector<ServiceR
         return StoreResult::Done;
     });
     if (result == StoreResult::Done) {
-        gone = std::move(users);
+        touched = std::move(users);
     }
     return result;
 }
 
-bool ServiceStore::Add(Database& database, std::int64_t device, const ServiceRecord& service) {
+bool ServiceStore::Add(Database& database, std::int64_t device, const ServiceRecord& service,
+                       std::vector<TunnelKey>& touched) {
     const std::optional<TunnelPort> port = ports_.Assign(database, device);
     if (!port) {
         return false;
     }
+    touched.push_back({port->relay, "t" + RandomText(15)});
     Query(
         database,
         "INSERT INTO service(device, id, name, port, external_port, relay, relay_port, relay_user,"
         " relay_password) VALUES($1, $2, $3, $4, $5, $6, $7, $8, $9)",
         device, service.id, service.name, service.port, service.externalPort, port->relay,
-        port->port, "t" + RandomText(15), RandomText(32))
+        port->port, touched.back().user, RandomText(32))
         .Run();
     return true;
 }
 
-StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>& gone) {
+StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>& touched) {
     std::vector<TunnelKey> users;
     const StoreResult result = access_.Write("service removal", [&](Database& database) {
         users.clear();
@@ -213,7 +215,7 @@ StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>&
         return StoreResult::Done;
     });
     if (result == StoreResult::Done) {
-        gone = std::move(users);
+        touched = std::move(users);
     }
     return result;
 }
@@ -232,6 +234,13 @@ StoreResult ServiceStore::TunnelsOf(std::int64_t relay, std::vector<TunnelRecord
         tunnels = TunnelsOfRows(rows);
         return StoreResult::Done;
     });
+}
+
+bool ServiceStore::HasTunnels(std::int64_t relay) {
+    return access_.Read("look for tunnels", [&](Database& database) {
+        Query any(database, "SELECT 1 FROM service WHERE relay = $1 LIMIT 1", relay);
+        return any.Next() ? StoreResult::Done : StoreResult::NotFound;
+    }) == StoreResult::Done;
 }
 
 StoreResult ServiceStore::FindTunnel(const std::string& user, TunnelRecord& tunnel) {

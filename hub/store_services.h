@@ -52,16 +52,19 @@ public:
     ServiceStore(StoreAccess& access, PortStore& ports) : access_(access), ports_(ports) {}
 
     /// Removes the services `removed`, then adds or changes those in `present`; stale ones that
-    /// `present` does not name go too. On Done `gone` holds the tunnels that ceased to be.
+    /// `present` does not name go too. On Done `touched` holds the tunnels that came to be
+    /// or ceased to be.
     StoreResult Update(std::int64_t device, const std::vector<ServiceRecord>& present,
-                       const std::vector<std::string>& removed, std::vector<TunnelKey>& gone);
-    /// Removes the services that the device has not named since it registered; `gone` as above.
-    StoreResult DropStale(std::int64_t device, std::vector<TunnelKey>& gone);
+                       const std::vector<std::string>& removed, std::vector<TunnelKey>& touched);
+    /// Removes the services that the device has not named since it registered; `touched` as above.
+    StoreResult DropStale(std::int64_t device, std::vector<TunnelKey>& touched);
 
     /// The device's tunnels in order of their ids.
     StoreResult ListTunnels(std::int64_t device, std::vector<TunnelRecord>& tunnels);
     /// The tunnels that the relay carries.
     StoreResult TunnelsOf(std::int64_t relay, std::vector<TunnelRecord>& tunnels);
+    /// Whether the relay carries any tunnel. False too when the database fails.
+    bool HasTunnels(std::int64_t relay);
     /// The tunnel that this user may log in for, else NotFound.
     StoreResult FindTunnel(const std::string& user, TunnelRecord& tunnel);
 
@@ -78,7 +81,8 @@ public:
 
 private:
     /// A step of a piece of work on the database: a new tunnel, unless every port is taken.
-    bool Add(Database& database, std::int64_t device, const ServiceRecord& service);
+    bool Add(Database& database, std::int64_t device, const ServiceRecord& service,
+             std::vector<TunnelKey>& touched);
 
     StoreAccess& access_;
     PortStore& ports_;
