@@ -99,7 +99,7 @@ private:
         const std::vector<std::string> line =
             Words("--http-port " + port(0) + " --https-port " + port(1) + " --relay-port " +
                       port(2) + options_ + " --ports " + (ports_.empty() ? tunnels : ports_),
-                  Words(ZARO_HUB " --data " + Data(), Words(starter_, {})));
+                  Words(std::string(ZARO_HUB) + " --data " + Data(), Words(starter_)));
         process_ = std::make_unique<Process>(line, LogFile());
         const auto isUp = [&] { return Count("relay ssh://") > starts; };
         const bool over =
