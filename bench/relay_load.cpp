@@ -2,7 +2,7 @@
 /// small requests beside bulk transfers. Prints what each reaches, what it costs the hub's
 /// processor, and the ratio.
 ///
-///     relay_load OLD NEW [ROUNDS]
+///     relay_load OLD NEW [ROUNDS [PART OF A ROW'S NAME]]
 #include <sys/resource.h>
 
 #include <atomic>
@@ -259,11 +259,14 @@ double Median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-int Run(const std::string& before, const std::string& after, int rounds) {
+int Run(const std::string& before, const std::string& after, int rounds, const std::string& only) {
     const LoadService service;
     const Side sides[2] = {{before, service}, {after, service}};
     printf("%-28s %10s %10s %7s   %s\n", "in 1.5 s", "old", "new", "ratio", "CPU each, ratio");
     for (const Row& row : kRows) {
+        if (std::string(row.name).find(only) == std::string::npos) {
+            continue;
+        }
         std::vector<double> results[2];
         std::vector<double> costs[2];
         for (int run = 0; run < 2 * rounds; ++run) {
@@ -285,8 +288,9 @@ int Run(const std::string& before, const std::string& after, int rounds) {
 
 int main(int count, char** words) {
     if (count < 3) {
-        fputs("usage: relay_load OLD NEW [ROUNDS]\n", stderr);
+        fputs("usage: relay_load OLD NEW [ROUNDS [ROW]]\n", stderr);
         return 2;
     }
-    return ZARO::RelayHub::Run(words[1], words[2], count > 3 ? std::atoi(words[3]) : 3);
+    return ZARO::RelayHub::Run(words[1], words[2], count > 3 ? std::atoi(words[3]) : 3,
+                               count > 4 ? words[4] : "");
 }

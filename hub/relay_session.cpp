@@ -30,10 +30,10 @@ constexpr auto kSlowReading = seconds(1);
 constexpr auto kStuckTime = seconds(300); // ends it
 
 // What one pass moves before the other sessions of the loop have their turn.
-constexpr std::uint64_t kPassBytes = 256 * 1024;
-constexpr int kPassRounds = 8;
-constexpr std::size_t kSentAtOnce = 128 * 1024; // gathered for one system call
-constexpr std::uint64_t kMuch = 16 * 1024;      // so much at once, and there is more as a rule
+constexpr std::uint64_t kPassBytes = 32 * 1024;
+constexpr int kPassRounds = 64;
+constexpr std::size_t kSentAtOnce = 64 * 1024; // gathered for one system call
+constexpr std::uint64_t kReadAtOnce = 4096;    // by the library; after less the line is empty
 
 constexpr std::size_t kMaxBindAddress = 255;
 
@@ -139,7 +139,8 @@ void RelaySession::MoveData() {
         const bool wasWriting = line_.IsWriting();
         if (lineReady_ || (wasWriting && !lineFull_)) {
             PollLine();
-            lineFull_ = wasWriting && line_.IsWriting() && line_.Out() == out;
+            // While something comes, the library doesn't look whether the line is free.
+            lineFull_ = wasWriting && line_.IsWriting() && line_.Out() == out && line_.In() == in;
         }
         if (state_ == State::Over) {
             return;
@@ -148,7 +149,8 @@ void RelaySession::MoveData() {
         if (visitors_ != nullptr && state_ == State::Serving) {
             (void)visitors_->Serve(!line_.IsWriting(), kSentAtOnce);
         }
-        lineReady_ = line_.In() != seenTraffic_ || line_.In() - in >= kMuch;
+        lineReady_ =
+            line_.In() != seenTraffic_ || (line_.In() - in >= kReadAtOnce && IsListening());
         const std::uint64_t moved = line_.In() + line_.Out() - start;
         if (lineFull_ || moved >= kPassBytes || !(lineReady_ || line_.IsWriting())) {
             break;
