@@ -45,7 +45,7 @@ public:
     /// Runs `work`, which may block for the store, on a worker soon. Work is started in order, but
     /// several pieces run at a time.
     template <typename Work> void Block(Work&& work) {
-        asio::post(*workers_, [this, body = std::forward<Work>(work)]() mutable { Guard(body); });
+        asio::post(*workers_, [body = std::forward<Work>(work)]() mutable { Guard(body); });
     }
 
 private:
