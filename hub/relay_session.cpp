@@ -30,10 +30,10 @@ constexpr auto kSlowReading = seconds(1);
 constexpr auto kStuckTime = seconds(300); // ends it
 
 // What one pass moves before the other sessions of the loop have their turn.
-constexpr std::uint64_t kPassBytes = 32 * 1024;
+constexpr std::uint64_t kPassBytes = std::uint64_t{32} * 1024;
 constexpr int kPassRounds = 64;
-constexpr std::size_t kSentAtOnce = 64 * 1024; // gathered for one system call
-constexpr std::uint64_t kReadAtOnce = 4096;    // by the library; after less the line is empty
+constexpr std::size_t kSentAtOnce = std::size_t{64} * 1024; // gathered for one system call
+constexpr std::uint64_t kReadAtOnce = 4096; // by the library; after less the line is empty
 
 constexpr std::size_t kMaxBindAddress = 255;
 
