@@ -31,6 +31,8 @@ constexpr int kAwaySeconds = 5;
 constexpr int kAfterChurn = 15000; // ms, in which sessions that just vanished are noticed
 
 constexpr int kDatabaseAway = 60; // seconds
+/// In seconds. A device that began to register meanwhile has backed off to 64 or 128 s by the end.
+constexpr int kRegisteredBound = 130;
 
 constexpr int kMoveSeconds = 30;
 
@@ -232,9 +234,11 @@ void Phases::LoseDatabase() {
     printf("  at its end %u polls and %u tunnels stand, %u are registered\n",
            away["polls"].asUInt(), away["tunnels"].asUInt(), away["registered"].asUInt());
     Check(away["tunnels"].asInt() >= all - some, "tunnels stay", "but for those that left");
+    Check(away["polls"].asInt() >= all - some, "polls stay", "but for those that left");
     switchDatabase_(true);
-    const double whole = swarm_.WaitFor("whole", all, seconds(static_cast<int>(kBackBound)));
-    Check(whole >= 0, Text("all there %.1f s after its return", whole), "bound 60 s");
+    const double whole = swarm_.WaitFor("whole", all, seconds(kRegisteredBound));
+    Check(whole >= 0, Text("all there %.1f s after its return", whole),
+          Text("bound %d s", kRegisteredBound));
     const unsigned refused = swarm_.Report()["refusals"].asUInt();
     Check(refused == 0, Text("%u refused", refused), "nobody may be locked out");
     Settle();
