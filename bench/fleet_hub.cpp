@@ -6,7 +6,7 @@ namespace ZARO::Fleet {
 
 namespace {
 
-/// A device takes two descriptors of its relay, out of the 20000 that a process may have, and
+/// A device takes three descriptors of its relay, out of the 20000 that a process may have, and
 /// visitors and strangers need some.
 constexpr int kDevicesPerRelay = 6000;
 /// Without roles it takes three, or four in a hub with a thread per session.

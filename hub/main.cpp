@@ -26,10 +26,10 @@ using ZARO::RelayHub::HubOptions;
 using ZARO::RelayHub::Roles;
 
 constexpr rlim_t kPerPoll = 1;             // descriptors of a held request
-constexpr rlim_t kPerTunnel = 2;           // its connection and its port
+constexpr rlim_t kPerTunnel = 3;           // its connection, twice, and its port
 constexpr rlim_t kOtherDescriptors = 2048; // strangers, some visitors, and the hub's own
 
-/// A device costs up to three descriptors, so the usual soft limit serves few of them.
+/// A device costs up to four descriptors, so the usual soft limit serves few of them.
 void RaiseDescriptorLimit(const Roles& roles) {
     rlimit limit{};
     const rlim_t perDevice = (roles.control ? kPerPoll : 0) + (roles.relay ? kPerTunnel : 0);

@@ -1,16 +1,19 @@
 #include "hub/relay_line.h"
 
+#include <fcntl.h>
+
 namespace ZARO::RelayHub {
 
 bool RelayLine::Start(ssh_bind bind, ssh_callbacks callbacks) {
     session_.reset(ssh_new());
     event_.reset(ssh_event_new());
-    if (session_ == nullptr || event_ == nullptr) {
+    UniqueFd given(fcntl(fd_.Get(), F_DUPFD_CLOEXEC, 0));
+    if (session_ == nullptr || event_ == nullptr || !given.IsOpen()) {
         return false;
     }
-    const int result = ssh_bind_accept_fd(bind, session_.get(), fd_);
-    if (ssh_get_fd(session_.get()) == fd_) {
-        (void)owned_.Release(); // it closes with the session
+    const int result = ssh_bind_accept_fd(bind, session_.get(), given.Get());
+    if (ssh_get_fd(session_.get()) == given.Get()) {
+        (void)given.Release(); // it closes with the session
     }
     ssh_set_blocking(session_.get(), 0);
     ssh_set_counters(session_.get(), &traffic_, nullptr);
@@ -43,7 +46,7 @@ void RelayLine::Close() {
     }
     event_.reset();
     session_.reset();
-    (void)owned_.Close();
+    (void)fd_.Close();
 }
 
 } // namespace ZARO::RelayHub

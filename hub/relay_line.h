@@ -20,8 +20,7 @@ public:
     enum class Exchange { Failed, UnderWay, Done };
 
     explicit RelayLine(UniqueFd fd)
-        : session_(nullptr, ssh_free), event_(nullptr, ssh_event_free), fd_(fd.Get()),
-          owned_(std::move(fd)) {}
+        : session_(nullptr, ssh_free), event_(nullptr, ssh_event_free), fd_(std::move(fd)) {}
     RelayLine(const RelayLine&) = delete;
     RelayLine& operator=(const RelayLine&) = delete;
     ~RelayLine() { Close(); }
@@ -43,14 +42,15 @@ public:
     std::uint64_t In() const { return traffic_.in_bytes; }
     std::uint64_t Out() const { return traffic_.out_bytes; }
     ssh_session Session() const { return session_.get(); }
-    /// The descriptor; of no use after Close().
-    int Get() const { return fd_; }
+    /// The descriptor, until Close().
+    int Get() const { return fd_.Get(); }
 
 private:
     std::unique_ptr<ssh_session_struct, void (*)(ssh_session)> session_;
     std::unique_ptr<ssh_event_struct, void (*)(ssh_event)> event_;
-    const int fd_;
-    UniqueFd owned_;       ///< `fd_`, until `session_` has taken it over
+    /// The library has a duplicate: it closes its own whenever the connection is lost, and the next
+    /// connection may get that number while this one is still watched.
+    UniqueFd fd_;
     bool inEvent_ = false; ///< event_ watches the session
     ssh_counter_struct traffic_{};
 };
