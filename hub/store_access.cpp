@@ -29,9 +29,11 @@ StoreResult StoreAccess::Read(const char* what, const Work& work) {
             return work(*database);
         } catch (const DatabaseFault& fault) {
             const bool isAway = fault.kind == FaultKind::Away;
-            const bool again = isAway
-                                   ? !wasLost && !pool_.IsAway()
-                                   : fault.kind == FaultKind::Conflict && ++conflicts < kConflicts;
+            // SQLite lets whoever looks next have a lock, so a process can be unlucky for seconds.
+            const bool isInTheWay =
+                fault.kind == FaultKind::Conflict || fault.kind == FaultKind::Busy;
+            const bool again =
+                isAway ? !wasLost && !pool_.IsAway() : isInTheWay && ++conflicts < kConflicts;
             if (!again) {
                 return Failed(what, fault, isAway && pool_.IsAway());
             }
