@@ -9,7 +9,7 @@ namespace {
 /// A device takes three descriptors of its relay, out of the 20000 that a process may have, and
 /// visitors and strangers need some.
 constexpr int kDevicesPerRelay = 6000;
-/// Without roles it takes three, or four in a hub with a thread per session.
+/// Without roles it takes four.
 constexpr int kDevicesPerHub = 4400;
 
 constexpr char kTunnelPorts[] = "20000-29999";
