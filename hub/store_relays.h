@@ -63,8 +63,8 @@ public:
 
     /// The relays that live and take new tunnels.
     StoreResult Alive(std::vector<RelayRecord>& relays);
-    /// The relays that another process may become, without those that were drained.
-    StoreResult Free(std::vector<RelayRecord>& relays);
+    /// The relays that have said nothing for this long, without those that were drained.
+    StoreResult Silent(std::chrono::seconds time, std::vector<RelayRecord>& relays);
 
     /// The keys of the living relays, the one with the fewest tunnels first; the next tunnel is
     /// taken to become that one's. To be called within a piece of work on the database. Throws
