@@ -28,9 +28,6 @@ struct HubAdmissionStore : HubStore {
         Open(store, ports);
         store.devices.AdmitListedOnly();
     }
-    static void Invite(Store& store, const std::string& code, int uses, std::int64_t seconds = 60) {
-        EXPECT_EQ(store.admission.Invite({Sha256(code), uses, seconds}), kDone);
-    }
     static std::string Join(Store& store, const Identity& identity, const std::string& code = "",
                             int network = 1) {
         Standing standing = Standing::Unknown;
@@ -53,35 +50,14 @@ struct HubAdmissionStore : HubStore {
 INSTANTIATE_TEST_SUITE_P(Engines, HubAdmissionStore, testing::Values("SQLite", "PostgreSQL"),
                          [](const auto& row) { return std::string(row.param); });
 
-TEST_P(HubAdmissionStore, TakesAnInvitationAsOftenAsItIsGood) {
-    Store store;
-    OpenListed(store);
-    Invite(store, "two", 2);
-    Invite(store, "old", 2, 0);
-    Identity otherToken = IdentityOf(1), otherId = IdentityOf(4);
-    otherToken.token = "other";
-    otherId.serverId = "id1";
-    const std::tuple<Identity, const char*, const char*> kRows[] = {
-        {IdentityOf(1), "guess", "no code"}, {IdentityOf(1), "old", "expired"},
-        {IdentityOf(1), "", "pending"},      {IdentityOf(1), "two", "admitted"},
-        {IdentityOf(1), "two", "admitted"}, // its reply was lost
-        {otherToken, "two", "token"},        {otherId, "two", "id"},
-        {IdentityOf(2), "two", "admitted"},  {IdentityOf(3), "two", "used"},
-        {IdentityOf(1), "guess", "admitted"}};
-    int row = 0;
-    for (const auto& [identity, code, outcome] : kRows) {
-        EXPECT_EQ(Join(store, identity, code), outcome) << "row " << row++;
-    }
-    EXPECT_EQ(CountPending(store), 0U);
-}
-
 TEST_P(HubAdmissionStore, UsesNoInvitationTwiceFromTwoHubs) {
     constexpr int kUses = 5;
     Store stores[2];
     for (Store& store : stores) {
         OpenListed(store);
     }
-    Invite(stores[0], "code", kUses);
+    EXPECT_EQ(stores[0].admission.Invite({Sha256("code"), kUses, 60}), kDone);
+    EXPECT_EQ(stores[0].admission.Invite({Sha256("old"), kUses, 0}), kDone);
     std::atomic<int> next{0}, admitted{0}, used{0};
     std::vector<std::thread> threads;
     for (int i = 0; i < 8; ++i) {
@@ -98,6 +74,8 @@ TEST_P(HubAdmissionStore, UsesNoInvitationTwiceFromTwoHubs) {
     }
     EXPECT_EQ(admitted, kUses);
     EXPECT_EQ(used, 40 - kUses);
+    EXPECT_EQ(Join(stores[0], IdentityOf(50), "old"), "expired");
+    EXPECT_EQ(Join(stores[0], IdentityOf(50), "guess"), "no code");
 }
 
 TEST_P(HubAdmissionStore, LetsOnlySoManyWait) {
@@ -126,57 +104,43 @@ TEST_P(HubAdmissionStore, LetsOnlySoManyWait) {
 TEST_P(HubAdmissionStore, DoesWhatTheOperatorSays) {
     Store store;
     OpenListed(store);
-    Identity one = IdentityOf(1), thief = IdentityOf(1), twin = IdentityOf(3);
-    thief.token = "other";
-    twin.serverId = one.serverId;
-    const auto admit = [&](const std::string& serial, const std::string& from = "") {
-        constexpr const char* kResults[] = {"admitted", "known", "unbanned", "ambiguous"};
-        AdmitResult result = AdmitResult::Known;
-        const StoreResult done = store.admission.Admit(serial, from, result);
-        return done == kDone                   ? kResults[static_cast<std::size_t>(result)]
-               : done == StoreResult::NotFound ? "not found"
-               : done == StoreResult::Taken    ? "taken"
-                                               : "failed";
-    };
-    const auto ban = [&](const char* serial) {
+    std::map<std::string, Identity> devices = {{"one", IdentityOf(1)},
+                                               {"thief", IdentityOf(1)},
+                                               {"twin", IdentityOf(3)},
+                                               {"nine", IdentityOf(9)}};
+    devices["thief"].token = "other";
+    devices["twin"].serverId = devices["one"].serverId;
+    // What is done to whom, and what comes of it; "from" admits one of those with a serial.
+    std::istringstream steps(
+        "admit-S1=none join-one=pending join-thief=pending join-twin=pending admit-S1=ambiguous "
+        "from-S1=admitted admit-S1=known join-one=admitted join-thief=token admit-S3=taken "
+        "ban-S3=done join-twin=banned admit-S3=unbanned "
+        "ban-S1=done join-one=banned admit-S1=admitted join-one=admitted "
+        "forget-S1=done forget-S1=none join-thief=pending forget-S1=done "
+        "ban-S9=done join-nine=banned forget-S9=done join-nine=pending");
+    for (std::string step; steps >> step;) {
+        const std::string verb = step.substr(0, step.find('-'));
+        const std::size_t end = step.find('=');
+        const std::string who = step.substr(verb.size() + 1, end - verb.size() - 1);
+        AdmitResult admitted = AdmitResult::Known;
         Changes changes;
-        return store.admission.Ban(serial, changes) == kDone ? "banned" : "failed";
-    };
-    const auto forget = [&](const char* serial) {
-        Changes changes;
-        return store.admission.Forget(serial, changes) == kDone ? "forgotten" : "not found";
-    };
-    const std::pair<std::string, std::string> kSteps[] = {{admit("S1"), "not found"},
-                                                          {Join(store, one), "pending"},
-                                                          {Join(store, thief, "", 2), "pending"},
-                                                          {Join(store, twin), "pending"},
-                                                          {admit("S1"), "ambiguous"},
-                                                          {admit("S1", "10.0.0.3"), "not found"},
-                                                          {admit("S1", "10.0.0.1"), "admitted"},
-                                                          {admit("S1"), "known"},
-                                                          {Join(store, one), "admitted"},
-                                                          {Join(store, thief, "", 2), "token"},
-                                                          {admit("S3"), "taken"},
-                                                          {ban("S3"), "banned"},
-                                                          {Join(store, twin), "banned"},
-                                                          {admit("S3"), "unbanned"},
-                                                          {Join(store, IdentityOf(3)), "pending"},
-                                                          {ban("S1"), "banned"},
-                                                          {Join(store, one), "banned"},
-                                                          {Join(store, thief), "banned"},
-                                                          {admit("S1"), "admitted"},
-                                                          {Join(store, one), "admitted"},
-                                                          {forget("S1"), "forgotten"},
-                                                          {forget("S1"), "not found"},
-                                                          {Join(store, thief), "pending"},
-                                                          {forget("S1"), "forgotten"},
-                                                          {ban("S9"), "banned"}, // never seen
-                                                          {Join(store, IdentityOf(9)), "banned"},
-                                                          {forget("S9"), "forgotten"},
-                                                          {Join(store, IdentityOf(9)), "pending"}};
-    int row = 0;
-    for (const auto& [outcome, expected] : kSteps) {
-        EXPECT_EQ(outcome, expected) << "row " << row++;
+        std::string outcome = "done";
+        if (verb == "join") {
+            outcome = Join(store, devices.at(who), "", who == "thief" ? 2 : 1);
+        } else {
+            const StoreResult result =
+                verb == "ban" ? store.admission.Ban(who, changes)
+                : verb == "forget"
+                    ? store.admission.Forget(who, changes)
+                    : store.admission.Admit(who, verb == "from" ? "10.0.0.1" : "", admitted);
+            constexpr const char* kResults[] = {"admitted", "known", "unbanned", "ambiguous"};
+            outcome = result == StoreResult::NotFound     ? "none"
+                      : result == StoreResult::Taken      ? "taken"
+                      : result != kDone                   ? "failed"
+                      : verb == "admit" || verb == "from" ? kResults[static_cast<int>(admitted)]
+                                                          : "done";
+        }
+        EXPECT_EQ(outcome, step.substr(end + 1)) << step;
     }
 }
 
@@ -196,18 +160,11 @@ TEST_P(HubAdmissionStore, LeavesNothingToWhoIsBannedOrForgotten) {
         EXPECT_EQ(changes.tunnels.size(), 1U);
         Device found;
         std::vector<TunnelRecord> tunnels;
-        const std::pair<StoreResult, StoreResult> kRows[] = {
-            {store.devices.FindSession("hash" + std::to_string(number), found),
-             StoreResult::NotFound},
-            {Add(store, device, "more"), StoreResult::NotFound},
-            {store.devices.SetNetwork(device, "{}"), StoreResult::NotFound},
-            {store.services.ListTunnels(device, tunnels), StoreResult::NotFound},
-            {store.devices.Authenticate(who.serial, who.token, who.serverId, found),
-             StoreResult::Refused}};
-        int row = 0;
-        for (const auto& [result, expected] : kRows) {
-            EXPECT_EQ(result, expected) << number << " row " << row++;
-        }
+        EXPECT_EQ(store.devices.FindSession("hash" + std::to_string(number), found),
+                  StoreResult::NotFound);
+        EXPECT_EQ(Add(store, device, "more"), StoreResult::NotFound);
+        EXPECT_EQ(store.devices.SetNetwork(device, "{}"), StoreResult::NotFound);
+        EXPECT_EQ(store.services.ListTunnels(device, tunnels), StoreResult::NotFound);
         EXPECT_EQ(store.devices.Register(who, "new", found),
                   number == 1 ? StoreResult::Refused : kDone);
         Execute("DELETE FROM alias"); // the banned one's lasts until it expires
@@ -315,17 +272,12 @@ TEST_F(HubAdmission, AnswersJoin) {
     TestDevice banned(hub_, 3);
     banned.serial = "SERIAL-BANNED";
     const std::string good = Code("00000000001");
-    const std::string dashed =
-        R"(,"code":")" + ShowInvitation(CompleteInvitation("00000000001")) + "\"";
     const std::tuple<TestDevice*, std::string, std::string> kRows[] = {
         {&one, "", kPending},
-        {&one, R"(,"code":"")", kPending},
         {&one, R"(,"code":5)", R"({"errno":9})"},
         {&one, R"(,"code":"000000000011")", R"({"errno":9})"}, // its last digit is wrong
-        {&one, R"(,"version":2)", R"({"errno":9})"},           // twice in one object
         {&one, Code("00000000003"), Refused("code_unknown")},
         {&one, Code("00000000002"), Refused("code_expired")},
-        {&one, dashed, kAdmitted},
         {&one, good, kAdmitted},
         {&one, "", kAdmitted},
         {&two, good, Refused("code_used")},
@@ -384,25 +336,20 @@ TEST_F(HubAdmission, EndsWhatACachedSessionMayDo) {
 }
 
 TEST_F(HubAdmission, SaysWhatItIs) {
-    const std::string port = std::to_string(hub_.HttpsPort());
-    const std::string rest = R"("host":"relay.example","port":81,"protocol":"http"},)"
-                             R"("hub":"zarorelay","protocol":1,"relay":{"ssh_port":)" +
-                             std::to_string(hub_.RelayPort()) + R"(},"version":)";
-    const std::tuple<const char*, const char*, int, std::string> kRows[] = {
-        {"/.well-known/zarorelay", "relay.example:81", 200,
-         R"({"admission":"listed","alias":{"url":"https://relay.example:)" + port +
-             R"("},"control":{)" + rest},
-        {"/.well-known/zarorelay?a", "[::1]:81", 200,
-         R"({"admission":"listed","alias":{"url":"https://[::1]:)" + port},
-        {"/.well-known/zarorelay", "a b", 400, ""},
-        {"/.well-known/", "a", 404, ""},
-        {"/Serv.php", "a", 404, ""}};
+    const std::string expected =
+        R"({"admission":"listed","alias":{"url":"https://relay.example:)" +
+        std::to_string(hub_.HttpsPort()) +
+        R"("},"control":{"host":"relay.example","port":81,"protocol":"http"},)"
+        R"("hub":"zarorelay","protocol":1,"relay":{"ssh_port":)" +
+        std::to_string(hub_.RelayPort()) + R"(},"version":")";
     httplib::Client client("127.0.0.1", hub_.HttpPort());
-    for (const auto& [page, host, status, begin] : kRows) {
+    const auto get = [&client](const char* page, const char* host) {
         const httplib::Result result = client.Get(page, {{"Host", host}});
-        EXPECT_EQ(StatusOf(result), status) << page << host;
-        EXPECT_EQ(result ? result->body.substr(0, begin.size()) : "none", begin) << page << host;
-    }
+        return StatusOf(result) == 200 ? result->body : std::to_string(StatusOf(result));
+    };
+    EXPECT_EQ(get("/.well-known/zarorelay?a", "relay.example:81").find(expected), 0U) << expected;
+    EXPECT_EQ(get("/.well-known/zarorelay", "a b"), "400");
+    EXPECT_EQ(get("/Serv.php", "a"), "404");
     EXPECT_EQ(StatusOf(client.Post("/.well-known/zarorelay", "", "text")), 404);
 }
 
