@@ -37,6 +37,12 @@ struct RelayRecord {
     std::int64_t seen = 0; ///< when it last said that it lives; only good for comparing
 };
 
+/// What a drained relay has, and what there is to take it.
+struct Drained {
+    std::int64_t tunnels = 0;
+    std::int64_t others = 0; ///< relays that live and take new tunnels
+};
+
 /// Any thread may call any method. They block for the database only and don't throw, unless they
 /// say so.
 class RelayStore {
@@ -58,6 +64,9 @@ public:
     /// From now on the relay gets no new tunnels, and those that it has move to others. It serves
     /// them until then.
     StoreResult SetDraining(const RelayRecord& relay);
+    /// The same for a relay that another process may be, until a process joins as that relay again.
+    /// NotFound when there is none of that name, Refused when no other relay takes tunnels.
+    StoreResult Drain(const std::string& name, Drained& drained);
     /// The relay ends: it gets no new tunnels, and another process may become it at once.
     StoreResult Leave(const RelayRecord& relay);
 
