@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <exception>
 #include <map>
-#include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -23,6 +23,7 @@ namespace ZARO::RelayHub {
 namespace {
 
 constexpr std::int64_t kMostUses = kMaxDevices;
+constexpr std::size_t kShownAddresses = 10;
 constexpr std::int64_t kLongestInvitation = 365 * 24 * 60 * 60; // seconds
 
 std::string Quoted(const std::string& text) {
@@ -93,8 +94,8 @@ bool Admin::Find(const std::string& text, std::string& serial, Json::Value& repl
     const auto [kind, name] = KindAndName(text);
     if ((!kind.empty() && kind != "serial" && kind != "id" && kind != "alias") ||
         !IsMadeOf(name, 63, "-_.")) {
-        reply = AdminFailure(AdminCode::NotDone,
-                             Quoted(text) + " is no serial, server id or alias");
+        reply =
+            AdminFailure(AdminCode::NotDone, Quoted(text) + " is no serial, server id or alias");
         return false;
     }
     std::vector<std::string> serials;
@@ -109,9 +110,9 @@ bool Admin::Find(const std::string& text, std::string& serial, Json::Value& repl
         return false;
     }
     if (serials.size() > 1) {
-        reply = AdminFailure(AdminCode::NotDone,
-                             Quoted(text) + " means several devices; say serial:" + name +
-                                 ", id:" + name + " or alias:" + name);
+        reply = AdminFailure(AdminCode::NotDone, Quoted(text) +
+                                                     " means several devices; say serial:" + name +
+                                                     ", id:" + name + " or alias:" + name);
         return false;
     }
     serial = serials.front();
@@ -134,7 +135,7 @@ Json::Value Admin::Invite(const Json::Value& request) {
     if (store_.admission.Invite(invitation) != StoreResult::Done) {
         return Json::Value();
     }
-    Log(Level::Info, "admin", "made an invitation for %d devices, %lld s", invitation.uses,
+    Log(Level::Info, "admin", "made an invitation: uses %d, good for %lld s", invitation.uses,
         static_cast<long long>(seconds));
     Json::Value reply = AdminSuccess();
     reply["code"] = code;
@@ -151,7 +152,7 @@ Json::Value Admin::Admit(const Json::Value& request) {
     AdmitResult result = AdmitResult::Admitted;
     switch (store_.admission.Admit(serial, from, result)) {
     case StoreResult::Done:
-        return result == AdmitResult::Ambiguous ? Ambiguous(serial, from) : Admitted(serial, result);
+        return result == AdmitResult::Ambiguous ? Ambiguous(serial) : Admitted(serial, result);
     case StoreResult::NotFound:
         return AdminFailure(AdminCode::No,
                             "no device waits under the serial " + serial +
@@ -182,23 +183,28 @@ Json::Value Admin::Admitted(const std::string& serial, AdmitResult result) {
     }
 }
 
-Json::Value Admin::Ambiguous(const std::string& serial, const std::string& from) {
+Json::Value Admin::Ambiguous(const std::string& serial) {
     std::vector<PendingDevice> devices;
     if (store_.admission.Pending(devices) != StoreResult::Done) {
         return Json::Value();
     }
-    std::string addresses;
+    std::set<std::string> addresses;
     for (const PendingDevice& device : devices) {
-        if (device.serial == serial) {
-            addresses += (addresses.empty() ? "" : ", ") + device.address;
+        if (device.serial == serial && addresses.size() < kShownAddresses) {
+            addresses.insert(device.address);
         }
     }
-    return AdminFailure(
-        AdminCode::NotDone,
-        from.empty() ? "several devices ask as " + serial + ", from " + addresses +
-                           "; choose: zarorelay-hubctl admit " + serial + " --from ADDRESS"
-                     : "several devices ask as " + serial + " from " + from +
-                           "; forget " + serial + ", and give the right one an invitation");
+    if (addresses.size() < 2) {
+        return AdminFailure(AdminCode::NotDone, "several devices ask as " + serial +
+                                                    " from the same address; let the right one join"
+                                                    " with a code: zarorelay-hubctl invite");
+    }
+    std::string list;
+    for (const std::string& address : addresses) {
+        list += (list.empty() ? "" : ", ") + address;
+    }
+    return AdminFailure(AdminCode::NotDone, "several devices ask as " + serial +
+                                                "; choose one with --from ADDRESS: " + list);
 }
 
 Json::Value Admin::Ban(const Json::Value& request) {

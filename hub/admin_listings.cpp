@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/json.h"
@@ -92,7 +93,6 @@ template <typename Things> Json::Value RowsOf(const Things& things) {
     return rows;
 }
 
-/// `detail` without what only an admitted or banned device has.
 Json::Value DetailOf(const FleetDetail& detail) {
     Json::Value device = RowOf(detail.device);
     device["timezone"] = detail.timezone;
@@ -105,9 +105,9 @@ Json::Value DetailOf(const FleetDetail& detail) {
 
 Json::Value RolesOf(const Roles& roles) {
     Json::Value names(Json::arrayValue);
-    for (const auto& [isOne, name] : {std::pair(roles.control, "control"),
-                                      std::pair(roles.alias, "alias"),
-                                      std::pair(roles.relay, "relay")}) {
+    for (const auto& [isOne, name] :
+         {std::pair(roles.control, "control"), std::pair(roles.alias, "alias"),
+          std::pair(roles.relay, "relay")}) {
         if (isOne) {
             names.append(name);
         }
