@@ -60,7 +60,10 @@ std::optional<std::int64_t> ParseTime(const std::string& text) {
         return std::nullopt;
     }
     const char unit = text.back();
-    const std::int64_t factor = unit == 'm' ? kMinute : unit == 'h' ? kHour : unit == 'd' ? kDay : 0;
+    const std::int64_t factor = unit == 'm'   ? kMinute
+                                : unit == 'h' ? kHour
+                                : unit == 'd' ? kDay
+                                              : 0;
     const std::int64_t seconds = std::stol(text) * factor;
     return seconds >= 1 && seconds <= kLongest ? std::optional(seconds) : std::nullopt;
 }

@@ -86,9 +86,9 @@ void DescribeListings(Commands& commands, Values& values) {
     commands.WithJson(commands.Add(
         "device", "Show a device and its services", "SERIAL|ID|ALIAS",
         [](const Values& given) { return ShowDevice(given.data, given.text, given.json); }));
-    commands.WithJson(
-        commands.Add("relays", "List the relays",
-                     [](const Values& given) { return ListRelays(given.data, given.json); }));
+    commands.WithJson(commands.Add("relays", "List the relays", [](const Values& given) {
+        return ListRelays(given.data, given.json);
+    }));
 }
 
 void DescribeAdmission(Commands& commands, Values& values) {
@@ -98,13 +98,12 @@ void DescribeAdmission(Commands& commands, Values& values) {
         });
     invite->add_option("--uses", values.uses, "How many devices it admits; without it one")
         ->type_name("N")
-        ->check(Expect("a number from 1 to " + std::to_string(kMostUses),
-                       [](const std::string& text) {
-                           char* end = nullptr;
-                           const long number = strtol(text.c_str(), &end, 10);
-                           return !text.empty() && *end == '\0' && number >= 1 &&
-                                  number <= kMostUses;
-                       }));
+        ->check(
+            Expect("a number from 1 to " + std::to_string(kMostUses), [](const std::string& text) {
+                char* end = nullptr;
+                const long number = strtol(text.c_str(), &end, 10);
+                return !text.empty() && *end == '\0' && number >= 1 && number <= kMostUses;
+            }));
     invite->add_option("--expires", values.expires, "How long it is good for; without it 7d")
         ->type_name("TIME")
         ->check(Expect("a time like 30m, 12h or 7d, at most 365d",

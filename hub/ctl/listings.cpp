@@ -106,12 +106,9 @@ std::string LastCame(const Json::Value& device, std::int64_t now) {
 }
 
 Row DeviceRow(const Json::Value& device, std::int64_t now) {
-    return {{TextOrDash(device, "serial")},
-            {TextOrDash(device, "serverID")},
-            {TextOrDash(device, "alias")},
-            StateCell(device),
-            ServicesCell(device),
-            {LastCame(device, now)},
+    return {{TextOrDash(device, "serial")}, {TextOrDash(device, "serverID")},
+            {TextOrDash(device, "alias")},  StateCell(device),
+            ServicesCell(device),           {LastCame(device, now)},
             {TextOrDash(device, "from")}};
 }
 
