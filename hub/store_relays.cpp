@@ -150,12 +150,12 @@ StoreResult RelayStore::Alive(std::vector<RelayRecord>& relays) {
     });
 }
 
-StoreResult RelayStore::Free(std::vector<RelayRecord>& relays) {
-    return access_.Read("list of the free relays", [&](Database& database) {
+StoreResult RelayStore::Silent(std::chrono::seconds time, std::vector<RelayRecord>& relays) {
+    return access_.Read("list of the silent relays", [&](Database& database) {
         Query rows(database,
                    "SELECT key, name, host, first_port, last_port, load, seen, epoch FROM relay"
                    " WHERE state = 'up' AND owner <> '' AND seen + $1 <= unixepoch() ORDER BY key",
-                   Seconds(times_.alive));
+                   Seconds(time));
         relays = AllOf(rows);
         return StoreResult::Done;
     });

@@ -67,8 +67,8 @@ public:
     /// Where devices log in to a relay, a living one if possible; 0 = unknown. Blocks for the
     /// database every few seconds only.
     int SshPort();
-    /// The relays that another process may become, without those that were drained.
-    StoreResult Free(std::vector<RelayRecord>& relays);
+    /// The relays that have said nothing for this long, without those that were drained.
+    StoreResult Silent(std::chrono::seconds time, std::vector<RelayRecord>& relays);
 
     /// The keys of the living relays, the one with the fewest tunnels first; the next tunnel is
     /// taken to become that one's. To be called within a piece of work on the database. Throws
