@@ -149,6 +149,16 @@ bool LockRelayName(const std::string& folder, const std::string& name, UniqueFd&
                 "--relay-name: another relay named " + name + " runs on " + folder, lock, error);
 }
 
+UniqueFd WaitForFolder(const std::string& file) {
+    const std::string folder = std::filesystem::path(file).parent_path();
+    UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.IsOpen()) {
+        while (flock(opened.Get(), LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    return opened;
+}
+
 std::string HostKeyFile(const std::string& folder, const std::string& name) {
     return folder + "/" + RelayFile(name, kKeyEnd);
 }

@@ -149,23 +149,29 @@ Standing AdmissionStore::Wait(Database& database, const Applicant& applicant) {
           applicant.identity.serial, token, applicant.identity.serverId, applicant.identity.mac,
           applicant.address, applicant.network)
         .Run();
+    newcomers_.Log("store", "device %s from %s waits to be admitted",
+                   applicant.identity.serial.c_str(), applicant.address.c_str());
     return Standing::Pending;
 }
 
 int AdmissionStore::RetryAfter() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    const auto now = std::chrono::steady_clock::now();
-    if (counted_ != decltype(counted_)() && now < counted_ + kCounting) {
-        return retryAfter_;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto now = std::chrono::steady_clock::now();
+        if (now < counted_ + kCounting) {
+            return retryAfter_;
+        }
+        counted_ = now; // whoever asks meanwhile gets the last number
     }
-    counted_ = now;
-    (void)access_.Read("counting of pending devices", [this](Database& database) {
+    int asking = 0;
+    (void)access_.Read("counting of pending devices", [&asking](Database& database) {
         Query count(database, "SELECT count(*) FROM pending WHERE last_asked + $1 > unixepoch()",
                     kActiveSeconds);
-        const int asking = count.Next() ? count.Int(0) : 0;
-        retryAfter_ = std::clamp((asking + kAsksPerSecond - 1) / kAsksPerSecond, kSoonest, kLatest);
+        asking = count.Next() ? count.Int(0) : 0;
         return StoreResult::Done;
     });
+    const std::lock_guard<std::mutex> lock(mutex_);
+    retryAfter_ = std::clamp((asking + kAsksPerSecond - 1) / kAsksPerSecond, kSoonest, kLatest);
     return retryAfter_;
 }
 

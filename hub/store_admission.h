@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "hub/changes.h"
+#include "hub/log.h"
 #include "hub/store_access.h"
 #include "hub/store_devices.h"
 
@@ -87,12 +88,13 @@ private:
     /// Uses the code once and returns Admitted, or says what is wrong with it.
     static Standing UseCode(Database& database, const std::string& codeHash);
     /// The device waits from now on, unless too many do.
-    static Standing Wait(Database& database, const Applicant& applicant);
+    Standing Wait(Database& database, const Applicant& applicant);
     /// Takes everything from a device that may not have it any longer.
     static void Disconnect(Database& database, std::int64_t device, Changes& touched);
 
     StoreAccess& access_;
     DeviceStore& devices_;
+    LogQuota newcomers_{Level::Info};
 
     std::mutex mutex_; ///< for what follows
     int retryAfter_ = 5;
