@@ -55,8 +55,8 @@ bool IsRelayFile(const std::string& name) {
 }
 
 bool IsKnown(const std::string& name) {
-    constexpr std::array kDatabase = {"lock", "hub.db", "hub.db-wal", "hub.db-shm",
-                                      "hub.db-journal"};
+    constexpr std::array kDatabase = {"lock",           "hub.db",     "hub.db-wal", "hub.db-shm",
+                                      "hub.db-journal", "admin.sock", "admin.lock"};
     constexpr std::array kWritten = {"https.pem", "relay.key", "owner"};
     return std::find(kDatabase.begin(), kDatabase.end(), name) != kDatabase.end() ||
            IsRelayFile(name) ||

@@ -14,12 +14,12 @@
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
-#include "app/ctl/text.h"
 #include "base/folder.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
 #include "base/service_names.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 
