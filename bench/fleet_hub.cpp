@@ -26,7 +26,9 @@ std::string RunNetwork() {
 } // namespace
 
 FleetHub::FleetHub(const HubPlan& plan) : folder_(plan.folder), network_(RunNetwork()) {
-    hasRoles_ = Count(Outcome({plan.program, "--help"}), "--roles") > 0;
+    const std::string help = Outcome({plan.program, "--help"});
+    hasRoles_ = Count(help, "--roles") > 0;
+    admits_ = Count(help, "--admit") > 0 ? " --admit open" : "";
     if (!hasRoles_ && plan.devices > kDevicesPerHub) {
         throw std::runtime_error(
             Text("this hub runs as one process, which carries up to %d devices", kDevicesPerHub));
@@ -71,8 +73,8 @@ void FleetHub::PlanHost(const HubPlan& plan, int host) {
 void FleetHub::Add(const HubPlan& plan, HubPart part, const std::string& options) {
     const std::string data = folder_ + "/data" + std::to_string(part.host + 1) +
                              (part.isSpare ? part.name : ""); // as if on a machine of its own
-    part.line = Words(
-        options, {plan.program, "--data", data, "--address", part.address, "--log-level", "4"});
+    part.line = Words(options + admits_, {plan.program, "--data", data, "--address", part.address,
+                                          "--log-level", "4"});
     if (!plan.database.empty()) {
         part.line.insert(part.line.end(), {"--database", plan.database});
     }

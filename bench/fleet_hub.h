@@ -70,6 +70,7 @@ private:
 
     std::string folder_, network_;
     bool hasRoles_ = false;
+    std::string admits_; ///< the option that lets every device join, if it has one
     std::deque<HubPart> parts_;
 };
 

@@ -13,8 +13,10 @@
 
 namespace {
 std::string hubProgram;
-}
+std::string hubAdmits; ///< an older hub admits every device without the option
+} // namespace
 #define ZARO_HUB hubProgram
+#define ZARO_HUB_ADMITS hubAdmits
 #include "tests/support/hub_kit.h"
 
 namespace ZARO::RelayHub {
@@ -96,6 +98,7 @@ class Side : NoCopy {
 public:
     Side(const std::string& program, const LoadService& service) {
         hubProgram = fs::absolute(program);
+        hubAdmits = Count(Outcome({hubProgram, "--help"}), "--admit") > 0 ? "--admit open " : "";
         hub_ = std::make_unique<HubProcess>(2);
         std::string ids;
         for (int i = 0; i < kTunnels; ++i) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <optional>
 
+#include "base/invitation_code.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "hub/names.h"
@@ -124,6 +125,16 @@ bool TakeIdentity(const Json::Value& command, Identity& identity) {
     }
     identity.serverId = *id;
     return true;
+}
+
+bool TakeCode(const Json::Value& command, std::string& code) {
+    std::string typed;
+    if (!TakeText(command, "code", typed)) {
+        return false;
+    }
+    const std::optional<std::string> read = ReadInvitation(typed);
+    code = read.value_or("");
+    return read || typed.empty();
 }
 
 bool TakeNetwork(const Json::Value& command, Json::Value& network) {

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "base/json.h"
-#include "hub/command.h"
 #include "hub/log.h"
 #include "hub/secret.h"
 
@@ -110,9 +109,6 @@ void Control::AddReply(Batch& batch, Errno error, Json::Value reply) {
     Log(Level::Debug, "control", "%s: command %u of %u: errno %d",
         batch.device ? batch.device->serverId.c_str() : "stranger", batch.replies.size() + 1,
         batch.count, static_cast<int>(error));
-    if (error != Errno::Good) {
-        reply = Failure(error);
-    }
     reply["errno"] = static_cast<int>(error);
     batch.replies.append(std::move(reply));
 }
@@ -122,10 +118,12 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& re
     static const struct {
         const char* name;
         Handler handler;
-    } kCommands[] = {{"register", &Control::Register},
-                     {"update_network", &Control::UpdateNetwork},
-                     {"update_service", &Control::UpdateServices},
-                     {"wait_command", &Control::Wait}};
+        bool needsSession;
+    } kCommands[] = {{"register", &Control::Register, false},
+                     {"join", &Control::Join, false},
+                     {"update_network", &Control::UpdateNetwork, true},
+                     {"update_service", &Control::UpdateServices, true},
+                     {"wait_command", &Control::Wait, true}};
     if (!command.isObject() || !command["command"].isString() || !command["version"].isInt()) {
         return Errno::Input;
     }
@@ -135,7 +133,7 @@ Errno Control::Execute(const Json::Value& command, Batch& batch, Json::Value& re
     const std::string name = command["command"].asString();
     for (const auto& known : kCommands) {
         if (name == known.name) {
-            if (!batch.device && known.handler != &Control::Register) {
+            if (!batch.device && known.needsSession) {
                 return batch.storeFailed ? Errno::Unknown : Errno::NoSession;
             }
             return (this->*known.handler)(command, batch, reply);
@@ -152,6 +150,9 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value& r
     Device device;
     std::string session = RandomText(43); // 256 bits
     const StoreResult result = store_.devices.Register(identity, Sha256(session), device);
+    if (result == StoreResult::NotFound) {
+        return admission_.Register(identity, batch.origin, reply);
+    }
     if (result != StoreResult::Done) {
         refusals_.Log("control", "device %s from %s is not admitted (%d)", identity.serial.c_str(),
                       batch.origin.peer.c_str(), static_cast<int>(ErrnoOf(result)));
@@ -173,13 +174,26 @@ Errno Control::Register(const Json::Value& command, Batch& batch, Json::Value& r
     return Errno::Good;
 }
 
+Errno Control::Join(const Json::Value& command, Batch& batch, Json::Value& reply) {
+    Identity identity;
+    std::string code;
+    if (!TakeIdentity(command, identity) || !TakeCode(command, code)) {
+        return Errno::Input;
+    }
+    return admission_.Join(identity, code, batch.origin, reply);
+}
+
 Errno Control::UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value& reply) {
     Json::Value network;
     if (!TakeNetwork(command, network)) {
         return Errno::Input;
     }
-    reply["mode"] = "relay";
-    return ErrnoOf(store_.devices.SetNetwork(batch.device->key, json::Compact(network)));
+    const Errno error =
+        Settle(batch, store_.devices.SetNetwork(batch.device->key, json::Compact(network)));
+    if (error == Errno::Good) {
+        reply["mode"] = "relay";
+    }
+    return error;
 }
 
 Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Value&) {
@@ -195,7 +209,7 @@ Errno Control::UpdateServices(const Json::Value& command, Batch& batch, Json::Va
     if (result == StoreResult::Done) {
         ServicesChanged(batch.device->key, touched);
     }
-    return ErrnoOf(result);
+    return Settle(batch, result);
 }
 
 Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply) {
@@ -214,9 +228,9 @@ Errno Control::Wait(const Json::Value& command, Batch& batch, Json::Value& reply
         return Errno::Good;
     }
     int revision = 0;
-    return store_.services.Revision(batch.device->key, revision) == StoreResult::Done
-               ? ListTunnels(batch, revision, reply)
-               : Errno::Unknown;
+    const StoreResult result = store_.services.Revision(batch.device->key, revision);
+    return result == StoreResult::Done ? ListTunnels(batch, revision, reply)
+                                       : Settle(batch, result);
 }
 
 bool Control::FinishWait(Batch& batch, std::optional<int> revision) noexcept {
@@ -224,7 +238,7 @@ bool Control::FinishWait(Batch& batch, std::optional<int> revision) noexcept {
         Json::Value reply(Json::objectValue);
         const Errno error =
             revision ? ListTunnels(batch, *revision, reply) : RepeatList(batch, reply);
-        if (revision && error != Errno::Good) {
+        if (revision && error == Errno::Unknown) {
             return false;
         }
         AddReply(batch, error, std::move(reply));
@@ -235,6 +249,13 @@ bool Control::FinishWait(Batch& batch, std::optional<int> revision) noexcept {
     return true;
 }
 
+Errno Control::Settle(const Batch& batch, StoreResult result) {
+    if (result == StoreResult::NotFound) {
+        sessions_.Forget(batch.device->key);
+    }
+    return ErrnoOf(result);
+}
+
 Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply) {
     std::vector<TunnelRecord> tunnels;
     const StoreResult result = store_.services.ListTunnels(batch.device->key, tunnels);
@@ -242,7 +263,7 @@ Errno Control::ListTunnels(const Batch& batch, int revision, Json::Value& reply)
         told_.Note(batch.device->key, revision, tunnels);
         Describe(batch, revision, tunnels, reply);
     }
-    return ErrnoOf(result);
+    return Settle(batch, result);
 }
 
 Errno Control::RepeatList(const Batch& batch, Json::Value& reply) {

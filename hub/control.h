@@ -12,7 +12,9 @@
 
 #include <json/value.h>
 
+#include "hub/admission.h"
 #include "hub/changes.h"
+#include "hub/command.h"
 #include "hub/log.h"
 #include "hub/origin.h"
 #include "hub/session_cache.h"
@@ -21,18 +23,6 @@
 #include "hub/waiters.h"
 
 namespace ZARO::RelayHub {
-
-/// The numbers of the protocol.
-enum class Errno {
-    Good = 0,
-    Unknown = 1,
-    Auth = 2,
-    NoSuchCommand = 3,
-    Version = 5,
-    NoSession = 6,
-    Input = 9,
-    Limit = 11,
-};
 
 /// What control needs of the relay.
 struct RelayControl {
@@ -53,7 +43,7 @@ public:
     Control(Store& store, Waiters& waiters, RelayControl relay, std::string relayHost,
             Spread spread = nullptr)
         : store_(store), waiters_(waiters), relay_(std::move(relay)),
-          relayHost_(std::move(relayHost)), spread_(std::move(spread)) {}
+          relayHost_(std::move(relayHost)), spread_(std::move(spread)), admission_(store) {}
 
     /// Answers one batch; `session` is the one that came with it, or "". Calls `finish` once: from
     /// within, or later from another worker if the last command is held, which the ticket then
@@ -79,14 +69,17 @@ private:
 
     Waiters::Ticket AnswerArray(const std::string& body, const std::shared_ptr<Batch>& batch);
     void FindDevice(Batch& batch);
-    void AddReply(Batch& batch, Errno error, Json::Value reply);
+    static void AddReply(Batch& batch, Errno error, Json::Value reply);
     Errno Execute(const Json::Value& command, Batch& batch, Json::Value& reply);
     Errno Register(const Json::Value& command, Batch& batch, Json::Value& reply);
+    Errno Join(const Json::Value& command, Batch& batch, Json::Value& reply);
     Errno UpdateNetwork(const Json::Value& command, Batch& batch, Json::Value& reply);
     Errno UpdateServices(const Json::Value& command, Batch& batch, Json::Value& reply);
     Errno Wait(const Json::Value& command, Batch& batch, Json::Value& reply);
     /// The hold is over. False when the store failed.
     bool FinishWait(Batch& batch, std::optional<int> revision) noexcept;
+    /// Notices when the device is no longer admitted.
+    Errno Settle(const Batch& batch, StoreResult result);
     Errno ListTunnels(const Batch& batch, int revision, Json::Value& reply);
     /// Tells the device again what it knows, as the database is away.
     Errno RepeatList(const Batch& batch, Json::Value& reply);
@@ -103,6 +96,7 @@ private:
     const RelayControl relay_;
     const std::string relayHost_;
     const Spread spread_;
+    Admission admission_;
     SessionCache sessions_;
     ToldLists told_;
     LogQuota refusals_;

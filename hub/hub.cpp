@@ -54,6 +54,7 @@ struct Hub::Parts {
     bool IsUp(const TunnelRecord& tunnel) const;
     bool StartRoles(std::string& error);
     bool StartWeb(std::string& error);
+    HubFacts Facts();
 
     const HubOptions& options;
     const bool isAlone; ///< no other process uses the database
@@ -70,6 +71,7 @@ struct Hub::Parts {
     std::unique_ptr<Web> http;
     std::unique_ptr<Web> https;
     std::atomic<bool> useless{false};
+    std::atomic<int> aliasPort{0}; ///< 0 = no alias pages here (yet)
 };
 
 Hub::Parts::Parts(const HubOptions& given)
@@ -86,6 +88,9 @@ Hub::Parts::Parts(const HubOptions& given)
       alias(
           store, given.aliasTtl, [this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
           given.relayHost) {
+    if (!given.admitsAll) {
+        store.devices.AdmitListedOnly();
+    }
 }
 
 bool Hub::Parts::IsUp(const TunnelRecord& tunnel) const {
@@ -155,10 +160,19 @@ bool Hub::Parts::StartRoles(std::string& error) {
                      error);
 }
 
+HubFacts Hub::Parts::Facts() {
+    const auto sshPort = [this] {
+        const int own = relay ? relay->Port() : 0;
+        return own != 0 ? own : store.relays.SshPort();
+    };
+    return {options.admitsAll, [this] { return aliasPort.load(); }, sshPort};
+}
+
 bool Hub::Parts::StartWeb(std::string& error) {
     WebPages pages;
     if (options.roles.control) {
         pages.merge(ControlPages(control, waiters));
+        pages.merge(FactPages(Facts()));
     }
     if (options.httpPort >= 0) {
         http = std::make_unique<Web>(loops, pages, nullptr);
@@ -179,7 +193,11 @@ bool Hub::Parts::StartWeb(std::string& error) {
         return false;
     }
     https = std::make_unique<Web>(loops, pages, std::move(tls));
-    return https->Start(options.address, options.httpsPort, error);
+    if (!https->Start(options.address, options.httpsPort, error)) {
+        return false;
+    }
+    aliasPort = options.roles.alias ? https->Port() : 0;
+    return true;
 }
 
 Hub::Hub(HubOptions options) : options_(std::move(options)) {

@@ -32,6 +32,7 @@ struct HubOptions {
     std::string database;            ///< URL with a password; empty = SQLite in `data`
     std::string relayName = "relay"; ///< which of the relays that share a database this one is
     bool relaySpare = false;         ///< has no name of its own, but takes that of a dead relay
+    bool admitsAll = false;          ///< else the operator decides which devices may join
     bool drain = false;              ///< hands everything over before it ends on SIGTERM
 };
 

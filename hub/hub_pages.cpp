@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "base/json.h"
 #include "hub/http_form.h"
 
 namespace ZARO::RelayHub {
@@ -27,7 +28,37 @@ void AnswerBatch(Control& control, Waiters& waiters, const std::shared_ptr<WebEx
     exchange->OnHangUp([&waiters, held] { waiters.Leave(held); });
 }
 
+std::string Describe(const HubFacts& facts, const Origin& origin) {
+    Json::Value document(Json::objectValue);
+    document["hub"] = "zarorelay";
+    document["protocol"] = 1;
+    document["version"] = ZARO_VERSION;
+    document["admission"] = facts.admitsAll ? "open" : "listed";
+    Json::Value& control = document["control"];
+    control["protocol"] = origin.scheme;
+    control["host"] = origin.host;
+    control["port"] = origin.port;
+    if (const int port = facts.aliasPort()) {
+        // Whoever came over HTTPS is to take the same way, whatever port it leads to here.
+        const int way = origin.scheme == "https" ? origin.port : port;
+        document["alias"]["url"] = "https://" + origin.host + ":" + std::to_string(way);
+    }
+    if (const int port = facts.sshPort()) {
+        document["relay"]["ssh_port"] = port;
+    }
+    return json::Compact(document);
+}
+
 } // namespace
+
+WebPages FactPages(HubFacts facts) {
+    WebPages pages;
+    pages[std::string(kGet) + "/.well-known/zarorelay"] =
+        [facts = std::move(facts)](const std::shared_ptr<WebExchange>& exchange) {
+            exchange->Answer({Describe(facts, exchange->Request().origin), "application/json", ""});
+        };
+    return pages;
+}
 
 WebPages ControlPages(Control& control, Waiters& waiters) {
     WebPages pages;

@@ -28,6 +28,7 @@ struct Given {
     std::string ports = "20000-29999";
     std::string roles;
     std::string databaseFile;
+    std::string admit = "listed";
     long aliasTtl = 259200;
     int hold = 50;
 };
@@ -147,6 +148,9 @@ void DescribeFleet(CLI::App& app, Given& given) {
 void Describe(CLI::App& app, Given& given) {
     app.add_option("--data", given.line.hub.data, "folder for everything that is kept")->required();
     DescribeListeners(app, given);
+    app.add_option("--admit", given.admit, "which unknown devices may join: listed or open")
+        ->check(Expect("listed or open",
+                       [](const std::string& text) { return text == "listed" || text == "open"; }));
     app.add_option("--alias-ttl", given.aliasTtl, "seconds that an alias lasts unrenewed")
         ->check(Number(1, 1000000000));
     app.add_option("--hold", given.hold, "seconds that a wait command is held")
@@ -197,6 +201,7 @@ bool Finish(Given& given, std::string& error) {
     if (!given.roles.empty()) {
         (void)ParseRoles(given.roles, hub.roles); // checked already
     }
+    hub.admitsAll = given.admit == "open";
     hub.aliasTtl = std::chrono::seconds(given.aliasTtl);
     hub.hold = std::chrono::seconds(given.hold);
     error = Contradiction(given);

@@ -1,6 +1,7 @@
 /// How a request reached the hub.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -11,7 +12,8 @@ struct Origin {
     std::string scheme; ///< "http" or "https"
     std::string host;   ///< an IPv6 address is in brackets
     int port = 0;
-    std::string peer; ///< address of the client
+    std::string peer;         ///< address of the client
+    std::int64_t network = 0; ///< of the client, see NetworkOf()
 };
 
 /// Takes a Host header apart. `peer` stays empty. Nothing when the header is malformed.

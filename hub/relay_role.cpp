@@ -75,6 +75,7 @@ bool RelayRole::Become(const std::string& name, std::string& error) {
         !ListenTcp(options_.address, options_.relayPort, listener, error)) {
         return false;
     }
+    identity.sshPort = PortOf(listener.Get());
     const StoreResult joined = Join(identity, error);
     if (joined == StoreResult::Fault && options_.database.empty() && !options_.relaySpare) {
         error.clear();
@@ -90,6 +91,7 @@ bool RelayRole::Serve(UniqueFd listener, const std::string& hostKey, std::string
     const Member member = CurrentMember();
     const bool isShared = member != nullptr && !member->Relay().hostKey.empty();
     if (relay_.Start(std::move(listener), isShared ? member->Relay().hostKey : hostKey, error)) {
+        port_ = relay_.Port();
         return true;
     }
     Leave();
@@ -150,6 +152,7 @@ bool RelayRole::GetOwner(std::string& owner, std::string& error) const {
 
 void RelayRole::Lost() {
     const std::lock_guard<std::mutex> lock(life_);
+    port_ = 0;
     key_ = -1; // no relay's: what the database says of the tunnels holds
     store_.ports.UseRelay(0, nullptr);
     relay_.Stop();

@@ -43,7 +43,7 @@ public:
     /// Ends every session and gives the identity back.
     void Stop();
     /// The SSH port; 0 = it does not listen (yet).
-    int Port() const { return relay_.Port(); }
+    int Port() const { return port_; }
 
     /// Whether the tunnel's port is open for visitors: as this relay knows, or as the tunnel's own
     /// relay reported.
@@ -88,6 +88,7 @@ private:
     const Actions actions_;
     UniqueFd nameLock_;
     TunnelBook book_;
+    std::atomic<int> port_{0};
     std::atomic<std::int64_t> key_; ///< of the relay; 0 = unknown as yet, -1 = this is none
     Relay relay_;
     std::shared_ptr<RelaySpare> spare_;

@@ -61,9 +61,8 @@ bool IsCurrent(Database& database) {
     return version == kVersion;
 }
 
-/// Within a transaction.
-void Upgrade(Database& database) {
-    const int version = VersionOf(database);
+/// Within a transaction, as the next one. From none or version 1.
+void UpgradeTo2(Database& database, int version) {
     if (version == 0) {
         Make(database, kDeviceTables);
     } else {
@@ -74,6 +73,14 @@ void Upgrade(Database& database) {
     if (version == 1) {
         database.Execute(kFromVersion1);
     }
+}
+
+void Upgrade(Database& database) {
+    const int version = VersionOf(database);
+    if (version < 2) {
+        UpgradeTo2(database, version);
+    }
+    Make(database, kAdmissionTables);
     const std::string number = std::to_string(kVersion);
     const char* note = database.Sql("PRAGMA user_version = ", "INSERT INTO hub_schema VALUES(");
     database.Execute((note + number + database.Sql("", ")")).c_str());

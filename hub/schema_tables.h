@@ -4,7 +4,7 @@
 
 namespace ZARO::RelayHub {
 
-constexpr int kVersion = 2; // of the tables
+constexpr int kVersion = 3; // of the tables
 
 /// What version 1 had already.
 constexpr char kDeviceTables[] = R"(
@@ -68,6 +68,32 @@ CREATE VIEW tunnel AS
     SELECT device, id, service.name AS name, port, service.relay AS relay, host, relay_port,
            relay_user, relay_password, up
     FROM service JOIN relay ON relay.key = service.relay;
+)";
+
+/// What version 3 adds. Devices that were known before are admitted, nobody knows since when.
+constexpr char kAdmissionTables[] = R"(
+ALTER TABLE device ADD COLUMN registered BIGINT NOT NULL DEFAULT 0;
+ALTER TABLE device ADD COLUMN admitted_at BIGINT NOT NULL DEFAULT 0;
+ALTER TABLE relay ADD COLUMN ssh_port BIGINT NOT NULL DEFAULT 0;
+CREATE TABLE pending(
+    serial TEXT NOT NULL,
+    token TEXT NOT NULL,
+    server_id TEXT NOT NULL,
+    mac TEXT NOT NULL,
+    address TEXT NOT NULL,
+    network BIGINT NOT NULL,
+    first_asked BIGINT NOT NULL,
+    last_asked BIGINT NOT NULL,
+    PRIMARY KEY(serial, token)){clustered};
+CREATE INDEX pending_network ON pending(network);
+CREATE INDEX pending_asked ON pending(last_asked);
+CREATE TABLE invitation(
+    hash TEXT PRIMARY KEY,
+    uses BIGINT NOT NULL,
+    expires BIGINT NOT NULL){clustered};
+CREATE TABLE ban(
+    serial TEXT PRIMARY KEY,
+    since BIGINT NOT NULL){clustered};
 )";
 
 /// For the processes of one host, which have no other way to tell each other of changes.

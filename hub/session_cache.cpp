@@ -27,6 +27,12 @@ void SessionCache::Renew(const std::string& session, const Device& device) {
     Put(session, device);
 }
 
+void SessionCache::Forget(std::int64_t device) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++registrations_; // what is being looked up may have ended as well
+    Drop(device);
+}
+
 void SessionCache::Put(const std::string& session, const Device& device) {
     if (devices_.size() >= kMost) {
         Drop(devices_.begin()->second.key);

@@ -27,6 +27,8 @@ public:
     void Add(const std::string& session, const Device& device, unsigned state);
     /// The device registered and got this session. Its others may have ended.
     void Renew(const std::string& session, const Device& device);
+    /// The device is no longer admitted, so its sessions have ended.
+    void Forget(std::int64_t device);
 
 private:
     void Put(const std::string& session, const Device& device);

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "hub/store_access.h"
+#include "hub/store_admission.h"
 #include "hub/store_aliases.h"
 #include "hub/store_devices.h"
 #include "hub/store_moves.h"
@@ -29,6 +30,7 @@ public:
     bool Open(const std::string& target, PortPool pool, std::string& error);
 
     DeviceStore devices{access_};
+    AdmissionStore admission{access_, devices};
     PortStore ports{access_};
     ServiceStore services{access_, ports};
     AliasStore aliases{access_};

@@ -63,11 +63,24 @@ StoreResult StoreAccess::Failed(const char* what, const std::exception& fault, b
 }
 
 bool LockDevice(Database& database, std::int64_t device) {
-    Query lock(database,
-               database.Sql("SELECT 1 FROM device WHERE key = $1",
-                            "SELECT 1 FROM device WHERE key = $1 FOR UPDATE"),
-               device);
-    return lock.Next();
+    std::string serial;
+    {
+        Query lock(database,
+                   database.Sql("SELECT serial FROM device WHERE key = $1",
+                                "SELECT serial FROM device WHERE key = $1 FOR UPDATE"),
+                   device);
+        if (!lock.Next()) {
+            return false;
+        }
+        serial = lock.Text(0);
+    }
+    // A statement of its own: the one above does not see a ban that it had to wait for.
+    return !IsBanned(database, serial);
+}
+
+bool IsBanned(Database& database, const std::string& serial) {
+    Query ban(database, "SELECT 1 FROM ban WHERE serial = $1", serial);
+    return ban.Next();
 }
 
 } // namespace ZARO::RelayHub

@@ -46,7 +46,10 @@ private:
 };
 
 /// Locks the device's row, so that two hosts don't change one device at the same time: the first
-/// step of a transaction that changes it. False when there is no such device.
+/// step of a transaction that changes it. False when there is no such device or it is banned.
 bool LockDevice(Database& database, std::int64_t device);
+
+/// Whether the operator has banned whoever has this serial.
+bool IsBanned(Database& database, const std::string& serial);
 
 } // namespace ZARO::RelayHub

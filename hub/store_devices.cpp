@@ -8,24 +8,6 @@ namespace {
 
 constexpr auto kCounting = std::chrono::seconds(10);
 
-/// The serial goes in too, so that equal tokens of two devices don't look equal on disk.
-std::string HashToken(const std::string& serial, const std::string& token) {
-    return Sha256(serial + "\n" + token);
-}
-
-bool HasAnotherDevice(Database& database, const std::string& serverId, std::int64_t device) {
-    Query other(database, "SELECT 1 FROM device WHERE server_id = $1 AND key <> $2", serverId,
-                device);
-    return other.Next();
-}
-
-StoreResult Change(Database& database, const Identity& identity, std::int64_t key) {
-    Query(database, "UPDATE device SET server_id = $1, mac = $2, timezone = $3 WHERE key = $4",
-          identity.serverId, identity.mac, identity.timezone, key)
-        .Run();
-    return StoreResult::Done;
-}
-
 void AddSession(Database& database, std::int64_t device, const std::string& session) {
     Query(database, "INSERT INTO session(hash, device) VALUES($1, $2)", session, device).Run();
     Query(database,
@@ -35,7 +17,23 @@ void AddSession(Database& database, std::int64_t device, const std::string& sess
         .Run();
 }
 
+std::string HashOf(const std::string& serial, const std::string& token) {
+    return Sha256(serial + "\n" + token);
+}
+
+void Note(Database& database, const Identity& identity, std::int64_t key) {
+    Query(database,
+          "UPDATE device SET server_id = $1, mac = $2, timezone = $3, registered = unixepoch()"
+          " WHERE key = $4",
+          identity.serverId, identity.mac, identity.timezone, key)
+        .Run();
+}
+
 } // namespace
+
+std::string HashToken(const Identity& identity) {
+    return HashOf(identity.serial, identity.token);
+}
 
 std::int64_t DeviceStore::Count() {
     std::int64_t known = 0;
@@ -82,41 +80,46 @@ StoreResult DeviceStore::Add(Database& database, const Identity& identity, const
     if (!TakeRoom(database)) {
         return StoreResult::Full;
     }
-    Query add(
-        database,
-        "INSERT INTO device(serial, token, server_id, mac, timezone) VALUES($1, $2, $3, $4, $5)"
-        " RETURNING key",
-        identity.serial, token, identity.serverId, identity.mac, identity.timezone);
+    Query add(database,
+              "INSERT INTO device(serial, token, server_id, mac, timezone, admitted_at)"
+              " VALUES($1, $2, $3, $4, $5, unixepoch()) RETURNING key",
+              identity.serial, token, identity.serverId, identity.mac, identity.timezone);
     if (add.Next()) {
         key = add.Integer(0);
     }
     return StoreResult::Done;
 }
 
-StoreResult DeviceStore::Admit(Database& database, const Identity& identity, std::int64_t& key) {
-    const std::string token = HashToken(identity.serial, identity.token);
+bool DeviceStore::HasAnother(Database& database, const std::string& serverId, std::int64_t key) {
+    Query other(database, "SELECT 1 FROM device WHERE server_id = $1 AND key <> $2", serverId, key);
+    return other.Next();
+}
+
+Standing DeviceStore::Judge(Database& database, const Identity& identity, std::int64_t& key) {
+    key = 0;
+    bool hasSameToken = true, hasSameId = false;
     {
         Query known(database,
-                    database.Sql("SELECT key, token, server_id, mac, timezone FROM device"
-                                 " WHERE serial = $1",
-                                 "SELECT key, token, server_id, mac, timezone FROM device"
-                                 " WHERE serial = $1 FOR UPDATE"),
+                    database.Sql("SELECT key, token, server_id FROM device WHERE serial = $1",
+                                 "SELECT key, token, server_id FROM device WHERE serial = $1"
+                                 " FOR UPDATE"),
                     identity.serial);
         if (known.Next()) {
-            if (!EqualSecrets(known.Text(1), token)) {
-                return StoreResult::Refused;
-            }
             key = known.Integer(0);
-            if (known.Text(2) == identity.serverId && known.Text(3) == identity.mac &&
-                known.Text(4) == ValidText(identity.timezone)) {
-                return StoreResult::Done;
-            }
+            hasSameToken = EqualSecrets(known.Text(1), HashToken(identity));
+            hasSameId = known.Text(2) == identity.serverId;
         }
     }
-    if (HasAnotherDevice(database, identity.serverId, key)) {
-        return StoreResult::Refused;
+    if (IsBanned(database, identity.serial)) {
+        return Standing::Banned;
     }
-    return key == 0 ? Add(database, identity, token, key) : Change(database, identity, key);
+    if (!hasSameToken) {
+        return Standing::OtherToken;
+    }
+    if (!hasSameId && HasAnother(database, identity.serverId, key)) {
+        return Standing::OtherId;
+    }
+    return key == 0 ? Standing::Unknown : Standing::Admitted;
 }
 
 bool DeviceStore::HasAny() {
@@ -130,9 +133,16 @@ StoreResult DeviceStore::Register(const Identity& identity, const std::string& s
                                   Device& device) {
     std::int64_t key = 0;
     const StoreResult result = access_.Write("register", [&](Database& database) {
-        key = 0;
-        const StoreResult admitted = Admit(database, identity, key);
+        const Standing standing = Judge(database, identity, key);
+        StoreResult admitted = StoreResult::Done;
+        if (standing == Standing::Unknown) {
+            admitted = admitsAll_ ? Add(database, identity, HashToken(identity), key)
+                                  : StoreResult::NotFound;
+        } else if (standing != Standing::Admitted) {
+            admitted = StoreResult::Refused;
+        }
         if (admitted == StoreResult::Done) {
+            Note(database, identity, key);
             AddSession(database, key, session);
             Query(database, "UPDATE service SET stale = 1 WHERE device = $1", key).Run();
         }
@@ -162,17 +172,20 @@ StoreResult DeviceStore::Authenticate(const std::string& serial, const std::stri
                                       const std::string& serverId, Device& device) {
     return access_.Read("authentication", [&](Database& database) {
         Query known(database, "SELECT key, token, server_id FROM device WHERE serial = $1", serial);
-        if (!known.Next() || !EqualSecrets(known.Text(1), HashToken(serial, token)) ||
+        if (!known.Next() || !EqualSecrets(known.Text(1), HashOf(serial, token)) ||
             known.Text(2) != serverId) {
             return StoreResult::Refused;
         }
         device = {known.Integer(0), serverId};
-        return StoreResult::Done;
+        return IsBanned(database, serial) ? StoreResult::Refused : StoreResult::Done;
     });
 }
 
 StoreResult DeviceStore::SetNetwork(std::int64_t device, const std::string& network) {
     return access_.Write("network update", [&](Database& database) {
+        if (!LockDevice(database, device)) {
+            return StoreResult::NotFound;
+        }
         Query(database, "UPDATE device SET network = $1 WHERE key = $2", network, device).Run();
         return StoreResult::Done;
     });

@@ -8,6 +8,7 @@ namespace ZARO::RelayHub {
 namespace {
 
 constexpr std::chrono::seconds kFresh(1);
+constexpr std::chrono::seconds kSshPortFresh(5);
 
 std::int64_t Seconds(std::chrono::seconds time) {
     return time.count();
@@ -98,12 +99,13 @@ StoreResult RelayStore::Join(const RelayIdentity& identity, RelayRecord& relay) 
         relay = Merge(former.relay, identity, database.IsShared());
         // On one host the key stays in the data folder.
         const std::string kept = database.IsShared() ? relay.hostKey : "";
-        Query(database,
-              "UPDATE relay SET host = $2, owner = $3, key_text = $4, first_port = $5,"
-              " last_port = $6, load = 0, state = 'up', seen = unixepoch(), epoch = $7"
-              " WHERE key = $1",
-              relay.key, relay.host, identity.owner, kept, relay.firstPort, relay.lastPort,
-              relay.epoch)
+        Query(
+            database,
+            "UPDATE relay SET host = $2, owner = $3, key_text = $4, first_port = $5,"
+            " last_port = $6, load = 0, state = 'up', seen = unixepoch(), epoch = $7, ssh_port = $8"
+            " WHERE key = $1",
+            relay.key, relay.host, identity.owner, kept, relay.firstPort, relay.lastPort,
+            relay.epoch, identity.sshPort)
             .Run();
         return StoreResult::Done;
     });
@@ -157,6 +159,31 @@ StoreResult RelayStore::Free(std::vector<RelayRecord>& relays) {
         relays = AllOf(rows);
         return StoreResult::Done;
     });
+}
+
+int RelayStore::SshPort() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (Clock::now() < sshPortFresh_) {
+            return sshPort_;
+        }
+    }
+    int port = 0;
+    const StoreResult read = access_.Read("look-up of the relays' port", [&](Database& database) {
+        Query row(database,
+                  "SELECT ssh_port FROM relay WHERE ssh_port > 0"
+                  " ORDER BY CASE WHEN seen + $1 > unixepoch() THEN 0 ELSE 1 END, key LIMIT 1",
+                  Seconds(times_.alive));
+        port = row.Next() ? row.Int(0) : 0;
+        return StoreResult::Done;
+    });
+    // Not before: others take the lock while they work on the database.
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (read == StoreResult::Done) {
+        sshPort_ = port;
+        sshPortFresh_ = Clock::now() + kSshPortFresh;
+    }
+    return sshPort_;
 }
 
 std::vector<std::int64_t> RelayStore::Choose(Database& database) {

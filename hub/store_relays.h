@@ -25,6 +25,7 @@ struct RelayIdentity {
     std::string owner; ///< a random id of this process's data folder, which survives a restart
     int firstPort = 0, lastPort = 0; ///< of the tunnels; 0 = those that the relay had before
     std::string hostKey;             ///< as text, for a relay that has none yet
+    int sshPort = 0;                 ///< where devices log in
 };
 
 struct RelayRecord {
@@ -63,6 +64,9 @@ public:
 
     /// The relays that live and take new tunnels.
     StoreResult Alive(std::vector<RelayRecord>& relays);
+    /// Where devices log in to a relay, a living one if possible; 0 = unknown. Blocks for the
+    /// database every few seconds only.
+    int SshPort();
     /// The relays that another process may become, without those that were drained.
     StoreResult Free(std::vector<RelayRecord>& relays);
 
@@ -91,6 +95,8 @@ private:
     std::mutex mutex_; ///< guards the following
     std::map<std::int64_t, Candidate> candidates_;
     Clock::time_point fresh_; ///< until when the candidates are good
+    int sshPort_ = 0;
+    Clock::time_point sshPortFresh_; ///< until when that is good
 };
 
 } // namespace ZARO::RelayHub

@@ -36,6 +36,14 @@ std::vector<TunnelRecord> TunnelsOfRows(Query& rows) {
     return tunnels;
 }
 
+bool IsAdmitted(Database& database, std::int64_t device) {
+    Query row(database,
+              "SELECT 1 FROM device WHERE key = $1"
+              " AND NOT EXISTS (SELECT 1 FROM ban WHERE ban.serial = device.serial)",
+              device);
+    return row.Next();
+}
+
 int Bump(Database& database, std::int64_t device) {
     Query change(database,
                  "UPDATE device SET revision = revision % 2147483647 + 1 WHERE key = $1"
@@ -202,6 +210,14 @@ bool ServiceStore::Add(Database& database, std::int64_t device, const ServiceRec
     return true;
 }
 
+void ServiceStore::RemoveAll(Database& database, std::int64_t device,
+                             std::vector<TunnelKey>& gone) {
+    for (const auto& [id, service] : ServicesOf(database, device)) {
+        Remove(database, device, id, gone);
+    }
+    (void)Bump(database, device);
+}
+
 StoreResult ServiceStore::DropStale(std::int64_t device, std::vector<TunnelKey>& touched) {
     std::vector<TunnelKey> users;
     const StoreResult result = access_.Write("service removal", [&](Database& database) {
@@ -224,7 +240,9 @@ StoreResult ServiceStore::ListTunnels(std::int64_t device, std::vector<TunnelRec
     return access_.Read("tunnel list", [&](Database& database) {
         Query rows(database, "SELECT * FROM tunnel WHERE device = $1 ORDER BY id", device);
         tunnels = TunnelsOfRows(rows);
-        return StoreResult::Done;
+        // A device that is banned or gone has none.
+        return !tunnels.empty() || IsAdmitted(database, device) ? StoreResult::Done
+                                                                : StoreResult::NotFound;
     });
 }
 

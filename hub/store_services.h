@@ -59,7 +59,7 @@ public:
     /// Removes the services that the device has not named since it registered; `touched` as above.
     StoreResult DropStale(std::int64_t device, std::vector<TunnelKey>& touched);
 
-    /// The device's tunnels in order of their ids.
+    /// The device's tunnels in order of their ids. NotFound when it is no longer admitted.
     StoreResult ListTunnels(std::int64_t device, std::vector<TunnelRecord>& tunnels);
     /// The tunnels that the relay carries.
     StoreResult TunnelsOf(std::int64_t relay, std::vector<TunnelRecord>& tunnels);
@@ -78,6 +78,10 @@ public:
     /// The relay has no session any more, as at its start: all of its tunnels are down, and their
     /// devices' lists get their next revision.
     StoreResult ReportRelayDown(std::int64_t relay);
+
+    /// A step of a piece of work on the database: removes all services of the device, frees their
+    /// ports and gives the list its next revision. Adds the tunnels that ceased to be to `gone`.
+    static void RemoveAll(Database& database, std::int64_t device, std::vector<TunnelKey>& gone);
 
 private:
     /// A step of a piece of work on the database: a new tunnel, unless every port is taken.

@@ -177,11 +177,12 @@ bool Waiters::TryToAnswer(const SeatPointer& seat, bool& storeFailed) {
     if (result == StoreResult::Done && !isEnding && revision == seat->seen) {
         return false;
     }
-    if (result == StoreResult::Done && seat->answer(revision)) {
+    const bool isKnown = result == StoreResult::Done || result == StoreResult::NotFound;
+    if (isKnown && seat->answer(revision)) { // 0 when the device is gone
         return true;
     }
-    storeFailed = result != StoreResult::NotFound;
-    return (!storeFailed || IsHopeless(*seat)) && seat->answer(std::nullopt);
+    storeFailed = true;
+    return IsHopeless(*seat) && seat->answer(std::nullopt);
 }
 
 bool Waiters::IsHopeless(const Seat& seat) const {

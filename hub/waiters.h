@@ -26,9 +26,9 @@ class Waiters {
     struct Seat;
 
 public:
-    /// Answers with the list, whose revision is given; false = the store failed, so that it is
-    /// called again later. Without a revision it is to answer that the hub failed. Called on a
-    /// worker, one call at a time; must not throw.
+    /// Answers with the list, whose revision is given, 0 = the device is gone; false = the store
+    /// failed, so that it is called again later. Without a revision it is to answer that the hub
+    /// failed. Called on a worker, one call at a time; must not throw.
     using Answer = std::function<bool(std::optional<int> revision)>;
     /// Names a held request; empty = none.
     using Ticket = std::weak_ptr<Seat>;

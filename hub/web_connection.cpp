@@ -220,6 +220,7 @@ void WebConnection::Dispatch() {
         return;
     }
     origin->peer = stream_.Peer();
+    origin->network = stream_.Network();
     WebRequest request{parser_->TakeBody(), parser_->Header("Cookie"), std::move(*origin)};
     goesOn_ = parser_->MayGoOn();
     const WebHandler& handler = parser_->Handler();

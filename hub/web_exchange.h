@@ -62,7 +62,8 @@ private:
 /// Runs on a worker and may block for the store; must not throw.
 using WebHandler = std::function<void(std::shared_ptr<WebExchange>)>;
 
-/// By path; they take a POST each.
+/// By path. They take a POST each, but those with kGet before the path take a GET.
+constexpr char kGet[] = "GET ";
 using WebPages = std::map<std::string, WebHandler>;
 
 } // namespace ZARO::RelayHub

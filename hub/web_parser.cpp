@@ -72,8 +72,10 @@ WebParser::Progress WebParser::Take(std::string& input) {
 WebParser::Progress WebParser::Judge() {
     const auto& head = parser_->get();
     const std::string target(head.target());
-    const auto page = pages_.find(target.substr(0, target.find('?')));
-    if (head.method() != http::verb::post || page == pages_.end()) {
+    const bool isGet = head.method() == http::verb::get;
+    const auto page =
+        pages_.find((isGet ? kGet : std::string()) + target.substr(0, target.find('?')));
+    if ((!isGet && head.method() != http::verb::post) || page == pages_.end()) {
         return Refuse(kNotFound);
     }
     handler_ = &page->second;

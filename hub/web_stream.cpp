@@ -112,4 +112,8 @@ std::string WebStream::Peer() {
     return PeerOf(socket_.native_handle(), port);
 }
 
+std::int64_t WebStream::Network() {
+    return static_cast<std::int64_t>(NetworkOf(socket_.native_handle()));
+}
+
 } // namespace ZARO::RelayHub

@@ -48,6 +48,8 @@ public:
     void EndWriting();
     void Close();
     std::string Peer();
+    /// A number for the peer's network, see NetworkOf().
+    std::int64_t Network();
 
     /// Calls `ready` on the loop when the result that said so can be tried again, or when that
     /// can't be waited for any longer.

@@ -1,10 +1,11 @@
 # The hub as a program, and some of its parts.
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 find_library(FAKETIME faketimeMT.so.1 libfaketimeMT.so.1 PATH_SUFFIXES faketime REQUIRED)
-set(share_a_database test_hub_hosts test_hub_members test_hub_store) # a PostgreSQL server of their own
-foreach(source test_hub_alias.cpp test_hub_control.cpp test_hub_hosts.cpp test_hub_members.cpp
-        test_hub_program.cpp test_hub_relay.cpp test_hub_store.cpp test_hub_strangers.cpp
-        test_hub_web.cpp)
+# These have a PostgreSQL server of their own.
+set(share_a_database test_hub_admission test_hub_hosts test_hub_members test_hub_store)
+foreach(source test_hub_admission.cpp test_hub_alias.cpp test_hub_control.cpp test_hub_hosts.cpp
+        test_hub_members.cpp test_hub_program.cpp test_hub_relay.cpp test_hub_store.cpp
+        test_hub_strangers.cpp test_hub_web.cpp)
     cmake_path(GET source STEM name)
     set(how)
     if(name IN_LIST share_a_database)

@@ -30,6 +30,7 @@ TEST(HubProgram, RefusesAWrongCommandLineInOneLine) {
         {"--data x --ports 300-200", "2 .*--ports: expected a range"},
         {"--data x --address localhost", "2 .*--address: expected an IP address"},
         {"--data x --host a,DNS:b", "2 .*--host: expected a host name"},
+        {"--data x --admit all", "2 .*--admit: expected listed or open"},
         {"--data x --log-level 9", "2 .*--log-level: expected a number from 3 to 7"},
         {"--data x --roles control,rely", "2 .*--roles: expected one or more of control,alias"},
         {"--data x --roles control --http-port -1 --https-port -1", "2 .*--roles: control needs"},

@@ -8,6 +8,10 @@
 
 #include "tests/support/web_service.h"
 
+#ifndef ZARO_HUB_ADMITS
+#define ZARO_HUB_ADMITS "--admit open "
+#endif
+
 /// A hundred free ports of 127.0.0.1, which no other test takes while this object lives.
 struct PortBlock : NoCopy {
     explicit PortBlock(int first) {
@@ -24,7 +28,7 @@ struct PortBlock : NoCopy {
 };
 
 /// A hub with a folder of its own, and with ports that it keeps across restarts. It logs
-/// everything.
+/// everything, and admits every device unless the options say something else.
 class HubProcess : NoCopy {
 public:
     /// `hold`: how many seconds it holds a wait command. `more`: further options. `ports`: the
@@ -32,7 +36,8 @@ public:
     /// it, with arguments.
     explicit HubProcess(int hold = 50, const std::string& more = "", std::string ports = "",
                         std::string starter = "")
-        : options_(" --log-level 7 --hold " + std::to_string(hold) + " " + more),
+        : options_(" --log-level 7 --hold " + std::to_string(hold) + " " +
+                   (more.find("--admit") == more.npos ? ZARO_HUB_ADMITS : "") + more),
           ports_(std::move(ports)), starter_(std::move(starter)) {
         folder_ = (fs::temp_directory_path() / "zaro-hub.XXXXXX").string();
         if (mkdtemp(folder_.data()) == nullptr) {
