@@ -215,7 +215,7 @@ std::string ErrorWords(const std::string& error) {
         {"err_register", "the server refused the registration"},
         {"err_network", "the server can't be reached"},
         {"err_resolv", "the server's name can't be looked up"},
-        {"err_auth", "the server does not admit this device, or not with its credentials"},
+        {"err_auth", "the server does not admit this device, or refuses its credentials"},
         {"err_not_support", "the server does not support this device"},
         {"err_server_busy", "the server is busy"},
         {"err_server_limit", "the server is full"},
