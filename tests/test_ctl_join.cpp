@@ -257,8 +257,9 @@ TEST_F(Join, GoesBackToTheFormerHubAndKeepsOtherChanges) {
     ASSERT_EQ(RunMarked("start").code, 0);
     ASSERT_TRUE(WaitFor([&] { return device.IsAllUp(); }));
     Invite(kCode);
+    root_.Write("/code", kCode + "\n");
     for (const char* round : {"the first", "again: the oldest state counts"}) {
-        const Result joined = RunMarked("join " + Url(listed_) + " " + kCode);
+        const Result joined = RunMarked("join " + Url(listed_) + " - <code");
         EXPECT_EQ(joined.code, 0) << round << joined.err;
         EXPECT_TRUE(WaitFor([&] { return device.IsAllUp() && device.Serves(web); })) << round;
         EXPECT_GT(listed_.Registrations(), 0U);

@@ -96,7 +96,8 @@ void DescribeHub(Commands& commands, Values& values) {
     join->add_option("URL", values.join.url, "Such as https://relay.example.org:8443")
         ->required()
         ->type_name("");
-    join->add_option("CODE", values.join.code, "The code that the hub's operator gave you")
+    join->add_option("CODE", values.join.code,
+                     "The code that the hub's operator gave you; - reads it")
         ->type_name("");
     join->add_option("--wait", values.join.wait,
                      "How long to wait for the operator without a code (600)")

@@ -68,7 +68,9 @@ Json::Value WithPartsOf(const Json::Value& before, Json::Value config) {
     const Json::Value* former = json::Find(before, "server_alias");
     Json::Value alias = config["server_alias"];
     CopyMember(former != nullptr ? *former : Json::Value(), alias, "url");
-    if (former == nullptr && alias.empty()) {
+    if (former != nullptr && !former->isObject()) {
+        config["server_alias"] = *former;
+    } else if (alias.isNull() || (former == nullptr && alias.empty())) {
         config.removeMember("server_alias");
     } else {
         config["server_alias"] = alias;

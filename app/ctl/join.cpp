@@ -36,6 +36,13 @@ int TellInterrupted() {
 
 // --- before anything is asked or changed
 
+/// The first line of standard input.
+std::string ReadLine() {
+    std::string line;
+    (void)std::getline(std::cin, line); // an empty one is no code
+    return line;
+}
+
 /// Reads what the device is; 0 when it can join.
 int ReadDevice(RelaydConf& conf) {
     const ConfigChange change;
@@ -126,28 +133,33 @@ int StartOrReload() {
                             "see what it says: zarorelayctl start");
 }
 
+/// Why the daemon is not connected, in words.
+std::string ReasonOf(const Status& status) {
+    if (status.code != kSuccess) {
+        return "it does not run any more";
+    }
+    const std::string error = status.document["error"].asString();
+    return error != "success" ? ErrorWords(error) : "it takes more than 30 s";
+}
+
 int AwaitConnection(const HubOffer& offer, Interrupts& interrupts, std::string& id) {
     const auto deadline = Clock::now() + kPatience;
     const auto isTaken = [&](const Json::Value& config) {
         const Json::Value* control = json::Find(config, "server_control");
         return control != nullptr && ServerConf(*control) == offer.control;
     };
-    Status status;
-    if (AwaitReload(isTaken, deadline, interrupts)) {
-        const auto isUp = [](const Status& now) {
-            return now.code != kSuccess || IsConnected(now.document["state"].asString());
-        };
-        status = AwaitStatus("", isUp, deadline, interrupts);
-    } else {
-        status = ReadStatus("");
-    }
+    const auto isUp = [](const Status& now) {
+        return now.code != kSuccess || IsConnected(now.document["state"].asString());
+    };
+    // Until it has taken the change in, what the status says is about the former server.
+    const bool taken = AwaitReload(isTaken, deadline, interrupts);
+    const Status status = taken ? AwaitStatus("", isUp, deadline, interrupts) : ReadStatus("");
     if (interrupts.Wait(app::milliseconds(0))) {
         return TellInterrupted();
     }
-    if (!IsConnected(status.document["state"].asString())) {
+    if (!taken || !IsConnected(status.document["state"].asString())) {
         return Fail(kNoAnswer,
-                    "the daemon did not connect to " + offer.control.host + ": " +
-                        ErrorWords(status.document["error"].asString()),
+                    "the daemon did not connect to " + offer.control.host + ": " + ReasonOf(status),
                     "the device is as it was; try again, or look at the daemon's log");
     }
     id = Clean(status.document["serverID"].asString());
@@ -195,7 +207,8 @@ int Join(const JoinOptions& options) {
                     "expected http:// or https://, a host and perhaps a port, as in "
                     "https://relay.example.org:8443");
     }
-    const auto code = ReadInvitation(options.code);
+    const std::string typed = options.code == "-" ? ReadLine() : options.code;
+    const auto code = ReadInvitation(typed);
     if (!options.code.empty() && !code) {
         return Fail(kNoAnswer, "the code is mistyped",
                     "compare it with what the operator gave you: 12 letters and digits");

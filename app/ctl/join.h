@@ -7,7 +7,7 @@ namespace ZARO::Relay::ctl {
 
 struct JoinOptions {
     std::string url;
-    std::string code; ///< an invitation as it was typed; empty for none
+    std::string code; ///< an invitation as it was typed; "-": on standard input; empty: none
     int wait = 600;   ///< seconds to wait until the operator admits a device without a code
 };
 
