@@ -41,6 +41,7 @@ inline std::string Below(const char* path) {
 // clang-format off
 // The library's files.
 inline std::string ConfigFile() { return Below("/usr/zaro/etc/zarorelayd.conf"); }
+inline std::string JoinFile() { return Below("/usr/zaro/etc/zarorelayd.joined"); }
 inline std::string InfoFile() { return Below("/etc/zaroinfo.conf"); }
 inline std::string StatusFile() { return Below("/tmp/.zarorelayd.status"); }
 inline std::string AliasStatusFile() { return Below("/tmp/farlink_alias.status"); }

@@ -26,3 +26,4 @@ target_compile_definitions(test_torn_files PRIVATE
     ZARO_DEVICE_BIN="${CMAKE_BINARY_DIR}/device-bin")
 
 zaro_test(test_children SOURCES test_children.cpp LIBRARIES zaro_app_daemon zaro::platform)
+zaro_test(test_server_reply SOURCES test_server_reply.cpp LIBRARIES zaro_app_daemon zaro::platform)

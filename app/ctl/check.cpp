@@ -209,8 +209,10 @@ bool CheckDaemon(Chain& chain, const Device& device) {
     } else if (state == "stoped") {
         chain.Broken("daemon", "switched off", "zarorelayctl enable");
     } else if (state == "error") {
-        chain.Broken("daemon", ErrorWords(document["error"].asString()),
-                     "zarorelayctl log start FILE tells more");
+        const std::string error = document["error"].asString();
+        chain.Broken("daemon", ErrorWords(error),
+                     error == "err_auth" ? AdmissionRemedy()
+                                         : "zarorelayctl log start FILE tells more");
     } else {
         chain.Broken("daemon", state, "check again in a moment");
     }

@@ -1,5 +1,6 @@
 #include "app/ctl/command_line.h"
 
+#include <cstring>
 #include <exception>
 #include <iostream>
 #include <vector>
@@ -8,6 +9,8 @@
 
 #include "app/ctl/check.h"
 #include "app/ctl/control.h"
+#include "app/ctl/join.h"
+#include "app/ctl/publish.h"
 #include "app/ctl/report.h"
 #include "app/ctl/services.h"
 #include "app/ctl/settings.h"
@@ -18,11 +21,14 @@ namespace ZARO::Relay::ctl {
 namespace {
 
 constexpr int kGoOn = -1;
+constexpr int kLongestWait = 86400; // seconds: a day, after which a hub forgets who waits
 constexpr const char* kVersion = "zarorelayctl " ZARO_VERSION;
 
 /// The values of all options and arguments.
 struct Values {
     StatusOptions status;
+    JoinOptions join;
+    PublishOptions publish;
     std::string text;
     bool json = false;
     bool verify = false;
@@ -82,6 +88,39 @@ void DescribeDaemon(Commands& commands, Values& values) {
     commands.Add("debug", "Print the daemon's inner state as JSON", Debug);
     commands.Add("enable", "Switch the relay service on", [] { return Switch(true); });
     commands.Add("disable", "Switch the relay service off", [] { return Switch(false); });
+}
+
+void DescribeHub(Commands& commands, Values& values) {
+    CLI::App* join = commands.Add("join", "Join a hub, with or without an invitation",
+                                  [&values] { return Join(values.join); });
+    join->add_option("URL", values.join.url, "Such as https://relay.example.org:8443")
+        ->required()
+        ->type_name("");
+    join->add_option("CODE", values.join.code,
+                     "The code that the hub's operator gave you; - reads it")
+        ->type_name("");
+    join->add_option("--wait", values.join.wait,
+                     "How long to wait for the operator without a code (600)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0, kLongestWait));
+    commands.Add("leave", "Leave the hub; the device is as it was before", Leave);
+    CLI::App* publish = commands.Add("publish", "Let visitors open a port of this device",
+                                     [&values] { return Publish(values.publish); });
+    publish->add_option("PORT|ID", values.publish.target, "The port, or a service's id")
+        ->required()
+        ->type_name("");
+    publish->add_option("--id", values.publish.id, "The new service's id")->type_name("ID");
+    publish->add_option("--title", values.publish.title, "Its name for people")->type_name("TEXT");
+    commands.AddWithText("unpublish", "Withdraw what was published", "PORT|ID", Unpublish);
+}
+
+/// Takes a code out of the process list.
+void Hide(const std::string& code, int argc, char** argv) {
+    for (int i = 1; i < argc && !code.empty(); ++i) {
+        if (code == argv[i]) {
+            memset(argv[i], 'x', code.size());
+        }
+    }
 }
 
 void DescribeSettings(Commands& commands, Commands& service, Commands& alias, Commands& log,
@@ -147,11 +186,13 @@ int ReadCommandLine(int argc, char** argv, CommandLine& line) {
     Action chosen;
     Commands commands(parser, chosen, *values);
     DescribeDaemon(commands, *values);
+    DescribeHub(commands, *values);
     Commands service(*commands.Add("service", "The published services", nullptr), chosen, *values);
     Commands alias(*commands.Add("alias", "The name of the device", nullptr), chosen, *values);
     Commands log(*commands.Add("log", "The debug log", nullptr), chosen, *values);
     DescribeSettings(commands, service, alias, log, *values);
     const int code = Parse(parser, argc, argv);
+    Hide(values->join.code, argc, argv);
     line.action = [values, chosen] { return chosen(); };
     return code;
 }

@@ -29,7 +29,8 @@ using app::milliseconds;
 constexpr milliseconds kDumpPatience{2000};
 constexpr int kDumpPause = 20; // milliseconds
 
-/// The daemon in the same folder as this program; if there is none, the device's own.
+} // namespace
+
 std::string DaemonProgram() {
     const std::string own = app::ProgramPathOf("self");
     std::string beside = own.substr(0, own.rfind('/') + 1) + app::kDaemonName;
@@ -38,8 +39,6 @@ std::string DaemonProgram() {
     }
     return paths::ProgramDir() + "/" + app::kDaemonName;
 }
-
-} // namespace
 
 Presence FindDaemon() {
     const pid_t pid = app::ReadPidFile();

@@ -20,6 +20,9 @@ enum class Presence {
 /// calls, which would signal whatever process has that number.
 Presence FindDaemon();
 
+/// The daemon's program: the one in this program's folder; if there is none, the device's own.
+std::string DaemonProgram();
+
 int Start();
 int Stop();
 int Restart();

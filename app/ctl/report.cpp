@@ -19,6 +19,10 @@ int Fail(int code, const std::string& what, const std::string& remedy) {
     return code;
 }
 
+void Warn(const std::string& what) {
+    std::cerr << Clean("zarorelayctl: warning: " + what, kLongestLine) << std::endl;
+}
+
 std::string RootOr(const std::string& remedy) {
     return geteuid() == 0 ? remedy : "run this as root";
 }

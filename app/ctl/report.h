@@ -16,6 +16,9 @@ constexpr int kUnusable = 255;
 /// Prints on standard error, on one line, what went wrong and what helps. Gives `code` back.
 int Fail(int code, const std::string& what, const std::string& remedy);
 
+/// Prints a line on standard error about something that does not stop the command.
+void Warn(const std::string& what);
+
 /// The remedy for root; "run this as root" for other users.
 std::string RootOr(const std::string& remedy);
 

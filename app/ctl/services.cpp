@@ -1,10 +1,6 @@
 #include "app/ctl/services.h"
 
-#include <filesystem>
 #include <iostream>
-#include <map>
-#include <string>
-#include <system_error>
 #include <vector>
 
 #include <zarorelayd/config.h>
@@ -14,72 +10,17 @@
 #include "app/ctl/config_change.h"
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
-#include "base/folder.h"
+#include "app/ctl/service_list.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
-#include "base/service_names.h"
 #include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 
 namespace {
 
-struct Entry {
-    explicit Entry(const ServiceConf& service) : conf(service) {}
-
-    ServiceConf conf;
-    bool published = false;
-};
-
-using Entries = std::map<std::string, Entry>;
-
-/// All services that the device defines.
-Entries ReadDefinitions() {
-    Entries entries;
-    (void)ForEachEntry(paths::ServicesDir(), [&](const std::filesystem::path& file) {
-        const std::string id = services::IdOf(file.stem());
-        if (file.extension() == ".conf" && IsServiceId(id)) {
-            entries.emplace(id, ServiceConf(id.c_str()));
-        }
-    });
-    return entries;
-}
-
-/// Adds the published services. Settings in the configuration win over those of the definition.
-void AddPublished(const Json::Value& config, Entries& entries) {
-    const Json::Value* list = json::Find(config, "service");
-    if (list == nullptr || !list->isArray()) {
-        return;
-    }
-    for (const Json::Value& item : *list) {
-        const std::string id = json::TextOf(item, "id");
-        if (!id.empty()) {
-            Entry entry(ServiceConf(item, IsServiceId(id)));
-            entry.published = true;
-            entries.insert_or_assign(id, entry);
-        }
-    }
-}
-
-Entries ReadPublished(const ConfigChange& change) {
-    Entries entries;
-    AddPublished(change.Found().document, entries);
-    return entries;
-}
-
-/// A remedy for a wrong id: the ids that would be right.
-std::string Expected() {
-    std::string ids;
-    for (const auto& [id, entry] : ReadDefinitions()) {
-        if (IsPort(entry.conf.port)) {
-            ids += (ids.empty() ? "expected one of: " : ", ") + id;
-        }
-    }
-    return ids.empty() ? "define one in " + paths::ServicesDir() : ids;
-}
-
-Json::Value Describe(const Entries& entries) {
+Json::Value Describe(const ServiceEntries& entries) {
     Json::Value document;
     document["service"] = Json::Value(Json::arrayValue);
     for (const auto& [id, entry] : entries) {
@@ -118,43 +59,19 @@ std::string Render(const Json::Value& document) {
     return Layout(rows, WantsColour());
 }
 
-/// The list without the entries that have the id; empty when `list` is not a list.
-Json::Value Without(const std::string& id, const Json::Value& list) {
-    Json::Value rest(Json::arrayValue);
-    for (Json::ArrayIndex i = 0; list.isArray() && i < list.size(); ++i) {
-        if (json::TextOf(list[i], "id") != id) {
-            rest.append(list[i]);
-        }
-    }
-    return rest;
-}
-
-/// Changes only the list of services in the file. Writes nothing when there is nothing to change.
-int ChangeList(const ConfigChange& change, const std::string& id, bool publish) {
-    int code = change.CheckChangeable();
+/// Publishes or withdraws it, and says so.
+int Change(const ConfigChange& change, const std::string& id, bool publish) {
+    bool changed = false;
+    const int code = ChangeServiceList(change, id, publish, changed);
     if (code != kSuccess) {
         return code;
     }
-    Json::Value config = change.Found().document;
-    Json::Value& list = config["service"];
-    if (!list.isNull() && !list.isArray()) {
-        return Fail(kUnusable, paths::ConfigFile() + ": \"service\": expected a list",
-                    "correct the file first");
+    if (changed) {
+        return Apply(Clean(id) + (publish ? " is published" : " is withdrawn"));
     }
-    const Json::Value rest = Without(id, list);
-    if ((rest.size() < list.size()) == publish) {
-        std::cout << Clean(id) << (publish ? " is published already" : " is not published")
-                  << std::endl;
-        return kSuccess;
-    }
-    if (publish) {
-        list.append(Json::Value())["id"] = id;
-    } else {
-        list = rest;
-    }
-    code = change.Write(config);
-    return code != kSuccess ? code
-                            : Apply(Clean(id) + (publish ? " is published" : " is withdrawn"));
+    std::cout << Clean(id) << (publish ? " is published already" : " is not published")
+              << std::endl;
+    return kSuccess;
 }
 
 } // namespace
@@ -165,9 +82,7 @@ int ListServices(bool json) {
     if (code != kSuccess) {
         return code;
     }
-    Entries entries = ReadDefinitions();
-    AddPublished(config, entries);
-    const Json::Value document = Describe(entries);
+    const Json::Value document = Describe(ReadServices(config));
     std::cout << (json ? json::Pretty(document) : Render(document));
     return kSuccess;
 }
@@ -178,14 +93,13 @@ int AddService(const std::string& id) {
     if (code != kSuccess) {
         return code;
     }
-    const Entries published = ReadPublished(change);
+    const ServiceEntries published = ReadPublished(change.Found().document);
     const auto own = published.find(id);
     const bool hasPort = own != published.end() && IsPort(own->second.conf.port);
     if (!hasPort && (!IsServiceId(id) || !IsPort(ServiceConf(id.c_str()).port))) {
-        return Fail(kNoAnswer, "no service \"" + Clean(id) + "\" with one port is defined",
-                    Expected());
+        return TellNoService(id);
     }
-    return ChangeList(change, id, true);
+    return Change(change, id, true);
 }
 
 int RemoveService(const std::string& id) {
@@ -195,11 +109,11 @@ int RemoveService(const std::string& id) {
         return code;
     }
     const bool defined = IsServiceId(id) && ServiceConf("").ReadConf(id);
-    if (!defined && ReadPublished(change).count(id) == 0) {
+    if (!defined && ReadPublished(change.Found().document).count(id) == 0) {
         return Fail(kNoAnswer, "no service \"" + Clean(id) + "\" is defined or published",
                     "see: zarorelayctl service list");
     }
-    return ChangeList(change, id, false);
+    return Change(change, id, false);
 }
 
 } // namespace ZARO::Relay::ctl

@@ -9,6 +9,7 @@
 #include <map>
 #include <vector>
 
+#include <zarorelayd/config.h>
 #include <zarorelayd/daemon.h>
 
 #include "app/ctl/control.h"
@@ -214,7 +215,7 @@ std::string ErrorWords(const std::string& error) {
         {"err_register", "the server refused the registration"},
         {"err_network", "the server can't be reached"},
         {"err_resolv", "the server's name can't be looked up"},
-        {"err_auth", "the server refused the credentials or the session"},
+        {"err_auth", "the server does not admit this device, or refuses its credentials"},
         {"err_not_support", "the server does not support this device"},
         {"err_server_busy", "the server is busy"},
         {"err_server_limit", "the server is full"},
@@ -223,6 +224,12 @@ std::string ErrorWords(const std::string& error) {
         {"err_unknown", "the server's reply was no good"}};
     const auto words = kWords.find(error);
     return words != kWords.end() ? words->second : error;
+}
+
+std::string AdmissionRemedy() {
+    const std::string serial = Clean(AuthConf(true).serial); // empty for users who may not read it
+    return "the hub's operator may have to type: zarorelay-hubctl admit " +
+           (serial.empty() ? "SERIAL (root sees the serial here)" : serial);
 }
 
 Status ReadStatus(const std::string& serviceId) {
@@ -271,6 +278,9 @@ std::string RenderStatus(const Json::Value& document, std::int64_t now, bool col
     };
     if (error != "success") {
         add("Error", ErrorWords(error) + " (" + error + ")", Tone::Bad);
+    }
+    if (error == "err_auth") {
+        add("Remedy", AdmissionRemedy());
     }
     if (document["since"].isInt64()) {
         add("Since",

@@ -25,6 +25,9 @@ bool IsConnected(const std::string& state);
 /// What a result code of the daemon means, in words for people.
 std::string ErrorWords(const std::string& error);
 
+/// What helps a device that the server does not admit; names this device's serial.
+std::string AdmissionRemedy();
+
 struct StatusOptions {
     bool json = false;
     bool watch = false;

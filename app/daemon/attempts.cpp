@@ -51,4 +51,8 @@ void Attempts::Delay(bool refused, Time now, milliseconds spread) {
     next_ = now + (refused ? backoff_.Refused() : backoff_.Failed(now, spread));
 }
 
+void Attempts::DelayAsAsked(seconds wait, Time now) {
+    next_ = now + Backoff::Random(wait, milliseconds(wait) * 11 / 10);
+}
+
 } // namespace ZARO::Relay::app

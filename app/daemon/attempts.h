@@ -13,7 +13,8 @@ namespace ZARO::Relay::app {
 /// What came of a request.
 struct Outcome {
     RELAYD_RET result = RELAYD_RET_SUCCESS;
-    bool refused = false; ///< the credentials were: trying again soon can't help
+    bool refused = false;                ///< the credentials were: trying again soon can't help
+    std::optional<seconds> retryAfter{}; ///< the wait that the server asked for
 };
 
 /// Keeps at most one request of its kind in the job queue, and remembers what came of the last one
@@ -57,6 +58,9 @@ public:
     /// The next request waits; near the longest time when `refused`, else at random for up to
     /// `spread` or longer.
     void Delay(bool refused, Time now, milliseconds spread);
+    /// The next request waits as long as the server asked, and up to a tenth longer: of many
+    /// devices with the same answer, not all come back at once.
+    void DelayAsAsked(seconds wait, Time now);
 
 private:
     const char* kind_;

@@ -207,7 +207,11 @@ void Exchange::BatchFailed(const Outcome& outcome, Time now) {
     registration_.MakeDue();
     registration_.Batches().Failed(outcome.result);
     const bool isFinal = Mend(outcome.result);
-    registration_.Batches().Delay(outcome.refused || isFinal, now, SpreadAfter(outcome.result));
+    if (outcome.retryAfter.has_value()) {
+        registration_.Batches().DelayAsAsked(*outcome.retryAfter, now);
+    } else {
+        registration_.Batches().Delay(outcome.refused || isFinal, now, SpreadAfter(outcome.result));
+    }
 }
 
 // --- wait-command exchange

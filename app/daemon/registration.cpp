@@ -134,8 +134,9 @@ Outcome Registration::OutcomeOf(const Json::Value& reply) const {
     for (Json::ArrayIndex i = 0; i < commands_.size(); ++i) {
         const RELAYSERVER_ERR error = ParseServerError(reply[i]);
         if (error != RELAYSERVER_ERR_SUCCESS) {
-            return {RespErrMap(error),
-                    commands_[i]["command"] == "register" && error == RELAYSERVER_ERR_AUTH};
+            const bool refused =
+                commands_[i]["command"] == "register" && error == RELAYSERVER_ERR_AUTH;
+            return {RespErrMap(error), refused, refused ? RetryAfter(reply[i]) : std::nullopt};
         }
     }
     return {};

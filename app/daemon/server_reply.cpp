@@ -12,6 +12,8 @@ namespace ZARO::Relay::app {
 namespace {
 
 constexpr std::size_t kLongestPassword = 1024;
+constexpr int kShortestRetry = 5; // seconds
+constexpr int kLongestRetry = 60; // seconds
 
 bool IsPassword(const std::string& password) {
     return !password.empty() && password.size() <= kLongestPassword &&
@@ -45,6 +47,14 @@ bool IsServer(const Json::Value& server) {
 
 const Json::Value& AnswerOf(const Json::Value& reply) {
     return reply.isArray() ? reply[0U] : reply;
+}
+
+std::optional<seconds> RetryAfter(const Json::Value& answer) {
+    std::int32_t wait = 0;
+    if (!json::Get(answer, "retry_after", wait)) {
+        return std::nullopt;
+    }
+    return seconds(std::clamp(wait, kShortestRetry, kLongestRetry));
 }
 
 bool CleanBatchReply(Json::Value& reply, bool& goodServer) {

@@ -5,9 +5,12 @@
 #include <json/value.h>
 
 #include <list>
+#include <optional>
 #include <string>
 
 #include <zarorelayd/config.h>
+
+#include "app/common/clock.h"
 
 namespace ZARO::Relay::app {
 
@@ -19,6 +22,10 @@ const Json::Value& AnswerOf(const Json::Value& reply);
 /// are reachable. False with the reason in `why`.
 bool CheckTunnel(const Json::Value& assigned, const std::list<ServiceConf>& services,
                  Json::Value& tunnel, std::string& why);
+
+/// How long a server that refuses a device asks it to wait before it registers again: 5 to 60 s,
+/// whatever number the answer has. Nothing when it has none.
+std::optional<seconds> RetryAfter(const Json::Value& answer);
 
 /// Removes from a reply to a batch what the library would trust and the daemon does not. False when
 /// that was a server id or a mode that is not a short printable text. `goodServer` becomes false
