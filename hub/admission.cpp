@@ -88,7 +88,7 @@ StoreResult Admission::Decide(const Identity& identity, const std::string& code,
 
 StoreResult Admission::TryCode(const Applicant& applicant, const std::string& code,
                                Standing& standing, int& wait) {
-    // Each attempt is paid in advance, so that many at a time are no more than one by one.
+    // Each attempt is paid in advance, so that many at once get no further than one by one.
     wait = guesses_.Take(applicant.network, GuessLimit::Clock::now());
     if (wait > 0) {
         return StoreResult::Done;

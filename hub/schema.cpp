@@ -95,18 +95,32 @@ bool LockTables(Database& database) {
     return lock.Next();
 }
 
-void BringUpToDate(Database& database) {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    while (!IsCurrent(database)) {
+/// False when another process makes the tables, or works on the old ones.
+bool TryToUpgrade(Database& database) {
+    try {
         Transaction transaction(database);
-        if (LockTables(database) && !IsCurrent(database)) {
+        const bool isMine = LockTables(database) && !IsCurrent(database);
+        if (isMine) {
             Upgrade(database);
             transaction.Commit();
-        } else if (std::chrono::steady_clock::now() > end) {
-            throw DatabaseFault("another process is still making the tables");
-        } else {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
+        return isMine;
+    } catch (const DatabaseFault& fault) {
+        // Those who work on the tables may lock them in another order.
+        if (fault.kind != FaultKind::Conflict) {
+            throw;
+        }
+        return false;
+    }
+}
+
+void BringUpToDate(Database& database) {
+    const auto end = std::chrono::steady_clock::now() + kPatience;
+    while (!IsCurrent(database) && !TryToUpgrade(database)) {
+        if (std::chrono::steady_clock::now() > end) {
+            throw DatabaseFault("another process is still making or using the tables");
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
 }
 

@@ -53,8 +53,8 @@ std::vector<Candidate> CandidatesFor(Database& database, const std::string& seri
     std::vector<Candidate> candidates;
     Query rows(database,
                "SELECT server_id, mac, token FROM pending WHERE serial = $1"
-               " AND ($2 = '' OR address = $2)",
-               serial, from);
+               " AND ($2 = '' OR address = $2) AND last_asked + $3 > unixepoch()",
+               serial, from, kPendingSeconds);
     while (rows.Next()) {
         candidates.push_back({{serial, "", rows.Text(1), "", rows.Text(0)}, rows.Text(2)});
     }
@@ -81,7 +81,7 @@ bool NoteAgain(Database& database, const Applicant& applicant, const std::string
 }
 
 bool HasRoomToWait(Database& database, std::int64_t network) {
-    Query(database, "DELETE FROM pending WHERE last_asked + $1 <= unixepoch()", kPendingSeconds)
+    Query(database, "DELETE FROM pending WHERE last_asked <= unixepoch() - $1", kPendingSeconds)
         .Run();
     Query all(database, "SELECT count(*) FROM pending");
     Query near(database, "SELECT count(*) FROM pending WHERE network = $1", network);
@@ -165,7 +165,7 @@ int AdmissionStore::RetryAfter() {
     }
     int asking = 0;
     (void)access_.Read("counting of pending devices", [&asking](Database& database) {
-        Query count(database, "SELECT count(*) FROM pending WHERE last_asked + $1 > unixepoch()",
+        Query count(database, "SELECT count(*) FROM pending WHERE last_asked > unixepoch() - $1",
                     kActiveSeconds);
         asking = count.Next() ? count.Int(0) : 0;
         return StoreResult::Done;
@@ -192,7 +192,9 @@ StoreResult AdmissionStore::Pending(std::vector<PendingDevice>& devices) {
         devices.clear();
         Query rows(database,
                    "SELECT serial, server_id, mac, address, first_asked, last_asked FROM pending"
-                   " WHERE last_asked + $1 > unixepoch() ORDER BY first_asked, serial, token",
+                   " WHERE last_asked > unixepoch() - $1 AND NOT EXISTS"
+                   " (SELECT 1 FROM device WHERE device.serial = pending.serial)"
+                   " ORDER BY first_asked, serial, token",
                    kPendingSeconds);
         while (rows.Next()) {
             devices.push_back({rows.Text(0), rows.Text(1), rows.Text(2), rows.Text(3),
@@ -205,8 +207,9 @@ StoreResult AdmissionStore::Pending(std::vector<PendingDevice>& devices) {
 StoreResult AdmissionStore::Admit(const std::string& serial, const std::string& from,
                                   AdmitResult& result) {
     return access_.Write("admission", [&](Database& database) {
+        const std::int64_t known = KeyOf(database, serial); // locks before the ban, as Ban() does
         const bool wasBanned = LiftBan(database, serial);
-        if (KeyOf(database, serial) != 0) {
+        if (known != 0) {
             result = wasBanned ? AdmitResult::Admitted : AdmitResult::Known;
             return StoreResult::Done;
         }
@@ -238,7 +241,7 @@ void AdmissionStore::Disconnect(Database& database, std::int64_t device, Changes
 
 StoreResult AdmissionStore::Ban(const std::string& serial, Changes& touched) {
     Changes changes;
-    const StoreResult result = access_.Write("ban", [&](Database& database) {
+    const auto ban = [&](Database& database) {
         changes = {};
         const std::int64_t device = KeyOf(database, serial);
         Query(database,
@@ -250,7 +253,12 @@ StoreResult AdmissionStore::Ban(const std::string& serial, Changes& touched) {
             Disconnect(database, device, changes);
         }
         return StoreResult::Done;
-    });
+    };
+    StoreResult result = access_.Write("ban", ban);
+    if (result == StoreResult::Done && changes.devices.empty()) {
+        // It may have joined meanwhile, as others see the ban only now.
+        result = access_.Write("ban", ban);
+    }
     if (result == StoreResult::Done) {
         touched = std::move(changes);
     }
@@ -262,8 +270,8 @@ StoreResult AdmissionStore::Forget(const std::string& serial, Changes& touched) 
     const StoreResult result = access_.Write("removal of a device", [&](Database& database) {
         changes = {};
         const std::int64_t device = KeyOf(database, serial);
-        const bool wasPending = DropPending(database, serial);
         const bool wasBanned = LiftBan(database, serial);
+        const bool wasPending = DropPending(database, serial);
         if (device != 0) {
             Disconnect(database, device, changes);
             Query(database, "DELETE FROM device WHERE key = $1", device).Run();

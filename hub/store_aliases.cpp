@@ -18,7 +18,9 @@ std::int64_t OwnerOf(Database& database, const std::string& name, std::int64_t d
 StoreResult AliasStore::Map(const std::string& name, std::int64_t device,
                             std::chrono::seconds ttl) {
     return access_.Write("alias mapping", [&](Database& database) {
-        (void)LockDevice(database, device); // if it is gone, the next steps say so
+        if (!LockDevice(database, device)) {
+            return StoreResult::Refused;
+        }
         const std::int64_t owner = OwnerOf(database, name, device);
         if (owner != 0 && owner != device) {
             return StoreResult::Taken;
@@ -38,6 +40,9 @@ StoreResult AliasStore::Map(const std::string& name, std::int64_t device,
 StoreResult AliasStore::Keep(const std::string& name, std::int64_t device,
                              std::chrono::seconds ttl) {
     return access_.Write("alias renewal", [&](Database& database) {
+        if (!LockDevice(database, device)) {
+            return StoreResult::Refused;
+        }
         const std::int64_t owner = OwnerOf(database, name, device);
         if (owner != device) {
             return owner == 0 ? StoreResult::NotFound : StoreResult::Taken;

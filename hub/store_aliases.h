@@ -17,6 +17,8 @@ class AliasStore {
 public:
     explicit AliasStore(StoreAccess& access) : access_(access) {}
 
+    // The first two are Refused when the device is banned or gone.
+
     /// Gives `name` to the device, which gives its former one up. Taken when it is another
     /// device's.
     StoreResult Map(const std::string& name, std::int64_t device, std::chrono::seconds ttl);
