@@ -230,10 +230,10 @@ bool Hub::Start(std::string& error) {
     // A peer that hangs up must not end the process from within a library's write().
     (void)signal(SIGPIPE, SIG_IGN);
     error.clear();
-    const bool good =
-        OpenDataFolder(options_.data, UseOf(options_.roles), parts_->lock, error) &&
-        parts_->store.Open(DatabaseOf(options_), error) && parts_->loops.Start(error) &&
-        parts_->StartRoles(error) && parts_->StartWeb(error);
+    const bool good = OpenDataFolder(options_.data, UseOf(options_.roles), parts_->lock, error) &&
+                      parts_->store.Open(DatabaseOf(options_), error) &&
+                      parts_->loops.Start(error) && parts_->StartRoles(error) &&
+                      parts_->StartWeb(error);
     if (good) {
         parts_->StartAdmin();
     }
