@@ -38,12 +38,12 @@ void RelaySpare::Wait() {
 
 bool RelaySpare::Look() {
     const std::chrono::seconds silence = store_.relays.Times().alive;
-    std::vector<RelayRecord> silent;
-    if (store_.relays.Silent(silence, silent) != StoreResult::Done) {
+    std::vector<RelayRecord> relays;
+    if (store_.relays.Signs(relays) != StoreResult::Done) {
         signs_.Forget();
         return false;
     }
-    for (const RelayRecord& relay : signs_.SilentFor(silence, silent)) {
+    for (const RelayRecord& relay : signs_.Silent(relays, silence, silence)) {
         if (!ended_ && claim_(relay.name)) {
             return true;
         }

@@ -180,13 +180,17 @@ StoreResult RelayStore::Alive(std::vector<RelayRecord>& relays) {
     });
 }
 
-StoreResult RelayStore::Silent(std::chrono::seconds time, std::vector<RelayRecord>& relays) {
-    return access_.Read("list of the silent relays", [&](Database& database) {
-        Query rows(database,
-                   "SELECT key, name, host, first_port, last_port, load, seen, epoch FROM relay"
-                   " WHERE state = 'up' AND owner <> '' AND seen + $1 <= unixepoch() ORDER BY key",
-                   Seconds(time));
-        relays = AllOf(rows);
+StoreResult RelayStore::Signs(std::vector<RelayRecord>& relays) {
+    return access_.Read("list of the relays' life signs", [&](Database& database) {
+        Query rows(
+            database,
+            "SELECT key, name, host, first_port, last_port, load, seen, epoch,"
+            " unixepoch() - seen FROM relay WHERE state = 'up' AND owner <> '' ORDER BY key");
+        relays.clear();
+        while (rows.Next()) {
+            relays.push_back(RelayOf(rows));
+            relays.back().silence = rows.Integer(8);
+        }
         return StoreResult::Done;
     });
 }

@@ -35,7 +35,8 @@ struct RelayRecord {
     int firstPort = 0, lastPort = 0;
     std::string hostKey; ///< private; set by Join() only
     std::int64_t load = 0;
-    std::int64_t seen = 0; ///< when it last said that it lives; only good for comparing
+    std::int64_t seen = 0;    ///< when it last said that it lives; only good for comparing
+    std::int64_t silence = 0; ///< seconds since then, by the database's clock; set by Signs() only
 };
 
 /// What a drained relay has, and what there is to take it.
@@ -76,8 +77,8 @@ public:
     /// Where devices log in to a relay, a living one if possible; 0 = unknown. Blocks for the
     /// database every few seconds only.
     int SshPort();
-    /// The relays that have said nothing for this long, without those that were drained.
-    StoreResult Silent(std::chrono::seconds time, std::vector<RelayRecord>& relays);
+    /// All relays but those that were drained, with how long they have been silent.
+    StoreResult Signs(std::vector<RelayRecord>& relays);
 
     /// The keys of the living relays, the one with the fewest tunnels first; the next tunnel is
     /// taken to become that one's. To be called within a piece of work on the database. Throws

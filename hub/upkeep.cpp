@@ -39,12 +39,12 @@ void Upkeep::WaitFor(std::chrono::milliseconds pause) {
 }
 
 std::vector<RelayRecord> Upkeep::DeadRelays() {
-    std::vector<RelayRecord> silent;
-    if (store_.relays.Silent(store_.relays.Times().dead, silent) != StoreResult::Done) {
+    std::vector<RelayRecord> relays;
+    if (store_.relays.Signs(relays) != StoreResult::Done) {
         signs_.Forget();
         return {};
     }
-    return signs_.SilentFor(times_.settle, silent);
+    return signs_.Silent(relays, store_.relays.Times().dead, times_.settle);
 }
 
 std::chrono::milliseconds Upkeep::Work() {
