@@ -47,7 +47,7 @@ const std::map<std::string, void (Phases::*)()>& AllPhases() {
 /// What is measured unless the command line says otherwise, in order.
 std::vector<std::string> UsualPhases(const Options& options, const FleetHub& hub) {
     if (options.hosts > 1) {
-        return {"idle", "move", "host"};
+        return {"move", "host"};
     }
     if (!hub.HasRoles()) {
         return {"idle", "load", "both", "churn"};
@@ -86,9 +86,11 @@ void Run(const Options& options) {
         cluster.emplace();
     }
     constexpr int kHold = 50;
-    constexpr int kShortHold = 10; // so that devices move between hosts often
+    // Devices move between two hosts at each poll: often, but each time with a handshake of TLS.
+    constexpr int kMovesPerSecond = 200;
+    const int shortHold = std::clamp(options.devices / kMovesPerSecond, 10, kHold);
     FleetHub hub({options.hub, folder.path, cluster ? cluster->Database("fleet") : "",
-                  options.devices, options.hosts, options.hosts > 1 ? kShortHold : kHold});
+                  options.devices, options.hosts, options.hosts > 1 ? shortHold : kHold});
     Swarm swarm(options.devices, folder.path);
     printf("%d devices in %zu processes, %s, the hub in %d processes\n", options.devices,
            swarm.Processes(), options.postgres ? "PostgreSQL" : "SQLite", hub.Running());

@@ -19,6 +19,7 @@ void HttpsLink::Connect(const tcp::endpoint& server, Request request) {
     request_ = std::move(request);
     stream_.next_layer().async_connect(server, [self = shared_from_this()](const Error& error) {
         if (self->Good(error)) {
+            self->taken_ = true;
             self->Shake();
         }
     });

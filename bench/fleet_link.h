@@ -31,6 +31,8 @@ public:
     void Send(Request request);
     /// Ends the connection; nothing is called any more.
     void Close();
+    /// Whether the server took the connection.
+    bool WasTaken() const { return taken_; }
 
 private:
     using Error = boost::system::error_code;
@@ -46,6 +48,7 @@ private:
     boost::beast::flat_buffer buffer_;
     Request request_;
     Reply reply_;
+    bool taken_ = false;
 };
 
 } // namespace ZARO::Fleet

@@ -93,7 +93,21 @@ void FleetPoll::Sent() {
     events_.changed();
 }
 
+bool FleetPoll::TryOther(const HttpsLink::Reply* reply) {
+    if (reply != nullptr || link_->WasTaken() || world_.controls.size() < 2 ||
+        std::exchange(other_, true)) {
+        return false;
+    }
+    moves_ = false;
+    link_.reset();
+    Send();
+    return true;
+}
+
 void FleetPoll::Answered(const HttpsLink::Reply* reply) {
+    if (TryOther(reply)) {
+        return;
+    }
     Json::Value answers;
     if (reply == nullptr || reply->result() != boost::beast::http::status::ok ||
         !json::Parse(reply->body(), answers) || !answers.isArray() || answers.empty()) {
@@ -109,7 +123,7 @@ void FleetPoll::Answered(const HttpsLink::Reply* reply) {
         link_->Close();
         link_.reset();
     }
-    out_ = false;
+    out_ = other_ = false;
     backoff_.Succeeded(Clock::now());
     if (!registering && !std::exchange(stands_, true)) {
         events_.back();
@@ -163,7 +177,7 @@ void FleetPoll::Failed() {
         link_->Close();
         link_.reset();
     }
-    out_ = false;
+    out_ = other_ = false;
     stands_ = false;
     After(backoff_.Failed(Clock::now(), spread_));
     events_.changed();

@@ -59,6 +59,9 @@ private:
     void Answered(const HttpsLink::Reply* reply);
     bool TakeRegistration(const HttpsLink::Reply& reply, const Json::Value& answers);
     bool TakeWait(const Json::Value& answer);
+    /// Whether it tried the other server at once, as the real device does when a name has two
+    /// addresses and the first one refuses the connection.
+    bool TryOther(const HttpsLink::Reply* reply);
     void Failed();
     void After(milliseconds wait);
     HttpsLink::Request MakeRequest() const;
@@ -75,6 +78,7 @@ private:
     int revision_ = 0;
     std::size_t turn_ = 0; ///< which control server is next
     bool moves_ = true;    ///< each request goes to the next server, until one of them fails
+    bool other_ = false;   ///< the other server is being tried, as one refused
     bool out_ = false;     ///< a request is out
     bool stands_ = false;  ///< the wait command before was answered
     milliseconds spread_{0};

@@ -189,6 +189,7 @@ std::set<std::string> ServedNames(const std::set<std::string>& more) {
 
 SslContext MakeTls(const std::string& file, const std::set<std::string>& names,
                    std::string& error) {
+    const UniqueFd alone = WaitForFolder(file); // processes that start together use one certificate
     SslContext context = MakeContext(error);
     std::optional<std::string> kept;
     if (context == nullptr || !ReadSmallFile(file, kept, error)) {

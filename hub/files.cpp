@@ -55,8 +55,8 @@ bool IsRelayFile(const std::string& name) {
 }
 
 bool IsKnown(const std::string& name) {
-    constexpr std::array kDatabase = {"lock", "hub.db", "hub.db-wal", "hub.db-shm",
-                                      "hub.db-journal"};
+    constexpr std::array kDatabase = {"lock",           "hub.db",     "hub.db-wal", "hub.db-shm",
+                                      "hub.db-journal", "admin.sock", "admin.lock"};
     constexpr std::array kWritten = {"https.pem", "relay.key", "owner"};
     return std::find(kDatabase.begin(), kDatabase.end(), name) != kDatabase.end() ||
            IsRelayFile(name) ||
@@ -147,6 +147,16 @@ bool LockRelayName(const std::string& folder, const std::string& name, UniqueFd&
     }
     return Lock(std::move(locked), LOCK_EX, file,
                 "--relay-name: another relay named " + name + " runs on " + folder, lock, error);
+}
+
+UniqueFd WaitForFolder(const std::string& file) {
+    const std::string folder = std::filesystem::path(file).parent_path();
+    UniqueFd opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (opened.IsOpen()) {
+        while (flock(opened.Get(), LOCK_EX) != 0 && errno == EINTR) {
+        }
+    }
+    return opened;
 }
 
 std::string HostKeyFile(const std::string& folder, const std::string& name) {

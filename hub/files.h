@@ -24,6 +24,10 @@ bool OpenDataFolder(const std::string& folder, FolderUse use, UniqueFd& lock, st
 bool LockRelayName(const std::string& folder, const std::string& name, UniqueFd& lock,
                    std::string& error);
 
+/// Keeps other processes from the same in the folder of `file` while the result lives; waits until
+/// they are through. Closed when the folder can't be opened.
+UniqueFd WaitForFolder(const std::string& file);
+
 /// The file in the data folder that holds the host key of relay `name`.
 std::string HostKeyFile(const std::string& folder, const std::string& name);
 

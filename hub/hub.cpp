@@ -7,6 +7,8 @@
 #include <optional>
 #include <utility>
 
+#include "hub/admin.h"
+#include "hub/admin_socket.h"
 #include "hub/alias.h"
 #include "hub/bus.h"
 #include "hub/certificate.h"
@@ -55,6 +57,8 @@ struct Hub::Parts {
     bool StartRoles(std::string& error);
     bool StartWeb(std::string& error);
     HubFacts Facts();
+    /// Lets the operator in, after all else: who asks meets a whole hub.
+    void StartAdmin();
 
     const HubOptions& options;
     const bool isAlone; ///< no other process uses the database
@@ -68,6 +72,8 @@ struct Hub::Parts {
     std::shared_ptr<Upkeep> upkeep;
     Control control;
     Alias alias;
+    Admin admin;
+    std::shared_ptr<AdminSocket> adminSocket;
     std::unique_ptr<Web> http;
     std::unique_ptr<Web> https;
     std::atomic<bool> useless{false};
@@ -87,7 +93,8 @@ Hub::Parts::Parts(const HubOptions& given)
               given.relayHost, [this] { return SpreadFor(store.devices.Count()); }),
       alias(
           store, given.aliasTtl, [this](const TunnelRecord& tunnel) { return IsUp(tunnel); },
-          given.relayHost) {
+          given.relayHost),
+      admin(store, given, [this](const Changes& changes) { Changed(changes); }) {
     if (!given.admitsAll) {
         store.devices.AdmitListedOnly();
     }
@@ -200,6 +207,14 @@ bool Hub::Parts::StartWeb(std::string& error) {
     return true;
 }
 
+void Hub::Parts::StartAdmin() {
+    adminSocket =
+        std::make_shared<AdminSocket>(loops, options.data, [this](const std::string& request) {
+            return admin.AnswerLine(request);
+        });
+    adminSocket->Start(); // a hub without it serves its devices all the same
+}
+
 Hub::Hub(HubOptions options) : options_(std::move(options)) {
     if (options_.visitorAddress.empty()) {
         options_.visitorAddress = options_.address;
@@ -215,9 +230,14 @@ bool Hub::Start(std::string& error) {
     // A peer that hangs up must not end the process from within a library's write().
     (void)signal(SIGPIPE, SIG_IGN);
     error.clear();
-    return OpenDataFolder(options_.data, UseOf(options_.roles), parts_->lock, error) &&
-           parts_->store.Open(DatabaseOf(options_), error) && parts_->loops.Start(error) &&
-           parts_->StartRoles(error) && parts_->StartWeb(error);
+    const bool good = OpenDataFolder(options_.data, UseOf(options_.roles), parts_->lock, error) &&
+                      parts_->store.Open(DatabaseOf(options_), error) &&
+                      parts_->loops.Start(error) && parts_->StartRoles(error) &&
+                      parts_->StartWeb(error);
+    if (good) {
+        parts_->StartAdmin();
+    }
+    return good;
 }
 
 void Hub::BeginHandOver() {
@@ -246,6 +266,9 @@ void Hub::Stop() {
         if (web != nullptr) {
             web->Close();
         }
+    }
+    if (parts_->adminSocket != nullptr) {
+        parts_->adminSocket->Stop();
     }
     parts_->waiters.Stop();
     for (Web* web : webs) {

@@ -29,6 +29,9 @@ constexpr auto kPatience = seconds(2);
 constexpr auto kSlowReading = seconds(1);
 constexpr auto kStuckTime = seconds(300); // ends it
 
+// What is due within the same step is done at once: to wake a processor costs more than the look.
+constexpr auto kTimerStep = milliseconds(100);
+
 // What one pass moves before the other sessions of the loop have their turn.
 constexpr std::uint64_t kPassBytes = std::uint64_t{32} * 1024;
 constexpr int kPassRounds = 64;
@@ -252,7 +255,7 @@ void RelaySession::SetTimer() {
         return; // what comes later is looked at then
     }
     timerDue_ = due;
-    timer_.expires_at(due);
+    timer_.expires_at(due + (kTimerStep - due.time_since_epoch() % kTimerStep));
     timer_.async_wait([self = Self()](const boost::system::error_code& failed) {
         if (!failed && !self->released_) {
             self->OnTimer();
@@ -265,6 +268,11 @@ void RelaySession::OnTimer() {
     lane_.now = Clock::now();
     if (state_ == State::Serving) {
         visitors_->EndStuckOnes();
+        probe_ = std::max(probe_, heard_ + kFirstProbe);
+        if (lane_.now < NextDue() && !line_.IsWriting() && !visitors_->HasWork()) {
+            SetTimer(); // it was heard meanwhile
+            return;
+        }
         lineReady_ = IsListening(); // what came may not have been handled yet
     }
     Pass();

@@ -37,21 +37,14 @@ void RelaySpare::Wait() {
 }
 
 bool RelaySpare::Look() {
-    std::vector<RelayRecord> relays;
-    if (store_.relays.Free(relays) != StoreResult::Done) {
-        free_.clear();
+    const std::chrono::seconds silence = store_.relays.Times().alive;
+    std::vector<RelayRecord> silent;
+    if (store_.relays.Silent(silence, silent) != StoreResult::Done) {
+        signs_.Forget();
         return false;
     }
-    const auto now = Clock::now();
-    decltype(free_) still;
-    for (const RelayRecord& relay : relays) {
-        const auto known = free_.find(relay.name);
-        const bool isSame = known != free_.end() && known->second.first == relay.seen;
-        still[relay.name] = isSame ? known->second : std::pair(relay.seen, now);
-    }
-    free_.swap(still);
-    for (const auto& [name, seen] : free_) {
-        if (now - seen.second >= store_.relays.Times().alive && !ended_ && claim_(name)) {
+    for (const RelayRecord& relay : signs_.SilentFor(silence, silent)) {
+        if (!ended_ && claim_(relay.name)) {
             return true;
         }
     }

@@ -4,13 +4,12 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include <boost/asio/steady_timer.hpp>
 
+#include "hub/life_signs.h"
 #include "hub/loops.h"
 #include "hub/store.h"
 
@@ -32,8 +31,6 @@ public:
     void Stop();
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     void Wait();
     /// Runs on a worker, one at a time. True when the spare has become a relay.
     bool Look();
@@ -44,9 +41,7 @@ private:
     const std::chrono::milliseconds interval_;
     asio::steady_timer timer_;
     std::atomic<bool> ended_{false};
-    /// Since when each relay was seen to be free, without a break and with this life sign as its
-    /// last: after the database was away every relay looks dead for a moment.
-    std::map<std::string, std::pair<std::int64_t, Clock::time_point>> free_;
+    LifeSigns signs_;
 };
 
 } // namespace ZARO::RelayHub

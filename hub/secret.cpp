@@ -9,19 +9,17 @@
 
 namespace ZARO::RelayHub {
 
-std::string RandomText(std::size_t length) {
-    constexpr std::string_view kLetters =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+std::string RandomText(std::size_t length, std::string_view letters) {
     // Bytes from this value on are dropped, so that all letters are equally likely.
-    constexpr std::size_t kFair = 256 / kLetters.size() * kLetters.size();
+    const std::size_t fair = 256 / letters.size() * letters.size();
     std::string text;
     while (text.size() < length) {
         std::array<unsigned char, 64> bytes{};
         const ssize_t got = getrandom(bytes.data(), bytes.size(), 0);
         for (ssize_t i = 0; i < got && text.size() < length; ++i) {
             const std::size_t byte = bytes[static_cast<std::size_t>(i)];
-            if (byte < kFair) {
-                text += kLetters[byte % kLetters.size()];
+            if (byte < fair) {
+                text += letters[byte % letters.size()];
             }
         }
     }

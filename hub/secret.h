@@ -6,8 +6,12 @@
 
 namespace ZARO::RelayHub {
 
-/// `length` letters and digits from the system's random generator, worth just under 6 bits each.
-std::string RandomText(std::size_t length);
+constexpr std::string_view kLettersAndDigits =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+
+/// `length` of these characters, at most 256 different ones, from the system's random generator.
+/// Letters and digits are worth just under 6 bits each.
+std::string RandomText(std::size_t length, std::string_view letters = kLettersAndDigits);
 
 /// SHA-256 as 64 hex digits.
 std::string Sha256(std::string_view text);

@@ -17,7 +17,7 @@ namespace ZARO::RelayHub {
 class SessionCache {
 public:
     /// It forgets some of them when there are more.
-    static constexpr std::size_t kMost = 2 * kMaxDevices;
+    static constexpr std::size_t kMost = std::size_t{2} * kMaxDevices;
 
     std::optional<Device> Find(const std::string& session) const;
     /// To be called before a look-up in the database, for Add().

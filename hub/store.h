@@ -7,6 +7,7 @@
 #include "hub/store_admission.h"
 #include "hub/store_aliases.h"
 #include "hub/store_devices.h"
+#include "hub/store_fleet.h"
 #include "hub/store_moves.h"
 #include "hub/store_ports.h"
 #include "hub/store_relays.h"
@@ -36,6 +37,7 @@ public:
     AliasStore aliases{access_};
     RelayStore relays{access_};
     MoveStore moves{access_, ports, relays};
+    FleetStore fleet{access_};
 
 private:
     /// The relay of a database that has only one, which is made if it is missing.

@@ -15,7 +15,7 @@ constexpr int kNoteSeconds = 30;              ///< between two notes that a devi
 constexpr int kActiveSeconds = 2 * 60;        ///< who asked within that time will ask again
 
 /// So that a device is told for a while that its code has expired, not that it is unknown.
-constexpr std::int64_t kExpiredSeconds = 30 * 24 * 60 * 60;
+constexpr std::int64_t kExpiredSeconds = std::int64_t{30} * 24 * 60 * 60;
 
 constexpr int kSoonest = 5;
 constexpr int kLatest = 60;

@@ -35,7 +35,7 @@ struct PendingDevice {
 struct NewInvitation {
     std::string hash; ///< SHA-256 of the code, without dashes
     int uses = 1;
-    std::int64_t seconds = 7 * 24 * 60 * 60; ///< that it is good for
+    std::int64_t seconds = std::int64_t{7} * 24 * 60 * 60; ///< that it is good for
 };
 
 /// What became of the operator's "admit".

@@ -36,12 +36,17 @@ std::vector<std::int64_t> Keys(Query& rows) {
 }
 
 /// The relays that are to lose their tunnels.
-std::vector<std::int64_t> LosingRelays(Database& database, MoveFrom from, const RelayTimes& times) {
-    Query rows(database,
-               "SELECT key FROM relay WHERE state = 'draining' OR ($1 = 1 AND owner <> ''"
-               " AND seen + $2 <= unixepoch()) ORDER BY key",
-               from == MoveFrom::DrainingAndDead ? 1 : 0, std::int64_t{times.dead.count()});
-    return Keys(rows);
+std::vector<std::int64_t> LosingRelays(Database& database, const std::vector<RelayRecord>& dead) {
+    Query draining(database, "SELECT key FROM relay WHERE state = 'draining' ORDER BY key");
+    std::vector<std::int64_t> keys = Keys(draining);
+    for (const RelayRecord& relay : dead) {
+        Query still(database, "SELECT key FROM relay WHERE key = $1 AND seen = $2 AND epoch = $3",
+                    relay.key, relay.seen, relay.epoch);
+        for (const std::int64_t key : Keys(still)) {
+            keys.push_back(key);
+        }
+    }
+    return keys;
 }
 
 /// Makes the device's row this transaction's own. False when somebody else has it.
@@ -60,7 +65,8 @@ void Bump(Database& database, std::int64_t device) {
 
 } // namespace
 
-StoreResult MoveStore::Move(MoveFrom from, std::size_t count, Changes& changes) {
+StoreResult MoveStore::Move(const std::vector<RelayRecord>& dead, std::size_t count,
+                            Changes& changes) {
     Changes moved;
     const StoreResult result = access_.Write("moving of tunnels", [&](Database& database) {
         moved = {};
@@ -68,7 +74,7 @@ StoreResult MoveStore::Move(MoveFrom from, std::size_t count, Changes& changes) 
         if (!IsOnlyMover(database) || !relays_.Refresh(database)) {
             return StoreResult::Done;
         }
-        for (const std::int64_t relay : LosingRelays(database, from, relays_.Times())) {
+        for (const std::int64_t relay : LosingRelays(database, dead)) {
             // Who needs another number comes last, lest it take one that a tunnel could keep.
             MoveSameNumbers(database, relay, count, moved);
             if (moved.tunnels.empty()) {

@@ -12,20 +12,18 @@
 
 namespace ZARO::RelayHub {
 
-/// Which relays are to lose their tunnels.
-enum class MoveFrom { Draining, DrainingAndDead };
-
 /// Any thread may call any method. They block for the database only and don't throw.
 class MoveStore {
 public:
     MoveStore(StoreAccess& access, PortStore& ports, RelayStore& relays)
         : access_(access), ports_(ports), relays_(relays) {}
 
-    /// Moves the tunnels of some devices, about `count` of them, in one transaction. They keep
-    /// their users and passwords, and the numbers of their ports where those are free. Adds what
-    /// changed to `changes`. Done without any change when there is nothing to move, no relay lives
-    /// that could take it, or another process is moving.
-    StoreResult Move(MoveFrom from, std::size_t count, Changes& changes);
+    /// Moves the tunnels of some devices, about `count` of them, in one transaction: from relays
+    /// that are draining, and from `dead` ones that have given no life sign since. They keep their
+    /// users and passwords, and the numbers of their ports where those are free. Adds what changed
+    /// to `changes`. Done without any change when there is nothing to move, no relay lives that
+    /// could take it, or another process is moving.
+    StoreResult Move(const std::vector<RelayRecord>& dead, std::size_t count, Changes& changes);
 
 private:
     struct Place;

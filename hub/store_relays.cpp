@@ -130,6 +130,36 @@ StoreResult RelayStore::SetDraining(const RelayRecord& relay) {
     });
 }
 
+StoreResult RelayStore::Drain(const std::string& name, Drained& drained) {
+    return access_.Write("draining of a relay", [&](Database& database) {
+        drained = {};
+        std::int64_t relay = 0;
+        {
+            // All rows are locked, so that of two relays that are drained at a time one stays.
+            Query rows(database,
+                       database.Sql("SELECT key, name, CASE WHEN state = 'up' AND"
+                                    " seen + $1 > unixepoch() THEN 1 ELSE 0 END"
+                                    " FROM relay WHERE owner <> '' ORDER BY key",
+                                    "SELECT key, name, CASE WHEN state = 'up' AND"
+                                    " seen + $1 > unixepoch() THEN 1 ELSE 0 END"
+                                    " FROM relay WHERE owner <> '' ORDER BY key FOR UPDATE"),
+                       Seconds(times_.alive));
+            while (rows.Next()) {
+                const bool isIt = rows.Text(1) == name;
+                relay = isIt ? rows.Integer(0) : relay;
+                drained.others += isIt ? 0 : rows.Integer(2);
+            }
+        }
+        if (relay == 0 || drained.others == 0) {
+            return relay == 0 ? StoreResult::NotFound : StoreResult::Refused;
+        }
+        Query(database, "UPDATE relay SET state = 'draining' WHERE key = $1", relay).Run();
+        Query tunnels(database, "SELECT count(*) FROM service WHERE relay = $1", relay);
+        drained.tunnels = tunnels.Next() ? tunnels.Integer(0) : 0;
+        return StoreResult::Done;
+    });
+}
+
 StoreResult RelayStore::Leave(const RelayRecord& relay) {
     return access_.Write("leaving of the relay", [&](Database& database) {
         // Not alive any more, but not dead for a while: it may be restarting. The epoch refuses a
@@ -150,12 +180,12 @@ StoreResult RelayStore::Alive(std::vector<RelayRecord>& relays) {
     });
 }
 
-StoreResult RelayStore::Free(std::vector<RelayRecord>& relays) {
-    return access_.Read("list of the free relays", [&](Database& database) {
+StoreResult RelayStore::Silent(std::chrono::seconds time, std::vector<RelayRecord>& relays) {
+    return access_.Read("list of the silent relays", [&](Database& database) {
         Query rows(database,
                    "SELECT key, name, host, first_port, last_port, load, seen, epoch FROM relay"
                    " WHERE state = 'up' AND owner <> '' AND seen + $1 <= unixepoch() ORDER BY key",
-                   Seconds(times_.alive));
+                   Seconds(time));
         relays = AllOf(rows);
         return StoreResult::Done;
     });

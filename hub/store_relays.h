@@ -38,6 +38,12 @@ struct RelayRecord {
     std::int64_t seen = 0; ///< when it last said that it lives; only good for comparing
 };
 
+/// What a drained relay has, and what there is to take it.
+struct Drained {
+    std::int64_t tunnels = 0;
+    std::int64_t others = 0; ///< relays that live and take new tunnels
+};
+
 /// Any thread may call any method. They block for the database only and don't throw, unless they
 /// say so.
 class RelayStore {
@@ -59,6 +65,9 @@ public:
     /// From now on the relay gets no new tunnels, and those that it has move to others. It serves
     /// them until then.
     StoreResult SetDraining(const RelayRecord& relay);
+    /// The same for a relay that another process may be, until a process joins as that relay again.
+    /// NotFound when there is none of that name, Refused when no other relay takes tunnels.
+    StoreResult Drain(const std::string& name, Drained& drained);
     /// The relay ends: it gets no new tunnels, and another process may become it at once.
     StoreResult Leave(const RelayRecord& relay);
 
@@ -67,8 +76,8 @@ public:
     /// Where devices log in to a relay, a living one if possible; 0 = unknown. Blocks for the
     /// database every few seconds only.
     int SshPort();
-    /// The relays that another process may become, without those that were drained.
-    StoreResult Free(std::vector<RelayRecord>& relays);
+    /// The relays that have said nothing for this long, without those that were drained.
+    StoreResult Silent(std::chrono::seconds time, std::vector<RelayRecord>& relays);
 
     /// The keys of the living relays, the one with the fewest tunnels first; the next tunnel is
     /// taken to become that one's. To be called within a piece of work on the database. Throws

@@ -9,7 +9,7 @@ namespace ZARO::RelayHub {
 Upkeep::Upkeep(Loops& loops, Store& store, std::function<void(const Changes&)> changed,
                UpkeepTimes times)
     : loops_(loops), store_(store), changed_(std::move(changed)), times_(times),
-      timer_(loops.Next()), settled_(Clock::now() + times.settle) {
+      timer_(loops.Next()) {
 }
 
 void Upkeep::Start() {
@@ -38,14 +38,18 @@ void Upkeep::WaitFor(std::chrono::milliseconds pause) {
     });
 }
 
-std::chrono::milliseconds Upkeep::Work() {
-    const bool isSettled = Clock::now() >= settled_;
-    Changes changes;
-    const StoreResult result = store_.moves.Move(
-        isSettled ? MoveFrom::DrainingAndDead : MoveFrom::Draining, times_.batch, changes);
-    if (result == StoreResult::Fault) {
-        settled_ = Clock::now() + times_.settle;
+std::vector<RelayRecord> Upkeep::DeadRelays() {
+    std::vector<RelayRecord> silent;
+    if (store_.relays.Silent(store_.relays.Times().dead, silent) != StoreResult::Done) {
+        signs_.Forget();
+        return {};
     }
+    return signs_.SilentFor(times_.settle, silent);
+}
+
+std::chrono::milliseconds Upkeep::Work() {
+    Changes changes;
+    (void)store_.moves.Move(DeadRelays(), times_.batch, changes); // else again after the pause
     if (changes.tunnels.empty()) {
         if (moved_ > 0) {
             Log(Level::Info, "upkeep", "moved %zu tunnels to other relays",

@@ -6,10 +6,12 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include <boost/asio/steady_timer.hpp>
 
 #include "hub/changes.h"
+#include "hub/life_signs.h"
 #include "hub/loops.h"
 #include "hub/store.h"
 
@@ -20,8 +22,7 @@ struct UpkeepTimes {
     std::size_t batch = 40;                  ///< tunnels per transaction, about
     std::chrono::milliseconds pause{200};    ///< between two batches
     std::chrono::milliseconds idle{1000};    ///< between two looks when there is nothing to move
-    std::chrono::milliseconds settle{15000}; ///< for relays to say that they live, after the
-                                             ///< database was away or this process started
+    std::chrono::milliseconds settle{15000}; ///< a relay has to look dead to this process, too
 };
 
 /// Every control server has one; the database lets one of them work at a time. Any thread may call
@@ -38,11 +39,10 @@ public:
     void Stop();
 
 private:
-    using Clock = std::chrono::steady_clock;
-
     void WaitFor(std::chrono::milliseconds pause);
     /// Runs on a worker, one at a time. The pause until the next one.
     std::chrono::milliseconds Work();
+    std::vector<RelayRecord> DeadRelays();
 
     Loops& loops_;
     Store& store_;
@@ -50,8 +50,8 @@ private:
     const UpkeepTimes times_;
     asio::steady_timer timer_;
     std::atomic<bool> ended_{false};
-    std::size_t moved_ = 0;     ///< tunnels since there was nothing to move
-    Clock::time_point settled_; ///< from when on relays that look dead are dead
+    std::size_t moved_ = 0; ///< tunnels since there was nothing to move
+    LifeSigns signs_;
 };
 
 } // namespace ZARO::RelayHub

@@ -4,7 +4,7 @@ if(NOT TARGET zarorelay-hub)
 endif()
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 
-set(test_zarorelayd_processors PROCESSORS 2)
+set(test_zarorelayd_processors PROCESSORS 4)
 foreach(source test_zarorelayd.cpp test_zarorelayd_faults.cpp test_zarorelayd_hostile.cpp
         test_zarorelayd_secrets.cpp test_fault_table.cpp)
     cmake_path(GET source STEM name)

@@ -25,7 +25,8 @@ struct HubHosts : testing::Test {
     }
 
     PostgresCluster& cluster_ = PostgresCluster::Shared();
-    const std::string url_ = cluster_.Database("hosts");
+    static inline int databases_ = 0;
+    const std::string url_ = cluster_.Database("hosts" + std::to_string(++databases_));
     HubProcess a_{3, Host(url_, "a")};
     HubProcess b_{3, Host(url_, "b")};
     TestDevice device_{a_, 1, "web,other"};

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "app/ctl/text.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -19,10 +19,10 @@
 #include "app/ctl/probe.h"
 #include "app/ctl/report.h"
 #include "app/ctl/status.h"
-#include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -12,9 +12,9 @@
 #include "app/common/checks.h"
 #include "app/ctl/probe.h"
 #include "app/ctl/report.h"
-#include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/names.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -18,10 +18,10 @@
 #include "app/ctl/launch.h"
 #include "app/ctl/report.h"
 #include "app/ctl/status.h"
-#include "app/ctl/text.h"
 #include "base/invitation_code.h"
 #include "base/json.h"
 #include "base/paths.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -7,11 +7,11 @@
 
 #include "app/common/clock.h"
 #include "app/ctl/report.h"
-#include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/paths.h"
 #include "base/read_file.h"
 #include "base/replace_file.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

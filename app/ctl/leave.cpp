@@ -9,9 +9,9 @@
 #include "app/ctl/join.h"
 #include "app/ctl/join_record.h"
 #include "app/ctl/report.h"
-#include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/paths.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -17,11 +17,11 @@
 #include "app/ctl/report.h"
 #include "app/ctl/service_list.h"
 #include "app/ctl/status.h"
-#include "app/ctl/text.h"
 #include "base/ascii.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

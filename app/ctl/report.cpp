@@ -4,7 +4,7 @@
 
 #include <iostream>
 
-#include "app/ctl/text.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

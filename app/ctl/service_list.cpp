@@ -3,12 +3,12 @@
 #include <filesystem>
 
 #include "app/ctl/report.h"
-#include "app/ctl/text.h"
 #include "base/folder.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
 #include "base/service_names.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

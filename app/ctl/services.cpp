@@ -11,10 +11,10 @@
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
 #include "app/ctl/service_list.h"
-#include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -14,11 +14,11 @@
 
 #include "app/ctl/control.h"
 #include "app/ctl/report.h"
-#include "app/ctl/text.h"
 #include "app/ctl/watch.h"
 #include "base/json.h"
 #include "base/names.h"
 #include "base/paths.h"
+#include "base/terminal.h"
 
 namespace ZARO::Relay::ctl {
 

@@ -14,9 +14,9 @@
 
 #include "app/common/clock.h"
 #include "app/ctl/report.h"
-#include "app/ctl/text.h"
 #include "base/json.h"
 #include "base/paths.h"
+#include "base/terminal.h"
 #include "base/unique_fd.h"
 
 namespace ZARO::Relay::ctl {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace ZARO::Relay::ctl {
+namespace ZARO {
 
 /// Makes a foreign text harmless for a terminal and cuts it to `columns`. Characters of no width
 /// (control characters, escape sequences, marks that change the direction) become "?", and so does
@@ -41,4 +41,4 @@ std::string Duration(std::int64_t seconds);
 /// A time in the local time zone; "?" when it is out of the calendar's range.
 std::string DateAndTime(std::int64_t time);
 
-} // namespace ZARO::Relay::ctl
+} // namespace ZARO

@@ -1,4 +1,4 @@
-#include "app/ctl/text.h"
+#include "base/terminal.h"
 
 #include <stdlib.h>
 #include <unistd.h>
@@ -10,7 +10,7 @@
 
 #include "base/names.h"
 
-namespace ZARO::Relay::ctl {
+namespace ZARO {
 
 namespace {
 
@@ -141,4 +141,4 @@ std::string DateAndTime(std::int64_t time) {
     return text;
 }
 
-} // namespace ZARO::Relay::ctl
+} // namespace ZARO
