@@ -53,8 +53,8 @@ std::vector<Candidate> CandidatesFor(Database& database, const std::string& seri
     std::vector<Candidate> candidates;
     Query rows(database,
                "SELECT server_id, mac, token FROM pending WHERE serial = $1"
-               " AND ($2 = '' OR address = $2)",
-               serial, from);
+               " AND ($2 = '' OR address = $2) AND last_asked + $3 > unixepoch()",
+               serial, from, kPendingSeconds);
     while (rows.Next()) {
         candidates.push_back({{serial, "", rows.Text(1), "", rows.Text(0)}, rows.Text(2)});
     }
