@@ -98,6 +98,8 @@ TEST_P(HubAdmissionStore, LetsOnlySoManyWait) {
     EXPECT_EQ(busy.admission.RetryAfter(), 50);
     Execute("UPDATE pending SET last_asked = last_asked - 24 * 60 * 60 WHERE serial <> 'S1'");
     EXPECT_EQ(CountPending(store), 1U);
+    AdmitResult result = AdmitResult::Known;
+    EXPECT_EQ(store.admission.Admit("S2", "", result), StoreResult::NotFound) << "forgotten";
     EXPECT_EQ(join(0), "pending");
 }
 
