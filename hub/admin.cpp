@@ -23,7 +23,8 @@ namespace ZARO::RelayHub {
 namespace {
 
 constexpr std::int64_t kMostUses = kMaxDevices;
-constexpr std::size_t kShownAddresses = 10;
+constexpr std::size_t kShownAddresses = 5;
+constexpr std::size_t kLongestName = 63;                        // also of an address
 constexpr std::int64_t kLongestInvitation = 365 * 24 * 60 * 60; // seconds
 
 std::string Quoted(const std::string& text) {
@@ -93,7 +94,7 @@ std::string Admin::AnswerLine(const std::string& request) {
 bool Admin::Find(const std::string& text, std::string& serial, Json::Value& reply) {
     const auto [kind, name] = KindAndName(text);
     if ((!kind.empty() && kind != "serial" && kind != "id" && kind != "alias") ||
-        !IsMadeOf(name, 63, "-_.")) {
+        !IsMadeOf(name, kLongestName, "-_.")) {
         reply =
             AdminFailure(AdminCode::NotDone, Quoted(text) + " is no serial, server id or alias");
         return false;
@@ -149,10 +150,14 @@ Json::Value Admin::Admit(const Json::Value& request) {
     if (!IsSerial(serial)) {
         return AdminFailure(AdminCode::NotDone, Quoted(serial) + " is no serial");
     }
+    if (!from.empty() && !IsMadeOf(from, kLongestName, ".:%-_")) {
+        return AdminFailure(AdminCode::NotDone, Quoted(from) + " is no address");
+    }
     AdmitResult result = AdmitResult::Admitted;
     switch (store_.admission.Admit(serial, from, result)) {
     case StoreResult::Done:
-        return result == AdmitResult::Ambiguous ? Ambiguous(serial) : Admitted(serial, result);
+        return result == AdmitResult::Ambiguous ? Ambiguous(serial, from)
+                                                : Admitted(serial, result);
     case StoreResult::NotFound:
         return AdminFailure(AdminCode::No,
                             "no device waits under the serial " + serial +
@@ -160,8 +165,8 @@ Json::Value Admin::Admit(const Json::Value& request) {
                                 "; see: zarorelay-hubctl devices --state pending");
     case StoreResult::Taken:
         return AdminFailure(AdminCode::NotDone,
-                            serial + " has the server id of another device, which has to be"
-                                     " forgotten before");
+                            "another device has the server id of " + serial +
+                                "; forget that one first: zarorelay-hubctl forget id:SERVER-ID");
     case StoreResult::Full:
         return AdminFailure(AdminCode::NotDone, "the hub has " + std::to_string(kMaxDevices) +
                                                     " devices already; forget one first");
@@ -183,21 +188,27 @@ Json::Value Admin::Admitted(const std::string& serial, AdmitResult result) {
     }
 }
 
-Json::Value Admin::Ambiguous(const std::string& serial) {
+Json::Value Admin::Ambiguous(const std::string& serial, const std::string& from) {
     std::vector<PendingDevice> devices;
     if (store_.admission.Pending(devices) != StoreResult::Done) {
         return Json::Value();
     }
     std::set<std::string> addresses;
     for (const PendingDevice& device : devices) {
-        if (device.serial == serial && addresses.size() < kShownAddresses) {
+        if (device.serial == serial) {
             addresses.insert(device.address);
         }
     }
-    if (addresses.size() < 2) {
+    if (!from.empty() || addresses.size() < 2) {
         return AdminFailure(AdminCode::NotDone, "several devices ask as " + serial +
                                                     " from the same address; let the right one join"
                                                     " with a code: zarorelay-hubctl invite");
+    }
+    if (addresses.size() > kShownAddresses) { // a line has room for a few
+        return AdminFailure(AdminCode::NotDone, "several devices ask as " + serial +
+                                                    "; choose one with --from ADDRESS; see:"
+                                                    " zarorelay-hubctl device serial:" +
+                                                    serial);
     }
     std::string list;
     for (const std::string& address : addresses) {
@@ -250,6 +261,9 @@ Json::Value Admin::Forget(const Json::Value& request) {
 
 Json::Value Admin::Drain(const Json::Value& request) {
     const std::string relay = json::TextOf(request, "relay");
+    if (!IsMadeOf(relay, kLongestName, "-_")) { // nothing else can be looked up either
+        return AdminFailure(AdminCode::No, Quoted(relay) + " is no relay's name");
+    }
     Drained drained;
     switch (store_.relays.Drain(relay, drained)) {
     case StoreResult::Done:

@@ -53,7 +53,8 @@ private:
     bool Find(const std::string& text, std::string& serial, Json::Value& reply);
     /// The reply when a device was admitted, and when it is not clear which one to admit.
     static Json::Value Admitted(const std::string& serial, AdmitResult result);
-    Json::Value Ambiguous(const std::string& serial);
+    /// `from` = the address that the operator chose already, "" = none.
+    Json::Value Ambiguous(const std::string& serial, const std::string& from);
     /// The page of the list of devices in one state, the first of which come after `after`.
     StoreResult Page(const std::string& state, const std::string& after, Json::Value& reply);
     /// The devices that wait under this serial, "" = under any.

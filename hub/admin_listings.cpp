@@ -115,6 +115,11 @@ Json::Value RolesOf(const Roles& roles) {
     return names;
 }
 
+/// "" for a process that lets nobody in; the control servers have an option of their own.
+const char* AdmissionOf(const HubOptions& options) {
+    return !options.roles.control ? "" : options.admitsAll ? "open" : "listed";
+}
+
 } // namespace
 
 Json::Value Admin::Status(const Json::Value&) {
@@ -127,7 +132,7 @@ Json::Value Admin::Status(const Json::Value&) {
     reply["pid"] = Number(getpid());
     reply["roles"] = RolesOf(options_.roles);
     reply["database"] = options_.database.empty() ? "SQLite" : "PostgreSQL";
-    reply["admission"] = store_.devices.AdmitsAll() ? "open" : "listed";
+    reply["admission"] = AdmissionOf(options_);
     reply["now"] = Number(counts.now);
     reply["devices"] = Number(counts.devices);
     reply["devices_up"] = Number(counts.devicesUp);

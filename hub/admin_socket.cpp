@@ -23,8 +23,9 @@ constexpr auto kPause = std::chrono::seconds(1);
 /// Locked by whoever listens, and never removed.
 constexpr char kLock[] = "/admin.lock";
 
-constexpr char kTooMany[] = R"({"ok":false,"code":11,"error":"too many ask at the same time"})"
-                            "\n";
+constexpr char kTooMany[] =
+    R"({"ok":false,"code":11,"error":"too many requests at once; retry in a moment"})"
+    "\n";
 
 } // namespace
 
@@ -106,10 +107,11 @@ bool AdminSocket::Bind(bool& taken) {
 
 void AdminSocket::Note(int error) {
     if (error != 0 && error_ == 0) {
-        Log(Level::Warning, "admin", "nobody can ask through %s/%s, tries again: %s",
-            folder_.c_str(), kAdminSocket, strerror(error));
+        Log(Level::Warning, "admin",
+            "zarorelay-hubctl can't reach this hub through %s/%s, retries: %s", folder_.c_str(),
+            kAdminSocket, strerror(error));
     } else if (error == 0 && error_ != 0) {
-        Log(Level::Info, "admin", "%s/%s can be used now", folder_.c_str(), kAdminSocket);
+        Log(Level::Info, "admin", "%s/%s works now", folder_.c_str(), kAdminSocket);
     }
     error_ = error;
 }

@@ -135,14 +135,15 @@ StoreResult RelayStore::Drain(const std::string& name, Drained& drained) {
         drained = {};
         std::int64_t relay = 0;
         {
-            // All rows are locked, so that of two relays that are drained at a time one stays.
+            // All rows are locked, so that of two relays that are drained at a time one stays. The
+            // lock lets others refer to the rows: who places tunnels takes these in any order.
             Query rows(database,
                        database.Sql("SELECT key, name, CASE WHEN state = 'up' AND"
                                     " seen + $1 > unixepoch() THEN 1 ELSE 0 END"
                                     " FROM relay WHERE owner <> '' ORDER BY key",
                                     "SELECT key, name, CASE WHEN state = 'up' AND"
                                     " seen + $1 > unixepoch() THEN 1 ELSE 0 END"
-                                    " FROM relay WHERE owner <> '' ORDER BY key FOR UPDATE"),
+                                    " FROM relay WHERE owner <> '' ORDER BY key FOR NO KEY UPDATE"),
                        Seconds(times_.alive));
             while (rows.Next()) {
                 const bool isIt = rows.Text(1) == name;

@@ -67,6 +67,7 @@ TEST(HubCtl, RefusesInOneLine) {
         {"admit nobody", "1 .*no device waits under the serial nobody; see: .*--state pending"},
         {"admit no:body", "2 .*is no serial"},
         {"drain nobody", "1 .*no relay has the name \"nobody\"; see: zarorelay-hubctl relays"},
+        {"drain no/body", "1 .*is no relay's name"},
         {"drain relay", "2 .*relay can't be drained: no other relay is up"},
         {"backup there", "2 .*can't write .*/there: File exists"},
         {"backup none/copy", "2 .*can't write .*/none/copy: No such file"}};
@@ -161,6 +162,8 @@ TEST(HubCtl, AsksWhichOneIsMeant) {
     EXPECT_THAT(Ctl(hub, "admit SERIAL-1 --from 127.0.0.2"), HasSubstr("1 zarorelay-hubctl: no"));
     ASSERT_EQ(Join(hub, chosen, "", "127.0.0.3"), "pending");
     EXPECT_THAT(Ctl(hub, "admit SERIAL-1"), HasSubstr("with --from ADDRESS: 127.0.0.1, 127.0.0.3"));
+    EXPECT_THAT(Ctl(hub, "admit SERIAL-1 --from 127.0.0.1"),
+                ContainsRegex("^2 .*the same address"));
     EXPECT_THAT(Ctl(hub, "admit SERIAL-1 --from 127.0.0.3"), HasSubstr("0 SERIAL-1 is admitted"));
     EXPECT_EQ(Join(hub, real), "refusedtoken");
     EXPECT_EQ(Join(hub, chosen), "admitted");
@@ -297,6 +300,7 @@ TEST(HubCtl, AnotherProcessOfTheFolderTakesOver) {
     EXPECT_EQ(roles(), R"(["control"])");
     first.reset(); // killed
     EXPECT_TRUE(WaitFor([&] { return roles() == R"(["relay"])"; })) << roles();
+    EXPECT_THAT(Ctl(folder + "/data", "status"), HasSubstr("ask there")) << "it lets nobody in";
     EXPECT_EQ(Count(ReadFile(root.Path("/log")), "\n"), 3U) << "beside the listeners, no line";
 }
 
@@ -340,6 +344,7 @@ TEST(HubCtl, AnyHostServesTheWholeFleet) {
     EXPECT_EQ(serials.size(), 1201U);
     EXPECT_EQ(all.size(), 1201U) << "page after page, nobody twice";
 
+    EXPECT_THAT(Ctl(b, "device SERIAL-1"), ContainsRegex("\nState       admitted\n(.*\n)*two "));
     EXPECT_THAT(Ctl(b, "ban SERIAL-1"), HasSubstr("0 SERIAL-1 is banned; 2 tunnels ended"));
     for (const auto& tunnel : tunnels) {
         EXPECT_TRUE(WaitFor([&] { return tunnel->IsEnded(); })) << "at the other host";

@@ -47,8 +47,8 @@ void Explain(const Json::Value& reply, const std::string& code, int uses, std::i
     }
     const std::string url = json::TextOf(reply, "url");
     std::cout << "On the device: zarorelayctl join "
-              << Clean(url.empty() ? "https://HOST-OF-THE-HUB" : url, kLongestLine) << " " << code
-              << "   (for " << uses << (uses == 1 ? " device" : " devices") << ", good for "
+              << Clean(url.empty() ? "https://HOST-OF-THE-HUB:PORT" : url, kLongestLine) << " "
+              << code << "   (for " << uses << (uses == 1 ? " device" : " devices") << ", good for "
               << Duration(seconds) << ")" << std::endl;
 }
 

@@ -46,10 +46,10 @@ const Json::Value& Member(const Json::Value& object, const char* key) {
     return member != nullptr ? *member : kNone;
 }
 
-/// "5 min ago", or "never".
+/// "5 min ago", or "-" for a time that is not known.
 std::string Ago(const Json::Value& object, const char* key, std::int64_t now) {
     const std::int64_t time = Number(object, key);
-    return time == 0 ? "never" : Duration(now - time) + " ago";
+    return time == 0 ? "-" : Duration(now - time) + " ago";
 }
 
 std::string Part(std::int64_t part, std::int64_t all, const char* what) {
@@ -202,8 +202,11 @@ Cell RelayState(const Json::Value& relay, std::int64_t now) {
     return {"gone for " + Duration(now - Number(relay, "seen")), Tone::Bad};
 }
 
-/// "listed", or what it means.
+/// What the hub does with unknown devices.
 std::string AdmissionWords(const std::string& admission) {
+    if (admission.empty()) {
+        return "as the control server was started; ask there";
+    }
     return admission == "open" ? "open: every device is admitted"
                                : admission + ": an unknown device waits until you admit it";
 }
