@@ -163,6 +163,7 @@ TEST_F(Join, SaysWhyTheHubRefuses) {
         {R"({"errno":2,"state":"refused","reason":"\u001b[31m"})", 2, "refused this device: ?[31m"},
         {R"({"errno":11,"state":"busy","retry_after":90})", 11, "try again in 1 min"},
         {R"({"errno":2,"state":"pending","retry_after":1e9})", 11, "not admitted"},
+        {R"({"errno":1})", 11, "can't answer for now"},
         {R"({"errno":3})", 2, "as new as the hub"},
         {R"({"errno":0})", 2, "as new as the hub"},
         {"", 2, "does not answer as a hub"}};
@@ -301,6 +302,7 @@ TEST_F(Join, PublishRefusesWhatItCanNotPublish) {
         {"publish 8080 --title 'a\nb'", "can't be a title"},
         {"publish 8080 --title " + std::string(128, 'a'), "can't be a title"},
         {"publish 8080 --id ../x", "can't be a service's id"},
+        {"publish 8080 --id _x", "can't be a service's id"}, // the platform would not read it
         {"publish 8080 --id taken", "another service \"taken\""},
         {"publish 8080 --id gallery_http", "another service"},
         {"publish " + port + " --id mine", "is the service \"web\" already"},
@@ -310,6 +312,12 @@ TEST_F(Join, PublishRefusesWhatItCanNotPublish) {
     for (const auto& [words, text] : kCases) {
         refuses(words, text);
     }
+    const std::string config = root_.Read(Device::kConfig);
+    Json::Value own = ReadConfig(); // its port is in the configuration, so it has no definition
+    own["service"].append(Parse(R"({"id":"own","port":9})"));
+    root_.Write(Device::kConfig, Compact(own));
+    refuses("publish 8080 --id own", "another service \"own\"");
+    root_.Write(Device::kConfig, config);
     // A hand-written definition is used and stays; a name that is taken gets the port added.
     EXPECT_THAT(Run("publish web").out, StartsWith("web is open at http://127.0.0.1:"));
     const std::string dead = std::to_string(Listener(0).port);

@@ -48,8 +48,9 @@ std::string IdFor(const std::string& title, int port) {
         }
     }
     id = id.substr(0, kLongestId);
-    id.erase(id.find_last_not_of('-') + 1); // npos + 1 is 0
-    return id.empty() ? "port-" + std::to_string(port) : id;
+    id.erase(id.find_last_not_of('-') + 1);                           // npos + 1 is 0
+    const bool isNumber = std::all_of(id.begin(), id.end(), IsDigit); // commands take it for a port
+    return isNumber ? "port-" + std::to_string(port) : id;
 }
 
 bool IsTaken(const std::string& id) {

@@ -9,7 +9,7 @@ namespace ZARO::Relay::ctl {
 bool IsTitle(const std::string& title);
 
 /// An id made of a title: its letters and digits in lower case, with "-" for all else. Without any
-/// of them, and without a title, "port-8080".
+/// of them, without a title, and where that is a number, "port-8080".
 std::string IdFor(const std::string& title, int port);
 
 /// Whether the device has a definition by that id, or one that it takes under another name.

@@ -1,5 +1,6 @@
 #include "app/ctl/device_state.h"
 
+#include <poll.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -29,6 +30,8 @@ namespace ZARO::Relay::ctl {
 namespace {
 
 constexpr app::seconds kLockPatience{5};
+constexpr app::seconds kManagerPatience{5};
+constexpr int kPauseMs = 100;
 constexpr const char* kSwitch = "runrelayd";
 
 /// The file that a name leads to; the name itself when there is none.
@@ -49,6 +52,18 @@ int TellNotPutBack(const std::string& file) {
 int TellLocked(const std::string& file) {
     return Fail(kLocked, file + " is held by another program",
                 "when that has ended: zarorelayctl leave");
+}
+
+/// Starts a daemon that was stopped here, unless a service manager does that within 5 s. Beside one
+/// that is not under it, the manager's own daemon would fail again and again.
+void StartAgain() {
+    const auto deadline = app::Clock::now() + kManagerPatience;
+    while (FindDaemon() != Presence::Running && app::Clock::now() < deadline) {
+        (void)poll(nullptr, 0, kPauseMs);
+    }
+    if (FindDaemon() != Presence::Running) {
+        (void)LaunchDaemon(); // it ran with these files before
+    }
 }
 
 void CopyMember(const Json::Value& from, Json::Value& to, const char* key) {
@@ -224,7 +239,7 @@ int DeviceState::PutBack() const {
     if (runs && !stops) {
         (void)Daemon::Hup(); // it has just been there
     } else if (ran_) {
-        (void)LaunchDaemon(); // it ran with these files before
+        StartAgain();
     }
     return code;
 }

@@ -118,24 +118,33 @@ app::seconds RetryAfterOf(const Json::Value& answer) {
         std::clamp(json::NumberOf(answer, "retry_after"), kShortestRetry, kLongestRetry));
 }
 
-int TakeAnswer(const Json::Value& answer, const std::string& serial, Admission& admission) {
+int TellBusy(RELAYSERVER_ERR error, const Json::Value& answer) {
+    const int wait = std::max(1, json::NumberOf(answer, "retry_after"));
+    return Fail(kLocked,
+                error == RELAYSERVER_ERR_SERVER_LIMIT ? "the hub has had too many tries for now"
+                                                      : "the hub can't answer for now",
+                "try again in " + Duration(wait));
+}
+
+int TakeAnswer(const Json::Value& answer, const std::string& serial, bool patient,
+               Admission& admission) {
     const RELAYSERVER_ERR error = ParseServerError(answer);
     const std::string state = json::TextOf(answer, "state");
+    const bool busy = error == RELAYSERVER_ERR_SERVER_LIMIT ||
+                      json::NumberOf(answer, "errno") == RELAYSERVER_ERR_UNKNOWN;
     if (error == RELAYSERVER_ERR_SUCCESS && state == "admitted") {
         admission.admitted = true;
         return kSuccess;
     }
-    if (error == RELAYSERVER_ERR_AUTH && state == "pending") {
+    if ((error == RELAYSERVER_ERR_AUTH && state == "pending") || (busy && patient)) {
         admission.retryAfter = RetryAfterOf(answer);
         return kSuccess;
     }
     if (error == RELAYSERVER_ERR_AUTH && state == "refused") {
         return TellRefused(json::TextOf(answer, "reason"), serial);
     }
-    if (error == RELAYSERVER_ERR_SERVER_LIMIT) {
-        const int wait = std::max(1, json::NumberOf(answer, "retry_after"));
-        return Fail(kLocked, "the hub has had too many tries for now",
-                    "try again in " + Duration(wait));
+    if (busy) {
+        return TellBusy(error, answer);
     }
     return Fail(kNoAnswer, "the hub's answer was no good: " + GetServerErrorStr(error),
                 "see whether zarorelayd is as new as the hub");
@@ -179,20 +188,23 @@ Json::Value JoinCommand(const RelaydConf& conf, const std::string& code) {
     return command;
 }
 
-int AskToJoin(const HubOffer& offer, const Json::Value& command, Admission& admission) {
+int AskToJoin(const HubOffer& offer, const Json::Value& command, bool patient,
+              Admission& admission) {
     Json::Value batch(Json::arrayValue);
     batch.append(command);
     const std::string page = offer.control.GetUrl(nullptr);
     Request request(page, batch, true);
     if (!request.Send()) {
-        return Fail(kNoAnswer, page + " " + WordsFor(request), "try again in a moment");
+        admission.retryAfter = app::seconds(kShortestRetry);
+        return patient ? kSuccess
+                       : Fail(kNoAnswer, page + " " + WordsFor(request), "try again in a moment");
     }
     Json::Value reply;
     if (!json::Parse(request.GetResponse(), reply, json::Grammar::Strict) || !reply.isArray() ||
         reply.empty()) {
         return TellNoHub(page, "does not answer as a hub does");
     }
-    return TakeAnswer(reply[0U], json::TextOf(command["auth"], "serial"), admission);
+    return TakeAnswer(reply[0U], json::TextOf(command["auth"], "serial"), patient, admission);
 }
 
 } // namespace ZARO::Relay::ctl

@@ -35,7 +35,9 @@ struct Admission {
 /// holds the same identity as a registration, so also the token.
 Json::Value JoinCommand(const RelaydConf& conf, const std::string& code);
 
-/// Sends it, 20 s at most.
-int AskToJoin(const HubOffer& offer, const Json::Value& command, Admission& admission);
+/// Sends it, 20 s at most. With `patient`, a hub that gives no answer or is busy counts as one that
+/// has not decided yet, since it may only be restarting.
+int AskToJoin(const HubOffer& offer, const Json::Value& command, bool patient,
+              Admission& admission);
 
 } // namespace ZARO::Relay::ctl

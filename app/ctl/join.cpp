@@ -69,7 +69,7 @@ int AwaitAdmission(const HubOffer& offer, const Json::Value& command, seconds pa
     bool told = false;
     for (;;) {
         Admission admission;
-        const int code = AskToJoin(offer, command, admission);
+        const int code = AskToJoin(offer, command, told, admission);
         if (code != kSuccess || admission.admitted) {
             return code;
         }

@@ -52,13 +52,19 @@ int TellNoPort(const std::string& text) {
 
 // --- before anything changes
 
+/// Whether the platform reads a definition by that id, and no command takes the id for a port.
+bool IsNewId(const std::string& id) {
+    return IsServiceId(id) && IsAlphanumeric(id.front()) && PortIn(id) < 0;
+}
+
 int CheckOptions(const PublishOptions& options) {
     if (PortIn(options.target) == 0) {
         return TellNoPort(options.target);
     }
-    if (!options.id.empty() && (!IsServiceId(options.id) || PortIn(options.id) >= 0)) {
+    if (!options.id.empty() && !IsNewId(options.id)) {
         return Fail(kNoAnswer, "\"" + Clean(options.id) + "\" can't be a service's id",
-                    "expected 1 to 63 of letters, digits, \"_\", \"-\", \".\", not a number");
+                    "expected 1 to 63 of letters, digits, \"_\", \"-\", \".\", beginning with a "
+                    "letter or digit, not a number");
     }
     if (!options.title.empty() && !IsTitle(options.title)) {
         return Fail(kNoAnswer, "\"" + Clean(options.title) + "\" can't be a title",
@@ -106,17 +112,20 @@ int PlanKnown(const PublishOptions& options, const ServiceEntry& known, Plan& pl
     return kSuccess;
 }
 
-int PlanNew(const PublishOptions& options, Plan& plan) {
+int PlanNew(const PublishOptions& options, const ServiceEntries& entries, Plan& plan) {
     plan.defines = true;
     plan.isNew = true;
     plan.id = options.id.empty() ? IdFor(options.title, plan.port) : options.id;
-    if (options.id.empty() && IsTaken(plan.id)) {
+    const auto isTaken = [&] {
+        const auto known = entries.find(plan.id); // the configuration may set a port of its own
+        return IsTaken(plan.id) || (known != entries.end() && IsPort(known->second.conf.port));
+    };
+    if (options.id.empty() && isTaken()) {
         plan.id += "-" + std::to_string(plan.port);
     }
-    return !IsTaken(plan.id)
-               ? kSuccess
-               : Fail(kNoAnswer, "there is another service \"" + Clean(plan.id) + "\"",
-                      "choose another id with --id");
+    return !isTaken() ? kSuccess
+                      : Fail(kNoAnswer, "there is another service \"" + Clean(plan.id) + "\"",
+                             "choose another id with --id");
 }
 
 int MakePlan(const PublishOptions& options, const Json::Value& config, Plan& plan) {
@@ -124,7 +133,7 @@ int MakePlan(const PublishOptions& options, const Json::Value& config, Plan& pla
     plan.port = PortIn(options.target);
     plan.id = plan.port > 0 ? ServiceWithPort(entries, plan.port) : options.target;
     if (plan.port > 0 && plan.id.empty()) {
-        return PlanNew(options, plan);
+        return PlanNew(options, entries, plan);
     }
     const auto known = entries.find(plan.id);
     return known != entries.end() && IsPort(known->second.conf.port)
@@ -159,8 +168,12 @@ int Write(const PublishOptions& options, Plan& plan) {
 }
 
 /// Why visitors can't open it, in words.
-std::string ReasonOf(const Json::Value& status) {
+std::string ReasonOf(const Status& now) {
+    const Json::Value& status = now.document;
     const std::string error = status["error"].asString();
+    if (!status["running"].asBool()) {
+        return "the daemon does not run any more";
+    }
     if (error != "success") {
         return ErrorWords(error);
     }
@@ -173,8 +186,7 @@ int TellAddress(const Plan& plan, const Status& status) {
     const Json::Value& services = status.document["service"];
     if (services.empty() || !services[0U]["up"].asBool()) {
         return Fail(kNotRunning,
-                    Clean(plan.id) +
-                        " is published, but can't be opened yet: " + ReasonOf(status.document),
+                    Clean(plan.id) + " is published, but can't be opened yet: " + ReasonOf(status),
                     "see: zarorelayctl check");
     }
     const Json::Value& tunnel = services[0U]["tunnel"];
