@@ -232,7 +232,8 @@ TEST_P(HubMembers, RelayIsOneProcessAtATime) {
 }
 
 TEST_P(HubMembers, SpareTakesAQuietRelaysPlace) {
-    Host a(target_, {seconds(1), seconds(120)}), b(target_, {seconds(1), seconds(120)});
+    // Life signs are whole seconds.
+    Host a(target_, {seconds(3), seconds(120)}), b(target_, {seconds(3), seconds(120)});
     ASSERT_EQ(a.Join("r", "A", 100, 199), "");
     const std::int64_t device = a.AddDevice(3);
     const auto before = a.Tunnels(device);
@@ -240,7 +241,7 @@ TEST_P(HubMembers, SpareTakesAQuietRelaysPlace) {
         b.loops, b.store, [&](const std::string& name) { return b.Join(name, "B", 0, 0).empty(); },
         milliseconds(20));
     spare->Start();
-    EXPECT_FALSE(Within(milliseconds(2500), [&] { return b.book.Size() != 0; })) << "it is alive";
+    EXPECT_FALSE(Within(seconds(5), [&] { return b.book.Size() != 0; })) << "it is alive";
     a.loops.Stop();
     EXPECT_TRUE(WaitFor([&] { return b.book.Size() == 3; }));
     const auto after = b.Tunnels(device);
