@@ -2,8 +2,13 @@
 # NDEBUG is left undefined in every build: an assertion that is worth writing holds in the field too.
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -g1")
 set(CMAKE_C_FLAGS_RELEASE "-O2 -g1")
-set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g")
-set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 -g")
+if(ZARO_SANITIZE) # a report needs no more than line numbers, and the rest takes long to compile
+    set(debug_info -g1)
+else()
+    set(debug_info -g)
+endif()
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 ${debug_info}")
+set(CMAKE_C_FLAGS_RELWITHDEBINFO "-O1 ${debug_info}")
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_C_VISIBILITY_PRESET hidden)
