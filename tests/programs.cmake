@@ -4,7 +4,11 @@ if(NOT TARGET zarorelay-hub)
 endif()
 pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET cpp-httplib)
 
+# Each of these runs a hub, a daemon and its SSH clients, and measures times.
 set(test_zarorelayd_processors PROCESSORS 4)
+foreach(name test_zarorelayd_faults test_zarorelayd_hostile test_zarorelayd_secrets test_fault_table)
+    set(${name}_processors PROCESSORS 2)
+endforeach()
 foreach(source test_zarorelayd.cpp test_zarorelayd_faults.cpp test_zarorelayd_hostile.cpp
         test_zarorelayd_secrets.cpp test_fault_table.cpp)
     cmake_path(GET source STEM name)

@@ -151,6 +151,7 @@ TEST(ZarorelaydHostile, StaysAwayNoLongerThanAServerMayAsk) {
     for (auto* victims : {&slow, &quick}) {
         for (Victim& victim : *victims) {
             EXPECT_TRUE(WaitFor([&] { return victim.device.Serves(web); }));
+            EXPECT_TRUE(WaitFor([&] { return victim.device.IsAllUp(); })) << "nothing else is new";
             EXPECT_EQ(victim.device.Dump()["exchange"]["spread"], victims == &slow ? 60 : 0);
             victim.before = victim.server.Requests();
         }
